@@ -1,0 +1,75 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/fileprovider/QSFileProviderManager.h"
+#include "platform/files/FileSystem.h"
+#include "platform/foundation/QSError.h"
+#include "platform/log/CrashReports.h"
+#include "platform/registry/QLApplicationWorkspace.h"
+#include "platform/registry/QSDistributedNotificationCenter.h"
+#include "platform/types/TypeRegistry.h"
+#include "platform/volume/VolumeService.h"
+
+namespace platform {
+
+/// Everything that the extension stands on, built once in main (in tests: on a scratch folder) and
+/// installed for the process. The accessors that the provider interface needs (`defaultManager`
+/// and the like) are views of the installed one.
+class Platform {
+  public:
+    /// Native folders. Empty ones take the XDG defaults: "tidewell" below the data, state, cache
+    /// and data homes.
+    struct Folders {
+        std::string storage;  ///< must exist
+        std::string data;
+        std::string state;
+        std::string cache;
+        std::string applicationSupport;
+    };
+
+    struct Options {
+        Folders folders;
+        bool crawlAtStart = true;
+        std::function<void(std::uint64_t objects)> crawlProgress;
+    };
+
+    /// Opens the storage and its volume's store. Fails with the first error; nothing is left
+    /// behind.
+    [[nodiscard]] static Result<std::unique_ptr<Platform>> make(Options options);
+    ~Platform();
+
+    /// The installed platform. Fatal where none is.
+    [[nodiscard]] static Platform& current();
+    /// Installs this platform for the process until it is destroyed. Fatal where one is installed.
+    void install();
+
+    [[nodiscard]] const Folders& folders() const { return folders_; }
+    [[nodiscard]] const FileSystem& files() const { return *files_; }
+    [[nodiscard]] const TypeRegistry& types() const { return types_; }
+    [[nodiscard]] VolumeService& volume() { return *volume_; }
+    [[nodiscard]] QSFileProviderManager& manager() { return *manager_; }
+    [[nodiscard]] QLApplicationWorkspace& workspace() { return workspace_; }
+    [[nodiscard]] QSDistributedNotificationCenter& notifications() { return notifications_; }
+    [[nodiscard]] const CrashReports& crashReports() const { return *crashReports_; }
+
+  private:
+    Platform() = default;
+
+    // Constant after make(); each has its own synchronisation.
+    Folders folders_;
+    std::unique_ptr<FileSystem> files_;
+    TypeRegistry types_;
+    std::unique_ptr<CrashReports> crashReports_;
+    QLApplicationWorkspace workspace_;
+    QSDistributedNotificationCenter notifications_;
+    std::unique_ptr<QSFileProviderManager> manager_;
+    std::unique_ptr<VolumeService> volume_;
+};
+
+/// The XDG documents folder of the user: XDG_DOCUMENTS_DIR of user-dirs.dirs, else ~/Documents.
+[[nodiscard]] std::string userDocumentsFolder();
+
+}  // namespace platform

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/foundation/QSData.h"
+#include "platform/foundation/QSDate.h"
+#include "platform/foundation/QSURL.h"
+
+namespace platform {
+
+/// What tells two objects apart that had the same inode number at different times: a fingerprint of
+/// the kernel's file handle or, where the file system has none, of the birth time.
+struct ObjectIdentity {
+    std::uint64_t inode = 0;
+    std::uint64_t generation = 0;  ///< never 0 for a real object
+
+    friend bool operator==(const ObjectIdentity&, const ObjectIdentity&) = default;
+};
+
+enum class ObjectKind : std::uint8_t { RegularFile, Directory, SymbolicLink, Other };
+
+/// One object as it was when its attributes were fetched, without following a final symbolic link.
+struct FileAttributes final : QSURLAttachment {
+    ObjectIdentity identity;
+    std::uint64_t parentInode = 0;  ///< of the folder it was found in; 0 for a root
+    std::uint32_t device = 0;       ///< never 0
+    std::uint32_t mode = 0;         ///< type and permission bits as in st_mode
+    std::uint64_t size = 0;         ///< bytes
+    QSDate modification;
+    QSDate change;
+    std::optional<QSDate> creation;  ///< absent where the file system keeps no birth time
+    bool identityIsWeak = false;     ///< the generation is only a birth time
+    bool isReadable = false;         ///< for this process's effective user
+    bool isWritable = false;
+    bool hasAttributes = false;  ///< `attributes` was read with the object (and may be empty)
+
+    /// The extended attributes among FileSystem's prefetched names that the object has.
+    std::vector<std::pair<std::string_view, QSData>> attributes;
+
+    [[nodiscard]] ObjectKind kind() const;
+    [[nodiscard]] bool isDirectory() const { return kind() == ObjectKind::Directory; }
+};
+
+}  // namespace platform

@@ -1,0 +1,91 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "platform/files/FileSystem.h"
+#include "platform/foundation/QSError.h"
+#include "platform/foundation/QSURL.h"
+#include "platform/foundation/QSUUID.h"
+
+namespace platform {
+
+/// Identities, look-ups and (later) the event history of the volume that holds the storage. One
+/// process owns its store. Any thread; calls that need the store block for it, and nothing here
+/// waits on another process.
+class VolumeService {
+  public:
+    struct Configuration {
+        const FileSystem& files;
+        std::string dataFolder;   ///< native; the store, made with mode 0700 where missing
+        std::string stateFolder;  ///< native; the witness of its high-water marks
+        /// Called by the crawl now and then with the objects seen so far, from its own thread.
+        std::function<void(std::uint64_t objects)> progress;
+        bool crawlAtStart = true;
+    };
+
+    /// Takes the store (code EBUSY and "in use by PID …" at once where another process has it),
+    /// sets a damaged one aside and rebuilds it, and starts the crawl in the background.
+    [[nodiscard]] static Result<std::unique_ptr<VolumeService>> open(Configuration configuration);
+    /// Ends the crawl and every wait (with ECANCELED), then closes the store.
+    ~VolumeService();
+
+    /// The UUID of the event history: another one after a store was rebuilt or rolled back, or the
+    /// file system was replaced. Null for a device that is not this volume's.
+    [[nodiscard]] std::optional<QSUUID> UUIDForDevice(std::uint32_t device) const;
+    /// The last committed event ID.
+    [[nodiscard]] std::uint64_t currentEventID() const;
+
+    struct Identity {
+        std::uint64_t fileID = 0;      ///< durable; never another object's
+        std::uint32_t documentID = 0;  ///< 0 where none was asked for
+    };
+    struct IdentityRequest {
+        const FileAttributes* object = nullptr;
+        std::string_view name;  ///< of the entry in the folder object->parentInode; may be empty
+        bool wantsDocumentID = false;
+        Identity result;  ///< written by identify
+    };
+
+    /// Answers every request, allocating what is missing in one durable transaction, and remembers
+    /// where each object was seen. All or nothing.
+    Result<void> identify(std::span<IdentityRequest> requests);
+
+    /// The file ID of the object with that document ID; ENOENT where it is not known.
+    [[nodiscard]] Result<std::uint64_t> fileIDForDocumentID(std::uint32_t documentID) const;
+
+    /// The URL of the object with that file ID, verified on the disk just now. One that fails its
+    /// check waits for a crawl that starts after this call (one for all that wait, none sooner than
+    /// 2 s after the last began), then fails with ENOENT; ECANCELED when the service closes.
+    [[nodiscard]] Result<QSURL> URLForFileID(std::uint64_t fileID) const;
+
+    /// Entries of a folder (hidden ones too), without reading it where the index's count is of this
+    /// very state of the folder; none where it has to be read.
+    [[nodiscard]] std::optional<std::uint64_t> entryCount(const FileAttributes& folder) const;
+    /// Teaches the index a count just read of that state.
+    void rememberEntryCount(const FileAttributes& folder, std::uint64_t count) const;
+
+    /// Blocks until the crawl that runs now, if any, has ended.
+    void waitForCrawl() const;
+
+    struct Statistics {
+        std::uint64_t objects = 0;     ///< in the index
+        std::uint64_t indexBytes = 0;  ///< memory held for them
+        bool identityIsWeak = false;   ///< some object had neither handle nor generation
+        std::string storePath;
+        std::optional<std::string> lastTrouble;  ///< why the store was rebuilt or the history reset
+    };
+    [[nodiscard]] Statistics statistics() const;
+
+  private:
+    struct State;
+    explicit VolumeService(std::unique_ptr<State> state);
+    std::unique_ptr<State> state_;
+};
+
+}  // namespace platform

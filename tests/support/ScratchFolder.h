@@ -1,0 +1,51 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <string_view>
+
+namespace tests {
+
+/// A folder of its own for one test, on the file system that TMPDIR names (the build folder's where
+/// it is not set, so that tests run on a real disk), gone afterwards.
+class ScratchFolder {
+  public:
+    ScratchFolder() {
+        const char* chosen = std::getenv("TMPDIR");
+        std::string pattern = (chosen ? std::filesystem::path(chosen)
+                                      : std::filesystem::current_path()) /
+                              "tidewell-XXXXXX";
+        if (!mkdtemp(pattern.data())) std::abort();
+        path_ = pattern;
+    }
+    ~ScratchFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+
+    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
+    [[nodiscard]] std::filesystem::path operator/(std::string_view name) const {
+        return path_ / name;
+    }
+
+    std::filesystem::path makeFolder(std::string_view name) const {
+        std::filesystem::create_directories(path_ / name);
+        return path_ / name;
+    }
+    std::filesystem::path makeFile(std::string_view name, std::string_view content = "x") const {
+        std::filesystem::create_directories((path_ / name).parent_path());
+        std::ofstream(path_ / name, std::ios::binary) << content;
+        return path_ / name;
+    }
+
+  private:
+    std::filesystem::path path_;
+};
+
+}  // namespace tests
