@@ -1,13 +1,15 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
+#include <shared_mutex>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
+#include "platform/files/AttributeReader.h"
 #include "platform/files/FileAttributes.h"
 #include "platform/files/FileDescriptor.h"
 #include "platform/foundation/QSError.h"
@@ -19,32 +21,41 @@ class Folder;
 
 /// The path under which the storage is presented, whatever its folder is called on disk.
 inline constexpr std::string_view presentedStoragePath = "/private/var/tidewell/Documents";
+/// Below it stand the data containers of applications, by identifier.
+inline constexpr std::string_view presentedContainersPath = "/private/var/tidewell/Containers";
+/// By itself it stands for the volume of the storage.
+inline constexpr std::string_view presentedVolumePath = "/private/var";
 
 /// The presented tree and the one resolver beneath it. A URL below a presented root becomes the
 /// root's descriptor and a relative path, opened with openat2 beneath the root, through no symbolic
 /// link and onto no other mount. Every other URL is native.
 ///
-/// Any thread. The roots are fixed when the object is made; calls block for the file system only.
+/// Any thread. Calls block for the file system only.
 class FileSystem {
   public:
-    /// Opens `storage` (a native path; links in it are followed now and never again). Fails with
-    /// ENOTDIR, ENOENT or EACCES as the kernel says.
-    [[nodiscard]] static Result<std::unique_ptr<FileSystem>> open(std::string_view storage);
-    ~FileSystem();
+    /// Opens `storage` (a native path; links in it are followed now and never again). Extended
+    /// attributes named in `prefetchedAttributeNames` are read together with an object's
+    /// attributes. Fails with ENOTDIR, ENOENT or EACCES as the kernel says.
+    [[nodiscard]] static Result<std::unique_ptr<FileSystem>> open(
+        std::string_view storage, std::vector<std::string> prefetchedAttributeNames = {});
 
     [[nodiscard]] QSURL storageURL() const;
     /// The storage's own folder on disk as resolved at start, for people.
     [[nodiscard]] const std::string& nativeStoragePath() const { return nativeStorage_; }
 
+    /// Presents an application's data container (a native path, resolved now) and returns its URL,
+    /// below presentedContainersPath. A second call for one identifier replaces the first.
+    [[nodiscard]] Result<QSURL> addContainer(std::string_view identifier, std::string_view path);
+
     /// The native path of any URL, for people and for tools; text only, nothing is checked.
     [[nodiscard]] std::string nativePath(const QSURL& url) const;
-    /// The URL for a native absolute path: presented where it lies in the storage (by its text, or
-    /// by the folder it resolves to), native elsewhere.
+    /// The URL for a native absolute path: presented where its folder (its own last component is
+    /// not followed) resolves into a presented root, native elsewhere.
     [[nodiscard]] QSURL URLForNativePath(std::string_view path) const;
 
-    /// Opens the object with `flags` (O_CLOEXEC is added; O_NOFOLLOW too). With O_PATH a final
-    /// symbolic link itself is opened. Never blocks on a special file.
-    [[nodiscard]] Result<FileDescriptor> open(const QSURL& url, int flags) const;
+    /// Opens the object with `flags` (O_CLOEXEC and O_NOFOLLOW are added). With O_PATH a final
+    /// symbolic link itself is opened. Opening for reading never blocks on a special file.
+    [[nodiscard]] Result<FileDescriptor> openObject(const QSURL& url, int flags) const;
 
     /// The folder, opened for reading entries and for calls relative to it.
     [[nodiscard]] Result<std::shared_ptr<Folder>> openFolder(const QSURL& url) const;
@@ -52,28 +63,46 @@ class FileSystem {
     /// The object's attributes, fetched once a URL (any later call is answered by what the URL
     /// keeps). Absent objects fail with ENOENT.
     [[nodiscard]] Result<std::shared_ptr<const FileAttributes>> attributes(const QSURL& url) const;
+    /// The same, from the disk as it is now; the URL keeps what it kept.
+    [[nodiscard]] Result<std::shared_ptr<const FileAttributes>> freshAttributes(
+        const QSURL& url) const;
 
-    /// One extended attribute under its given name (the "user." namespace is ours to add), of a
+    /// The inode number behind the URL, symbolic links followed to whatever they name.
+    [[nodiscard]] Result<std::uint64_t> followedInode(const QSURL& url) const;
+
+    /// One extended attribute under its given name (the "user." namespace is added here), of a
     /// symbolic link itself. ENODATA means absent; so do links and file systems without any.
     [[nodiscard]] Result<QSData> extendedAttribute(const QSURL& url, std::string_view name) const;
 
-    /// The names whose values are fetched together with a listed object's attributes.
-    void setPrefetchedAttributeNames(std::vector<std::string> names);
-    [[nodiscard]] std::span<const std::string> prefetchedAttributeNames() const;
+    [[nodiscard]] std::span<const std::string> prefetchedAttributeNames() const {
+        return prefetched_;
+    }
+    [[nodiscard]] const Credentials& credentials() const { return credentials_; }
 
   private:
-    friend class Folder;
-    struct Credentials;
-    FileSystem();
-    /// The descriptor and relative path for `url`; AT_FDCWD and the path itself for a native one.
-    [[nodiscard]] std::pair<int, std::string> locate(const QSURL& url) const;
-    [[nodiscard]] bool isPresented(const QSURL& url) const;
+    struct Root {
+        std::string presented;
+        std::string native;
+        FileDescriptor fd;
+    };
+    struct Location {
+        std::shared_ptr<const Root> root;  ///< null: the path is native
+        std::string path;                  ///< relative to the root, "." for the root itself
+    };
+
+    FileSystem() = default;
+    [[nodiscard]] static Result<std::shared_ptr<const Root>> makeRoot(std::string presented,
+                                                                      std::string_view native);
+    [[nodiscard]] Location locate(const QSURL& url) const;
+    [[nodiscard]] static FileDescriptor openAt(const Location& location, int flags);
 
     // Constant after start.
     std::string nativeStorage_;
-    FileDescriptor storage_;
-    std::unique_ptr<Credentials> credentials_;
+    Credentials credentials_;
     std::vector<std::string> prefetched_;
+
+    mutable std::shared_mutex mutex_;
+    std::vector<std::shared_ptr<const Root>> roots_;  // guarded by mutex_; the storage is first
 };
 
 }  // namespace platform

@@ -3,17 +3,17 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <string>
 #include <string_view>
 #include <vector>
 
+#include "platform/files/AttributeReader.h"
 #include "platform/files/FileSystem.h"
 
 namespace platform {
 
 /// One entry as the directory itself tells it; nothing of it was opened.
 struct DirectoryEntry {
-    std::string_view name;  ///< valid until the next call on the folder
+    std::string_view name;  ///< with a "\0" behind it; valid until the next call on the folder
     std::uint64_t inode = 0;
     ObjectKind kind = ObjectKind::Other;
 };
@@ -22,25 +22,27 @@ struct DirectoryEntry {
 /// children by calls relative to its descriptor. One thread at a time.
 class Folder {
   public:
-    Folder(const FileSystem& files, QSURL url, FileDescriptor fd);
+    /// Takes an open directory; `fd` may be O_PATH if no entries will be read.
+    [[nodiscard]] static Result<std::shared_ptr<Folder>> make(const FileSystem& files, QSURL url,
+                                                              FileDescriptor fd);
 
     [[nodiscard]] const QSURL& url() const { return url_; }
     [[nodiscard]] int descriptor() const { return fd_.get(); }
-    /// The folder's own object, fetched once.
-    [[nodiscard]] Result<FileAttributes> ownAttributes() const;
+    [[nodiscard]] std::uint64_t inode() const { return facts_.inode; }
+    /// The folder's own object as it is now.
+    [[nodiscard]] Result<std::shared_ptr<FileAttributes>> ownAttributes() const;
 
     /// The next entry, none at the end; "." and ".." never come. The position lives in the open
     /// directory, so going on costs nothing, however far it is.
     [[nodiscard]] Result<std::optional<DirectoryEntry>> next();
     /// Puts the entry last returned back, once; next() returns it again.
-    void unread();
+    void unread() { position_ = last_; }
     void rewind();
 
     /// Opens a child directory (no link, same mount).
     [[nodiscard]] Result<std::shared_ptr<Folder>> openChild(std::string_view name) const;
 
-    /// Attributes of the child, on another mount EXDEV. statx, a list of attribute names, the file
-    /// handle; values and an access check only where those say that there is something to ask.
+    /// Attributes of the child; on another mount or device EXDEV.
     [[nodiscard]] Result<std::shared_ptr<FileAttributes>> childAttributes(
         std::string_view name) const;
 
@@ -48,12 +50,15 @@ class Folder {
     [[nodiscard]] Result<ObjectIdentity> childIdentity(std::string_view name) const;
 
   private:
+    Folder(const FileSystem& files, QSURL url, FileDescriptor fd, FolderFacts facts);
+
+    // Constant after construction.
     const FileSystem& files_;
     QSURL url_;
     FileDescriptor fd_;
-    mutable std::optional<std::uint64_t> inode_;
-    mutable std::uint32_t device_ = 0;
-    mutable int mountID_ = -1;
+    FolderFacts facts_;
+
+    // The reading position: what the kernel gave and how far it was handed on.
     std::vector<char> buffer_;
     std::size_t position_ = 0;
     std::size_t filled_ = 0;

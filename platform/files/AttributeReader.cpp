@@ -1,0 +1,188 @@
+#include "platform/files/AttributeReader.h"
+
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <linux/magic.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/statvfs.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/files/SystemCalls.h"
+
+namespace platform {
+
+namespace {
+
+constexpr long xfsMagic = 0x58465342;
+constexpr std::uint32_t overflowID = 65534;  // an owner that this user namespace cannot name
+
+QSDate dateOf(const statx_timestamp& time) {
+    return {time.tv_sec, time.tv_nsec};
+}
+
+unsigned emptyPath(const char* name) {
+    return name[0] == '\0' ? AT_EMPTY_PATH : 0u;
+}
+
+/// The permission bits' answer for `bit` (4 read, 2 write) as the kernel would give it.
+bool permits(const struct statx& status, const Credentials& credentials, unsigned bit) {
+    if (credentials.overridesPermissions) return true;
+    if (status.stx_uid == credentials.user) return (status.stx_mode & (bit << 6)) != 0;
+    if (std::ranges::binary_search(credentials.groups, status.stx_gid)) {
+        return (status.stx_mode & (bit << 3)) != 0;
+    }
+    return (status.stx_mode & bit) != 0;
+}
+
+void readAccess(int directory, const char* name, const struct statx& status, bool asksKernel,
+                const Credentials& credentials, FileAttributes& into) {
+    if (!asksKernel) {
+        into.isReadable = permits(status, credentials, 4);
+        into.isWritable = permits(status, credentials, 2);
+        return;
+    }
+    const int flags = AT_EACCESS | AT_SYMLINK_NOFOLLOW | static_cast<int>(emptyPath(name));
+    into.isReadable = faccessat(directory, name, R_OK, flags) == 0;
+    into.isWritable = faccessat(directory, name, W_OK, flags) == 0;
+}
+
+/// Whether `name` stands in a list of "\0"-ended names.
+bool lists(std::string_view names, std::string_view name) {
+    for (std::size_t begin = 0; begin < names.size();) {
+        const auto end = std::min(names.find('\0', begin), names.size());
+        if (names.substr(begin, end - begin) == name) return true;
+        begin = end + 1;
+    }
+    return false;
+}
+
+/// The object's attribute names; a list longer than the usual is fetched in full.
+std::string attributeNames(int directory, const char* name) {
+    std::array<char, 512> buffer;
+    const auto size = listAttributes(directory, name, buffer.data(), buffer.size());
+    if (size >= 0) return {buffer.data(), static_cast<std::size_t>(size)};
+    if (errno != ERANGE) return {};
+    std::string names(XATTR_LIST_MAX, '\0');
+    const auto whole = listAttributes(directory, name, names.data(), names.size());
+    names.resize(static_cast<std::size_t>(std::max<std::ptrdiff_t>(whole, 0)));
+    return names;
+}
+
+/// Reads the values among `wanted` that the object has; whether it has an access-control list.
+bool readNamedAttributes(int directory, const char* name, std::span<const std::string> wanted,
+                         FileAttributes& into) {
+    const auto names = attributeNames(directory, name);
+    into.hasAttributes = true;
+    if (names.empty()) return false;
+    for (const auto& attribute : wanted) {
+        const auto stored = storedAttributeName(attribute);
+        if (!lists(names, stored)) continue;
+        QSData value(XATTR_SIZE_MAX);
+        const auto size = getAttribute(directory, name, stored.c_str(), value.data(), value.size());
+        if (size < 0) continue;
+        value.resize(static_cast<std::size_t>(size));
+        value.shrink_to_fit();
+        into.attributes.emplace_back(attribute, std::move(value));
+    }
+    return lists(names, "system.posix_acl_access");
+}
+
+std::uint64_t birthTimeFingerprint(const struct statx& status) {
+    if ((status.stx_mask & STATX_BTIME) == 0) return 1;
+    return (static_cast<std::uint64_t>(status.stx_btime.tv_sec) * 1'000'000'000 +
+            status.stx_btime.tv_nsec) |
+           1;
+}
+
+}  // namespace
+
+Credentials Credentials::ofThisProcess() {
+    Credentials result;
+    result.user = geteuid();
+    const int count = getgroups(0, nullptr);
+    result.groups.resize(static_cast<std::size_t>(std::max(count, 0)));
+    const int filled = getgroups(count, result.groups.data());
+    result.groups.resize(static_cast<std::size_t>(std::max(filled, 0)));
+    result.groups.push_back(getegid());
+    std::ranges::sort(result.groups);
+
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, 2> data{};
+    if (syscall(SYS_capget, &header, data.data()) == 0) {
+        result.overridesPermissions = (data[0].effective & (1u << CAP_DAC_OVERRIDE)) != 0;
+    }
+    return result;
+}
+
+std::uint32_t foldedDevice(std::uint32_t major, std::uint32_t minor) {
+    const std::uint32_t folded = (major << 20) | (minor & 0xFFFFF);
+    return folded == 0 ? ~0u : folded;
+}
+
+Result<FolderFacts> readFolderFacts(int folder) {
+    struct statx status {};
+    if (statx(folder, "", AT_EMPTY_PATH, STATX_INO | STATX_MNT_ID, &status) != 0) {
+        return std::unexpected(errorFromErrno(errno));
+    }
+    struct statfs system {};
+    if (fstatfs(folder, &system) != 0) return std::unexpected(errorFromErrno(errno));
+    const auto type = static_cast<long>(system.f_type);
+    const bool known = type == EXT4_SUPER_MAGIC || type == xfsMagic || type == BTRFS_SUPER_MAGIC ||
+                       type == TMPFS_MAGIC;
+    const bool readOnly = (static_cast<unsigned long>(system.f_flags) & ST_RDONLY) != 0;
+    return FolderFacts{status.stx_ino, foldedDevice(status.stx_dev_major, status.stx_dev_minor),
+                       status.stx_mnt_id, !known || readOnly};
+}
+
+Result<std::shared_ptr<FileAttributes>> readAttributes(int directory, const char* name,
+                                                       const FolderFacts* folder,
+                                                       const Credentials& credentials,
+                                                       std::span<const std::string> wanted) {
+    struct statx status {};
+    const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | static_cast<int>(emptyPath(name));
+    if (statx(directory, name, flags, STATX_BASIC_STATS | STATX_BTIME | STATX_MNT_ID, &status) !=
+        0) {
+        return std::unexpected(errorFromErrno(errno));
+    }
+    const auto device = foldedDevice(status.stx_dev_major, status.stx_dev_minor);
+    if (folder && (device != folder->device || status.stx_mnt_id != folder->mount)) {
+        return std::unexpected(errorFromErrno(EXDEV));
+    }
+
+    auto attributes = std::make_shared<FileAttributes>();
+    attributes->identity.inode = status.stx_ino;
+    attributes->parentInode = folder ? folder->inode : 0;
+    attributes->device = device;
+    attributes->mode = status.stx_mode;
+    attributes->size = status.stx_size;
+    attributes->modification = dateOf(status.stx_mtime);
+    attributes->change = dateOf(status.stx_ctime);
+    if ((status.stx_mask & STATX_BTIME) != 0) attributes->creation = dateOf(status.stx_btime);
+
+    const auto kind = attributes->kind();
+    bool hasAccessList = false;
+    if (kind == ObjectKind::RegularFile || kind == ObjectKind::Directory) {
+        hasAccessList = readNamedAttributes(directory, name, wanted, *attributes);
+    }
+
+    attributes->identity.generation = handleFingerprint(directory, name);
+    if (attributes->identity.generation == 0) {
+        attributes->identity.generation = birthTimeFingerprint(status);
+        attributes->identityIsWeak = true;
+    }
+
+    const bool asksKernel = !folder || folder->asksKernelForAccess || hasAccessList ||
+                            (status.stx_attributes & STATX_ATTR_IMMUTABLE) != 0 ||
+                            status.stx_uid == overflowID || status.stx_gid == overflowID;
+    readAccess(directory, name, status, asksKernel, credentials, *attributes);
+    return attributes;
+}
+
+}  // namespace platform

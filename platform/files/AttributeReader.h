@@ -1,0 +1,49 @@
+#pragma once
+
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/files/FileAttributes.h"
+#include "platform/foundation/QSError.h"
+
+namespace platform {
+
+/// Whose access is meant: this process's effective user, read once.
+struct Credentials {
+    std::uint32_t user = 0;
+    std::vector<std::uint32_t> groups;  ///< sorted; the effective group is among them
+    bool overridesPermissions = false;
+
+    [[nodiscard]] static Credentials ofThisProcess();
+};
+
+/// What is the same for all children of one folder.
+struct FolderFacts {
+    std::uint64_t inode = 0;
+    std::uint32_t device = 0;
+    std::uint64_t mount = 0;
+    bool asksKernelForAccess = false;  ///< read-only, or a file system whose rules are its own
+};
+
+/// The facts of an open folder (O_PATH will do).
+[[nodiscard]] Result<FolderFacts> readFolderFacts(int folder);
+
+/// Reads one object in as few calls as its kind needs: statx; the list of attribute names, since
+/// most objects have none; the values among `wanted` that it has; the file handle; and an access
+/// check only where the permission bits do not decide. `name` empty means the descriptor's own
+/// object. Fails with EXDEV for an object of another mount or device than `folder` (where given).
+[[nodiscard]] Result<std::shared_ptr<FileAttributes>> readAttributes(
+    int directory, const char* name, const FolderFacts* folder, const Credentials& credentials,
+    std::span<const std::string> wanted);
+
+/// 32 bits of a device number, never 0.
+[[nodiscard]] std::uint32_t foldedDevice(std::uint32_t major, std::uint32_t minor);
+
+/// The name under which an attribute is kept on disk.
+[[nodiscard]] inline std::string storedAttributeName(std::string_view name) {
+    return "user." + std::string(name);
+}
+
+}  // namespace platform

@@ -1,0 +1,16 @@
+#include "platform/files/FileDescriptor.h"
+
+#include <cerrno>
+
+namespace platform {
+
+void FileDescriptor::reset(int fd) {
+    if (fd_ >= 0) {
+        const int saved = errno;
+        ::close(fd_);
+        errno = saved;
+    }
+    fd_ = fd;
+}
+
+}  // namespace platform

@@ -1,0 +1,228 @@
+#include "platform/files/FileSystem.h"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <mutex>
+
+#include "platform/files/Folder.h"
+#include "platform/files/SystemCalls.h"
+
+namespace platform {
+
+namespace {
+
+constexpr std::uint64_t beneath = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV;
+
+/// Whether `path` is `prefix` or lies below it; `rest` becomes what follows ("." for itself).
+bool liesBelow(std::string_view path, std::string_view prefix, std::string& rest) {
+    if (!path.starts_with(prefix)) return false;
+    if (path.size() == prefix.size()) {
+        rest = ".";
+        return true;
+    }
+    if (path[prefix.size()] != '/') return false;
+    rest = path.substr(prefix.size() + 1);
+    return true;
+}
+
+/// The path with every link resolved, or nothing.
+std::string resolved(const std::string& path) {
+    char* text = realpath(path.c_str(), nullptr);
+    if (!text) return {};
+    std::string result = text;
+    std::free(text);
+    return result;
+}
+
+}  // namespace
+
+Result<std::shared_ptr<const FileSystem::Root>> FileSystem::makeRoot(std::string presented,
+                                                                     std::string_view native) {
+    auto real = resolved(std::string(native));
+    if (real.empty()) return std::unexpected(errorFromErrno(errno, native));
+    FileDescriptor fd(::open(real.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd) return std::unexpected(errorFromErrno(errno, native));
+    return std::make_shared<const Root>(std::move(presented), std::move(real), std::move(fd));
+}
+
+Result<std::unique_ptr<FileSystem>> FileSystem::open(
+    std::string_view storage, std::vector<std::string> prefetchedAttributeNames) {
+    auto root = makeRoot(std::string(presentedStoragePath), storage);
+    if (!root) return std::unexpected(root.error());
+    std::unique_ptr<FileSystem> files(new FileSystem);
+    files->nativeStorage_ = (*root)->native;
+    files->credentials_ = Credentials::ofThisProcess();
+    files->prefetched_ = std::move(prefetchedAttributeNames);
+    files->roots_.push_back(std::move(*root));
+    return files;
+}
+
+Result<QSURL> FileSystem::addContainer(std::string_view identifier, std::string_view path) {
+    std::string presented = std::string(presentedContainersPath) + "/" + std::string(identifier);
+    auto root = makeRoot(presented, path);
+    if (!root) return std::unexpected(root.error());
+    const std::scoped_lock lock(mutex_);
+    std::erase_if(roots_, [&](const auto& known) { return known->presented == presented; });
+    roots_.push_back(std::move(*root));
+    return QSURL::fileURLWithPath(presented);
+}
+
+QSURL FileSystem::storageURL() const {
+    return QSURL::fileURLWithPath(presentedStoragePath);
+}
+
+FileSystem::Location FileSystem::locate(const QSURL& url) const {
+    const std::shared_lock lock(mutex_);
+    Location location;
+    for (const auto& root : roots_) {
+        if (liesBelow(url.path(), root->presented, location.path)) {
+            location.root = root;
+            return location;
+        }
+    }
+    if (url.path() == presentedVolumePath) return {roots_.front(), "."};
+    return {nullptr, url.path()};
+}
+
+FileDescriptor FileSystem::openAt(const Location& location, int flags) {
+    if (location.path.empty()) {
+        errno = ENOENT;
+        return {};
+    }
+    if (!location.root) {
+        return FileDescriptor(::open(location.path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW));
+    }
+    return FileDescriptor(
+        openBeneath(location.root->fd.get(), location.path.c_str(), flags, beneath));
+}
+
+std::string FileSystem::nativePath(const QSURL& url) const {
+    const auto location = locate(url);
+    if (!location.root) return location.path;
+    if (location.path == ".") return location.root->native;
+    return (location.root->native == "/" ? "" : location.root->native) + "/" + location.path;
+}
+
+QSURL FileSystem::URLForNativePath(std::string_view path) const {
+    const auto url = QSURL::fileURLWithPath(path);
+    std::string rest;
+    const auto inRoots = [&](const std::string& native) -> std::optional<QSURL> {
+        const std::shared_lock lock(mutex_);
+        for (const auto& root : roots_) {
+            if (liesBelow(native, root->native, rest)) {
+                return QSURL::fileURLWithPath(root->presented + "/" + rest);
+            }
+        }
+        return std::nullopt;
+    };
+    // A folder that is itself a root is meant by any path that leads to it.
+    const auto whole = resolved(url.path());
+    if (const auto found = inRoots(whole); found && rest == ".") return *found;
+    const auto parent = resolved(url.URLByDeletingLastPathComponent().path());
+    if (!parent.empty() && !url.lastPathComponent().empty()) {
+        const auto native =
+            QSURL::fileURLWithPath(parent).URLByAppendingPathComponent(url.lastPathComponent());
+        if (const auto found = inRoots(native.path())) return *found;
+    }
+    return url;
+}
+
+Result<FileDescriptor> FileSystem::openObject(const QSURL& url, int flags) const {
+    auto fd = openAt(locate(url), flags | ((flags & O_PATH) != 0 ? 0 : O_NONBLOCK | O_NOCTTY));
+    if (!fd) return std::unexpected(errorFromErrno(errno, nativePath(url)));
+    return fd;
+}
+
+Result<std::shared_ptr<Folder>> FileSystem::openFolder(const QSURL& url) const {
+    auto fd = openObject(url, O_RDONLY | O_DIRECTORY);
+    if (!fd) return std::unexpected(fd.error());
+    return Folder::make(*this, url, std::move(*fd));
+}
+
+Result<std::shared_ptr<const FileAttributes>> FileSystem::freshAttributes(const QSURL& url) const {
+    const auto location = locate(url);
+    const auto failure = [&](int code) {
+        return std::unexpected(errorFromErrno(code, nativePath(url)));
+    };
+    const bool isRoot = location.root ? location.path == "." : url.path() == "/";
+    auto fd = isRoot ? openAt(location, O_PATH | O_DIRECTORY)
+                     : openAt(locate(url.URLByDeletingLastPathComponent()), O_PATH | O_DIRECTORY);
+    if (!fd) return failure(errno);
+    auto folder = Folder::make(*this, url, std::move(fd));
+    if (!folder) return failure(static_cast<int>(folder.error().code));
+    auto attributes =
+        isRoot ? (*folder)->ownAttributes() : (*folder)->childAttributes(url.lastPathComponent());
+    if (!attributes) return failure(static_cast<int>(attributes.error().code));
+    return *attributes;
+}
+
+Result<std::shared_ptr<const FileAttributes>> FileSystem::attributes(const QSURL& url) const {
+    // Nothing but attributes is ever attached to a URL.
+    if (auto kept = url.attachment()) {
+        return std::static_pointer_cast<const FileAttributes>(std::move(kept));
+    }
+    auto fetched = freshAttributes(url);
+    if (fetched) url.setAttachment(*fetched);
+    return fetched;
+}
+
+Result<std::uint64_t> FileSystem::followedInode(const QSURL& url) const {
+    auto kept = attributes(url);
+    if (!kept) return std::unexpected(kept.error());
+    if ((*kept)->kind() != ObjectKind::SymbolicLink) return (*kept)->identity.inode;
+    auto link = openObject(url, O_PATH);
+    if (!link) return std::unexpected(link.error());
+    auto parent = openObject(url.URLByDeletingLastPathComponent(), O_PATH | O_DIRECTORY);
+    if (!parent) return std::unexpected(parent.error());
+    struct stat status {};
+    const std::string name(url.lastPathComponent());
+    if (fstatat(parent->get(), name.c_str(), &status, AT_NO_AUTOMOUNT) != 0) {
+        return std::unexpected(errorFromErrno(errno, nativePath(url)));
+    }
+    return status.st_ino;
+}
+
+Result<QSData> FileSystem::extendedAttribute(const QSURL& url, std::string_view name) const {
+    const auto absent = [] { return std::unexpected(errorFromErrno(ENODATA)); };
+    if (auto kept = url.attachment()) {
+        const auto& attributes = static_cast<const FileAttributes&>(*kept);
+        const auto isPrefetched = std::ranges::find(prefetched_, name) != prefetched_.end();
+        if (attributes.hasAttributes && isPrefetched) {
+            for (const auto& [known, value] : attributes.attributes) {
+                if (known == name) return value;
+            }
+            return absent();
+        }
+    }
+    auto object = openObject(url, O_PATH);
+    if (!object) return std::unexpected(object.error());
+    const auto stored = storedAttributeName(name);
+    QSData value;
+    for (;;) {
+        const auto size = getAttribute(object->get(), "", stored.c_str(), nullptr, 0);
+        if (size < 0) break;
+        value.resize(static_cast<std::size_t>(size));
+        // An empty buffer would ask for the size once more.
+        std::uint8_t none = 0;
+        const auto read =
+            getAttribute(object->get(), "", stored.c_str(), value.empty() ? &none : value.data(),
+                         value.empty() ? 1 : value.size());
+        if (read >= 0) {
+            value.resize(std::min(value.size(), static_cast<std::size_t>(read)));
+            return value;
+        }
+        if (errno != ERANGE) break;  // else it grew between the two calls
+    }
+    if (errno == ENODATA || errno == EOPNOTSUPP || errno == EPERM || errno == ELOOP) {
+        return absent();
+    }
+    return std::unexpected(errorFromErrno(errno, nativePath(url)));
+}
+
+}  // namespace platform
