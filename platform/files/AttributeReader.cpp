@@ -53,16 +53,6 @@ void readAccess(int directory, const char* name, const struct statx& status, boo
     into.isWritable = faccessat(directory, name, W_OK, flags) == 0;
 }
 
-/// Whether `name` stands in a list of "\0"-ended names.
-bool lists(std::string_view names, std::string_view name) {
-    for (std::size_t begin = 0; begin < names.size();) {
-        const auto end = std::min(names.find('\0', begin), names.size());
-        if (names.substr(begin, end - begin) == name) return true;
-        begin = end + 1;
-    }
-    return false;
-}
-
 /// The object's attribute names; a list longer than the usual is fetched in full.
 std::string attributeNames(int directory, const char* name) {
     std::array<char, 512> buffer;
@@ -73,25 +63,6 @@ std::string attributeNames(int directory, const char* name) {
     const auto whole = listAttributes(directory, name, names.data(), names.size());
     names.resize(static_cast<std::size_t>(std::max<std::ptrdiff_t>(whole, 0)));
     return names;
-}
-
-/// Reads the values among `wanted` that the object has; whether it has an access-control list.
-bool readNamedAttributes(int directory, const char* name, std::span<const std::string> wanted,
-                         FileAttributes& into) {
-    const auto names = attributeNames(directory, name);
-    into.hasAttributes = true;
-    if (names.empty()) return false;
-    for (const auto& attribute : wanted) {
-        const auto stored = storedAttributeName(attribute);
-        if (!lists(names, stored)) continue;
-        QSData value(XATTR_SIZE_MAX);
-        const auto size = getAttribute(directory, name, stored.c_str(), value.data(), value.size());
-        if (size < 0) continue;
-        value.resize(static_cast<std::size_t>(size));
-        value.shrink_to_fit();
-        into.attributes.emplace_back(attribute, std::move(value));
-    }
-    return lists(names, "system.posix_acl_access");
 }
 
 std::uint64_t birthTimeFingerprint(const struct statx& status) {
@@ -143,8 +114,7 @@ Result<FolderFacts> readFolderFacts(int folder) {
 
 Result<std::shared_ptr<FileAttributes>> readAttributes(int directory, const char* name,
                                                        const FolderFacts* folder,
-                                                       const Credentials& credentials,
-                                                       std::span<const std::string> wanted) {
+                                                       const Credentials& credentials) {
     struct statx status {};
     const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | static_cast<int>(emptyPath(name));
     if (statx(directory, name, flags, STATX_BASIC_STATS | STATX_BTIME | STATX_MNT_ID, &status) !=
@@ -167,9 +137,8 @@ Result<std::shared_ptr<FileAttributes>> readAttributes(int directory, const char
     if ((status.stx_mask & STATX_BTIME) != 0) attributes->creation = dateOf(status.stx_btime);
 
     const auto kind = attributes->kind();
-    bool hasAccessList = false;
     if (kind == ObjectKind::RegularFile || kind == ObjectKind::Directory) {
-        hasAccessList = readNamedAttributes(directory, name, wanted, *attributes);
+        attributes->attributeNames = attributeNames(directory, name);
     }
 
     attributes->identity.generation = handleFingerprint(directory, name);
@@ -178,7 +147,8 @@ Result<std::shared_ptr<FileAttributes>> readAttributes(int directory, const char
         attributes->identityIsWeak = true;
     }
 
-    const bool asksKernel = !folder || folder->asksKernelForAccess || hasAccessList ||
+    const bool asksKernel = !folder || folder->asksKernelForAccess ||
+                            attributes->hasAttribute("system.posix_acl_access") ||
                             (status.stx_attributes & STATX_ATTR_IMMUTABLE) != 0 ||
                             status.stx_uid == overflowID || status.stx_gid == overflowID;
     readAccess(directory, name, status, asksKernel, credentials, *attributes);

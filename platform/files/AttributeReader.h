@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -31,12 +30,11 @@ struct FolderFacts {
 [[nodiscard]] Result<FolderFacts> readFolderFacts(int folder);
 
 /// Reads one object in as few calls as its kind needs: statx; the list of attribute names, since
-/// most objects have none; the values among `wanted` that it has; the file handle; and an access
-/// check only where the permission bits do not decide. `name` empty means the descriptor's own
-/// object. Fails with EXDEV for an object of another mount or device than `folder` (where given).
+/// most objects have none; the file handle; and an access check only where the permission bits do
+/// not decide. `name` empty means the descriptor's own object. Fails with EXDEV for an object of
+/// another mount or device than `folder` (where given).
 [[nodiscard]] Result<std::shared_ptr<FileAttributes>> readAttributes(
-    int directory, const char* name, const FolderFacts* folder, const Credentials& credentials,
-    std::span<const std::string> wanted);
+    int directory, const char* name, const FolderFacts* folder, const Credentials& credentials);
 
 /// 32 bits of a device number, never 0.
 [[nodiscard]] std::uint32_t foldedDevice(std::uint32_t major, std::uint32_t minor);

@@ -2,11 +2,9 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
-#include "platform/foundation/QSData.h"
 #include "platform/foundation/QSDate.h"
 #include "platform/foundation/QSURL.h"
 
@@ -36,12 +34,12 @@ struct FileAttributes final : QSURLAttachment {
     bool identityIsWeak = false;     ///< the generation is only a birth time
     bool isReadable = false;         ///< for this process's effective user
     bool isWritable = false;
-    bool hasAttributes = false;  ///< `attributes` was read with the object (and may be empty)
 
-    /// The extended attributes among FileSystem's prefetched names that the object has.
-    std::vector<std::pair<std::string_view, QSData>> attributes;
+    /// The names of the extended attributes as on disk, "\0" behind each; empty for most objects.
+    std::string attributeNames;
 
     [[nodiscard]] ObjectKind kind() const;
+    [[nodiscard]] bool hasAttribute(std::string_view storedName) const;
     [[nodiscard]] bool isDirectory() const { return kind() == ObjectKind::Directory; }
 };
 

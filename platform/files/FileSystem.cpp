@@ -51,14 +51,12 @@ Result<std::shared_ptr<const FileSystem::Root>> FileSystem::makeRoot(std::string
     return std::make_shared<const Root>(std::move(presented), std::move(real), std::move(fd));
 }
 
-Result<std::unique_ptr<FileSystem>> FileSystem::open(
-    std::string_view storage, std::vector<std::string> prefetchedAttributeNames) {
+Result<std::unique_ptr<FileSystem>> FileSystem::open(std::string_view storage) {
     auto root = makeRoot(std::string(presentedStoragePath), storage);
     if (!root) return std::unexpected(root.error());
     std::unique_ptr<FileSystem> files(new FileSystem);
     files->nativeStorage_ = (*root)->native;
     files->credentials_ = Credentials::ofThisProcess();
-    files->prefetched_ = std::move(prefetchedAttributeNames);
     files->roots_.push_back(std::move(*root));
     return files;
 }
@@ -190,19 +188,13 @@ Result<std::uint64_t> FileSystem::followedInode(const QSURL& url) const {
 
 Result<QSData> FileSystem::extendedAttribute(const QSURL& url, std::string_view name) const {
     const auto absent = [] { return std::unexpected(errorFromErrno(ENODATA)); };
-    if (auto kept = url.attachment()) {
-        const auto& attributes = static_cast<const FileAttributes&>(*kept);
-        const auto isPrefetched = std::ranges::find(prefetched_, name) != prefetched_.end();
-        if (attributes.hasAttributes && isPrefetched) {
-            for (const auto& [known, value] : attributes.attributes) {
-                if (known == name) return value;
-            }
-            return absent();
-        }
+    const auto stored = storedAttributeName(name);
+    if (const auto kept = url.attachment();
+        kept && !static_cast<const FileAttributes&>(*kept).hasAttribute(stored)) {
+        return absent();
     }
     auto object = openObject(url, O_PATH);
     if (!object) return std::unexpected(object.error());
-    const auto stored = storedAttributeName(name);
     QSData value;
     for (;;) {
         const auto size = getAttribute(object->get(), "", stored.c_str(), nullptr, 0);

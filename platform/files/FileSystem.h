@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <memory>
 #include <shared_mutex>
-#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -33,11 +32,9 @@ inline constexpr std::string_view presentedVolumePath = "/private/var";
 /// Any thread. Calls block for the file system only.
 class FileSystem {
   public:
-    /// Opens `storage` (a native path; links in it are followed now and never again). Extended
-    /// attributes named in `prefetchedAttributeNames` are read together with an object's
-    /// attributes. Fails with ENOTDIR, ENOENT or EACCES as the kernel says.
-    [[nodiscard]] static Result<std::unique_ptr<FileSystem>> open(
-        std::string_view storage, std::vector<std::string> prefetchedAttributeNames = {});
+    /// Opens `storage` (a native path; links in it are followed now and never again). Fails with
+    /// ENOTDIR, ENOENT or EACCES as the kernel says.
+    [[nodiscard]] static Result<std::unique_ptr<FileSystem>> open(std::string_view storage);
 
     [[nodiscard]] QSURL storageURL() const;
     /// The storage's own folder on disk as resolved at start, for people.
@@ -71,12 +68,10 @@ class FileSystem {
     [[nodiscard]] Result<std::uint64_t> followedInode(const QSURL& url) const;
 
     /// One extended attribute under its given name (the "user." namespace is added here), of a
-    /// symbolic link itself. ENODATA means absent; so do links and file systems without any.
+    /// symbolic link itself. ENODATA means absent, also on links and file systems that have none;
+    /// a URL that keeps its attributes answers that without asking the disk.
     [[nodiscard]] Result<QSData> extendedAttribute(const QSURL& url, std::string_view name) const;
 
-    [[nodiscard]] std::span<const std::string> prefetchedAttributeNames() const {
-        return prefetched_;
-    }
     [[nodiscard]] const Credentials& credentials() const { return credentials_; }
 
   private:
@@ -99,7 +94,6 @@ class FileSystem {
     // Constant after start.
     std::string nativeStorage_;
     Credentials credentials_;
-    std::vector<std::string> prefetched_;
 
     mutable std::shared_mutex mutex_;
     std::vector<std::shared_ptr<const Root>> roots_;  // guarded by mutex_; the storage is first

@@ -48,8 +48,7 @@ Result<std::shared_ptr<Folder>> Folder::make(const FileSystem& files, QSURL url,
 }
 
 Result<std::shared_ptr<FileAttributes>> Folder::ownAttributes() const {
-    return readAttributes(fd_.get(), "", nullptr, files_.credentials(),
-                          files_.prefetchedAttributeNames());
+    return readAttributes(fd_.get(), "", nullptr, files_.credentials());
 }
 
 Result<std::optional<DirectoryEntry>> Folder::next() {
@@ -94,8 +93,7 @@ Result<std::shared_ptr<Folder>> Folder::openChild(std::string_view name) const {
 
 Result<std::shared_ptr<FileAttributes>> Folder::childAttributes(std::string_view name) const {
     const std::string text(name);
-    return readAttributes(fd_.get(), text.c_str(), &facts_, files_.credentials(),
-                          files_.prefetchedAttributeNames());
+    return readAttributes(fd_.get(), text.c_str(), &facts_, files_.credentials());
 }
 
 Result<ObjectIdentity> Folder::childIdentity(std::string_view name) const {

@@ -1,0 +1,120 @@
+#include "platform/fileprovider/Platform.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <system_error>
+#include <vector>
+
+#include "platform/foundation/fatalError.h"
+#include "platform/log/Log.h"
+
+namespace platform {
+
+namespace {
+
+std::atomic<Platform*> installedPlatform = nullptr;
+
+std::string homeFolder() {
+    const char* home = std::getenv("HOME");
+    return home && home[0] == '/' ? home : "/";
+}
+
+/// An XDG base folder: the variable where it holds an absolute path, else the default below home.
+std::string baseFolder(const char* variable, std::string_view below) {
+    const char* value = std::getenv(variable);
+    if (value && value[0] == '/') return value;
+    return homeFolder() + "/" + std::string(below);
+}
+
+std::vector<std::string> typeDeclarationFolders(const std::string& dataFolder) {
+    std::vector<std::string> folders;
+    const char* system = std::getenv("XDG_DATA_DIRS");
+    std::istringstream list(system && *system ? system : "/usr/local/share:/usr/share");
+    for (std::string folder; std::getline(list, folder, ':');) {
+        if (folder.starts_with('/')) folders.push_back(folder + "/tidewell/types.d");
+    }
+    // The first folder named wins, so it is read last.
+    std::ranges::reverse(folders);
+    folders.push_back(dataFolder + "/types.d");
+    return folders;
+}
+
+void fillDefaults(Platform::Folders& folders) {
+    const auto fill = [](std::string& folder, const char* variable, std::string_view below) {
+        if (folder.empty()) folder = baseFolder(variable, below) + "/tidewell";
+    };
+    fill(folders.data, "XDG_DATA_HOME", ".local/share");
+    fill(folders.state, "XDG_STATE_HOME", ".local/state");
+    fill(folders.cache, "XDG_CACHE_HOME", ".cache");
+    if (folders.applicationSupport.empty()) {
+        folders.applicationSupport = folders.data + "/applications";
+    }
+    if (folders.storage.empty()) folders.storage = userDocumentsFolder();
+}
+
+}  // namespace
+
+Result<std::unique_ptr<Platform>> Platform::make(Options options) {
+    fillDefaults(options.folders);
+    std::unique_ptr<Platform> platform(new Platform);
+    platform->folders_ = options.folders;
+    auto files = FileSystem::open(options.folders.storage);
+    if (!files) return std::unexpected(files.error());
+    platform->files_ = std::move(*files);
+    platform->folders_.storage = platform->files_->nativeStoragePath();
+    for (const auto& error : platform->types_.load(typeDeclarationFolders(options.folders.data))) {
+        Log::platformLog().write(LogLevel::Error, [&] { return error.description(); });
+    }
+    platform->crashReports_ = std::make_unique<CrashReports>(options.folders.state + "/crashes");
+    platform->manager_ = std::make_unique<QSFileProviderManager>(platform->files_->storageURL());
+    auto volume = VolumeService::open({.files = *platform->files_,
+                                       .dataFolder = options.folders.data,
+                                       .stateFolder = options.folders.state,
+                                       .progress = std::move(options.crawlProgress),
+                                       .crawlAtStart = options.crawlAtStart});
+    if (!volume) return std::unexpected(volume.error());
+    platform->volume_ = std::move(*volume);
+    return platform;
+}
+
+Platform::~Platform() {
+    Platform* self = this;
+    installedPlatform.compare_exchange_strong(self, nullptr);
+}
+
+Platform& Platform::current() {
+    Platform* platform = installedPlatform.load(std::memory_order_acquire);
+    if (!platform) fatalError("no platform is installed");
+    return *platform;
+}
+
+void Platform::install() {
+    Platform* none = nullptr;
+    if (!installedPlatform.compare_exchange_strong(none, this)) {
+        fatalError("a platform is installed already");
+    }
+}
+
+std::string userDocumentsFolder() {
+    constexpr std::string_view key = "XDG_DOCUMENTS_DIR=\"";
+    const auto fallback = homeFolder() + "/Documents";
+    std::ifstream file(baseFolder("XDG_CONFIG_HOME", ".config") + "/user-dirs.dirs");
+    for (std::string line; std::getline(file, line);) {
+        const auto begin = line.find_first_not_of(" \t");
+        if (begin == std::string::npos || line.compare(begin, key.size(), key) != 0) continue;
+        const auto end = line.rfind('"');
+        auto value = line.substr(begin + key.size());
+        if (end < begin + key.size()) continue;
+        value.resize(end - begin - key.size());
+        if (value == "$HOME" || value == "$HOME/") return fallback;  // means: switched off
+        if (value.starts_with("$HOME/")) return homeFolder() + value.substr(5);
+        if (value.starts_with('/')) return value;
+    }
+    return fallback;
+}
+
+}  // namespace platform
