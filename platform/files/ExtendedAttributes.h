@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string_view>
+
+#include "platform/foundation/QSData.h"
+
+namespace platform {
+
+/// Sets an extended attribute (given name, kept below "user.") of an open object, whole or not at
+/// all. 0, or -1 with errno: E2BIG where the value does not fit the object's attribute space, which
+/// file systems also report as a full disk.
+int setExtendedAttribute(int descriptor, std::string_view name, QSDataView value);
+
+/// Removes it. 0, or -1 with errno: ENODATA where there is none.
+int removeExtendedAttribute(int descriptor, std::string_view name);
+
+}  // namespace platform

@@ -1,0 +1,60 @@
+#include "tidewell/applibraries/TWPAppLibraryManager.h"
+
+namespace tidewell {
+
+namespace {
+
+bool contains(const QSURL& container, const QSURL& url) {
+    const auto& path = url.path();
+    const auto& prefix = container.path();
+    return path.starts_with(prefix) && (path.size() == prefix.size() || path[prefix.size()] == '/');
+}
+
+}  // namespace
+
+AppLibraryRootTable::AppLibraryRootTable()
+    : queue_("tidewell.app-library-manager"), roots_(std::make_shared<const AppLibraryRoots>()) {}
+
+AppLibraryRootTable& AppLibraryRootTable::shared() {
+    static AppLibraryRootTable table;
+    return table;
+}
+
+std::shared_ptr<const AppLibraryRoots> AppLibraryRootTable::bundleProxiesByRootURLs() const {
+    const std::scoped_lock lock(mutex_);
+    return roots_;
+}
+
+BundleRef AppLibraryRootTable::bundleAt(const QSURL& url) const {
+    const auto roots = bundleProxiesByRootURLs();
+    for (const auto& [root, bundle] : *roots) {
+        if (root == url || root.URLByDeletingLastPathComponent() == url) return bundle;
+    }
+    return nullptr;
+}
+
+BundleRef AppLibraryRootTable::bundleContaining(const QSURL& url) const {
+    const auto roots = bundleProxiesByRootURLs();
+    for (const auto& [root, bundle] : *roots) {
+        if (contains(root.URLByDeletingLastPathComponent(), url)) return bundle;
+    }
+    return nullptr;
+}
+
+void AppLibraryRootTable::replace(AppLibraryRoots roots) {
+    queue_.sync([&] {
+        auto generation = std::make_shared<const AppLibraryRoots>(std::move(roots));
+        const std::scoped_lock lock(mutex_);
+        roots_ = std::move(generation);
+    });
+}
+
+std::vector<QSURL> TWPAppLibraryManager::rootURLsForAppLibraries() {
+    std::vector<QSURL> urls;
+    const auto roots = AppLibraryRootTable::shared().bundleProxiesByRootURLs();
+    urls.reserve(roots->size());
+    for (const auto& [root, bundle] : *roots) urls.push_back(root);
+    return urls;
+}
+
+}  // namespace tidewell

@@ -1,0 +1,248 @@
+#include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <limits>
+#include <thread>
+
+#include "platform/fileprovider/Platform.h"
+#include "platform/fileprovider/URLOperations.h"
+#include "platform/foundation/fatalError.h"
+#include "tidewell/applibraries/TWPAppLibraryManager.h"
+#include "tidewell/common/Logging.h"
+#include "tidewell/common/Utilities.h"
+#include "tidewell/identity/TWPFileObjectIdentifier.h"
+
+namespace tidewell {
+
+namespace {
+
+void logRaw(LogLevel level, std::string_view text) {
+    logHandle().write(level, text);
+}
+
+QSURL storageURL() {
+    return QSFileProviderManager::defaultManager().documentStorageURL();
+}
+
+/// The first root, libraries before the storage, whose path is a prefix of the URL's. A plain
+/// prefix: presented roots are named so that no sibling shares one.
+std::optional<QSURL> rootHolding(const QSURL& url, const QSURL& storage) {
+    const auto roots = AppLibraryRootTable::shared().bundleProxiesByRootURLs();
+    for (const auto& [root, bundle] : *roots) {
+        if (url.path().starts_with(root.path())) return root;
+    }
+    if (url.path().starts_with(storage.path())) return storage;
+    return std::nullopt;
+}
+
+/// What the URL keeps of one of the two identifier values. `failed` is set, after a log line, where
+/// even asking failed.
+std::optional<std::uint64_t> keptNumber(const QSURL& url, QSResourceKey key, bool& failed) {
+    const auto value = resourceValue(url, key);
+    if (!value) {
+        const auto& error = value.error();
+        const bool isMissing =
+            error.domain == QSMochaErrorDomain && error.code == QSFileNoSuchFileError;
+        logRaw(isMissing ? LogLevel::Debug : LogLevel::Error,
+               "can't get resource value for " + std::string(nameOfResourceKey(key)) + "; " +
+                   error.description());
+        failed = true;
+        return std::nullopt;
+    }
+    if (value->index() == 0) return std::nullopt;
+    if (const auto* number = std::get_if<std::uint64_t>(&*value)) return *number;
+    const auto text =
+        std::string("unexpected class for ") +
+        (key == QSResourceKey::FileID ? "file ID" : "doc ID") +
+        " (expected: QSNumber, actual: " + std::string(classNameOfResourceValue(*value)) + ")";
+#ifdef NDEBUG
+    logRaw(LogLevel::Error, text);
+    return std::nullopt;
+#else
+    fatalError(text);
+#endif
+}
+
+/// Asks the volume for the identifier of an object whose URL keeps none.
+std::optional<std::string> freshIdentifier(const QSURL& url) {
+    const auto isPackage = resourceValue(url, QSResourceKey::IsPackage);
+    if (!isPackage) {
+        logRaw(LogLevel::Error, "can't get resource QSURLIsPackageKey for " + quoted(url.path()) +
+                                    "; " + isPackage.error().description());
+        return std::nullopt;
+    }
+    const auto attributes = Platform::current().files().attributes(url);
+    if (!attributes) {
+        logRaw(LogLevel::Error, "can't open file at " + quoted(url.path()) + "; " +
+                                    errnoText(static_cast<int>(attributes.error().code)));
+        return std::nullopt;
+    }
+    const bool takesDocumentID = (*attributes)->kind() == ObjectKind::RegularFile ||
+                                 ((*attributes)->isDirectory() && std::get<bool>(*isPackage));
+    if (!takesDocumentID) {
+        const auto fileID = fileIDOfObject(url);
+        if (fileID == 0) {
+            logRaw(LogLevel::Error,
+                   "can't get attribute list for " + quoted(url.path()) + "; " + errnoText(errno));
+            return std::nullopt;
+        }
+        url.setCachedResourceValue(QSResourceKey::FileID, fileID);
+        return TWPFileObjectIdentifier::fromFileID(fileID);
+    }
+    const std::uint64_t documentID = QGLibraryGetOrAllocateDocumentId(url);
+    if (documentID == 0) {
+        logRaw(LogLevel::Error, "can't get permanent storage for " + quoted(url.path()));
+        return std::nullopt;
+    }
+    url.setCachedResourceValue(QSResourceKey::DocumentIdentifier, documentID);
+    return TWPFileObjectIdentifier::fromDocumentID(documentID);
+}
+
+/// Reads an integer as the platform's strings do: blanks, a sign and digits up to the first other
+/// character; 0 without digits; out of range it saturates.
+std::int64_t integerValue(std::string_view text) {
+    text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
+    if (text.starts_with('+')) {
+        text.remove_prefix(1);
+        if (text.starts_with('-')) return 0;
+    }
+    std::int64_t value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error == std::errc::result_out_of_range) {
+        return text.starts_with('-') ? std::numeric_limits<std::int64_t>::min()
+                                     : std::numeric_limits<std::int64_t>::max();
+    }
+    return value;
+}
+
+void logUnknownDevice(const QSURL& storage) {
+    logRaw(LogLevel::Error,
+           "can't get device ID for " + quoted(storage.path()) + "; " + errnoText(errno));
+}
+
+}  // namespace
+
+std::optional<std::string> itemIdentifier(const QSURL& url) {
+    if (!url.isFileURL()) {
+        logRaw(LogLevel::Error, "can't compute file object identifier if not a file URL");
+        return std::nullopt;
+    }
+    const auto proper = properURL(url);
+    const auto storage = storageURL();
+    const auto root = rootHolding(proper, storage);
+    if (!root) {
+        logHandle().write(LogLevel::Debug, [&] {
+            return "can't compute file object identifier because " + quoted(proper.path()) +
+                   " is not part of Tidewell";
+        });
+        return std::nullopt;
+    }
+    if (proper == *root) {
+        if (*root == storage) return std::string(QSFileProviderRootContainerItemIdentifier);
+        return TWPFileObjectIdentifier::fromAppLibraryDataContainerURL(*root);
+    }
+    bool failed = false;
+    if (qp_isFolder(url)) {
+        const auto fileID = keptNumber(url, QSResourceKey::FileID, failed);
+        if (fileID) return TWPFileObjectIdentifier::fromFileID(*fileID);
+    } else {
+        const auto documentID = keptNumber(url, QSResourceKey::DocumentIdentifier, failed);
+        if (documentID) return TWPFileObjectIdentifier::fromDocumentID(*documentID);
+    }
+    if (failed) return std::nullopt;
+    return freshIdentifier(url);
+}
+
+std::optional<QSURL> fileURLWithItemIdentifier(std::string_view identifier) {
+    const auto storage = storageURL();
+    if (identifier == QSFileProviderRootContainerItemIdentifier) return storage;
+    const auto pieces = 1 + std::ranges::count(identifier, '=');
+    if (pieces != 2) {
+        logRaw(LogLevel::Error, "invalid identifier; identifier should have 2 components, not " +
+                                    std::to_string(pieces));
+        return std::nullopt;
+    }
+    const auto host = identifier.substr(0, identifier.find('='));
+    if (host != "did" && host != "fid") {
+        logRaw(LogLevel::Error, "invalid host for identifier " + quoted(identifier));
+        return std::nullopt;
+    }
+    const auto device = deviceID(storage);
+    if (device == 0) {
+        logUnknownDevice(storage);
+        return std::nullopt;
+    }
+    const auto number =
+        static_cast<std::uint64_t>(integerValue(identifier.substr(host.size() + 1)));
+    if (host == "fid") return fileURLWithFileIdentifier(number, device);
+    const auto fileID = fileIDForDocumentID(number, device, QGLibraryResolveDocumentId2);
+    if (!fileID) return std::nullopt;
+    return fileURLWithFileIdentifier(*fileID, device);
+}
+
+std::optional<QSURL> fileURLWithFileIdentifier(std::uint64_t fileID) {
+    const auto storage = storageURL();
+    const auto device = deviceID(storage);
+    if (device == 0) {
+        logUnknownDevice(storage);
+        return std::nullopt;
+    }
+    return fileURLWithFileIdentifier(fileID, device);
+}
+
+std::optional<QSURL> fileURLWithFileIdentifier(std::uint64_t fileID,
+                                               std::uint32_t deviceIdentifier) {
+    auto& volume = Platform::current().volume();
+    const auto url = volume.UUIDForDevice(deviceIdentifier)
+                         ? volume.URLForFileID(fileID)
+                         : Result<QSURL>(std::unexpected(errorFromErrno(ENODEV)));
+    if (url) return *url;
+    logHandle().write(LogLevel::Debug, [&] {
+        return "can't resolve path matching file ID " +
+               quoted(std::to_string(static_cast<std::int64_t>(fileID))) + "; " +
+               errnoText(static_cast<int>(url.error().code));
+    });
+    return std::nullopt;
+}
+
+Result<std::uint32_t> deviceIDWithError(const QSURL& url) {
+    const auto attributes = Platform::current().files().freshAttributes(url);
+    if (!attributes) {
+        errno = static_cast<int>(attributes.error().code);
+        return std::unexpected(errorWithPOSIXCode(errno));
+    }
+    return (*attributes)->device;
+}
+
+std::uint32_t deviceID(const QSURL& url) {
+    return deviceIDWithError(url).value_or(0);
+}
+
+std::optional<std::uint64_t> fileIDForDocumentID(std::uint64_t documentID, std::uint32_t device,
+                                                 const DocumentIDResolver& resolve) {
+    constexpr int retries = 5;
+    auto fileID = resolve(documentID, device);
+    const auto number = [&] { return quoted(std::to_string(documentID)); };
+    for (int attempt = 0; fileID == 0 && attempt < retries; ++attempt) {
+        const int reason = errno;
+        if (reason != EAGAIN && reason != EBUSY && reason != ESTALE) {
+            logRaw(LogLevel::Error, "can't resolve doc ID " + number() + "; " + errnoText(reason));
+            return std::nullopt;
+        }
+        logHandle().write(LogLevel::Debug, [&] {
+            return "doc ID resolution failed with errno(" + std::to_string(reason) +
+                   "), let's try again after resting";
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        fileID = resolve(documentID, device);
+    }
+    if (fileID != 0) return fileID;
+    logHandle().write(LogLevel::Debug,
+                      [&] { return "can't resolve doc ID " + number() + " after five attempts"; });
+    return std::nullopt;
+}
+
+}  // namespace tidewell
