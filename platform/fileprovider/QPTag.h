@@ -18,7 +18,8 @@ struct QPTag {
 };
 
 /// The list as the bytes that items carry: a binary property list, an array of dictionaries
-/// {"label", "color"}. An empty list has bytes too.
+/// {"label", "color"}. An empty list has bytes too. A tag whose label is not UTF-8 or whose colour
+/// is no colour is left out.
 [[nodiscard]] QSData QPGetTagsDataForTags(const std::vector<QPTag>& tags);
 
 /// The way back. Nothing for bytes that are no such list.

@@ -23,7 +23,9 @@ QSDate QSDate::now() {
 }
 
 double QSDate::timeIntervalSinceReferenceDate() const {
-    return static_cast<double>(seconds - referenceDate) + static_cast<double>(nanoseconds) / 1e9;
+    // In doubles: some file systems store any 64-bit number of seconds.
+    return static_cast<double>(seconds) - static_cast<double>(referenceDate) +
+           static_cast<double>(nanoseconds) / 1e9;
 }
 
 QSDate QSDate::dateWithTimeIntervalSinceReferenceDate(double interval) {

@@ -17,6 +17,7 @@ inline constexpr std::int64_t QSFileReadCorruptFileError = 259;
 inline constexpr std::int64_t QSFileWriteNoPermissionError = 513;
 inline constexpr std::int64_t QSFileWriteFileExistsError = 516;
 inline constexpr std::int64_t QSCoderReadCorruptError = 4864;
+inline constexpr std::int64_t QSCoderInvalidValueError = 4866;
 
 /// Keys of `userInfo`.
 inline constexpr std::string_view QSFilePathErrorKey = "QSFilePath";

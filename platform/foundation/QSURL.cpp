@@ -62,21 +62,22 @@ std::vector<std::string_view> QSURL::pathComponents() const {
 }
 
 QSURL QSURL::URLByDeletingLastPathComponent() const {
+    if (!isFileURL()) return *this;
     const auto slash = path().rfind('/');
-    if (slash == std::string::npos || slash == 0) return make("/", isFileURL());
-    return make(path().substr(0, slash), isFileURL());
+    return make(slash == 0 ? "/" : path().substr(0, slash), true);
 }
 
 QSURL QSURL::URLByAppendingPathComponent(std::string_view name) const {
     if (name.empty() || name.find('/') != std::string_view::npos) {
         fatalError("a path component must not be empty or hold a slash");
     }
+    if (!isFileURL()) return *this;
     std::string child;
     child.reserve(path().size() + 1 + name.size());
     child = path();
     if (child.back() != '/') child += '/';
     child += name;
-    return make(std::move(child), isFileURL());
+    return make(std::move(child), true);
 }
 
 std::string QSURL::description() const {

@@ -26,7 +26,8 @@ class QSURL {
     /// to refuse. A relative path is taken from "/".
     [[nodiscard]] static QSURL fileURLWithPath(std::string_view path);
 
-    /// Any URL text that is not a file URL. Such a URL has an empty path and no resource values.
+    /// Any URL text that is not a file URL. Such a URL has an empty path and no resource values,
+    /// and is its own parent and child.
     [[nodiscard]] static QSURL URLWithString(std::string_view text);
 
     [[nodiscard]] bool isFileURL() const { return rep_->isFile; }
