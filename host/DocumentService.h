@@ -1,0 +1,89 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/ExtensionSession.h"
+#include "host/Listing.h"
+#include "host/Page.h"
+
+namespace platform {
+class QSFileProviderManager;
+}
+
+namespace host {
+
+/// The document service: what file browsers ask. All that goes in and out is a plain value, and
+/// identifiers and tokens are opaque.
+///
+/// Any thread, several calls at once; every call blocks until it has its answer. Handlers run on
+/// the calling thread, under no lock, and may call the service.
+class DocumentService {
+  public:
+    struct Options {
+        /// Pauses between tries of a listing; sleeps where empty.
+        Waiter wait = {};
+        /// How long one page may take.
+        std::chrono::milliseconds pageDeadline = std::chrono::seconds(30);
+        /// The installed platform's where empty or null.
+        std::optional<NativePaths> paths = {};
+        platform::QSFileProviderManager* manager = nullptr;
+    };
+
+    explicit DocumentService(const ExtensionFactory& makeExtension);
+    DocumentService(const ExtensionFactory& makeExtension, Options options);
+    ~DocumentService();
+
+    [[nodiscard]] platform::Result<ItemRecord> item(const std::string& identifier) const;
+
+    /// The identifier of what is at an absolute native path; a final symbolic link is an item of
+    /// its own. The error satisfies meansNoSuchItem where there is no item at it.
+    [[nodiscard]] platform::Result<std::string> resolve(std::string_view path) const;
+
+    /// The native path of an item, as it is now.
+    [[nodiscard]] platform::Result<std::string> path(const std::string& identifier) const;
+
+    /// One page as the extension gives it; a refused token is the caller's to deal with.
+    [[nodiscard]] Page onePage(const std::string& container, const PageStart& start);
+
+    /// Every item of the container, page after page, memory for one page and the identifiers given
+    /// out. Restarts a refused listing by itself (see Listing). Success also where the handler
+    /// ended it.
+    [[nodiscard]] platform::Result<void> list(const std::string& container, Order order,
+                                              const ItemHandler& handler);
+
+    /// What listTree tells. Both are called depth first, a folder before what it holds.
+    struct TreeHandler {
+        /// `depth` is 0 for the children of the container; `isLast` among those of its folder.
+        /// False ends the listing.
+        std::function<bool(const ItemRecord& item, std::size_t depth, bool isLast)> item;
+        /// A folder below the container that could not be listed; the rest goes on.
+        std::function<void(const ItemRecord& folder, const platform::QSError& error)> failed;
+    };
+
+    /// Everything below a folder, into folders but not into packages or links. Memory for the
+    /// entries of the folders on the way down. Fails where the container itself cannot be listed.
+    [[nodiscard]] platform::Result<void> listTree(const std::string& container,
+                                                  const TreeHandler& handler);
+
+    /// The containers that the extension has signalled since the last call, each once.
+    [[nodiscard]] std::vector<std::string> takeSignalledContainers();
+
+  private:
+    struct Signals;
+    [[nodiscard]] platform::Result<bool> listLevel(const std::string& container, std::size_t depth,
+                                                   const TreeHandler& handler);
+
+    // Constant after construction; session and signals have their own synchronisation.
+    Waiter wait_;
+    platform::QSFileProviderManager& manager_;
+    std::shared_ptr<Signals> signals_;
+    std::unique_ptr<ExtensionSession> session_;
+};
+
+}  // namespace host

@@ -1,0 +1,176 @@
+#include "host/ExtensionSession.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "host/PageCollector.h"
+#include "platform/fileprovider/Platform.h"
+#include "platform/fileprovider/QPTag.h"
+#include "platform/fileprovider/QSFileProviderError.h"
+#include "platform/fileprovider/QSFileProviderExtension.h"
+#include "platform/foundation/fatalError.h"
+
+namespace host {
+
+using platform::QSError;
+using platform::Result;
+
+namespace {
+
+/// A walk over many folders needs one enumerator at a time; this many keep the pages of as many
+/// clients cheap to resume.
+constexpr std::size_t keptLeases = 32;
+
+std::optional<std::vector<std::string>> labels(const std::optional<platform::QSData>& tagData) {
+    if (!tagData) return std::nullopt;
+    const auto tags = platform::QPGetTagsForTagsData(*tagData);
+    if (!tags) return std::nullopt;
+    std::vector<std::string> result;
+    result.reserve(tags->size());
+    for (const auto& tag : *tags) result.push_back(tag.label);
+    return result;
+}
+
+ItemRecord makeRecord(const platform::QSFileProviderItem& item, const NativePaths& paths) {
+    ItemRecord record{
+        .itemIdentifier = item.itemIdentifier(),
+        .parentItemIdentifier = item.parentItemIdentifier(),
+        .filename = item.filename(),
+        .typeIdentifier = item.typeIdentifier(),
+        .documentSize = item.documentSize(),
+        .creationDate = item.creationDate(),
+        .contentModificationDate = item.contentModificationDate(),
+        .childItemCount = item.childItemCount(),
+        .capabilities = item.capabilities(),
+        .versionIdentifier = item.versionIdentifier(),
+        .isTrashed = item.isTrashed(),
+        .lastUsedDate = item.lastUsedDate(),
+        .tags = labels(item.tagData()),
+        .favoriteRank = item.favoriteRank(),
+        .fileID = item.fileID(),
+        .docID = item.docID(),
+        .path = std::nullopt,
+        .beaconDomainIdentifier = item.qp_beaconDomainIdentifier(),
+        .appContainerBundleIdentifier = item.qp_appContainerBundleIdentifier(),
+        .isContainer = item.qp_isContainer(),
+    };
+    if (const auto url = item.fileURL()) record.path = paths.nativePath(*url);
+    return record;
+}
+
+platform::QSFileProviderPage pageData(const PageStart& start) {
+    if (const auto* token = std::get_if<PageToken>(&start)) return *token;
+    return platform::dataFromString(std::get<Order>(start) == Order::ByName
+                                        ? platform::QSFileProviderInitialPageSortedByName
+                                        : platform::QSFileProviderInitialPageSortedByDate);
+}
+
+}  // namespace
+
+NativePaths NativePaths::ofPlatform() {
+    return {[](const platform::QSURL& url) {
+                return platform::Platform::current().files().nativePath(url);
+            },
+            [](std::string_view path) {
+                return platform::Platform::current().files().URLForNativePath(path);
+            }};
+}
+
+struct ExtensionSession::Lease {
+    explicit Lease(std::shared_ptr<platform::QSFileProviderEnumerator> leased)
+        : enumerator(std::move(leased)) {}
+    ~Lease() { enumerator->invalidate(); }
+    Lease(const Lease&) = delete;
+    Lease& operator=(const Lease&) = delete;
+
+    const std::shared_ptr<platform::QSFileProviderEnumerator> enumerator;
+};
+
+ExtensionSession::ExtensionSession(const ExtensionFactory& makeExtension, NativePaths paths,
+                                   std::chrono::milliseconds pageDeadline)
+    : paths_(std::move(paths)), pageDeadline_(pageDeadline), extension_(makeExtension()) {
+    if (!extension_) platform::fatalError("the factory made no extension");
+}
+
+ExtensionSession::~ExtensionSession() = default;
+
+Result<ItemRecord> ExtensionSession::item(const std::string& identifier) const {
+    const auto item = extension_->itemForIdentifier(identifier);
+    if (!item) return std::unexpected(withNativePath(item.error()));
+    return makeRecord(**item, paths_);
+}
+
+Result<std::string> ExtensionSession::identifierForPath(std::string_view path) const {
+    // The extension answers a miss without a reason; the path itself knows a better one.
+    const std::string native(path);
+    struct stat status {};
+    if (lstat(native.c_str(), &status) != 0) {
+        return std::unexpected(platform::errorFromErrno(errno, path));
+    }
+    auto identifier = extension_->persistentIdentifierForItemAtURL(paths_.URLForNativePath(path));
+    if (identifier) return std::move(*identifier);
+    auto error = platform::errorFromErrno(ENOENT, path);
+    error.userInfo.emplace(platform::QSDescriptionErrorKey, "not an item of the document storage");
+    return std::unexpected(std::move(error));
+}
+
+Result<std::string> ExtensionSession::pathForIdentifier(const std::string& identifier) const {
+    const auto url = extension_->URLForItemWithPersistentIdentifier(identifier);
+    if (url) return paths_.nativePath(*url);
+    return std::unexpected(platform::fileProviderErrorForNonExistentItemWithIdentifier(identifier));
+}
+
+Page ExtensionSession::page(const std::string& container, const PageStart& start) {
+    auto lease = std::holds_alternative<PageToken>(start) ? keptLease(container) : nullptr;
+    if (!lease) {
+        auto made = newLease(container);
+        if (!made) return {{}, std::unexpected(withNativePath(made.error()))};
+        lease = std::move(*made);
+    }
+    const auto collector = std::make_shared<PageCollector>();
+    lease->enumerator->enumerateItemsForObserver(collector, pageData(start));
+    auto [items, next] = collector->wait(pageDeadline_);
+
+    Page page{{}, std::move(next)};
+    page.items.reserve(items.size());
+    for (const auto& item : items) page.items.push_back(makeRecord(*item, paths_));
+    if (!page.next) page.next = std::unexpected(withNativePath(page.next.error()));
+    return page;
+}
+
+std::shared_ptr<ExtensionSession::Lease> ExtensionSession::keptLease(const std::string& container) {
+    const std::scoped_lock lock(mutex_);
+    const auto found = std::ranges::find(leases_, container, [](auto& kept) { return kept.first; });
+    if (found == leases_.end()) return nullptr;
+    leases_.splice(leases_.begin(), leases_, found);
+    return found->second;
+}
+
+Result<std::shared_ptr<ExtensionSession::Lease>> ExtensionSession::newLease(
+    const std::string& container) {
+    auto enumerator = extension_->enumeratorForContainerItemIdentifier(container);
+    if (!enumerator) return std::unexpected(enumerator.error());
+    auto lease = std::make_shared<Lease>(std::move(*enumerator));
+
+    decltype(leases_) dropped;  // gone only when the lock is
+    const std::scoped_lock lock(mutex_);
+    const auto old = std::ranges::find(leases_, container, [](auto& kept) { return kept.first; });
+    if (old != leases_.end()) dropped.splice(dropped.end(), leases_, old);
+    leases_.emplace_front(container, lease);
+    if (leases_.size() > keptLeases) {
+        dropped.splice(dropped.end(), leases_, std::prev(leases_.end()));
+    }
+    return lease;
+}
+
+QSError ExtensionSession::withNativePath(QSError error) const {
+    if (const auto path = error.userInfo.find(platform::QSFilePathErrorKey);
+        path != error.userInfo.end()) {
+        path->second = paths_.nativePath(platform::QSURL::fileURLWithPath(path->second));
+    }
+    return error;
+}
+
+}  // namespace host

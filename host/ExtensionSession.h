@@ -1,0 +1,75 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "host/Page.h"
+#include "platform/foundation/QSURL.h"
+
+namespace platform {
+class QSFileProviderEnumerator;
+class QSFileProviderExtension;
+}  // namespace platform
+
+namespace host {
+
+using ExtensionFactory = std::function<std::shared_ptr<platform::QSFileProviderExtension>()>;
+
+/// How presented URLs and the paths that people know become each other. Text only, any thread.
+struct NativePaths {
+    std::function<std::string(const platform::QSURL&)> nativePath;
+    std::function<platform::QSURL(std::string_view)> URLForNativePath;
+
+    /// Those of the installed platform.
+    [[nodiscard]] static NativePaths ofPlatform();
+};
+
+/// One extension and what the service says to it. Everything that goes in and out is a plain value,
+/// so that the session can move into the extension's process and leave a proxy of this shape.
+///
+/// Any thread, several calls at once; calls block for the extension. Paths in errors are native.
+class ExtensionSession {
+  public:
+    /// Makes the extension, which must not be null.
+    ExtensionSession(const ExtensionFactory& makeExtension, NativePaths paths,
+                     std::chrono::milliseconds pageDeadline);
+    /// Invalidates every enumerator, then lets the extension go.
+    ~ExtensionSession();
+
+    [[nodiscard]] platform::Result<ItemRecord> item(const std::string& identifier) const;
+
+    /// The identifier of what is at an absolute native path. ENOENT where nothing is there or the
+    /// extension has no item for it.
+    [[nodiscard]] platform::Result<std::string> identifierForPath(std::string_view path) const;
+
+    [[nodiscard]] platform::Result<std::string> pathForIdentifier(
+        const std::string& identifier) const;
+
+    /// One page, waited for up to the deadline (then ETIMEDOUT), also where the extension answers
+    /// on other threads. An initial page begins with a new enumerator, so that a folder that was
+    /// renamed is found at its new place; a token goes to the container's kept one.
+    [[nodiscard]] Page page(const std::string& container, const PageStart& start);
+
+  private:
+    /// Invalidates its enumerator when the last call on it has ended.
+    struct Lease;
+    [[nodiscard]] std::shared_ptr<Lease> keptLease(const std::string& container);
+    [[nodiscard]] platform::Result<std::shared_ptr<Lease>> newLease(const std::string& container);
+    [[nodiscard]] platform::QSError withNativePath(platform::QSError error) const;
+
+    // Constant after construction.
+    NativePaths paths_;
+    std::chrono::milliseconds pageDeadline_;
+    std::shared_ptr<platform::QSFileProviderExtension> extension_;
+
+    std::mutex mutex_;
+    std::list<std::pair<std::string, std::shared_ptr<Lease>>> leases_;  // guarded; latest first
+};
+
+}  // namespace host
