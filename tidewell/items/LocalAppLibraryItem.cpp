@@ -1,0 +1,41 @@
+#include "tidewell/items/LocalAppLibraryItem.h"
+
+#include <array>
+
+#include "platform/fileprovider/URLOperations.h"
+#include "platform/foundation/fatalError.h"
+#include "tidewell/common/Logging.h"
+#include "tidewell/identity/TWPFileObjectIdentifier.h"
+
+namespace tidewell {
+
+std::shared_ptr<LocalAppLibraryItem> LocalAppLibraryItem::initFrom(const QLBundleProxy& bundle) {
+    if (!bundle.dataContainerURL) {
+        logError("can't create an app library item without a data container URL");
+        return nullptr;
+    }
+    const auto url = bundle.dataContainerURL->URLByAppendingPathComponent("Documents");
+    const Custom custom{.itemID = appLibraryIdentifier(bundle),
+                        .parentItemID = std::string(QSFileProviderRootContainerItemIdentifier),
+                        .filename = bundle.localizedName()};
+    std::shared_ptr<LocalAppLibraryItem> item(new LocalAppLibraryItem);
+    if (!item->build(url, custom, false, bundle.bundleIdentifier)) return nullptr;
+    if (item->childItemCount()) item->leaveOutHiddenEntries(url);
+    return item;
+}
+
+void LocalAppLibraryItem::leaveOutHiddenEntries(const QSURL& url) {
+    constexpr std::array<std::string_view, 2> hidden = {"Inbox", ".Trash"};
+    // One reading for the count and for what is taken off it, so that no race comes between.
+    const auto contents = contentsOfFolder(url, hidden);
+    if (!contents) return;
+    auto count = contents->linkCount - 2;
+    for (const bool isPresent : contents->isPresent) {
+        if (!isPresent) continue;
+        if (count == 0) fatalError("an app library holds fewer entries than it hides");
+        --count;
+    }
+    setChildItemCount(static_cast<std::uint16_t>(count));
+}
+
+}  // namespace tidewell

@@ -1,0 +1,279 @@
+#include "tidewell/items/LocalItem.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <sstream>
+
+#include "platform/fileprovider/Platform.h"
+#include "platform/fileprovider/URLOperations.h"
+#include "platform/foundation/fatalError.h"
+#include "tidewell/common/Logging.h"
+#include "tidewell/common/Utilities.h"
+#include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
+#include "tidewell/identity/TWPFileObjectIdentifier.h"
+#include "tidewell/items/LocalAppLibraryItem.h"
+#include "tidewell/items/UserMetadata.h"
+
+namespace tidewell {
+
+namespace {
+
+const TypeRegistry& types() {
+    return Platform::current().types();
+}
+
+/// Whether "Documents" directly followed by ".Trash" stands among the path's components.
+bool liesInTrash(const std::string& path) {
+    constexpr std::string_view pair = "/Documents/.Trash";
+    for (auto at = path.find(pair); at != std::string::npos; at = path.find(pair, at + 1)) {
+        const auto end = at + pair.size();
+        if (end == path.size() || path[end] == '/') return true;
+    }
+    return false;
+}
+
+/// The library root that holds `url`: its path up to the first "Documents".
+std::optional<QSURL> libraryRootOf(const QSURL& url) {
+    auto root = QSURL::fileURLWithPath("/");
+    for (const auto component : url.pathComponents()) {
+        root = root.URLByAppendingPathComponent(component);
+        if (component == "Documents") return root;
+    }
+    return std::nullopt;
+}
+
+/// "" or ", <label>: <value>", as the messages of refused items are joined.
+std::string identifiersText(const std::string& item, const std::string& parent) {
+    return "(itemIdentifier: " + item + ", parentItemIdentifier: " + parent;
+}
+
+}  // namespace
+
+std::shared_ptr<LocalItem> LocalItem::initWithURL(
+    const QSURL& url, const Custom& custom, bool hasBeaconDomainIdentifier,
+    const std::optional<std::string>& bundleIdentifier) {
+    struct Buildable final : LocalItem {};
+    auto item = std::make_shared<Buildable>();
+    if (!item->build(url, custom, hasBeaconDomainIdentifier, bundleIdentifier)) return nullptr;
+    return item;
+}
+
+std::shared_ptr<LocalItem> LocalItem::initWithFileIdentifier(std::uint64_t fileID) {
+    const auto url = fileURLWithFileIdentifier(fileID);
+    return url ? initWithURL(*url) : nullptr;
+}
+
+bool LocalItem::build(const QSURL& url, const Custom& custom, bool hasBeaconDomainIdentifier,
+                      const std::optional<std::string>& bundleIdentifier) {
+    if (!buildIdentity(url, custom)) return false;
+    readSizeAndDates(url);
+    readCapabilities(url);
+    versionIdentifier_ = dataResource(url, QSResourceKey::ContentModificationDate);
+    readUserMetadata(url);
+    readStatus(url);
+    constexpr std::string_view documentPrefix = "did=";
+    if (_itemIdentifier.starts_with(documentPrefix)) {
+        std::int64_t number = 0;
+        const char* end = _itemIdentifier.data() + _itemIdentifier.size();
+        const auto parsed =
+            std::from_chars(_itemIdentifier.data() + documentPrefix.size(), end, number);
+        if (parsed.ec == std::errc() && parsed.ptr == end) docID_ = number;
+    }
+    fileURL_ = url;
+    const auto bundle = hasBeaconDomainIdentifier ? proxyWithContaining(url) : nullptr;
+    if (bundle) {
+        qp_beaconDomainIdentifier_ = bundle->bundleIdentifier;
+        qp_appContainerBundleIdentifier_ = bundle->bundleIdentifier;
+    } else {
+        qp_appContainerBundleIdentifier_ = bundleIdentifier;
+    }
+    return true;
+}
+
+bool LocalItem::buildIdentity(const QSURL& url, const Custom& custom) {
+    auto identifier = custom.itemID ? custom.itemID : tidewell::itemIdentifier(url);
+    if (!identifier) {
+        logDebug("can't create an item without an ID");
+        return false;
+    }
+    _itemIdentifier = std::move(*identifier);
+    if (_itemIdentifier == QSFileProviderRootContainerItemIdentifier) {
+        _parentItemIdentifier = _itemIdentifier;
+    } else {
+        auto parent = custom.parentItemID
+                          ? custom.parentItemID
+                          : tidewell::itemIdentifier(url.URLByDeletingLastPathComponent());
+        if (!parent) {
+            logError("can't create an item without a parent ID (itemIdentifier: " +
+                     _itemIdentifier + ")");
+            return false;
+        }
+        _parentItemIdentifier = std::move(*parent);
+        isTrashed_ = liesInTrash(url.path());
+    }
+    auto filename = custom.filename ? custom.filename : stringResource(url, QSResourceKey::Name);
+    if (!filename) {
+        logError("can't create an item without a filename " +
+                 identifiersText(_itemIdentifier, _parentItemIdentifier) + ")");
+        return false;
+    }
+    filename_ = std::move(*filename);
+    auto type = stringResource(url, QSResourceKey::TypeIdentifier);
+    if (!type) {
+        logError("can't create an item without a type identifier " +
+                 identifiersText(_itemIdentifier, _parentItemIdentifier) +
+                 ", filename: " + filename_ + ")");
+        return false;
+    }
+    typeIdentifier_ = std::move(*type);
+    if (isInboxOfLibrary()) {
+        logDebug("can't create an item for the \"Inbox\" directory");
+        return false;
+    }
+    return true;
+}
+
+bool LocalItem::isInboxOfLibrary() const {
+    return filename_ == "Inbox" && isFolder() &&
+           (_parentItemIdentifier == QSFileProviderRootContainerItemIdentifier ||
+            isAppLibraryIdentifier(_parentItemIdentifier));
+}
+
+void LocalItem::readSizeAndDates(const QSURL& url) {
+    if (isPackage()) {
+        if (typeIdentifier_.starts_with("com.quenby.quire") ||
+            typeIdentifier_.starts_with("com.quenby.lutebox")) {
+            if (const auto size = qp_directorySizeWithError(url)) documentSize_ = *size;
+        }
+    } else if (!isFolder()) {
+        documentSize_ = numberResource(url, QSResourceKey::FileSize);
+    }
+    creationDate_ = dateResource(url, QSResourceKey::CreationDate);
+    contentModificationDate_ = dateResource(url, QSResourceKey::ContentModificationDate);
+}
+
+void LocalItem::readCapabilities(const QSURL& url) {
+    capabilities_ = QSFileProviderItemCapabilitiesAllowsReading;
+    if (_itemIdentifier == QSFileProviderRootContainerItemIdentifier) return;
+    if (isFolder()) capabilities_ |= QSFileProviderItemCapabilitiesAllowsContentEnumerating;
+    if (booleanResource(url, QSResourceKey::IsWritable) != true) return;
+    capabilities_ |= isFolder() ? QSFileProviderItemCapabilitiesAllowsAddingSubItems
+                                : QSFileProviderItemCapabilitiesAllowsWriting;
+    if (isAppLibraryIdentifier(_itemIdentifier)) return;
+    capabilities_ |= QSFileProviderItemCapabilitiesAllowsReparenting |
+                     QSFileProviderItemCapabilitiesAllowsRenaming |
+                     QSFileProviderItemCapabilitiesAllowsTrashing |
+                     QSFileProviderItemCapabilitiesAllowsDeleting;
+}
+
+void LocalItem::readUserMetadata(const QSURL& url) {
+    if (!isAppLibraryIdentifier(_itemIdentifier)) lastUsedDate_ = lastUsedDateOf(url);
+    tagData_ = tagDataOf(url);
+    favoriteRank_ = favoriteRankOf(url);
+}
+
+void LocalItem::readStatus(const QSURL& url) {
+    const auto status = statusOfURL(url);
+    if (!status) {
+        const auto message = [&] {
+            return "can't find fileID for item " + quoted(url.path()) + "; " +
+                   status.error().description();
+        };
+        if (status.error().code == ENOENT) {
+            logDebug(message);
+        } else {
+            logError(message);
+        }
+        return;
+    }
+    fileID_ = static_cast<std::int64_t>(status->inode);
+    if (!isFolder()) return;
+    if (status->linkCount < 2 || status->linkCount - 2 > UINT16_MAX) {
+        fatalError("a folder's child count does not fit 16 bits");
+    }
+    childItemCount_ = static_cast<std::uint16_t>(status->linkCount - 2);
+}
+
+bool LocalItem::isFolder() const {
+    return typeIdentifier_ == folderTypeIdentifier;
+}
+
+bool LocalItem::isPackage() const {
+    return types().conforms(typeIdentifier_, packageTypeIdentifier);
+}
+
+std::shared_ptr<LocalAppLibraryItem> LocalItem::fetchAppLibraryItem() const {
+    const auto bundle = fileURL_ ? proxyWithContaining(*fileURL_) : nullptr;
+    return bundle ? LocalAppLibraryItem::initFrom(*bundle) : nullptr;
+}
+
+std::optional<QSURL> LocalItem::putBackURL() const {
+    const std::scoped_lock lock(putBackMutex_);
+    if (hasPutBackURL_) return putBackURL_;
+    hasPutBackURL_ = true;
+    const auto path = fileURL_ ? putBackPathOf(*fileURL_, description()) : std::nullopt;
+    const auto root = path ? libraryRootOf(*fileURL_) : std::nullopt;
+    if (!root) return std::nullopt;
+    const auto former = QSURL::fileURLWithPath(root->path() + "/" + *path);
+    const auto components = former.pathComponents();
+    if (former == *root || path->find('\0') != std::string::npos ||
+        std::ranges::find(components, "..") != components.end()) {
+        logError("couldn't compute putback url");
+        return std::nullopt;
+    }
+    putBackURL_ = former.URLByDeletingLastPathComponent();
+    return putBackURL_;
+}
+
+void LocalItem::setPutBackURL(std::optional<QSURL> url) {
+    const std::scoped_lock lock(putBackMutex_);
+    hasPutBackURL_ = true;
+    putBackURL_ = std::move(url);
+}
+
+std::string LocalItem::description() const {
+    std::ostringstream text;
+    text << '<' << className() << ':' << static_cast<const void*>(this) << ' ' << _itemIdentifier
+         << " name:" << quoted(filename_) << " parent:"
+         << (_parentItemIdentifier == QSFileProviderRootContainerItemIdentifier
+                 ? std::string("root")
+                 : _parentItemIdentifier)
+         << " type:" << typeIdentifier_;
+    if (isTrashed_) text << " trashed";
+    if (favoriteRank_) text << " favorite:" << *favoriteRank_;
+    text << '>';
+    return text.str();
+}
+
+std::string_view LocalItem::xattrLastUsedDateName() {
+    return "com.quenby.lastuseddate#PS";
+}
+std::string_view LocalItem::xattrTagDataName() {
+    return "com.quenby.metadata:_kMDItemUserTags";
+}
+std::string_view LocalItem::xattrFavoriteRankName() {
+    return "com.quenby.favorite-rank.number#PS";
+}
+std::string_view LocalItem::xattrTrashDateName() {
+    return "com.quenby.trash.time#PS";
+}
+std::string_view LocalItem::xattrTrashPutBackName() {
+    return "com.quenby.trash.putback#PS";
+}
+
+std::span<const QSResourceKey> LocalItem::urlKeys() {
+    static constexpr std::array keys = {QSResourceKey::ParentDirectoryURL,
+                                        QSResourceKey::Name,
+                                        QSResourceKey::LocalizedName,
+                                        QSResourceKey::TypeIdentifier,
+                                        QSResourceKey::FileSize,
+                                        QSResourceKey::CreationDate,
+                                        QSResourceKey::ContentModificationDate,
+                                        QSResourceKey::IsReadable,
+                                        QSResourceKey::IsWritable};
+    return keys;
+}
+
+}  // namespace tidewell

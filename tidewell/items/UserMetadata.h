@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "platform/foundation/QSData.h"
+#include "platform/foundation/QSDate.h"
+#include "platform/foundation/QSURL.h"
+
+// The user metadata that an object carries in its extended attributes, decoded. None where the
+// attribute is absent, unreadable or holds anything else; a value that does not decode is not
+// logged. Blocks for the file system where the URL does not keep that the attribute is absent.
+
+namespace tidewell {
+
+using namespace platform;
+
+[[nodiscard]] std::optional<QSDate> lastUsedDateOf(const QSURL& url);
+/// The labels as the host's tag data; an empty list has bytes too.
+[[nodiscard]] std::optional<QSData> tagDataOf(const QSURL& url);
+[[nodiscard]] std::optional<std::uint64_t> favoriteRankOf(const QSURL& url);
+/// The put-back record's path, relative to the library; its attribute and errors are logged under
+/// `item`, the description of the item that asks.
+[[nodiscard]] std::optional<std::string> putBackPathOf(const QSURL& url, const std::string& item);
+
+}  // namespace tidewell
