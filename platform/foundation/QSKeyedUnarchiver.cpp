@@ -1,6 +1,5 @@
 #include "platform/foundation/QSKeyedUnarchiver.h"
 
-#include <algorithm>
 #include <cmath>
 
 #include "platform/foundation/ExpansionBudget.h"
@@ -45,8 +44,7 @@ std::size_t payloadSize(const QSPropertyList& object) {
 /// objects, and a cycle ends at the limit of the depth.
 class Unarchiver {
   public:
-    Unarchiver(const Array& objects, std::initializer_list<ArchiveClass> allowed,
-               const QSPropertyListLimits& limits)
+    Unarchiver(const Array& objects, ArchiveClasses allowed, const QSPropertyListLimits& limits)
         : objects_(objects),
           allowed_(allowed),
           depth_(limits.depth),
@@ -57,7 +55,7 @@ class Unarchiver {
         if (!stored) return corrupt("a reference leads nowhere");
         const auto kind =
             stored->asDictionary() ? classOfRecord(*stored) : classOfPlainObject(*stored);
-        if (!kind || std::find(allowed_.begin(), allowed_.end(), *kind) == allowed_.end()) {
+        if (!kind || !allowed_.contains(*kind)) {
             return corrupt("an object is of a class that is not allowed");
         }
         if (depth > depth_) return corrupt("the archive is nested too deeply");
@@ -145,15 +143,14 @@ class Unarchiver {
     }
 
     const Array& objects_;
-    const std::initializer_list<ArchiveClass> allowed_;
+    const ArchiveClasses allowed_;
     const std::size_t depth_;
     ExpansionBudget budget_;
 };
 
 }  // namespace
 
-Result<QSPropertyList> unarchivedObjectOfClasses(std::initializer_list<ArchiveClass> allowed,
-                                                 QSDataView data,
+Result<QSPropertyList> unarchivedObjectOfClasses(ArchiveClasses allowed, QSDataView data,
                                                  const QSPropertyListLimits& limits) {
     const auto archive = propertyListWithBinaryData(data, limits);
     if (!archive) return corrupt("not a keyed archive: " + archive.error().description());

@@ -1,0 +1,324 @@
+#include "platform/foundation/QSPropertyList.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "MemoryPeak.h"
+#include "PropertyListBytes.h"
+
+namespace platform {
+namespace {
+
+using Array = QSPropertyList::Array;
+using Dictionary = QSPropertyList::Dictionary;
+using tests::arrayOfOne;
+using tests::binaryList;
+using tests::fromHex;
+
+constexpr auto top63 = std::uint64_t{1} << 63;
+
+/// `depth` arrays, one within the other.
+QSPropertyList nested(std::size_t depth) {
+    QSPropertyList list = Array{};
+    for (std::size_t i = 1; i < depth; ++i) {
+        Array outer;
+        outer.push_back(std::move(list));
+        list = std::move(outer);
+    }
+    return list;
+}
+
+TEST(QSPropertyList, EveryValueComesBackFromItsBytes) {
+    Array manyNumbers;
+    for (int i = 0; i < 300; ++i) manyNumbers.emplace_back(i);  // two-byte references
+    const Array values = {true,
+                          false,
+                          0,
+                          1,
+                          255,
+                          256,
+                          65'535,
+                          65'536,
+                          0xFFFF'FFFFU,
+                          0x1'0000'0000,
+                          -1,
+                          -255,
+                          std::numeric_limits<std::int64_t>::min(),
+                          std::numeric_limits<std::int64_t>::max(),
+                          top63,
+                          std::numeric_limits<std::uint64_t>::max(),
+                          0.0,
+                          -0.5,
+                          1e308,
+                          "",
+                          "fourteen bytes",
+                          "fifteen bytes..",
+                          "gr\xC3\xBC\xC3\x9F",
+                          "\xF0\x9F\x8C\x8A",
+                          "\xEF\xBF\xBF",
+                          std::string("a\0b", 3),
+                          std::string(70'000 / 4, 'x'),
+                          QSData{},
+                          QSData(300, 0xFF),
+                          QSDate{978'307'200, 0},
+                          QSDate{-1, 500'000'000},
+                          QSDate{1'790'000'000, 123'456'001},
+                          QSPropertyList::UID{0},
+                          QSPropertyList::UID{0x1'0000},
+                          Array{},
+                          Dictionary{},
+                          manyNumbers,
+                          Dictionary{{"", 1}, {"k", Array{Dictionary{{"k", "k"}}}}},
+                          nested(31)};
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        const auto bytes = binaryData(values[i]);
+        ASSERT_TRUE(bytes) << i;
+        auto back = propertyListWithData(*bytes);
+        ASSERT_TRUE(back) << i << ": " << back.error().description();
+        if (const auto* date = values[i].asDate()) {
+            // A double keeps 100 ns; once rounded, a date stays as it is.
+            EXPECT_NEAR(back->asDate()->timeIntervalSinceReferenceDate(),
+                        date->timeIntervalSinceReferenceDate(), 1e-6);
+            back = propertyListWithData(*binaryData(*back));
+            EXPECT_EQ(back->asDate()->seconds, date->seconds);
+        } else {
+            EXPECT_EQ(*back, values[i]) << i;
+        }
+    }
+    EXPECT_EQ(propertyListWithData(*binaryData(values)).value().asArray()->size(), values.size());
+}
+
+TEST(QSPropertyList, IntegersAreSignedAndUnsignedWhereTheyFit) {
+    EXPECT_EQ(QSPropertyList(top63).asUnsigned(), top63);
+    EXPECT_EQ(QSPropertyList(top63).asSigned(), std::nullopt);
+    EXPECT_EQ(QSPropertyList(-1).asUnsigned(), std::nullopt);
+    EXPECT_EQ(QSPropertyList(7U), QSPropertyList(std::int64_t{7}));
+    EXPECT_EQ(QSPropertyList(true).asUnsigned(), std::nullopt);
+    EXPECT_EQ(QSPropertyList(1.0).asUnsigned(), std::nullopt);
+}
+
+TEST(QSPropertyList, BytesAreThoseOfTheFormat) {
+    EXPECT_EQ(*binaryData(Dictionary{{"a", 1}}),
+              fromHex("62 70 6c 69 73 74 30 30  d1 01 02  51 61  10 01  08 0b 0d"
+                      "00 00 00 00 00 00  01 01  00 00 00 00 00 00 00 03"
+                      "00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 0f"));
+    // Equal scalars are stored once; 2^63 takes sixteen bytes, a surrogate pair two units.
+    EXPECT_EQ(*binaryData(Array{"\xF0\x9F\x8C\x8A", top63, "\xF0\x9F\x8C\x8A"}),
+              fromHex("62 70 6c 69 73 74 30 30  a3 01 02 01  62 d8 3c df 0a"
+                      "14 00 00 00 00 00 00 00 00 80 00 00 00 00 00 00 00  08 0c 11"
+                      "00 00 00 00 00 00  01 01  00 00 00 00 00 00 00 03"
+                      "00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 22"));
+    EXPECT_EQ(binaryData("\xFF").error().code, QSCoderInvalidValueError);
+    EXPECT_EQ(binaryData(Dictionary{{"\xED\xA0\x80", 1}}).error().code, QSCoderInvalidValueError);
+    EXPECT_EQ(binaryData(nested(33)).error().code, QSCoderInvalidValueError);
+}
+
+TEST(QSPropertyList, ReadsForeignFormsOfValues) {
+    const auto read = [](std::string_view hex) {
+        return propertyListWithData(binaryList({fromHex(hex)})).value();
+    };
+    EXPECT_EQ(read("22 3f 80 00 00"), QSPropertyList(1.0));             // a short real
+    EXPECT_EQ(read("5f 10 01 61"), QSPropertyList("a"));                // a count written long
+    EXPECT_EQ(read("11 00 01"), QSPropertyList(1));                     // an integer written long
+    EXPECT_EQ(read("12 ff ff ff ff"), QSPropertyList(0xFFFF'FFFFU));    // four bytes are unsigned
+    EXPECT_EQ(read("13 ff ff ff ff ff ff ff ff"), QSPropertyList(-1));  // eight are signed
+    EXPECT_EQ(read("82 00 00 05"), QSPropertyList(QSPropertyList::UID{5}));
+}
+
+TEST(QSPropertyList, ReadsXML) {
+    constexpr std::string_view text = R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//EXAMPLE//DTD PLIST 1.0//EN" "http://example.org/list.dtd">
+<plist version="1.0"><!-- a comment -->
+<dict>
+  <key>a&amp;b</key><string>&#x0A; &lt;<![CDATA[&x;<]]></string>
+  <key>list</key><array> <integer>-9223372036854775808</integer><integer>18446744073709551615</integer>
+    <true/><false/><real>-1.5</real><string> </string><string/><array/><dict/></array>
+  <key>date</key><date>1999-12-31T23:59:59Z</date>
+  <key>data</key><data> AAEC
+    /w== </data>
+</dict></plist>
+)";
+    const QSPropertyList expected =
+        Dictionary{{"a&b", "\n <&x;<"},
+                   {"list", Array{std::numeric_limits<std::int64_t>::min(),
+                                  std::numeric_limits<std::uint64_t>::max(), true, false, -1.5, " ",
+                                  "", Array{}, Dictionary{}}},
+                   {"date", QSDate{946'684'799, 0}},
+                   {"data", QSData{0, 1, 2, 0xFF}}};
+    const auto list = propertyListWithData(dataFromString(text));
+    ASSERT_TRUE(list) << list.error().description();
+    EXPECT_EQ(*list, expected);
+    EXPECT_EQ(propertyListWithData(*binaryData(*list)).value(), expected);
+}
+
+TEST(QSPropertyList, RefusesMalformedXML) {
+    std::string opened;
+    for (int i = 0; i < 40; ++i) opened += "<array>";
+    std::string closed;
+    for (int i = 0; i < 40; ++i) closed += "</array>";
+    for (const std::string& body :
+         std::vector<std::string>{"",
+                                  "<string>a",
+                                  "<string>a</string><string>b</string>",
+                                  "<other/>",
+                                  "text",
+                                  "<integer>9223372036854775808123</integer>",
+                                  "<integer>-9223372036854775809</integer>",
+                                  "<integer>0x10</integer>",
+                                  "<integer></integer>",
+                                  "<integer> 1</integer>",
+                                  "<real>1,5</real>",
+                                  "<true>x</true>",
+                                  "<date>2026-02-30T00:00:00Z</date>",
+                                  "<date>2026-01-01</date>",
+                                  "<data>A</data>",
+                                  "<data>AA=A</data>",
+                                  "<data>====</data>",
+                                  "<string>&undefined;</string>",
+                                  "<string>&#0;</string>",
+                                  "<string>&#4294967296;</string>",
+                                  "<string>&#xD800;</string>",
+                                  "<string>\xFF</string>",
+                                  "<string><true/></string>",
+                                  std::string("<string>a\0b</string>", 20),
+                                  "<dict><key>a</key></dict>",
+                                  "<dict><true/></dict>",
+                                  "<dict><key>a</key><true/><key>a</key><true/></dict>",
+                                  "<array>x<true/></array>",
+                                  opened + closed,
+                                  opened}) {
+        const auto text = "<plist>" + body + "</plist>";
+        const auto list = propertyListWithData(dataFromString(text));
+        ASSERT_FALSE(list) << text;
+        EXPECT_EQ(list.error().code, QSFileReadCorruptFileError);
+    }
+    for (const std::string_view text :
+         {"<!DOCTYPE plist [<!ENTITY a \"b\">]><plist><string>x</string></plist>",
+          "<plist><true/></plist><plist><true/></plist>", "<list><true/></list>", "<", "plist",
+          ""}) {
+        EXPECT_FALSE(propertyListWithData(dataFromString(text))) << text;
+    }
+}
+
+/// Trailers that lie, each as one changed field of a good list.
+TEST(QSPropertyList, RefusesBadTrailersAndCutOffLists) {
+    const auto good = *binaryData(Array{"a", 1, "bc", 2.5});
+    for (std::size_t size = 0; size < good.size(); ++size) {
+        EXPECT_FALSE(propertyListWithData(QSDataView(good).first(size))) << size;
+    }
+    struct Change {
+        std::size_t fromEnd;
+        std::uint8_t value;
+    };
+    for (const auto [fromEnd, value] :
+         {Change{26, 0}, Change{26, 9}, Change{25, 0}, Change{25, 9}, Change{24, 0x80},
+          Change{17, 200}, Change{16, 0xFF}, Change{9, 5}, Change{8, 0xFF}, Change{1, 0},
+          Change{1, 8}, Change{1, 0xFF}, Change{33, 0xFF}, Change{37, 7}}) {
+        auto bad = good;
+        bad[bad.size() - fromEnd] = value;
+        EXPECT_FALSE(propertyListWithData(bad)) << fromEnd;
+    }
+}
+
+/// 16 arrays, each of which holds the next one 16 times.
+std::vector<QSData> fanOut() {
+    std::vector<QSData> objects;
+    for (std::uint64_t i = 1; i <= 16; ++i) objects.push_back(arrayOfOne(i, 16));
+    objects.push_back(fromHex("a0"));
+    return objects;
+}
+
+std::vector<QSData> longChain() {
+    std::vector<QSData> objects;
+    for (std::uint64_t i = 1; i <= 4'000; ++i) objects.push_back(arrayOfOne(i, 1));
+    objects.push_back(fromHex("a0"));
+    return objects;
+}
+
+TEST(QSPropertyList, RefusesHostileObjectsWithinItsMemory) {
+    const QSData bigString = [] {
+        auto bytes = fromHex("5f 12 00 00 40 00");
+        bytes.insert(bytes.end(), 0x4000, 'x');
+        return bytes;
+    }();
+    struct Case {
+        const char* what;
+        QSData bytes;
+    };
+    const auto one = [](std::string_view hex) { return binaryList({fromHex(hex)}); };
+    const std::vector<Case> cases = {
+        {"null", one("00")},
+        {"unknown type", one("7f")},
+        {"set", one("c0")},
+        {"integer of 32 bytes", one("15 00")},
+        {"integer above 2^64", one("14 00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 00")},
+        {"cut-off integer", one("13 00")},
+        {"cut-off string", one("5f 10 ff 61")},
+        {"not ASCII", one("51 80")},
+        {"lone high surrogate", one("61 d8 00")},
+        {"lone low surrogate", one("62 dc 00 d8 00")},
+        {"NaN date", one("33 7f f8 00 00 00 00 00 00")},
+        {"infinite date", one("33 ff f0 00 00 00 00 00 00")},
+        {"UID of 16 bytes", one("8f 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00")},
+        {"count of 2^63", one("af 13 80 00 00 00 00 00 00 00")},
+        {"count of 2^64 - 1", one("5f 13 ff ff ff ff ff ff ff ff")},
+        {"entries that overflow", one("df 13 7f ff ff ff ff ff ff ff")},
+        {"a count that is no integer", one("5f 51 61")},
+        {"dangling reference", one("a1 07")},
+        {"itself", one("a1 00")},
+        {"a cycle of two", binaryList({fromHex("a1 01"), fromHex("d1 02 00"), fromHex("51 61")})},
+        {"key of another type", binaryList({fromHex("d1 01 01"), fromHex("10 01")})},
+        {"key twice", binaryList({fromHex("d2 01 01 02 02"), fromHex("51 61"), fromHex("09")})},
+        {"equal keys", binaryList({fromHex("d2 01 02 03 03"), fromHex("51 61"),
+                                   fromHex("5f 10 01 61"), fromHex("09")})},
+        {"shared a million times", binaryList({arrayOfOne(1, 30'000), fromHex("51 61")}, 2)},
+        {"a shared big string", binaryList({arrayOfOne(1, 100), bigString}, 2)},
+        {"fan-out", binaryList(fanOut(), 2)},
+        {"deep", binaryList(longChain(), 2)},
+        {"too many objects", binaryList(std::vector<QSData>(9'000, fromHex("09")))},
+        {"too large", binaryList({QSData(66'000, 0x09)})},
+        {"XML tags", dataFromString("<plist><array>" +
+                                    [] {
+                                        std::string tags;
+                                        for (int i = 0; i < 12'000; ++i) tags += "<a/>x";
+                                        return tags;
+                                    }())},
+        {"XML below the limit of tags", dataFromString("<plist><array>" +
+                                                       [] {
+                                                           std::string tags;
+                                                           for (int i = 0; i < 4'080; ++i)
+                                                               tags += "<dict/>x";
+                                                           return tags;
+                                                       }() +
+                                                       "</array></plist>")},
+    };
+    for (const auto& [what, bytes] : cases) {
+        std::int64_t code = 0;
+        const auto peak = tests::memoryPeak([&, &input = bytes] {
+            const auto list = propertyListWithData(input);
+            if (!list) code = list.error().code;
+        });
+        EXPECT_EQ(code, QSFileReadCorruptFileError) << what;
+        EXPECT_LT(peak, 1U << 20) << what;
+    }
+}
+
+TEST(QSPropertyList, KeepsExactlyToTheLimitsOfTheCaller) {
+    const auto bytes = *binaryData(Array{Array{1, 2, 3}});
+    const auto reads = [&](auto change) {
+        QSPropertyListLimits limits;
+        change(limits);
+        return propertyListWithData(bytes, limits).has_value();
+    };
+    const auto size = bytes.size();
+    EXPECT_TRUE(reads([&](auto& limits) { limits = {size, 2, 5, 4 * sizeof(QSPropertyList)}; }));
+    EXPECT_FALSE(reads([&](auto& limits) { limits.bytes = size - 1; }));
+    EXPECT_FALSE(reads([&](auto& limits) { limits.depth = 1; }));
+    EXPECT_FALSE(reads([&](auto& limits) { limits.objects = 4; }));
+    EXPECT_FALSE(
+        reads([&](auto& limits) { limits.expandedBytes = 4 * sizeof(QSPropertyList) - 1; }));
+}
+
+}  // namespace
+}  // namespace platform
