@@ -13,4 +13,8 @@ void FileDescriptor::reset(int fd) {
     fd_ = fd;
 }
 
+int FileDescriptor::close() {
+    return fd_ >= 0 ? ::close(std::exchange(fd_, -1)) : 0;
+}
+
 }  // namespace platform

@@ -23,6 +23,8 @@ class FileDescriptor {
     [[nodiscard]] int get() const { return fd_; }
     [[nodiscard]] explicit operator bool() const { return fd_ >= 0; }
     void reset(int fd = -1);
+    /// Closes now; 0, or -1 with errno as close() gives it. Either way it owns nothing afterwards.
+    int close();
 
   private:
     int fd_ = -1;

@@ -77,9 +77,9 @@ Result<std::optional<DirectoryEntry>> Folder::next() {
     }
 }
 
-void Folder::rewind() {
-    ::lseek(fd_.get(), 0, SEEK_SET);
-    position_ = filled_ = last_ = 0;
+Result<void> Folder::close() {
+    if (fd_.close() != 0) return std::unexpected(errorFromErrno(errno, url_.path()));
+    return {};
 }
 
 Result<std::shared_ptr<Folder>> Folder::openChild(std::string_view name) const {

@@ -37,7 +37,9 @@ class Folder {
     [[nodiscard]] Result<std::optional<DirectoryEntry>> next();
     /// Puts the entry last returned back, once; next() returns it again.
     void unread() { position_ = last_; }
-    void rewind();
+
+    /// Ends the use of the folder early and tells what closing it gave.
+    Result<void> close();
 
     /// Opens a child directory (no link, same mount).
     [[nodiscard]] Result<std::shared_ptr<Folder>> openChild(std::string_view name) const;

@@ -1,0 +1,126 @@
+#include "tidewell/fs/DirectoryWalk.h"
+
+#include <cerrno>
+
+#include "platform/fileprovider/Platform.h"
+#include "platform/foundation/fatalError.h"
+#include "tidewell/common/Logging.h"
+
+namespace tidewell {
+
+namespace {
+
+void logCannotOpen(const QSURL& url, const QSError& error) {
+    const auto message = [&] {
+        return "can't open directory at " + url.path() + "; " + error.description();
+    };
+    if (error.code == ENOENT || error.code == EACCES) {
+        logDebug(message);
+    } else {
+        logError(message);
+    }
+}
+
+bool isPackageName(std::string_view name) {
+    const auto& types = Platform::current().types();
+    return types.conforms(types.typeOfDirectory(name), packageTypeIdentifier);
+}
+
+}  // namespace
+
+DirectoryWalk::DirectoryWalk(std::vector<Root> roots, ChildFilter childFilter, Emits emits)
+    : roots_(std::move(roots)),
+      childFilter_(childFilter),
+      emits_(emits),
+      visited_(Platform::current().files()) {}
+
+void DirectoryWalk::enter(std::shared_ptr<Folder> folder, WalkOptions options) {
+    visited_.add(*folder);
+    levels_.push_back({std::move(folder), options});
+}
+
+void DirectoryWalk::leave() {
+    const auto& folder = *levels_.back().folder;
+    if (const auto closed = levels_.back().folder->close(); !closed) {
+        logError([&] {
+            return "can't close directory at " + folder.url().path() + "; " +
+                   closed.error().description();
+        });
+    }
+    levels_.pop_back();
+}
+
+Result<void> DirectoryWalk::openNextRoot() {
+    const auto& root = roots_[nextRoot_++];
+    auto folder = Platform::current().files().openFolder(root.url);
+    if (folder) {
+        enter(std::move(*folder), root.options);
+        return {};
+    }
+    logCannotOpen(root.url, folder.error());
+    if (nextRoot_ == 1) return std::unexpected(folder.error());
+    return {};
+}
+
+Result<void> DirectoryWalk::emit(const Folder& folder, const DirectoryEntry& entry,
+                                 const EntryCallback& callback) const {
+    if (emits_ == Emits::directories && entry.kind != ObjectKind::Directory) return {};
+    auto attributes = folder.childAttributes(entry.name);
+    if (!attributes) {
+        logDebug([&] {
+            return "passing over " + folder.url().path() + "/" + std::string(entry.name) + "; " +
+                   attributes.error().description();
+        });
+        return {};
+    }
+    const auto url = folder.url().URLByAppendingPathComponent(entry.name);
+    url.setAttachment(std::move(*attributes));
+    return callback(url);
+}
+
+void DirectoryWalk::descend(const Level& level, const DirectoryEntry& entry) {
+    if (entry.kind != ObjectKind::Directory) return;
+    if ((level.options & walkDescendsIntoNothing) == walkDescendsIntoNothing) return;
+    const auto passedOver =
+        isPackageName(entry.name) ? walkSkipsPackageDescendants : walkSkipsFolderDescendants;
+    if ((level.options & passedOver) != 0) return;
+    auto child = level.folder->openChild(entry.name);
+    if (!child) {
+        logCannotOpen(level.folder->url().URLByAppendingPathComponent(entry.name), child.error());
+        return;
+    }
+    enter(std::move(*child), childFilter_(entry.name, level.options));
+}
+
+Result<std::uint64_t> DirectoryWalk::walk(std::uint64_t skipOffset, std::uint64_t pageSize,
+                                          const EntryCallback& callback) {
+    for (;;) {
+        if (levels_.empty()) {
+            if (nextRoot_ == roots_.size()) return count_;
+            if (auto opened = openNextRoot(); !opened) return std::unexpected(opened.error());
+            continue;
+        }
+        const Level level = levels_.back();
+        const auto entry = level.folder->next();
+        if (!entry) logCannotOpen(level.folder->url(), entry.error());
+        if (!entry || !*entry) {
+            leave();
+            continue;
+        }
+        const auto& name = (*entry)->name;
+        if ((level.options & walkSkipsHiddenEntries) != 0 && name.starts_with('.')) continue;
+        if (count_ >= skipOffset && count_ - skipOffset >= pageSize) {
+            level.folder->unread();
+            return count_;
+        }
+        if (count_ == walkWithoutPageLimit) fatalError("the count of a walk overflowed");
+        ++count_;
+        if (count_ > skipOffset) {
+            const auto emitted = emit(*level.folder, **entry, callback);
+            if (!emitted) return std::unexpected(emitted.error());
+        }
+        descend(level, **entry);
+    }
+}
+
+}  // namespace tidewell

@@ -1,0 +1,18 @@
+#include "tidewell/fs/VolumeIdentity.h"
+
+#include "platform/fileprovider/Platform.h"
+#include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
+
+namespace tidewell {
+
+std::optional<QSUUID> volumeUUID(const QSURL& url) {
+    const auto device = deviceID(url);
+    if (device == 0) return std::nullopt;
+    return Platform::current().volume().UUIDForDevice(device);
+}
+
+std::uint64_t currentFSEventID() {
+    return Platform::current().volume().currentEventID();
+}
+
+}  // namespace tidewell
