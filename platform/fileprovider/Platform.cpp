@@ -70,6 +70,7 @@ Result<std::unique_ptr<Platform>> Platform::make(Options options) {
         Log::platformLog().write(LogLevel::Error, [&] { return error.description(); });
     }
     platform->crashReports_ = std::make_unique<CrashReports>(options.folders.state + "/crashes");
+    platform->notifications_ = std::make_shared<QSDistributedNotificationCenter>();
     platform->manager_ = std::make_unique<QSFileProviderManager>(platform->files_->storageURL());
     auto volume = VolumeService::open({.files = *platform->files_,
                                        .dataFolder = options.folders.data,

@@ -52,7 +52,10 @@ class Platform {
     [[nodiscard]] VolumeService& volume() { return *volume_; }
     [[nodiscard]] QSFileProviderManager& manager() { return *manager_; }
     [[nodiscard]] QLApplicationWorkspace& workspace() { return workspace_; }
-    [[nodiscard]] QSDistributedNotificationCenter& notifications() { return notifications_; }
+    /// Shared, since observers may be removed after the platform is gone.
+    [[nodiscard]] std::shared_ptr<QSDistributedNotificationCenter> notifications() const {
+        return notifications_;
+    }
     [[nodiscard]] const CrashReports& crashReports() const { return *crashReports_; }
 
   private:
@@ -64,7 +67,7 @@ class Platform {
     TypeRegistry types_;
     std::unique_ptr<CrashReports> crashReports_;
     QLApplicationWorkspace workspace_;
-    QSDistributedNotificationCenter notifications_;
+    std::shared_ptr<QSDistributedNotificationCenter> notifications_;
     std::unique_ptr<QSFileProviderManager> manager_;
     std::unique_ptr<VolumeService> volume_;
 };

@@ -170,6 +170,23 @@ Result<std::shared_ptr<const FileAttributes>> FileSystem::attributes(const QSURL
     return fetched;
 }
 
+Result<void> FileSystem::makeFolder(const QSURL& url) const {
+    if (openObject(url, O_PATH | O_DIRECTORY)) return {};
+    const auto parentURL = url.URLByDeletingLastPathComponent();
+    if (locate(parentURL).root && !(parentURL == url)) {
+        if (auto parent = makeFolder(parentURL); !parent) return parent;
+    }
+    const auto parent = openObject(parentURL, O_PATH | O_DIRECTORY);
+    if (!parent) return std::unexpected(parent.error());
+    const std::string name(url.lastPathComponent());
+    if (mkdirat(parent->get(), name.c_str(), 0700) != 0 && errno != EEXIST) {
+        return std::unexpected(errorFromErrno(errno, nativePath(url)));
+    }
+    const auto made = openObject(url, O_PATH | O_DIRECTORY);
+    if (!made) return std::unexpected(made.error());
+    return {};
+}
+
 Result<std::uint64_t> FileSystem::followedInode(const QSURL& url) const {
     auto kept = attributes(url);
     if (!kept) return std::unexpected(kept.error());

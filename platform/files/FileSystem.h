@@ -64,6 +64,10 @@ class FileSystem {
     [[nodiscard]] Result<std::shared_ptr<const FileAttributes>> freshAttributes(
         const QSURL& url) const;
 
+    /// Makes the folder with mode 0700, its parents too where the URL lies in a presented root. One
+    /// that exists already is no error; anything else of that name is (ENOTDIR).
+    [[nodiscard]] Result<void> makeFolder(const QSURL& url) const;
+
     /// The inode number behind the URL, symbolic links followed to whatever they name.
     [[nodiscard]] Result<std::uint64_t> followedInode(const QSURL& url) const;
 

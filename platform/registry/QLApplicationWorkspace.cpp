@@ -8,6 +8,14 @@ BundleRef QLApplicationWorkspace::bundleProxyForIdentifier(std::string_view iden
     return found == bundles_.end() ? nullptr : found->second;
 }
 
+std::vector<BundleRef> QLApplicationWorkspace::allBundles() const {
+    const std::scoped_lock lock(mutex_);
+    std::vector<BundleRef> all;
+    all.reserve(bundles_.size());
+    for (const auto& [identifier, bundle] : bundles_) all.push_back(bundle);
+    return all;
+}
+
 void QLApplicationWorkspace::registerApplication(BundleRef bundle) {
     const std::scoped_lock lock(mutex_);
     bundles_.insert_or_assign(bundle->bundleIdentifier.value(), std::move(bundle));

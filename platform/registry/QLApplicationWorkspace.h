@@ -4,6 +4,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/registry/QLBundleProxy.h"
 
@@ -14,6 +15,9 @@ class QLApplicationWorkspace {
   public:
     /// The record with that identifier; null where none is registered.
     [[nodiscard]] BundleRef bundleProxyForIdentifier(std::string_view identifier) const;
+
+    /// Every record, sorted by identifier.
+    [[nodiscard]] std::vector<BundleRef> allBundles() const;
 
     /// Adds or replaces the record of its identifier. REQUIRES: it has one.
     void registerApplication(BundleRef bundle);
