@@ -4,20 +4,19 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <string_view>
 
 namespace platform {
 
+/// Must not throw.
 using Work = std::move_only_function<void()>;
 
-/// Where queues find threads. Grows when workers block, shrinks when they idle, so that a blocked
-/// queue never starves another and an idle one costs no thread. Destroying it waits for work that
-/// runs; work that has not begun is dropped.
-class WorkerPool;
-
 /// A serial queue: a label, a FIFO and no thread of its own. Blocks run one at a time, in order of
-/// submission, each on some worker of the pool. A handle; copies mean the same queue, which lives
-/// until its last block has run.
+/// submission, each on some worker of a pool that the process shares; the pool grows when workers
+/// block and shrinks when they idle. A handle; copies mean the same queue, which lives until its
+/// last block has run. A moved-from handle may only be assigned to or destroyed. Any thread.
+///
+/// "On the queue" means within one of its blocks, or within a block of another queue for which such
+/// a block waits in sync().
 class SerialQueue {
   public:
     explicit SerialQueue(std::string label);
@@ -25,12 +24,14 @@ class SerialQueue {
     /// Never blocks. Work may itself submit work, also to this queue.
     void async(Work work) const;
 
-    /// Runs `work` not before `delay` has passed on the monotonic clock. Never blocks.
+    /// Runs `work` not before `delay` has passed on the monotonic clock; zero or less means now.
+    /// Never blocks.
     void asyncAfter(std::chrono::nanoseconds delay, Work work) const;
 
     /// Runs `work` behind everything submitted before and returns when it has ended; blocks without
-    /// limit. Called on this very queue it is a fatal error, not a deadlock.
-    void sync(std::move_only_function<void()> work) const;
+    /// limit. Where nothing is ahead of it, `work` runs on the calling thread. Called on this very
+    /// queue it is a fatal error, not a deadlock.
+    void sync(Work work) const;
 
     /// Fatal unless the caller runs on this queue.
     void assertOnQueue() const;
@@ -49,7 +50,7 @@ class SerialQueue {
 /// The queue of work that belongs to no one in particular ("main").
 [[nodiscard]] const SerialQueue& mainQueue();
 
-/// Runs `work` on some worker, beside everything else.
+/// Runs `work` on some worker, beside everything else. Never blocks; any thread.
 void dispatchConcurrently(Work work);
 
 }  // namespace platform

@@ -1,0 +1,179 @@
+#include "platform/dispatch/Queue.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <latch>
+#include <semaphore>
+#include <thread>
+#include <vector>
+
+#include "platform/dispatch/WorkerPool.h"
+
+using namespace std::chrono_literals;
+
+namespace platform {
+namespace {
+
+constexpr auto deadline = 60s;
+
+TEST(SerialQueueTest, BlocksOfManyProducersRunOneAtATimeAndInOrder) {
+    const SerialQueue queue("order");
+    constexpr int producers = 4;
+    constexpr int blocks = 500;
+    std::vector<std::vector<int>> seen(producers);  // plain: a race is for the sanitizer to find
+    std::latch done(producers * blocks);
+    std::vector<std::jthread> threads;
+    for (int producer = 0; producer < producers; ++producer) {
+        threads.emplace_back([&, producer] {
+            for (int block = 0; block < blocks; ++block) {
+                queue.async([&, producer, block] {
+                    queue.assertOnQueue();
+                    seen[static_cast<std::size_t>(producer)].push_back(block);
+                    done.count_down();
+                });
+            }
+        });
+    }
+    done.wait();
+    for (const auto& order : seen) EXPECT_TRUE(std::ranges::is_sorted(order));
+}
+
+TEST(SerialQueueTest, SyncWaitsForWhatWasThereAndExcludesTheRest) {
+    const SerialQueue queue("sync");
+    int value = 0;
+    queue.sync([&] { value = 1; });  // nothing ahead
+    EXPECT_EQ(value, 1);
+
+    std::binary_semaphore go(0);
+    queue.async([&] { go.acquire(); });
+    queue.async([&] { value *= 10; });
+    std::jthread opener([&] { go.release(); });
+    queue.sync([&] { value += 5; });
+    EXPECT_EQ(value, 15);
+
+    std::vector<std::jthread> threads;
+    for (int thread = 0; thread < 4; ++thread) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 500; ++i) {
+                queue.sync([&] { ++value; });
+                queue.async([&] { ++value; });
+            }
+        });
+    }
+    threads.clear();
+    queue.sync([&] { EXPECT_EQ(value, 4015); });
+}
+
+TEST(SerialQueueTest, BlocksOutliveTheHandleAndAreDestroyedOnTheQueue) {
+    struct Probe {
+        std::function<void()> atEnd;
+        ~Probe() { atEnd(); }
+    };
+    std::binary_semaphore go(0);
+    std::binary_semaphore destroyed(0);
+    {
+        const SerialQueue queue("handle");
+        queue.async([&] { go.acquire(); });
+        auto probe = std::make_unique<Probe>([&destroyed, queue] {
+            queue.assertOnQueue();
+            destroyed.release();
+        });
+        queue.async([probe = std::move(probe)] {});
+    }
+    go.release();
+    EXPECT_TRUE(destroyed.try_acquire_for(deadline));
+}
+
+TEST(SerialQueueTest, TimersRunInOrderOfTheirTimesAndNeverEarly) {
+    const SerialQueue queue("timers");
+    const auto start = std::chrono::steady_clock::now();
+    std::vector<std::chrono::milliseconds> order;
+    std::latch done(4);
+    for (const auto delay : {40ms, 20ms, 0ms, 30ms}) {
+        queue.asyncAfter(delay, [&, delay] {
+            EXPECT_GE(std::chrono::steady_clock::now() - start, delay);
+            order.push_back(delay);
+            done.count_down();
+        });
+    }
+    queue.asyncAfter(std::chrono::nanoseconds::max(), [] { FAIL() << "never"; });
+    done.wait();
+    EXPECT_EQ(order, (std::vector<std::chrono::milliseconds>{0ms, 20ms, 30ms, 40ms}));
+}
+
+TEST(SerialQueueDeathTest, MisuseIsFatalNotADeadlock) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const SerialQueue a("a");
+    const SerialQueue b("b");
+    EXPECT_DEATH(a.assertOnQueue(), "not on the queue \"a\"");
+    EXPECT_DEATH(a.sync([&] { a.sync([] {}); }), "already on the queue \"a\"");
+    // Through another queue: once where its block runs on the caller's thread, once on a worker.
+    EXPECT_DEATH(a.sync([&] { b.sync([&] { a.sync([] {}); }); }), "already on the queue \"a\"");
+    EXPECT_DEATH(
+        {
+            std::binary_semaphore go(0);
+            b.async([&] { go.acquire(); });
+            a.async([&] { b.sync([&] { a.sync([] {}); }); });
+            b.async([] {});
+            go.release();
+            std::latch(1).wait();
+        },
+        "already on the queue \"a\"");
+}
+
+TEST(WorkerPoolTest, BlockedQueuesDoNotStarveOthers) {
+    // Each block waits until all of them run at once, so too few workers means no end.
+    constexpr int queues = 100;
+    std::latch allRun(queues);
+    std::latch done(queues + 1);
+    for (int i = 0; i < queues; ++i) {
+        SerialQueue("blocked").async([&] {
+            allRun.arrive_and_wait();
+            done.count_down();
+        });
+    }
+    dispatchConcurrently([&] { done.count_down(); });
+    done.wait();
+}
+
+TEST(WorkerPoolTest, ManyQueuesShareFewThreads) {
+    constexpr int count = 5000;
+    std::vector<SerialQueue> queues;
+    for (int i = 0; i < count; ++i) queues.emplace_back("many");
+    std::atomic<int> hops = 0;
+    std::latch done(count);
+    for (int i = 0; i < count; ++i) {
+        queues[static_cast<std::size_t>(i)].async([&, i] {
+            queues[static_cast<std::size_t>((i + 1) % count)].async([&] {
+                ++hops;
+                done.count_down();
+            });
+        });
+    }
+    done.wait();
+    EXPECT_EQ(hops, count);
+}
+
+TEST(WorkerPoolTest, IdleWorkersEndAndComeBack) {
+    static WorkerPool* const pool = new WorkerPool({.atOnce = 2, .most = 8, .idleLife = 20ms});
+    static std::counting_semaphore<> ended(0);
+    struct EndOfThread {
+        ~EndOfThread() { ended.release(); }
+    };
+    for (int round = 0; round < 2; ++round) {
+        std::latch together(6);
+        for (int i = 0; i < 6; ++i) {
+            pool->submit([&together] {
+                static thread_local EndOfThread end;
+                static_cast<void>(end);
+                together.arrive_and_wait();
+            });
+        }
+        for (int i = 0; i < 6; ++i) ASSERT_TRUE(ended.try_acquire_for(deadline)) << round << i;
+    }
+}
+
+}  // namespace
+}  // namespace platform
