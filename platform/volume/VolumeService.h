@@ -27,6 +27,8 @@ class VolumeService {
         /// Called by the crawl now and then with the objects seen so far, from its own thread.
         std::function<void(std::uint64_t objects)> progress;
         bool crawlAtStart = true;
+        /// The least time between the beginnings of two crawls.
+        std::chrono::milliseconds crawlInterval{2000};
     };
 
     /// Takes the store (code EBUSY and "in use by PID …" at once where another process has it),
@@ -34,6 +36,10 @@ class VolumeService {
     [[nodiscard]] static Result<std::unique_ptr<VolumeService>> open(Configuration configuration);
     /// Ends the crawl and every wait (with ECANCELED), then closes the store.
     ~VolumeService();
+
+    /// Also locates objects below `root` from the next crawl on (an application's data container;
+    /// the storage itself need not be added). EXDEV where it is on another device. Again is fine.
+    Result<void> addRoot(const QSURL& root);
 
     /// The UUID of the event history: another one after a store was rebuilt or rolled back, or the
     /// file system was replaced. Null for a device that is not this volume's.
@@ -61,7 +67,8 @@ class VolumeService {
 
     /// The URL of the object with that file ID, verified on the disk just now. One that fails its
     /// check waits for a crawl that starts after this call (one for all that wait, none sooner than
-    /// 2 s after the last began), then fails with ENOENT; ECANCELED when the service closes.
+    /// the crawl interval after the last began), then fails with ENOENT; ECANCELED when the service
+    /// closes.
     [[nodiscard]] Result<QSURL> URLForFileID(std::uint64_t fileID) const;
 
     /// Entries of a folder (hidden ones too), without reading it where the index's count is of this

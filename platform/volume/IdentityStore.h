@@ -1,0 +1,104 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "platform/foundation/QSError.h"
+#include "platform/foundation/QSUUID.h"
+#include "platform/volume/ObjectIndex.h"
+#include "platform/volume/SQLite.h"
+#include "platform/volume/StoreLock.h"
+#include "platform/volume/VolumeFingerprint.h"
+#include "platform/volume/Witness.h"
+
+namespace platform {
+
+/// The facts that a store keeps about itself.
+struct StoreState {
+    QSUUID store;
+    QSUUID history;
+    HighWaterMarks marks;
+    /// Inode numbers may have been handed out that the store knows nothing of, so none of an object
+    /// that is new to it serves as a file ID any more.
+    bool freshOnly = false;
+    VolumeFingerprint volume;
+    std::string trouble;  ///< why the store was last rebuilt or its history reset; empty = never
+};
+
+/// What to do with a store as found (none: missing or damaged) beside its witness and the volume.
+struct StoreDecision {
+    StoreState state;
+    bool dropsObjects = false;  ///< the rows are of another volume
+    bool isNews = false;        ///< `state` is to be written
+};
+[[nodiscard]] StoreDecision decideAboutStore(const std::optional<StoreState>& found,
+                                             const std::optional<Witness::Record>& witness,
+                                             const VolumeFingerprint& volume,
+                                             const std::string& damage);
+
+/// The SQLite store "volume.db", its lock and its witness: rows of objects, and counters whose
+/// values never come again. Not synchronised, save where noted.
+class IdentityStore {
+  public:
+    /// Takes the lock, finds or makes the store and fills `index` (empty before) with its rows. A
+    /// damaged store is set aside as "volume.db.damaged-<n>" and a new one begun above the witness.
+    [[nodiscard]] static Result<std::unique_ptr<IdentityStore>> open(
+        const std::string& dataFolder, const std::string& stateFolder,
+        const VolumeFingerprint& volume, ObjectIndex& index);
+
+    [[nodiscard]] const StoreState& state() const { return state_; }
+    [[nodiscard]] const std::string& path() const { return path_; }
+
+    /// A value that was never taken before. It may be used once a durable commit has succeeded; one
+    /// that fails takes it back. ENOSPC where the counter has come to its end.
+    [[nodiscard]] Result<std::uint64_t> take(Counter counter);
+    /// Takes back what was taken since the last durable commit.
+    void giveBack() { used_ = committed_; }
+    /// The last value in use. Any thread.
+    [[nodiscard]] std::uint64_t lastEvent() const { return lastEvent_; }
+
+    enum class Durability : std::uint8_t {
+        Hints,       ///< places of objects; the witness need not know
+        Identities,  ///< on disk, and known to the witness, on return
+    };
+    /// Writes whole rows in one transaction, all or nothing; fails with ENOSPC or EIO.
+    Result<void> commit(std::span<const ObjectRow> rows, Durability durability);
+
+  private:
+    IdentityStore(std::string path, StoreLock lock, Witness witness)
+        : path_(std::move(path)), lock_(std::move(lock)), witness_(std::move(witness)) {}
+
+    /// ENOENT where there is no store, EUCLEAN for a damaged one.
+    [[nodiscard]] Result<StoreState> readExisting(ObjectIndex& index);
+    Result<void> openDatabase();
+    Result<void> prepareStatements();
+    Result<void> loadObjects(ObjectIndex& index);
+    Result<void> create();
+    void closeDatabase();
+    void setAside();
+    Result<void> writeTransaction(std::span<const ObjectRow> rows, const StoreState* state,
+                                  bool dropsObjects);
+    Result<void> writeRow(const ObjectRow& row);
+    Result<void> writeState(const StoreState& state);
+    Result<void> adopt(StoreState state, bool dropsObjects);
+    [[nodiscard]] QSError reported(const QSError& error);
+
+    const std::string path_;
+    const StoreLock lock_;
+    Witness witness_;
+    StoreState state_;
+    std::array<std::uint64_t, counterCount> used_{};
+    std::array<std::uint64_t, counterCount> committed_{};
+    std::atomic<std::uint64_t> lastEvent_ = 0;
+
+    SQLiteDatabase database_;  // outlives its statements
+    SQLiteStatement insertRow_;
+    SQLiteStatement insertState_;
+};
+
+}  // namespace platform

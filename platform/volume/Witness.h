@@ -1,0 +1,67 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/files/FileDescriptor.h"
+#include "platform/foundation/QSError.h"
+#include "platform/foundation/QSUUID.h"
+
+namespace platform {
+
+/// The counters whose values never repeat.
+enum class Counter : std::uint8_t { Event, Document, File };
+inline constexpr std::size_t counterCount = 3;
+
+/// Up to where the values of each counter may have been handed out, and how many durable changes
+/// the store has seen. Both only grow.
+struct HighWaterMarks {
+    std::array<std::uint64_t, counterCount> reserved{};
+    std::uint64_t sequence = 0;
+
+    [[nodiscard]] std::uint64_t& operator[](Counter counter) {
+        return reserved[static_cast<std::size_t>(counter)];
+    }
+    [[nodiscard]] std::uint64_t operator[](Counter counter) const {
+        return reserved[static_cast<std::size_t>(counter)];
+    }
+    /// The larger of each.
+    [[nodiscard]] HighWaterMarks above(const HighWaterMarks& other) const;
+    /// Some part is larger than the other's.
+    [[nodiscard]] bool exceeds(const HighWaterMarks& other) const;
+
+    friend bool operator==(const HighWaterMarks&, const HighWaterMarks&) = default;
+};
+
+/// A small file outside the store's folder that remembers how far a store had come, so that an
+/// older copy of the store put in its place is noticed. It is written after the store's commit and
+/// before anything of that commit is handed out.
+///
+/// Two slots take turns, so that a torn write leaves the record before it. Not synchronised.
+class Witness {
+  public:
+    struct Record {
+        QSUUID store;
+        QSUUID history;
+        HighWaterMarks marks;
+    };
+
+    /// Reads the file at `path`; a missing or unreadable record is no failure but none.
+    [[nodiscard]] static Result<Witness> open(std::string path);
+
+    [[nodiscard]] const std::optional<Record>& record() const { return record_; }
+
+    /// Durable on return. The first write makes the file (whole or not at all).
+    Result<void> write(const Record& record);
+
+  private:
+    std::string path_;
+    FileDescriptor file_;
+    std::uint64_t serial_ = 0;  ///< of the record in the file; its parity names the slot
+    std::optional<Record> record_;
+};
+
+}  // namespace platform

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "platform/files/Folder.h"
+#include "platform/volume/VolumeService.h"
+#include "tests/support/ScratchFolder.h"
+
+namespace tests {
+
+/// A storage with a volume service on a scratch folder; the store's folder and the witness's are
+/// beside it, so that a test can damage either.
+class VolumeFixture : public testing::Test {
+  protected:
+    using Identity = platform::VolumeService::Identity;
+
+    VolumeFixture() {
+        scratch.makeFolder("storage");
+        openFiles();
+    }
+
+    void openFiles() {
+        auto opened = platform::FileSystem::open((scratch / "storage").string());
+        if (!opened) throw std::runtime_error(opened.error().description());
+        files = std::move(*opened);
+    }
+    platform::Result<std::unique_ptr<platform::VolumeService>> tryOpen() {
+        return platform::VolumeService::open({.files = *files,
+                                              .dataFolder = (scratch / "data").string(),
+                                              .stateFolder = (scratch / "state").string(),
+                                              .progress = progress,
+                                              .crawlAtStart = crawlAtStart,
+                                              .crawlInterval = std::chrono::milliseconds(0)});
+    }
+    /// Opens the service anew, after the one before has closed.
+    void open() {
+        service.reset();
+        auto opened = tryOpen();
+        ASSERT_TRUE(opened) << opened.error().description();
+        service = std::move(*opened);
+    }
+
+    platform::QSURL url(std::string_view path) const {
+        return platform::QSURL::fileURLWithPath(std::string(platform::presentedStoragePath) + "/" +
+                                                std::string(path));
+    }
+    std::shared_ptr<const platform::FileAttributes> attributes(std::string_view path) const {
+        auto fetched = files->freshAttributes(url(path));
+        if (!fetched) throw std::runtime_error(fetched.error().description());
+        return *fetched;
+    }
+    Identity identify(std::string_view path) const {
+        const auto object = attributes(path);
+        const auto slash = path.rfind('/');
+        platform::VolumeService::IdentityRequest request{
+            .object = object.get(),
+            .name = slash == path.npos ? path : path.substr(slash + 1),
+            .wantsDocumentID = !object->isDirectory(),
+            .result = {}};
+        const auto done = service->identify({&request, 1});
+        if (!done) throw std::runtime_error(done.error().description());
+        return request.result;
+    }
+    /// The path below the storage where the file ID resolves to, or the error's code.
+    std::string resolve(std::uint64_t fileID) const {
+        const auto found = service->URLForFileID(fileID);
+        if (!found) return std::to_string(found.error().code);
+        const auto root = platform::presentedStoragePath.size();
+        return found->path().size() > root ? found->path().substr(root + 1) : ".";
+    }
+    std::filesystem::path native(std::string_view path) const { return scratch / "storage" / path; }
+    void makeFile(std::string_view path) const { scratch.makeFile("storage/" + std::string(path)); }
+
+    ScratchFolder scratch;
+    std::unique_ptr<platform::FileSystem> files;
+    std::function<void(std::uint64_t)> progress;
+    bool crawlAtStart = false;
+    std::unique_ptr<platform::VolumeService> service;
+};
+
+}  // namespace tests

@@ -1,0 +1,217 @@
+#include "platform/volume/VolumeService.h"
+
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <future>
+#include <set>
+#include <thread>
+
+#include "tests/platform/volume/VolumeFixture.h"
+
+namespace tests {
+namespace {
+
+using namespace platform;
+namespace fs = std::filesystem;
+
+class VolumeServiceTest : public VolumeFixture {};
+
+TEST_F(VolumeServiceTest, ObjectsThatTakeOverAnInodeNumberGetIdentifiersOfTheirOwn) {
+    open();
+    std::set<std::uint64_t> fileIDs;
+    std::set<std::uint32_t> documentIDs;
+    int reused = 0;
+    for (int i = 0; i < 1000; ++i) {
+        for (const bool isFolder : {false, true}) {
+            const auto make = [&](const char* name) {
+                if (isFolder)
+                    fs::create_directory(native(name));
+                else
+                    makeFile(name);
+            };
+            make("old");
+            const auto old = identify("old");
+            const auto inode = attributes("old")->identity.inode;
+            fs::remove(native("old"));
+            make("new");
+            const auto successor = identify("new");
+            reused += attributes("new")->identity.inode == inode;
+            ASSERT_EQ(resolve(successor.fileID), "new");
+            for (const auto& identity : {old, successor}) {
+                ASSERT_TRUE(fileIDs.insert(identity.fileID).second) << identity.fileID;
+                if (isFolder) continue;
+                ASSERT_TRUE(documentIDs.insert(identity.documentID).second);
+            }
+            ASSERT_EQ(resolve(old.fileID), std::to_string(ENOENT));
+            fs::remove(native("new"));
+        }
+    }
+    RecordProperty("reusedInodeNumbers", reused);
+}
+
+TEST_F(VolumeServiceTest, AnObjectSeenTooLateDoesNotTakeItsSuccessorsIdentity) {
+    open();
+    makeFile("a");
+    const auto stale = attributes("a");
+    identify("a");
+    fs::remove(native("a"));
+    makeFile("a");
+    if (attributes("a")->identity.inode != stale->identity.inode) GTEST_SKIP() << "no reuse here";
+    const auto successor = identify("a");
+    VolumeService::IdentityRequest request{
+        .object = stale.get(), .name = "a", .wantsDocumentID = true, .result = {}};
+    ASSERT_TRUE(service->identify({&request, 1}));
+    EXPECT_NE(request.result.fileID, successor.fileID);
+    EXPECT_NE(request.result.documentID, successor.documentID);
+    EXPECT_EQ(identify("a").documentID, successor.documentID);
+}
+
+TEST_F(VolumeServiceTest, IdentifiersStayThroughRenameMoveAndReopening) {
+    makeFile("folder/one");
+    makeFile("two");
+    open();
+    const auto folder = identify("folder");
+    const auto one = identify("folder/one");
+    const auto two = identify("two");
+    EXPECT_EQ(folder.documentID, 0u);
+    EXPECT_EQ(resolve(one.fileID), "folder/one");
+    EXPECT_EQ(resolve(attributes(".")->identity.inode), ".");
+
+    fs::rename(native("folder"), native("renamed"));
+    fs::rename(native("two"), native("renamed/zwei"));
+    const auto check = [&] {
+        EXPECT_EQ(resolve(folder.fileID), "renamed");
+        EXPECT_EQ(resolve(one.fileID), "renamed/one");
+        EXPECT_EQ(resolve(two.fileID), "renamed/zwei");
+        EXPECT_EQ(identify("renamed/zwei").documentID, two.documentID);
+        EXPECT_EQ(service->fileIDForDocumentID(one.documentID), one.fileID);
+        EXPECT_EQ(service->fileIDForDocumentID(4711).error().code, ENOENT);
+    };
+    check();
+    const auto history = service->UUIDForDevice(attributes("renamed")->device);
+    const auto event = service->currentEventID();
+    EXPECT_GE(event, 1u);
+    open();
+    check();
+    EXPECT_EQ(service->UUIDForDevice(attributes("renamed")->device), history);
+    EXPECT_EQ(service->UUIDForDevice(attributes("renamed")->device + 1), std::nullopt);
+    EXPECT_GE(service->currentEventID(), event);
+    EXPECT_EQ(service->statistics().lastTrouble, std::nullopt);
+}
+
+TEST_F(VolumeServiceTest, ASecondOpenerIsToldWhoHasTheStoreAndAKilledOneLeavesNoLock) {
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        auto held = tryOpen();
+        (void)!write(ready[1], held ? "y" : "n", 1);
+        pause();
+        _exit(0);
+    }
+    char answer = 0;
+    ASSERT_EQ(read(ready[0], &answer, 1), 1);
+    ASSERT_EQ(answer, 'y');
+    const auto refused = tryOpen();
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error().code, EBUSY);
+    EXPECT_THAT(refused.error().description(),
+                testing::HasSubstr("in use by PID " + std::to_string(child)));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    open();
+    EXPECT_EQ(service->statistics().lastTrouble, std::nullopt);
+    close(ready[0]);
+    close(ready[1]);
+}
+
+TEST_F(VolumeServiceTest, ManyLookUpsShareOneCrawl) {
+    std::atomic<int> crawls = 0;
+    std::promise<void> entered;
+    std::promise<void> goOn;
+    progress = [&, wait = goOn.get_future().share()](std::uint64_t) {
+        if (crawls++ == 0) entered.set_value();
+        wait.wait();
+    };
+    for (int i = 0; i < 1000; ++i) makeFile("filler/" + std::to_string(i));
+    makeFile("filler/sought");
+    open();
+    const auto sought = identify("filler/sought");
+    makeFile("gone");
+    const auto gone = identify("gone");
+    fs::rename(native("filler/sought"), native("moved"));
+    fs::remove(native("gone"));
+
+    // The first one's crawl is held while the others come; they wait for it and share the next.
+    std::vector<std::future<std::string>> answers;
+    const auto ask = [&](std::uint64_t fileID) {
+        answers.push_back(std::async(std::launch::async, [&, fileID] { return resolve(fileID); }));
+    };
+    ask(gone.fileID);
+    entered.get_future().wait();
+    for (int i = 0; i < 8; ++i) ask(i % 2 ? gone.fileID : sought.fileID);
+    goOn.set_value();
+    for (std::size_t i = 0; i < answers.size(); ++i) {
+        const bool wasSought = i > 0 && i % 2 == 1;
+        EXPECT_EQ(answers[i].get(), wasSought ? "moved" : std::to_string(ENOENT)) << i;
+    }
+    EXPECT_LE(crawls, 3);
+}
+
+TEST_F(VolumeServiceTest, ClosingEndsWaitsAndTheCrawlAtOnce) {
+    std::promise<void> entered;
+    std::atomic<bool> isClosing = false;
+    progress = [&](std::uint64_t) {
+        if (!isClosing.exchange(true)) entered.set_value();
+    };
+    for (int i = 0; i < 1000; ++i) makeFile("filler/" + std::to_string(i));
+    open();
+    auto blocked = std::async(std::launch::async, [this] { return resolve(1); });
+    entered.get_future().wait();
+    service.reset();
+    EXPECT_THAT(blocked.get(), testing::AnyOf(std::to_string(ECANCELED), std::to_string(ENOENT)));
+}
+
+TEST_F(VolumeServiceTest, TheCrawlLocatesWhatNobodyAskedForAndCountsEntries) {
+    for (const char* path : {"a/.hidden", "a/b/c", "a/b/d", "deep/1/2/3/4/5"}) makeFile(path);
+    fs::create_symlink("a", native("link"));
+    fs::last_write_time(native("a/b"), fs::file_time_type::clock::now() - std::chrono::hours(1));
+    crawlAtStart = true;
+    open();
+    service->waitForCrawl();
+    EXPECT_EQ(service->statistics().objects, 13u);  // the storage too
+    EXPECT_EQ(resolve(attributes("deep/1/2/3/4/5")->identity.inode), "deep/1/2/3/4/5");
+    EXPECT_EQ(resolve(attributes("link")->identity.inode), "link");
+
+    // Times that are older than a clock tick are needed to trust a count; the change time cannot be
+    // set, so the folder is counted until it has aged.
+    while (!service->entryCount(*attributes("a/b"))) {
+        open();
+        service->waitForCrawl();
+    }
+    EXPECT_EQ(service->entryCount(*attributes("a/b")), 2u);
+    makeFile("a/b/e");
+    EXPECT_EQ(service->entryCount(*attributes("a/b")), std::nullopt);
+}
+
+TEST_F(VolumeServiceTest, OtherRootsAreLocatedToo) {
+    scratch.makeFile("container/Documents/note");
+    open();
+    const auto root = files->addContainer("org.example.App", (scratch / "container").string());
+    ASSERT_TRUE(root);
+    ASSERT_TRUE(service->addRoot(*root));
+    const auto note =
+        root->URLByAppendingPathComponent("Documents").URLByAppendingPathComponent("note");
+    const auto found = service->URLForFileID((*files->freshAttributes(note))->identity.inode);
+    ASSERT_TRUE(found);
+    EXPECT_EQ(*found, note);
+    const auto other = files->addContainer("org.example.Other", "/proc");
+    ASSERT_TRUE(other);
+    EXPECT_EQ(service->addRoot(*other).error().code, EXDEV);
+}
+
+}  // namespace
+}  // namespace tests
