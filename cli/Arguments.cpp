@@ -1,0 +1,146 @@
+#include "cli/Arguments.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "cli/text.h"
+#include "platform/fileprovider/QSFileProviderItem.h"
+
+namespace cli {
+
+namespace {
+
+constexpr const char* itemHelp =
+    "An identifier (did=…, fid=…, #…), root, working-set, all-directories, temporary, or a path";
+
+constexpr std::array reservedItems{
+    std::pair{std::string_view("root"), platform::QSFileProviderRootContainerItemIdentifier},
+    std::pair{std::string_view("working-set"),
+              platform::QSFileProviderWorkingSetContainerItemIdentifier},
+    std::pair{std::string_view("all-directories"),
+              platform::QSFileProviderAllDirectoriesContainerItemIdentifier},
+    std::pair{std::string_view("temporary"),
+              platform::QSFileProviderTemporaryLocalFolderItemIdentifier},
+};
+
+/// For a command line that could not be parsed.
+bool asksForJson(int argc, const char* const* argv) {
+    for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; ++i) {
+        if (std::string_view(argv[i]) == "--json") return true;
+    }
+    return false;
+}
+
+/// The parser and where it stores what it finds.
+struct Parser {
+    Arguments arguments;
+    std::string page;
+    bool byDate = false;
+    CLI::App app{"Browse the documents of this user as document browsers see them.", "tidewell"};
+
+    Parser() {
+        app.require_subcommand(1);
+        app.fallthrough();
+        app.set_version_flag("--version", "tidewell " TIDEWELL_VERSION);
+        app.add_option("--storage", arguments.storage, "The folder that is the document storage")
+            ->envname("TIDEWELL_STORAGE");
+        app.add_option("--state", arguments.state, "Keep all data and state below this folder")
+            ->envname("TIDEWELL_STATE");
+        app.add_flag("--json", arguments.json, "Print JSON Lines");
+        app.add_flag("-v,--verbose", arguments.verbosity, "Log more; twice: everything");
+
+        auto& list = add(Command::List, "ls", "List a container", false);
+        list.add_flag("--one-page", arguments.onePage, "Stop after one page");
+        auto* from = list.add_option("--page", page, "Begin at the page with this token (base64)");
+        list.add_flag("--sort-by-date", byDate, "Begin with the page that is sorted by date")
+            ->excludes(from);
+        add(Command::Tree, "tree", "Draw a folder and all folders below it", false);
+        add(Command::Stat, "stat", "Print every field of an item", true);
+        add(Command::Resolve, "resolve", "Print the identifier of what is at a path", true);
+        add(Command::Path, "path", "Print the path of an item", true);
+    }
+
+    CLI::App& add(Command command, const char* name, const char* help, bool needsItem) {
+        auto& sub = *app.add_subcommand(name, help);
+        const bool takesPath = command == Command::Resolve;
+        auto* item = sub.add_option(takesPath ? "PATH" : "ITEM", arguments.item,
+                                    takesPath ? "A native path" : itemHelp);
+        item->option_text(needsItem ? " " : "(root)");
+        if (needsItem) item->required();
+        sub.callback([this, command] { arguments.command = command; });
+        return sub;
+    }
+
+    [[nodiscard]] std::optional<platform::QSError> complete() {
+        const bool isWide = arguments.item == "working-set" || arguments.item == "all-directories";
+        if (arguments.item.empty()) return usageError("an empty item names nothing");
+        if (arguments.command == Command::Tree && isWide) {
+            return usageError("tree draws folders; list " + arguments.item + " with ls");
+        }
+        if (byDate) arguments.start = host::Order::ByDate;
+        if (app.get_subcommand("ls")->get_option("--page")->count() > 0) {
+            auto token = dataFromBase64(page);
+            if (!token) return usageError("the token of --page is not base64");
+            arguments.start = std::move(*token);
+        }
+        return std::nullopt;
+    }
+};
+
+}  // namespace
+
+std::variant<Arguments, NothingToRun> parseArguments(int argc, const char* const* argv) {
+    Parser parser;
+    try {
+        parser.app.parse(argc, argv);
+    } catch (const CLI::ParseError& stop) {
+        if (stop.get_exit_code() != 0) {
+            return NothingToRun{{}, usageError(stop.what()), asksForJson(argc, argv)};
+        }
+        std::ostringstream help;
+        std::ostringstream unused;
+        parser.app.exit(stop, help, unused);
+        return NothingToRun{help.str(), std::nullopt, false};
+    }
+    if (auto error = parser.complete()) {
+        return NothingToRun{{}, std::move(error), parser.arguments.json};
+    }
+    return std::move(parser.arguments);
+}
+
+platform::Result<ItemName> parseItem(const std::string& argument) {
+    for (const auto& [word, identifier] : reservedItems) {
+        if (argument == word || argument == identifier) return ItemName{std::string(identifier)};
+    }
+    constexpr std::array<std::string_view, 3> identifierPrefixes{"did=", "fid=", "#"};
+    if (std::ranges::any_of(identifierPrefixes,
+                            [&](auto prefix) { return argument.starts_with(prefix); })) {
+        return ItemName{argument};
+    }
+    auto path = absolutePath(argument);
+    if (!path) return std::unexpected(std::move(path.error()));
+    return ItemName{std::move(*path), true};
+}
+
+platform::Result<std::string> absolutePath(const std::string& path) {
+    const std::filesystem::path typed(path);
+    const auto name = typed.filename();
+    const bool isWhole = name.empty() || name == "." || name == "..";
+    auto folder = isWhole ? typed : typed.parent_path();
+    if (folder.empty() && !path.empty()) folder = ".";
+    std::error_code failure;
+    const auto real = std::filesystem::canonical(folder, failure);
+    if (failure) return std::unexpected(platform::errorFromErrno(failure.value(), path));
+    if (isWhole && path.ends_with('/') && !std::filesystem::is_directory(real)) {
+        return std::unexpected(platform::errorFromErrno(ENOTDIR, path));
+    }
+    return isWhole ? real.string() : (real / name).string();
+}
+
+}  // namespace cli

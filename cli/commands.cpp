@@ -1,0 +1,201 @@
+#include "cli/commands.h"
+
+#include <fmt/format.h>
+
+#include <cstdio>
+#include <iterator>
+#include <utility>
+
+#include "cli/format.h"
+#include "cli/text.h"
+#include "host/errors.h"
+
+namespace cli {
+
+using platform::Result;
+
+namespace {
+
+/// One run of one command.
+class Run {
+  public:
+    Run(const Arguments& arguments, host::DocumentService& service, Output& output,
+        Progress& progress)
+        : arguments_(arguments), service_(service), output_(output), progress_(progress) {}
+
+    [[nodiscard]] Result<ExitCode> command() {
+        if (arguments_.command == Command::Resolve) return resolve();
+        auto identifier = itemIdentifier();
+        if (!identifier) return std::unexpected(std::move(identifier.error()));
+        switch (arguments_.command) {
+            case Command::Tree:
+                return tree(*identifier);
+            case Command::Stat:
+                return stat(*identifier);
+            case Command::Path:
+                return path(*identifier);
+            default:
+                return list(*identifier);
+        }
+    }
+
+  private:
+    [[nodiscard]] Result<std::string> itemIdentifier() const {
+        auto name = parseItem(arguments_.item);
+        if (!name) return std::unexpected(std::move(name.error()));
+        return name->isPath ? service_.resolve(name->text) : std::move(name->text);
+    }
+
+    [[nodiscard]] Result<ExitCode> resolve() {
+        const auto path = absolutePath(arguments_.item);
+        if (!path) return std::unexpected(path.error());
+        const auto identifier = service_.resolve(*path);
+        if (!identifier) return std::unexpected(identifier.error());
+        return value("itemIdentifier", *identifier);
+    }
+
+    [[nodiscard]] Result<ExitCode> path(const std::string& identifier) {
+        const auto path = service_.path(identifier);
+        if (!path) return std::unexpected(path.error());
+        return value("path", *path);
+    }
+
+    [[nodiscard]] Result<ExitCode> stat(const std::string& identifier) {
+        const auto item = service_.item(identifier);
+        if (!item) return std::unexpected(item.error());
+        if (arguments_.json) {
+            appendJson(output_.text(), *item);
+        } else {
+            appendFields(output_.text(), *item, output_.style());
+        }
+        return ExitCode::Done;
+    }
+
+    [[nodiscard]] Result<ExitCode> list(const std::string& container) {
+        const auto* order = std::get_if<host::Order>(&arguments_.start);
+        const auto listed =
+            order && !arguments_.onePage
+                ? service_.list(container, *order, [this](const auto& item) { return row(item); })
+                : pages(container);
+        if (!listed) return std::unexpected(listed.error());
+        return ExitCode::Done;
+    }
+
+    /// From one page on: here a refusal is the user's to know, not a reason to start again.
+    [[nodiscard]] Result<void> pages(const std::string& container) {
+        for (auto start = arguments_.start;;) {
+            auto page = service_.onePage(container, start);
+            for (const auto& item : page.items) {
+                if (!row(item)) return {};
+            }
+            if (!page.next) return std::unexpected(std::move(page.next.error()));
+            if (arguments_.onePage) {
+                nextPage(*page.next);
+                return {};
+            }
+            if (!*page.next) return {};
+            start = std::move(**page.next);
+        }
+    }
+
+    void nextPage(const std::optional<host::PageToken>& token) {
+        const auto out = std::back_inserter(output_.text());
+        if (arguments_.json) {
+            fmt::format_to(out, "{{\"nextPage\":{}}}\n",
+                           token ? "\"" + base64(*token) + "\"" : "null");
+        } else if (token) {
+            fmt::format_to(out, "next page: {}\n", base64(*token));
+        }
+    }
+
+    [[nodiscard]] Result<ExitCode> tree(const std::string& container) {
+        const auto top = service_.item(container);
+        if (!top) return std::unexpected(top.error());
+        if (!arguments_.json) {
+            output_.text() += shown(top->path.value_or(top->filename), output_.style()) + "\n";
+        }
+        ExitCode code = ExitCode::Done;
+        const host::DocumentService::TreeHandler handler{
+            [this](const host::ItemRecord& item, std::size_t depth, bool isLast) {
+                return arguments_.json ? row(item) : branch(item, depth, isLast);
+            },
+            [&](const host::ItemRecord& folder, const platform::QSError& error) {
+                progress_.end();
+                code = report(error, folder.path.value_or(folder.filename), arguments_.json);
+            }};
+        const auto listed = service_.listTree(container, handler);
+        if (!listed) return std::unexpected(listed.error());
+        if (!arguments_.json) {
+            fmt::format_to(std::back_inserter(output_.text()), "\n{} folder{}, {} other item{}\n",
+                           folders_, folders_ == 1 ? "" : "s", count_ - folders_,
+                           count_ - folders_ == 1 ? "" : "s");
+        }
+        return code;
+    }
+
+    [[nodiscard]] bool branch(const host::ItemRecord& item, std::size_t depth, bool isLast) {
+        auto& out = output_.text();
+        wasLast_.resize(depth);
+        for (const bool last : wasLast_) out += last ? "    " : "│   ";
+        out += isLast ? "└── " : "├── ";
+        wasLast_.push_back(isLast);
+        appendName(out, item, output_.style());
+        out += '\n';
+        return counted(item);
+    }
+
+    [[nodiscard]] bool row(const host::ItemRecord& item) {
+        if (arguments_.json) {
+            appendJson(output_.text(), item);
+        } else {
+            appendRow(output_.text(), item, output_.style());
+        }
+        return counted(item);
+    }
+
+    [[nodiscard]] bool counted(const host::ItemRecord& item) {
+        if (item.isFolder()) ++folders_;
+        if (++count_ % 200 == 0) progress_.update(fmt::format("{} items listed", count_));
+        return output_.pace();
+    }
+
+    [[nodiscard]] Result<ExitCode> value(std::string_view key, const std::string& text) {
+        auto& out = output_.text();
+        if (arguments_.json) {
+            fmt::format_to(std::back_inserter(out), "{{\"{}\":", key);
+            appendJsonString(out, text);
+            out += "}\n";
+        } else {
+            out += shown(text, output_.style()) + "\n";
+        }
+        return ExitCode::Done;
+    }
+
+    const Arguments& arguments_;
+    host::DocumentService& service_;
+    Output& output_;
+    Progress& progress_;
+    std::uint64_t count_ = 0;
+    std::uint64_t folders_ = 0;
+    std::vector<bool> wasLast_;  // per level of the tree on the way to the current item
+};
+
+}  // namespace
+
+ExitCode report(const platform::QSError& error, std::string_view subject, bool json) {
+    const auto line = errorLine(error, subject, json);
+    std::fwrite(line.data(), 1, line.size(), stderr);
+    return exitCodeFor(error);
+}
+
+ExitCode runCommand(const Arguments& arguments, host::DocumentService& service, Output& output,
+                    Progress& progress) {
+    auto code = Run(arguments, service, output, progress).command();
+    const auto written = output.finish();
+    progress.end();
+    if (!code) return report(code.error(), arguments.item, arguments.json);
+    if (!written) return report(written.error(), {}, arguments.json);
+    return *code;
+}
+
+}  // namespace cli

@@ -1,0 +1,169 @@
+#include "cli/format.h"
+
+#include <fmt/format.h>
+
+#include <array>
+#include <iterator>
+#include <optional>
+#include <type_traits>
+#include <vector>
+
+#include "cli/text.h"
+
+namespace cli {
+
+namespace {
+
+/// Calls `visit(key, value)` for every field, in the order in which they are printed.
+template <typename Visit>
+void forEachField(const host::ItemRecord& item, Visit&& visit) {
+    visit("itemIdentifier", item.itemIdentifier);
+    visit("parentItemIdentifier", item.parentItemIdentifier);
+    visit("filename", item.filename);
+    visit("typeIdentifier", item.typeIdentifier);
+    visit("documentSize", item.documentSize);
+    visit("creationDate", item.creationDate);
+    visit("contentModificationDate", item.contentModificationDate);
+    visit("childItemCount", item.childItemCount);
+    visit("capabilities", item.capabilities);
+    visit("versionIdentifier", item.versionIdentifier);
+    visit("isTrashed", item.isTrashed);
+    visit("lastUsedDate", item.lastUsedDate);
+    visit("tags", item.tags);
+    visit("favoriteRank", item.favoriteRank);
+    visit("fileID", item.fileID);
+    visit("docID", item.docID);
+    visit("path", item.path);
+    visit("beaconDomainIdentifier", item.beaconDomainIdentifier);
+    visit("appContainerBundleIdentifier", item.appContainerBundleIdentifier);
+    visit("isContainer", item.isContainer);
+}
+
+template <typename Number>
+requires std::is_integral_v<Number>
+void appendValue(std::string& out, Number value) {
+    const fmt::format_int text(value);
+    out.append(text.data(), text.size());
+}
+void appendValue(std::string& out, bool value) {
+    out += value ? "true" : "false";
+}
+void appendValue(std::string& out, const std::string& value) {
+    appendJsonString(out, value);
+}
+void appendValue(std::string& out, const platform::QSDate& value) {
+    out += '"';
+    out += value.rfc3339();
+    out += '"';
+}
+void appendValue(std::string& out, const platform::QSData& value) {
+    out += '"';
+    out += base64(value);
+    out += '"';
+}
+void appendValue(std::string& out, const std::vector<std::string>& values) {
+    out += '[';
+    for (const auto& value : values) {
+        if (&value != &values.front()) out += ',';
+        appendJsonString(out, value);
+    }
+    out += ']';
+}
+template <typename Value>
+void appendValue(std::string& out, const std::optional<Value>& value) {
+    if (value) {
+        appendValue(out, *value);
+    } else {
+        out += "null";
+    }
+}
+
+std::string capabilitiesText(const host::ItemRecord& item) {
+    constexpr std::array words{"reading", "writing", "moving", "renaming", "trashing", "deleting"};
+    constexpr std::array folderWords{"listing",  "adding",   "moving",
+                                     "renaming", "trashing", "deleting"};
+    std::string text;
+    for (std::size_t bit = 0; bit < words.size(); ++bit) {
+        if ((item.capabilities >> bit & 1) == 0) continue;
+        if (!text.empty()) text += ", ";
+        text += item.isFolder() ? folderWords[bit] : words[bit];
+    }
+    return text.empty() ? "none" : text;
+}
+
+std::string sizeText(const host::ItemRecord& item) {
+    if (item.documentSize) return humanSize(*item.documentSize);
+    if (!item.childItemCount) return "-";
+    return fmt::format("{} item{}", *item.childItemCount, *item.childItemCount == 1 ? "" : "s");
+}
+
+std::string fieldText(const std::string& value) {
+    return value;
+}
+std::string fieldText(bool value) {
+    return value ? "yes" : "no";
+}
+std::string fieldText(const platform::QSDate& value) {
+    return value.rfc3339();
+}
+std::string fieldText(const platform::QSData& value) {
+    return base64(value);
+}
+std::string fieldText(const std::vector<std::string>& values) {
+    return fmt::format("{}", fmt::join(values, ", "));
+}
+template <typename Number>
+requires std::is_integral_v<Number> std::string fieldText(Number value) {
+    return fmt::format("{}", value);
+}
+template <typename Value>
+std::string fieldText(const std::optional<Value>& value) {
+    return value ? fieldText(*value) : "-";
+}
+
+}  // namespace
+
+void appendJson(std::string& out, const host::ItemRecord& item) {
+    char separator = '{';
+    forEachField(item, [&](std::string_view key, const auto& value) {
+        out += separator;
+        out += '"';
+        out += key;
+        out += "\":";
+        appendValue(out, value);
+        separator = ',';
+    });
+    out += "}\n";
+}
+
+std::string shown(std::string_view text, const Style& style) {
+    return style.isTerminal ? escapedForTerminal(text) : std::string(text);
+}
+
+void appendName(std::string& out, const host::ItemRecord& item, const Style& style) {
+    const bool isFolder = item.isFolder();
+    if (isFolder && style.hasColor) out += "\033[1;34m";
+    out += shown(item.filename, style);
+    if (isFolder && style.hasColor) out += "\033[0m";
+    if (isFolder) out += '/';
+}
+
+void appendRow(std::string& out, const host::ItemRecord& item, const Style& style) {
+    const auto date = item.contentModificationDate ? humanDate(*item.contentModificationDate) : "-";
+    fmt::format_to(std::back_inserter(out), "{:>11}  {:16}  ", sizeText(item), date);
+    appendName(out, item, style);
+    out += '\n';
+}
+
+void appendFields(std::string& out, const host::ItemRecord& item, const Style& style) {
+    forEachField(item, [&](std::string_view key, const auto& value) {
+        auto text = shown(fieldText(value), style);
+        if (key == "capabilities") text = capabilitiesText(item);
+        if (key == "documentSize" && item.documentSize) {
+            text = fmt::format("{} ({} bytes)", humanSize(*item.documentSize), *item.documentSize);
+        }
+        fmt::format_to(std::back_inserter(out), "{:28}  {}\n", key, text);
+    });
+}
+
+}  // namespace cli

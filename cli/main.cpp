@@ -1,0 +1,83 @@
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "cli/Arguments.h"
+#include "cli/Output.h"
+#include "cli/Progress.h"
+#include "cli/commands.h"
+#include "host/DocumentService.h"
+#include "platform/fileprovider/Platform.h"
+#include "platform/log/Log.h"
+#include "tidewell/provider/LocalFileProvider.h"
+
+namespace {
+
+/// Standard error carries nothing but the error object where a program reads it.
+void installLog(const cli::Arguments& arguments) {
+    using platform::LogLevel;
+    if (arguments.json && arguments.verbosity == 0) return platform::installLog(nullptr, {});
+    const auto level = arguments.verbosity == 0   ? LogLevel::Error
+                       : arguments.verbosity == 1 ? LogLevel::Info
+                                                  : LogLevel::Debug;
+    platform::installLog(platform::makeStandardErrorSink(), level);
+}
+
+bool showsProgress() {
+    const char* term = std::getenv("TERM");
+    return isatty(STDERR_FILENO) == 1 && term && std::string_view(term) != "dumb";
+}
+
+platform::Platform::Options platformOptions(const cli::Arguments& arguments,
+                                            cli::Progress& progress) {
+    platform::Platform::Options options;
+    options.folders.storage =
+        arguments.storage.empty() ? platform::userDocumentsFolder() : arguments.storage;
+    if (!arguments.state.empty()) {
+        options.folders.data = arguments.state + "/data";
+        options.folders.state = arguments.state + "/state";
+        options.folders.cache = arguments.state + "/cache";
+        options.folders.applicationSupport = arguments.state + "/application-support";
+    }
+    // One command reads little of the storage; a look-up that needs the whole index waits for it.
+    options.crawlAtStart = false;
+    options.crawlProgress = [&progress](std::uint64_t objects) {
+        progress.update(std::to_string(objects) + " objects indexed");
+    };
+    return options;
+}
+
+cli::ExitCode run(const cli::Arguments& arguments) {
+    installLog(arguments);
+    cli::Progress progress(showsProgress());
+    auto platform = platform::Platform::make(platformOptions(arguments, progress));
+    if (!platform) {
+        // A storage that is missing is a failure, not an item that was not found.
+        cli::report(platform.error(), {}, arguments.json);
+        return cli::ExitCode::Failed;
+    }
+    (*platform)->install();
+    host::DocumentService service([] { return tidewell::makeLocalFileProvider(); });
+    cli::Output output(STDOUT_FILENO, progress);
+    return cli::runCommand(arguments, service, output, progress);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // A reader that goes away ends the output, not the process.
+    std::signal(SIGPIPE, SIG_IGN);
+    const auto parsed = cli::parseArguments(argc, argv);
+    if (const auto* arguments = std::get_if<cli::Arguments>(&parsed)) {
+        return std::to_underlying(run(*arguments));
+    }
+    const auto& nothing = std::get<cli::NothingToRun>(parsed);
+    if (nothing.error) return std::to_underlying(cli::report(*nothing.error, {}, nothing.json));
+    std::fwrite(nothing.help.data(), 1, nothing.help.size(), stdout);
+    return 0;
+}

@@ -1,0 +1,254 @@
+#include "host/DocumentService.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "host/errors.h"
+#include "platform/fileprovider/QSFileProviderManager.h"
+#include "tests/host/ScriptedExtension.h"
+#include "tests/support/ScratchFolder.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::UnorderedElementsAre;
+using Millis = std::chrono::milliseconds;
+
+const std::string root(platform::QSFileProviderRootContainerItemIdentifier);
+const std::string workingSet(platform::QSFileProviderWorkingSetContainerItemIdentifier);
+const std::string allDirectories(platform::QSFileProviderAllDirectoriesContainerItemIdentifier);
+
+platform::ItemRef file(std::string identifier) {
+    return std::make_shared<tests::ScriptedItem>(std::move(identifier));
+}
+platform::ItemRef folder(std::string identifier) {
+    return std::make_shared<tests::ScriptedItem>(std::move(identifier), "public.folder");
+}
+platform::ItemRef package(std::string identifier) {
+    return std::make_shared<tests::ScriptedItem>(std::move(identifier), "com.quenby.package");
+}
+
+/// A service over a scripted extension whose "/presented" tree is a scratch folder on disk.
+class DocumentServiceTest : public testing::Test {
+  protected:
+    host::DocumentService& service() {
+        if (service_) return *service_;
+        const auto native = scratch.path().string();
+        host::DocumentService::Options options{
+            .wait = [this](Millis pause) { pauses.push_back(static_cast<int>(pause.count())); },
+            .pageDeadline = deadline,
+            .paths = host::NativePaths{
+                [native](const platform::QSURL& url) { return native + url.path().substr(10); },
+                [native](std::string_view path) {
+                    return platform::QSURL::fileURLWithPath(
+                        "/presented" + std::string(path.substr(native.size())));
+                }},
+            .manager = &manager};
+        service_ = std::make_unique<host::DocumentService>([this] { return extension; },
+                                                           std::move(options));
+        return *service_;
+    }
+
+    std::vector<std::string> list(const std::string& container) {
+        std::vector<std::string> identifiers;
+        result = service().list(container, host::Order::ByName, [&](const auto& item) {
+            identifiers.push_back(item.itemIdentifier);
+            return identifiers.size() < limit;
+        });
+        return identifiers;
+    }
+
+    tests::ScriptedContainer& container(const std::string& identifier) {
+        return extension->containers[identifier];
+    }
+
+    tests::ScratchFolder scratch;
+    platform::QSFileProviderManager manager{platform::QSURL::fileURLWithPath("/presented")};
+    std::shared_ptr<tests::ScriptedExtension> extension =
+        std::make_shared<tests::ScriptedExtension>();
+    Millis deadline = std::chrono::seconds(30);
+    std::size_t limit = 1000;
+    std::vector<int> pauses;
+    platform::Result<void> result;
+    std::unique_ptr<host::DocumentService> service_;
+};
+
+TEST_F(DocumentServiceTest, RecordsCarryEveryFieldAndNativePaths) {
+    const auto item = service().item("did=5");
+    ASSERT_TRUE(item);
+    EXPECT_EQ(*item, (host::ItemRecord{.itemIdentifier = "did=5",
+                                       .parentItemIdentifier = "parent",
+                                       .filename = "name of did=5",
+                                       .typeIdentifier = "public.data",
+                                       .documentSize = 7,
+                                       .creationDate = {},
+                                       .contentModificationDate = {},
+                                       .childItemCount = {},
+                                       .capabilities = 5,
+                                       .versionIdentifier = {},
+                                       .lastUsedDate = {},
+                                       .tags = std::vector<std::string>{"red", "late"},
+                                       .favoriteRank = {},
+                                       .fileID = 12,
+                                       .docID = {},
+                                       .path = scratch / "did=5",
+                                       .beaconDomainIdentifier = {},
+                                       .appContainerBundleIdentifier = {}}));
+    container("f").failure = platform::errorFromErrno(EACCES, "/presented/secret");
+    list("f");
+    EXPECT_EQ(result.error(), platform::errorFromErrno(EACCES, (scratch / "secret").string()));
+}
+
+TEST_F(DocumentServiceTest, PathsAndIdentifiersBecomeEachOtherOrSayWhyNot) {
+    const auto known = scratch.makeFile("known").string();
+    extension->identifiersByPath = {{"/presented/known", "did=1"}};
+    EXPECT_EQ(service().resolve(known), "did=1");
+    EXPECT_EQ(service().path("did=1"), known);
+    for (const auto& path : {scratch.makeFile("foreign").string(), (scratch / "gone").string()}) {
+        const auto refused = service().resolve(path);
+        ASSERT_FALSE(refused) << path;
+        EXPECT_TRUE(host::meansNoSuchItem(refused.error())) << path;
+    }
+    EXPECT_EQ(service().resolve(known + "/below").error().code, ENOTDIR);
+    EXPECT_TRUE(host::meansNoSuchItem(service().path("did=2").error()));
+}
+
+TEST_F(DocumentServiceTest, PagesResumeByTokenOnTheKeptEnumerator) {
+    auto& script = container("f");
+    script.rows = {file("a"), file("b"), file("c")};
+    auto first = service().onePage("f", host::Order::ByDate);
+    EXPECT_EQ(script.lastInitialPage, platform::QSFileProviderInitialPageSortedByDate);
+    ASSERT_TRUE(first.next && *first.next);
+    for (int again = 0; again < 2; ++again) {
+        const auto second = service().onePage("f", **first.next);
+        ASSERT_EQ(second.items.size(), 1U);
+        EXPECT_EQ(second.items[0].itemIdentifier, "c");
+        EXPECT_TRUE(second.next && !*second.next);
+    }
+    EXPECT_EQ(script.enumeratorsMade, 1);
+    list("f");  // a folder may have moved since
+    EXPECT_EQ(script.enumeratorsMade, 2);
+    EXPECT_EQ(script.enumeratorsInvalidated, 1);
+    service_.reset();
+    EXPECT_EQ(script.enumeratorsInvalidated, 2);
+}
+
+TEST_F(DocumentServiceTest, ARefusedFolderStartsAgainAndGivesEachRowOnce) {
+    // "d" is a file with two names: two rows of one identifier.
+    for (const std::size_t refused : {0U, 1U, 2U, 3U}) {
+        pauses.clear();
+        auto& script = container("f") = {};
+        script.rows = {file("a"), file("b"), file("c"), file("d"), file("e"), file("d")};
+        script.refusedPages = {refused, refused, 0};
+        EXPECT_THAT(list("f"), ElementsAre("a", "b", "c", "d", "e", "d")) << refused;
+        EXPECT_TRUE(result);
+        EXPECT_THAT(pauses, ElementsAre(10, 50, 250));
+    }
+}
+
+TEST_F(DocumentServiceTest, AFolderGivesUpInTheEndAndOtherErrorsAtOnce) {
+    auto& script = container("f");
+    script.rows = {file("a"), file("b"), file("c")};
+    script.refusedPages = std::vector<std::size_t>(100, 1);
+    EXPECT_THAT(list("f"), ElementsAre("a", "b", "c"));
+    EXPECT_TRUE(host::meansExpired(result.error()));
+    EXPECT_THAT(pauses, ElementsAre(10, 50, 250, 250, 250, 250, 250));
+
+    script.failure = platform::errorFromErrno(EIO);
+    EXPECT_THAT(list("f"), ElementsAre());
+    EXPECT_EQ(result.error(), platform::errorFromErrno(EIO));
+    EXPECT_EQ(pauses.size(), 7U);
+    EXPECT_THAT(list("missing"), ElementsAre());
+    EXPECT_TRUE(host::meansNoSuchItem(result.error()));
+}
+
+TEST_F(DocumentServiceTest, ARecursiveContainerThatIsRefusedIsJoinedFromFolders) {
+    scratch.makeFolder(".Trash");
+    extension->identifiersByPath = {{"/presented", root}, {"/presented/.Trash", "trash"}};
+    for (const auto& wide : {workingSet, allDirectories}) {
+        service_.reset();  // its enumerators look at the containers
+        extension->containers.clear();
+        container(wide).rows = {folder("x"), file("a"), file("b")};
+        container(wide).refusedPages = {0, 1, 0};
+        container(root).rows = {folder("x"), file("a"), package("p"), folder("gone")};
+        container("x").rows = {file("b"), folder("y"), file("c")};
+        container("x").refusedPages = {1};
+        container("y").rows = {file("d")};
+        container("trash").rows = {file("t"), folder("u")};
+        container("p").failure = container("u").failure = platform::errorFromErrno(EIO);
+
+        const auto listed = list(wide);
+        EXPECT_TRUE(result);
+        if (wide == workingSet) {
+            EXPECT_THAT(listed,
+                        UnorderedElementsAre("x", "a", "b", "p", "gone", "y", "c", "d", "t", "u"));
+        } else {
+            EXPECT_THAT(listed, UnorderedElementsAre("x", "a", "b", "gone", "y"));
+        }
+        EXPECT_EQ(container(wide).tries, 3U);
+    }
+    EXPECT_THAT(pauses, ElementsAre(10, 50, 10, 10, 50, 10));
+}
+
+TEST_F(DocumentServiceTest, AHandlerEndsAListing) {
+    auto& script = container("f");
+    script.rows = {file("a"), file("b"), file("c"), file("d"), file("e")};
+    limit = 3;
+    EXPECT_THAT(list("f"), ElementsAre("a", "b", "c"));
+    EXPECT_TRUE(result);
+    EXPECT_EQ(script.pages, 2U);
+}
+
+TEST_F(DocumentServiceTest, PagesAreWaitedForUpToTheDeadline) {
+    container("f").rows = {file("a"), file("b"), file("c")};
+    container("f").answersOnOtherThread = true;
+    EXPECT_THAT(list("f"), ElementsAre("a", "b", "c"));
+
+    service_.reset();
+    deadline = Millis(1);
+    container("silent").neverAnswers = true;
+    list("silent");
+    EXPECT_EQ(result.error(), platform::errorFromErrno(ETIMEDOUT));
+}
+
+TEST_F(DocumentServiceTest, TreesGoDepthFirstAndOnPastAFolderThatFails) {
+    container("top").rows = {folder("x"), package("p"), folder("locked"), folder("gone")};
+    container("x").rows = {file("a"), folder("y")};
+    container("y").rows = {file("b")};
+    container("p").rows = {file("inside")};
+    container("locked").failure = platform::errorFromErrno(EACCES);
+    std::vector<std::string> lines;
+    const host::DocumentService::TreeHandler handler{
+        [&](const auto& item, std::size_t depth, bool isLast) {
+            lines.push_back(std::to_string(depth) + item.itemIdentifier + (isLast ? "." : ""));
+            return lines.size() < limit;
+        },
+        [&](const auto& at, const auto&) { lines.push_back("failed " + at.itemIdentifier); }};
+    EXPECT_TRUE(service().listTree("top", handler));
+    EXPECT_THAT(lines,
+                ElementsAre("0x", "1a", "1y.", "2b.", "0p", "0locked", "failed locked", "0gone."));
+    lines.clear();
+    limit = 2;
+    EXPECT_TRUE(service().listTree("top", handler));
+    EXPECT_THAT(lines, ElementsAre("0x", "1a"));
+    EXPECT_FALSE(service().listTree("locked", handler));
+}
+
+TEST_F(DocumentServiceTest, SignalsAreKeptAndAnsweredWhileTheServiceLives) {
+    int completed = 0;
+    const auto complete = [&](const auto& error) { completed += error ? 100 : 1; };
+    service();
+    for (const auto& signalled : {root, workingSet, root}) {
+        manager.signalEnumeratorForContainerItemIdentifier(signalled, complete);
+    }
+    EXPECT_EQ(completed, 3);
+    EXPECT_THAT(service().takeSignalledContainers(), UnorderedElementsAre(root, workingSet));
+    EXPECT_TRUE(service().takeSignalledContainers().empty());
+    service_.reset();
+    manager.signalEnumeratorForContainerItemIdentifier(root, complete);
+    EXPECT_EQ(completed, 4);
+}
+
+}  // namespace

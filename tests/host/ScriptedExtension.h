@@ -1,0 +1,152 @@
+#pragma once
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/fileprovider/QPTag.h"
+#include "platform/fileprovider/QSFileProviderError.h"
+#include "platform/fileprovider/QSFileProviderExtension.h"
+
+namespace tests {
+
+/// An item of few words; what a test does not name is absent.
+class ScriptedItem final : public platform::QSFileProviderItem {
+  public:
+    ScriptedItem(std::string identifier, std::string type = "public.data")
+        : identifier_(std::move(identifier)), type_(std::move(type)) {}
+
+    std::string itemIdentifier() const override { return identifier_; }
+    std::string parentItemIdentifier() const override { return "parent"; }
+    std::string filename() const override { return "name of " + identifier_; }
+    std::string typeIdentifier() const override { return type_; }
+    std::optional<std::uint64_t> documentSize() const override { return 7; }
+    std::optional<platform::QSDate> creationDate() const override { return {}; }
+    std::optional<platform::QSDate> contentModificationDate() const override { return {}; }
+    std::optional<std::uint16_t> childItemCount() const override { return {}; }
+    platform::QSFileProviderItemCapabilities capabilities() const override { return 5; }
+    std::optional<platform::QSData> versionIdentifier() const override { return {}; }
+    bool isTrashed() const override { return false; }
+    std::optional<platform::QSDate> lastUsedDate() const override { return {}; }
+    std::optional<platform::QSData> tagData() const override {
+        return platform::QPGetTagsDataForTags({{"red", 1}, {"late", 0}});
+    }
+    std::optional<std::uint64_t> favoriteRank() const override { return {}; }
+    std::optional<std::int64_t> fileID() const override { return 12; }
+    std::optional<std::int64_t> docID() const override { return {}; }
+    std::optional<platform::QSURL> fileURL() const override {
+        return platform::QSURL::fileURLWithPath("/presented/" + identifier_);
+    }
+    std::optional<std::string> qp_beaconDomainIdentifier() const override { return {}; }
+    std::optional<std::string> qp_appContainerBundleIdentifier() const override { return {}; }
+    bool qp_isUbiquitous() const override { return false; }
+    bool qp_isContainer() const override { return identifier_.starts_with('#'); }
+
+  private:
+    std::string identifier_;
+    std::string type_;
+};
+
+/// What one container holds and how its listing goes wrong. Pages hold two rows.
+struct ScriptedContainer {
+    std::vector<platform::ItemRef> rows;
+    /// For each try in turn: the page (from 0) that is refused, with its items sent before. Tries
+    /// beyond the list run through.
+    std::vector<std::size_t> refusedPages;
+    /// The answer to every page instead, where set.
+    std::optional<platform::QSError> failure;
+    bool answersOnOtherThread = false;
+    bool neverAnswers = false;
+
+    std::size_t tries = 0;  ///< initial pages asked for
+    std::size_t pages = 0;
+    int enumeratorsMade = 0;
+    int enumeratorsInvalidated = 0;
+    std::string lastInitialPage;
+};
+
+class ScriptedEnumerator final : public platform::QSFileProviderEnumerator {
+  public:
+    explicit ScriptedEnumerator(ScriptedContainer& container) : container_(container) {}
+
+    void enumerateItemsForObserver(
+        std::shared_ptr<platform::QSFileProviderEnumerationObserver> observer,
+        const platform::QSFileProviderPage& page) override {
+        if (container_.neverAnswers) return;
+        if (!container_.answersOnOtherThread) return answer(*observer, page);
+        threads_.emplace_back([this, observer, page] { answer(*observer, page); });
+    }
+    void invalidate() override { ++container_.enumeratorsInvalidated; }
+
+  private:
+    void answer(platform::QSFileProviderEnumerationObserver& observer,
+                const platform::QSFileProviderPage& page) {
+        const std::string text(platform::stringFromData(page));
+        const bool isInitial = text.starts_with("initialPage");
+        if (isInitial) {
+            container_.lastInitialPage = text;
+            ++container_.tries;
+        }
+        const std::size_t index = isInitial ? 0 : std::stoul(text);
+        ++container_.pages;
+        if (container_.failure) return observer.finishEnumeratingWithError(*container_.failure);
+        const auto first = std::min(index * 2, container_.rows.size());
+        const auto last = std::min(first + 2, container_.rows.size());
+        const auto row = [&](std::size_t at) {
+            return container_.rows.begin() + static_cast<std::ptrdiff_t>(at);
+        };
+        observer.didEnumerateItems({row(first), row(last)});
+        const auto thisTry = container_.tries - 1;
+        if (thisTry < container_.refusedPages.size() && container_.refusedPages[thisTry] == index) {
+            return observer.finishEnumeratingWithError(platform::syncAnchorExpiredError());
+        }
+        if (last - first < 2) return observer.finishEnumeratingUpToPage(std::nullopt);
+        observer.finishEnumeratingUpToPage(platform::dataFromString(std::to_string(index + 1)));
+    }
+
+    ScriptedContainer& container_;
+    std::vector<std::jthread> threads_;
+};
+
+/// Answers from tables. What a table lacks does not exist.
+class ScriptedExtension final : public platform::QSFileProviderExtension {
+  public:
+    std::map<std::string, ScriptedContainer> containers;
+    std::map<std::string, std::string> identifiersByPath;  ///< presented paths
+
+    std::optional<platform::QSURL> URLForItemWithPersistentIdentifier(
+        const std::string& identifier) override {
+        for (const auto& [path, known] : identifiersByPath) {
+            if (known == identifier) return platform::QSURL::fileURLWithPath(path);
+        }
+        return {};
+    }
+    std::optional<std::string> persistentIdentifierForItemAtURL(
+        const platform::QSURL& url) override {
+        const auto found = identifiersByPath.find(url.path());
+        return found == identifiersByPath.end() ? std::nullopt : std::optional(found->second);
+    }
+    platform::Result<platform::ItemRef> itemForIdentifier(const std::string& identifier) override {
+        return std::make_shared<ScriptedItem>(identifier);
+    }
+    platform::Result<std::shared_ptr<platform::QSFileProviderEnumerator>>
+    enumeratorForContainerItemIdentifier(const std::string& identifier) override {
+        const auto found = containers.find(identifier);
+        if (found == containers.end()) {
+            return std::unexpected(
+                platform::fileProviderErrorForNonExistentItemWithIdentifier(identifier));
+        }
+        ++found->second.enumeratorsMade;
+        return std::make_shared<ScriptedEnumerator>(found->second);
+    }
+    void providePlaceholderAtURL(const platform::QSURL&, CompletionHandler) override {}
+    void startProvidingItemAtURL(const platform::QSURL&, CompletionHandler) override {}
+    void stopProvidingItemAtURL(const platform::QSURL&) override {}
+    void itemChangedAtURL(const platform::QSURL&) override {}
+};
+
+}  // namespace tests
