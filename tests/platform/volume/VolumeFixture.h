@@ -54,17 +54,25 @@ class VolumeFixture : public testing::Test {
         if (!fetched) throw std::runtime_error(fetched.error().description());
         return *fetched;
     }
-    Identity identify(std::string_view path) const {
-        const auto object = attributes(path);
-        const auto slash = path.rfind('/');
-        platform::VolumeService::IdentityRequest request{
-            .object = object.get(),
-            .name = slash == path.npos ? path : path.substr(slash + 1),
-            .wantsDocumentID = !object->isDirectory(),
-            .result = {}};
-        const auto done = service->identify({&request, 1});
+    /// Identifies the objects at these paths together, with document IDs for all but folders.
+    std::vector<Identity> identifyAll(const std::vector<std::string>& paths) const {
+        std::vector<std::shared_ptr<const platform::FileAttributes>> objects;
+        std::vector<platform::VolumeService::IdentityRequest> requests;
+        for (const std::string_view path : paths) {
+            objects.push_back(attributes(path));
+            requests.push_back({.object = objects.back().get(),
+                                .name = path.substr(path.rfind('/') + 1),
+                                .wantsDocumentID = !objects.back()->isDirectory(),
+                                .result = {}});
+        }
+        const auto done = service->identify(requests);
         if (!done) throw std::runtime_error(done.error().description());
-        return request.result;
+        std::vector<Identity> identities;
+        for (const auto& request : requests) identities.push_back(request.result);
+        return identities;
+    }
+    Identity identify(std::string_view path) const {
+        return identifyAll({std::string(path)}).front();
     }
     /// The path below the storage where the file ID resolves to, or the error's code.
     std::string resolve(std::uint64_t fileID) const {

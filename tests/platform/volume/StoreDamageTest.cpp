@@ -1,0 +1,232 @@
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+
+#include <csignal>
+#include <map>
+#include <random>
+#include <vector>
+
+#include "platform/volume/IdentityStore.h"
+#include "tests/platform/volume/VolumeFixture.h"
+
+namespace tests {
+namespace {
+
+using namespace platform;
+namespace fs = std::filesystem;
+
+/// Remembers what every identifier was handed out for.
+class StoreDamageTest : public VolumeFixture {
+  protected:
+    using Owner = std::pair<std::uint64_t, std::uint64_t>;
+    struct Ledger {
+        std::map<std::uint64_t, Owner> files;
+        std::map<std::uint32_t, Owner> documents;
+    };
+
+    /// Identifies everything there is; no identifier may have had another owner before.
+    void identifyEverything() {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(native(""))) {
+            names.push_back(entry.path().filename());
+        }
+        const auto identities = identifyAll(names);
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            const auto seen = attributes(names[i])->identity;
+            const Owner owner{seen.inode, seen.generation};
+            ASSERT_EQ(ledger.files.emplace(identities[i].fileID, owner).first->second, owner);
+            ASSERT_EQ(ledger.documents.emplace(identities[i].documentID, owner).first->second,
+                      owner);
+        }
+    }
+    void copy(std::string_view from, std::string_view to) {
+        fs::remove_all(scratch / to);
+        fs::copy(scratch / from, scratch / to, fs::copy_options::recursive);
+    }
+    void restore(std::string_view backup) { copy(backup, "data"); }
+    void overwrite(const char* file, std::uint64_t offset, std::string_view bytes) {
+        std::fstream stream(scratch / file, std::ios::in | std::ios::out | std::ios::binary);
+        stream.seekp(static_cast<std::streamoff>(offset));
+        stream << bytes;
+    }
+    std::optional<QSUUID> history() const {
+        return service->UUIDForDevice(attributes(".")->device);
+    }
+
+    Ledger ledger;
+};
+
+TEST_F(StoreDamageTest, NoIdentifierEverComesBackForAnotherObject) {
+    enum Outcome { Harmless, Doubted, Rebuilt };
+    struct Case {
+        const char* name;
+        std::function<void()> damage;
+        Outcome outcome;
+    };
+    const std::string junk(1024, 'x');
+    const std::vector<Case> cases{
+        {"nothing", [] {}, Harmless},
+        {"one torn slot of the witness", [&] { overwrite("state/witness", 100, "x"); }, Harmless},
+        {"torn witness", [&] { overwrite("state/witness", 0, junk); }, Doubted},
+        {"lost witness", [&] { fs::remove(scratch / "state/witness"); }, Doubted},
+        {"copy from before the last run", [&] { restore("early"); }, Doubted},
+        {"copy taken while it ran", [&] { restore("running"); }, Doubted},
+        {"lost log of a store that was killed",
+         [&] {
+             restore("killed");
+             fs::remove(scratch / "data/volume.db-wal");
+         },
+         Rebuilt},  // not even the tables had been moved out of the log
+        {"lost store", [&] { fs::remove(scratch / "data/volume.db"); }, Rebuilt},
+        {"emptied store", [&] { fs::resize_file(scratch / "data/volume.db", 0); }, Rebuilt},
+        {"cut store", [&] { fs::resize_file(scratch / "data/volume.db", 5000); }, Rebuilt},
+        {"no database", [&] { overwrite("data/volume.db", 0, junk); }, Rebuilt},
+        {"later version",
+         [&] {
+             overwrite("data/volume.db", 60, {"\0\0\0\x63", 4});
+         },
+         Rebuilt},
+        {"lost both", [&] { fs::remove_all(scratch / "data"); }, Rebuilt},
+    };
+    for (const auto& [name, damage, outcome] : cases) {
+        SCOPED_TRACE(name);
+        service.reset();
+        for (const char* folder : {"data", "state", "storage"}) fs::remove_all(scratch / folder);
+        scratch.makeFolder("storage");
+        openFiles();
+        ledger = {};
+        open();
+        copy("data", "killed");
+        for (const char* kept : {"a", "b"}) makeFile(kept);
+        identifyEverything();
+        const auto before = identify("a");
+        const auto historyBefore = history();
+        open();
+        copy("data", "early");
+        for (int i = 0; i < 20; ++i) makeFile("later" + std::to_string(i));
+        identifyEverything();
+        copy("data", "running");
+        makeFile("last");
+        identifyEverything();
+        service.reset();
+
+        damage();
+        // Strangers take over the inode numbers of the last two rounds.
+        fs::remove(native("last"));
+        for (int i = 0; i < 20; ++i) fs::remove(native("later" + std::to_string(i)));
+        for (int i = 0; i < 21; ++i) makeFile("stranger" + std::to_string(i));
+        open();
+        identifyEverything();
+        const auto after = identify("a");
+        EXPECT_EQ(after.documentID == before.documentID, outcome != Rebuilt);
+        EXPECT_EQ(after.fileID == before.fileID, outcome != Rebuilt);
+        EXPECT_EQ(history() == historyBefore, outcome == Harmless);
+        EXPECT_EQ(service->statistics().lastTrouble.has_value(), outcome != Harmless);
+
+        open();  // once settled, it stays so
+        identifyEverything();
+        EXPECT_EQ(identify("a").documentID, after.documentID);
+    }
+}
+
+TEST_F(StoreDamageTest, RandomDamageIsNoticedOrHarmless) {
+    constexpr unsigned seed = 20240611;
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    for (int i = 0; i < 120; ++i) makeFile("file" + std::to_string(i));
+    open();
+    identifyEverything();
+    service.reset();
+    copy("data", "whole");
+    copy("state", "witnessed");
+    const Ledger handedOut = ledger;
+    const auto size = fs::file_size(scratch / "data/volume.db");
+    int rebuilt = 0;
+    for (int round = 0; round < 40; ++round) {
+        SCOPED_TRACE(round);
+        service.reset();
+        restore("whole");
+        copy("witnessed", "state");
+        ledger = handedOut;
+        const auto at = random() % size;
+        switch (round % 4) {
+            case 0:
+            case 1:
+                overwrite("data/volume.db", at, std::string(1, static_cast<char>(random())));
+                break;
+            case 2:
+                overwrite("data/volume.db", at / 4096 * 4096, std::string(4096, '\0'));
+                break;
+            default:
+                fs::resize_file(scratch / "data/volume.db", at);
+        }
+        open();
+        identifyEverything();
+        rebuilt += service->statistics().lastTrouble.has_value();
+    }
+    EXPECT_GE(rebuilt, 20);  // every zeroed page and every cut, at the least
+    EXPECT_TRUE(fs::exists(scratch / "data/volume.db")) << "set aside, not removed";
+}
+
+TEST_F(StoreDamageTest, AFailedWriteChangesNothingAndIsOverWhenTheDiskRecovers) {
+    open();
+    makeFile("a");
+    const auto known = identify("a");
+    makeFile("b");
+    const auto object = attributes("b");
+    VolumeService::IdentityRequest request{
+        .object = object.get(), .name = "b", .wantsDocumentID = true, .result = {}};
+
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit full{fs::file_size(scratch / "data/volume.db-wal"), limit.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
+    const auto failed = service->identify({&request, 1});
+    setrlimit(RLIMIT_FSIZE, &limit);
+
+    ASSERT_FALSE(failed);
+    EXPECT_THAT(failed.error().code, testing::AnyOf(EIO, ENOSPC));
+    EXPECT_EQ(request.result.documentID, 0u);
+    EXPECT_EQ(service->fileIDForDocumentID(known.documentID + 1).error().code, ENOENT);
+    EXPECT_EQ(identify("a").documentID, known.documentID);
+    const auto later = identify("b");
+    EXPECT_GT(later.documentID, known.documentID);
+    open();
+    EXPECT_EQ(identify("b").documentID, later.documentID);
+}
+
+TEST(StoreDecisionTest, AnotherFileSystemKeepsNothingAndAnotherMountEverything) {
+    struct Case {
+        VolumeFingerprint before;
+        VolumeFingerprint now;
+        bool isSame;
+    };
+    const ObjectIdentity root{2, 20};
+    const ObjectIdentity other{2, 30};
+    for (const auto& [before, now, isSame] : std::vector<Case>{
+             {{"aa", root}, {"aa", root}, true},
+             {{"aa", root}, {"aa", other}, true},  // the storage was moved on its volume
+             {{"aa", root}, {"bb", root}, false},
+             {{"", root}, {"bb", root}, true},  // a newer kernel tells the UUID
+             {{"", root}, {"", root}, true},
+             {{"", root}, {"", other}, false},
+         }) {
+        SCOPED_TRACE(before.uuid + "/" + now.uuid);
+        StoreState found;
+        found.store = QSUUID::random();
+        found.history = QSUUID::random();
+        found.marks.reserved = {100, 200, firstFreshFileID + 300};
+        found.volume = before;
+        const Witness::Record witness{found.store, found.history, found.marks};
+        const auto decision = decideAboutStore(found, witness, now, "");
+        EXPECT_EQ(decision.dropsObjects, !isSame);
+        EXPECT_EQ(decision.state.freshOnly, !isSame);
+        EXPECT_EQ(decision.state.history == found.history, isSame);
+        EXPECT_EQ(decision.state.marks, found.marks);
+        EXPECT_EQ(decision.state.volume.uuid, now.uuid);
+    }
+}
+
+}  // namespace
+}  // namespace tests
