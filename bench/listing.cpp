@@ -104,7 +104,7 @@ class Provider {
 
   private:
     std::unique_ptr<platform::Platform> platform_;
-    std::unique_ptr<platform::QSFileProviderExtension> provider_;
+    std::shared_ptr<platform::QSFileProviderExtension> provider_;
     platform::QSFileProviderItemIdentifier container_;
 };
 
