@@ -29,64 +29,40 @@ QSPropertyList nested(std::size_t depth) {
     return list;
 }
 
+std::string repeated(std::string_view text, int count) {
+    std::string all;
+    while (count-- > 0) all += text;
+    return all;
+}
+
 TEST(QSPropertyList, EveryValueComesBackFromItsBytes) {
-    Array manyNumbers;
-    for (int i = 0; i < 300; ++i) manyNumbers.emplace_back(i);  // two-byte references
-    const Array values = {true,
-                          false,
-                          0,
-                          1,
-                          255,
-                          256,
-                          65'535,
-                          65'536,
-                          0xFFFF'FFFFU,
-                          0x1'0000'0000,
-                          -1,
-                          -255,
-                          std::numeric_limits<std::int64_t>::min(),
-                          std::numeric_limits<std::int64_t>::max(),
-                          top63,
-                          std::numeric_limits<std::uint64_t>::max(),
-                          0.0,
-                          -0.5,
-                          1e308,
-                          "",
-                          "fourteen bytes",
-                          "fifteen bytes..",
-                          "gr\xC3\xBC\xC3\x9F",
-                          "\xF0\x9F\x8C\x8A",
-                          "\xEF\xBF\xBF",
-                          std::string("a\0b", 3),
-                          std::string(70'000 / 4, 'x'),
-                          QSData{},
-                          QSData(300, 0xFF),
-                          QSDate{978'307'200, 0},
-                          QSDate{-1, 500'000'000},
-                          QSDate{1'790'000'000, 123'456'001},
-                          QSPropertyList::UID{0},
-                          QSPropertyList::UID{0x1'0000},
-                          Array{},
-                          Dictionary{},
-                          manyNumbers,
-                          Dictionary{{"", 1}, {"k", Array{Dictionary{{"k", "k"}}}}},
-                          nested(31)};
-    for (std::size_t i = 0; i < values.size(); ++i) {
-        const auto bytes = binaryData(values[i]);
-        ASSERT_TRUE(bytes) << i;
-        auto back = propertyListWithData(*bytes);
-        ASSERT_TRUE(back) << i << ": " << back.error().description();
-        if (const auto* date = values[i].asDate()) {
-            // A double keeps 100 ns; once rounded, a date stays as it is.
-            EXPECT_NEAR(back->asDate()->timeIntervalSinceReferenceDate(),
-                        date->timeIntervalSinceReferenceDate(), 1e-6);
-            back = propertyListWithData(*binaryData(*back));
-            EXPECT_EQ(back->asDate()->seconds, date->seconds);
-        } else {
-            EXPECT_EQ(*back, values[i]) << i;
-        }
+    constexpr auto lowest = std::numeric_limits<std::int64_t>::min();
+    Array all;
+    for (int i = 0; i < 300; ++i) all.emplace_back(i);  // two-byte references
+    for (const Array& values : {
+             Array{true, false, 0, 1, 255, 256, 65'535, 65'536, 0xFFFF'FFFFU, 0x1'0000'0000},
+             Array{-1, -255, lowest, lowest + 1, top63 - 1, top63, top63 + (top63 - 1)},
+             Array{0.0, -0.5, 1e308, QSData{}, QSData(300, 0xFF), QSDate{},
+                   QSDate{-1, 500'000'000}},
+             Array{"", "fourteen bytes", "fifteen bytes..", std::string(17'000, 'x')},
+             Array{"gr\xC3\xBC\xC3\x9F", "\xF0\x9F\x8C\x8A", "\xEF\xBF\xBF", std::string(1, '\0')},
+             Array{QSPropertyList::UID{0}, QSPropertyList::UID{0x1'0000}, nested(30)},
+             Array{Array{}, Dictionary{}, Dictionary{{"", 1}, {"k", Dictionary{{"k", "k"}}}}},
+         }) {
+        all.insert(all.end(), values.begin(), values.end());
     }
-    EXPECT_EQ(propertyListWithData(*binaryData(values)).value().asArray()->size(), values.size());
+    all.emplace_back(all);
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        const auto back = propertyListWithData(binaryData(all[i]).value());
+        ASSERT_TRUE(back) << i << ": " << back.error().description();
+        EXPECT_EQ(*back, all[i]) << i;
+    }
+    // A double keeps 100 ns; once rounded, a date stays as it is.
+    const QSDate date{1'790'000'000, 123'456'001};
+    const auto rounded = propertyListWithData(*binaryData(date)).value();
+    EXPECT_EQ(rounded.asDate()->seconds, date.seconds);
+    EXPECT_NEAR(rounded.asDate()->nanoseconds, date.nanoseconds, 100);
+    EXPECT_EQ(propertyListWithData(*binaryData(rounded)).value(), rounded);
 }
 
 TEST(QSPropertyList, IntegersAreSignedAndUnsignedWhereTheyFit) {
@@ -153,44 +129,40 @@ TEST(QSPropertyList, ReadsXML) {
 }
 
 TEST(QSPropertyList, RefusesMalformedXML) {
-    std::string opened;
-    for (int i = 0; i < 40; ++i) opened += "<array>";
-    std::string closed;
-    for (int i = 0; i < 40; ++i) closed += "</array>";
-    for (const std::string& body :
-         std::vector<std::string>{"",
-                                  "<string>a",
-                                  "<string>a</string><string>b</string>",
-                                  "<other/>",
-                                  "text",
-                                  "<integer>9223372036854775808123</integer>",
-                                  "<integer>-9223372036854775809</integer>",
-                                  "<integer>0x10</integer>",
-                                  "<integer></integer>",
-                                  "<integer> 1</integer>",
-                                  "<real>1,5</real>",
-                                  "<true>x</true>",
-                                  "<date>2026-02-30T00:00:00Z</date>",
-                                  "<date>2026-01-01</date>",
-                                  "<data>A</data>",
-                                  "<data>AA=A</data>",
-                                  "<data>====</data>",
-                                  "<string>&undefined;</string>",
-                                  "<string>&#0;</string>",
-                                  "<string>&#4294967296;</string>",
-                                  "<string>&#xD800;</string>",
-                                  "<string>\xFF</string>",
-                                  "<string><true/></string>",
-                                  std::string("<string>a\0b</string>", 20),
-                                  "<dict><key>a</key></dict>",
-                                  "<dict><true/></dict>",
-                                  "<dict><key>a</key><true/><key>a</key><true/></dict>",
-                                  "<array>x<true/></array>",
-                                  opened + closed,
-                                  opened}) {
-        const auto text = "<plist>" + body + "</plist>";
-        const auto list = propertyListWithData(dataFromString(text));
-        ASSERT_FALSE(list) << text;
+    std::vector<std::string> bodies = {std::string("<string>a\0b</string>", 20),
+                                       repeated("<array>", 40) + repeated("</array>", 40)};
+    for (const std::string_view body : {"",
+                                        "<string>a",
+                                        "<string>a</string><string>b</string>",
+                                        "<other/>",
+                                        "text",
+                                        "<integer>9223372036854775808123</integer>",
+                                        "<integer>-9223372036854775809</integer>",
+                                        "<integer>0x10</integer>",
+                                        "<integer></integer>",
+                                        "<integer> 1</integer>",
+                                        "<real>1,5</real>",
+                                        "<true>x</true>",
+                                        "<date>2026-02-30T00:00:00Z</date>",
+                                        "<date>2026-01-01</date>",
+                                        "<data>A</data>",
+                                        "<data>AA=A</data>",
+                                        "<data>====</data>",
+                                        "<string>&undefined;</string>",
+                                        "<string>&#0;</string>",
+                                        "<string>&#4294967296;</string>",
+                                        "<string>&#xD800;</string>",
+                                        "<string>\xFF</string>",
+                                        "<string><true/></string>",
+                                        "<dict><key>a</key></dict>",
+                                        "<dict><true/></dict>",
+                                        "<dict><key>a</key><true/><key>a</key><true/></dict>",
+                                        "<array>x<true/></array>"}) {
+        bodies.emplace_back(body);
+    }
+    for (const auto& body : bodies) {
+        const auto list = propertyListWithData(dataFromString("<plist>" + body + "</plist>"));
+        ASSERT_FALSE(list) << body;
         EXPECT_EQ(list.error().code, QSFileReadCorruptFileError);
     }
     for (const std::string_view text :
@@ -221,27 +193,17 @@ TEST(QSPropertyList, RefusesBadTrailersAndCutOffLists) {
     }
 }
 
-/// 16 arrays, each of which holds the next one 16 times.
-std::vector<QSData> fanOut() {
+/// `count` arrays, each of which holds the next one `width` times.
+QSData nestedArrays(std::uint64_t count, std::uint64_t width) {
     std::vector<QSData> objects;
-    for (std::uint64_t i = 1; i <= 16; ++i) objects.push_back(arrayOfOne(i, 16));
+    for (std::uint64_t i = 1; i <= count; ++i) objects.push_back(arrayOfOne(i, width));
     objects.push_back(fromHex("a0"));
-    return objects;
-}
-
-std::vector<QSData> longChain() {
-    std::vector<QSData> objects;
-    for (std::uint64_t i = 1; i <= 4'000; ++i) objects.push_back(arrayOfOne(i, 1));
-    objects.push_back(fromHex("a0"));
-    return objects;
+    return binaryList(objects, 2);
 }
 
 TEST(QSPropertyList, RefusesHostileObjectsWithinItsMemory) {
-    const QSData bigString = [] {
-        auto bytes = fromHex("5f 12 00 00 40 00");
-        bytes.insert(bytes.end(), 0x4000, 'x');
-        return bytes;
-    }();
+    auto bigString = fromHex("5f 12 00 00 40 00");
+    bigString.insert(bigString.end(), 0x4000, 'x');
     struct Case {
         const char* what;
         QSData bytes;
@@ -274,24 +236,13 @@ TEST(QSPropertyList, RefusesHostileObjectsWithinItsMemory) {
                                    fromHex("5f 10 01 61"), fromHex("09")})},
         {"shared a million times", binaryList({arrayOfOne(1, 30'000), fromHex("51 61")}, 2)},
         {"a shared big string", binaryList({arrayOfOne(1, 100), bigString}, 2)},
-        {"fan-out", binaryList(fanOut(), 2)},
-        {"deep", binaryList(longChain(), 2)},
+        {"fan-out", nestedArrays(16, 16)},
+        {"deep", nestedArrays(4'000, 1)},
         {"too many objects", binaryList(std::vector<QSData>(9'000, fromHex("09")))},
         {"too large", binaryList({QSData(66'000, 0x09)})},
-        {"XML tags", dataFromString("<plist><array>" +
-                                    [] {
-                                        std::string tags;
-                                        for (int i = 0; i < 12'000; ++i) tags += "<a/>x";
-                                        return tags;
-                                    }())},
-        {"XML below the limit of tags", dataFromString("<plist><array>" +
-                                                       [] {
-                                                           std::string tags;
-                                                           for (int i = 0; i < 4'080; ++i)
-                                                               tags += "<dict/>x";
-                                                           return tags;
-                                                       }() +
-                                                       "</array></plist>")},
+        {"XML tags", dataFromString("<plist><array>" + repeated("<a/>x", 12'000))},
+        {"XML below the limit of tags",
+         dataFromString("<plist><array>" + repeated("<dict/>x", 4'080) + "</array></plist>")},
     };
     for (const auto& [what, bytes] : cases) {
         std::int64_t code = 0;
