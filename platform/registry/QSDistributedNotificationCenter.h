@@ -13,13 +13,15 @@ namespace platform {
 /// centre never looks behind. Any thread.
 class QSDistributedNotificationCenter {
   public:
-    /// Called on the posting thread, with no lock held. The observer's address is handed back.
+    /// Called on the posting thread; calls of one observation wait for one another, and the centre
+    /// itself is not locked. The observer's address is handed back.
     using Callback = std::function<void(const void* observer)>;
 
     /// REQUIRES: `observer` stays valid until it was removed.
     void addObserver(const void* observer, std::string name, Callback callback);
     /// No callback of `observer` begins after this has returned; one that runs is waited for,
-    /// unless it is the caller.
+    /// unless it is the caller. REQUIRES: no two observers remove one another from callbacks that
+    /// may run at the same time; each would wait for the other.
     void removeEveryObserver(const void* observer);
     /// Calls the observers of `name` that are registered now, and returns when all have been.
     void post(std::string_view name);
