@@ -165,7 +165,7 @@ TEST_F(StoreDamageTest, RandomDamageIsNoticedOrHarmless) {
         rebuilt += service->statistics().lastTrouble.has_value();
     }
     EXPECT_GE(rebuilt, 20);  // every zeroed page and every cut, at the least
-    EXPECT_TRUE(fs::exists(scratch / "data/volume.db")) << "set aside, not removed";
+    EXPECT_TRUE(fs::exists(scratch / "data/volume.db.damaged-1")) << "the last one was cut";
 }
 
 TEST_F(StoreDamageTest, AFailedWriteChangesNothingAndIsOverWhenTheDiskRecovers) {
