@@ -31,9 +31,9 @@ class Platform {
     };
 
     struct Options {
-        Folders folders;
+        Folders folders = {};
         bool crawlAtStart = true;
-        std::function<void(std::uint64_t objects)> crawlProgress;
+        std::function<void(std::uint64_t objects)> crawlProgress = {};
     };
 
     /// Opens the storage and its volume's store. Fails with the first error; nothing is left
@@ -47,7 +47,7 @@ class Platform {
     void install();
 
     [[nodiscard]] const Folders& folders() const { return folders_; }
-    [[nodiscard]] const FileSystem& files() const { return *files_; }
+    [[nodiscard]] FileSystem& files() { return *files_; }
     [[nodiscard]] const TypeRegistry& types() const { return types_; }
     [[nodiscard]] VolumeService& volume() { return *volume_; }
     [[nodiscard]] QSFileProviderManager& manager() { return *manager_; }

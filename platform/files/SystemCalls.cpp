@@ -28,20 +28,18 @@ struct XattrArguments {
 
 std::atomic<bool> hasXattrAt = true;
 
-constexpr int flagsFor(const char* name) {
-    return AT_SYMLINK_NOFOLLOW | (name[0] == '\0' ? AT_EMPTY_PATH : 0);
-}
-
-/// Runs the call relative to a folder; where the kernel has none, the one by path.
+/// Runs the call relative to a folder; where the kernel has none, the one by path. The descriptor's
+/// own object always goes by path, since it may be open without the right to read.
 template <typename Relative, typename ByPath>
 std::ptrdiff_t relativeOrByPath(int directory, const char* name, Relative relative, ByPath byPath) {
-    if (hasXattrAt.load(std::memory_order_relaxed)) {
+    const bool isOwn = name[0] == '\0';
+    if (!isOwn && hasXattrAt.load(std::memory_order_relaxed)) {
         const auto result = relative();
         if (result >= 0 || errno != ENOSYS) return result;
         hasXattrAt = false;
     }
     // A name below the descriptor must not be followed; the descriptor's own link has to be.
-    return byPath(descriptorPath(directory, name), name[0] == '\0');
+    return byPath(descriptorPath(directory, name), isOwn);
 }
 
 }  // namespace
@@ -70,7 +68,9 @@ std::string descriptorPath(int directory, const char* name) {
 std::ptrdiff_t listAttributes(int directory, const char* name, char* buffer, std::size_t size) {
     return relativeOrByPath(
         directory, name,
-        [&] { return syscall(listxattratNumber, directory, name, flagsFor(name), buffer, size); },
+        [&] {
+            return syscall(listxattratNumber, directory, name, AT_SYMLINK_NOFOLLOW, buffer, size);
+        },
         [&](const std::string& path, bool follow) {
             return follow ? ::listxattr(path.c_str(), buffer, size)
                           : ::llistxattr(path.c_str(), buffer, size);
@@ -84,8 +84,8 @@ std::ptrdiff_t getAttribute(int directory, const char* name, const char* attribu
         [&] {
             XattrArguments arguments{reinterpret_cast<std::uintptr_t>(buffer),
                                      static_cast<std::uint32_t>(size), 0};
-            return syscall(getxattratNumber, directory, name, flagsFor(name), attribute, &arguments,
-                           sizeof arguments);
+            return syscall(getxattratNumber, directory, name, AT_SYMLINK_NOFOLLOW, attribute,
+                           &arguments, sizeof arguments);
         },
         [&](const std::string& path, bool follow) {
             return follow ? ::getxattr(path.c_str(), attribute, buffer, size)

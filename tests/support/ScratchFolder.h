@@ -16,9 +16,9 @@ class ScratchFolder {
   public:
     ScratchFolder() {
         const char* chosen = std::getenv("TMPDIR");
-        std::string pattern = (chosen ? std::filesystem::path(chosen)
-                                      : std::filesystem::current_path()) /
-                              "tidewell-XXXXXX";
+        std::string pattern =
+            (chosen ? std::filesystem::path(chosen) : std::filesystem::current_path()) /
+            "tidewell-XXXXXX";
         if (!mkdtemp(pattern.data())) std::abort();
         path_ = pattern;
     }

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/fileprovider/Platform.h"
+#include "platform/log/Log.h"
+#include "tests/support/ScratchFolder.h"
+
+namespace tests {
+
+/// A platform on a scratch folder, installed for one test, with its log in memory.
+class InstalledPlatform : public testing::Test {
+  protected:
+    InstalledPlatform() {
+        scratch.makeFolder("storage");
+        restart();
+    }
+    ~InstalledPlatform() override { platform::installLog(nullptr, platform::LogLevel::Error); }
+
+    /// Ends the platform and starts it again on the same folders, as a new process would.
+    void restart() {
+        installed.reset();
+        log = std::make_shared<platform::MemorySink>();
+        platform::installLog(log, platform::LogLevel::Debug);
+        auto made = platform::Platform::make({.folders = {.storage = storage().string(),
+                                                          .data = scratch / "data",
+                                                          .state = scratch / "state",
+                                                          .cache = scratch / "cache",
+                                                          .applicationSupport = scratch / "apps"}});
+        ASSERT_TRUE(made) << made.error().description();
+        installed = std::move(*made);
+        installed->install();
+    }
+
+    [[nodiscard]] std::filesystem::path storage() const { return scratch / "storage"; }
+    [[nodiscard]] std::filesystem::path file(const std::string& name) const {
+        return scratch.makeFile("storage/" + name);
+    }
+    [[nodiscard]] std::filesystem::path folder(const std::string& name) const {
+        return scratch.makeFolder("storage/" + name);
+    }
+    /// The presented URL of a path below the storage, with nothing kept yet.
+    [[nodiscard]] platform::QSURL url(const std::string& below = {}) const {
+        return platform::QSURL::fileURLWithPath(std::string(platform::presentedStoragePath) + "/" +
+                                                below);
+    }
+
+    /// Messages of that level that hold `part`.
+    [[nodiscard]] std::vector<std::string> logged(platform::LogLevel level,
+                                                  std::string_view part) const {
+        std::vector<std::string> found;
+        for (const auto& record : log->records()) {
+            if (record.level == level && record.message.find(part) != std::string::npos) {
+                found.push_back(record.message);
+            }
+        }
+        return found;
+    }
+
+    ScratchFolder scratch;
+    std::shared_ptr<platform::MemorySink> log;
+    std::unique_ptr<platform::Platform> installed;
+};
+
+}  // namespace tests

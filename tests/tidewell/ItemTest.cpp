@@ -1,0 +1,195 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+
+#include "platform/fileprovider/QPTag.h"
+#include "platform/files/ExtendedAttributes.h"
+#include "platform/files/FileDescriptor.h"
+#include "platform/foundation/QSKeyedArchiver.h"
+#include "tests/support/InstalledPlatform.h"
+#include "tidewell/applibraries/TWPAppLibraryManager.h"
+#include "tidewell/items/LocalAppLibraryItem.h"
+#include "tidewell/items/LocalItem.h"
+
+namespace tidewell {
+namespace {
+
+using testing::MatchesRegex;
+using testing::SizeIs;
+
+class ItemTest : public tests::InstalledPlatform {
+  protected:
+    void set(const std::filesystem::path& path, std::string_view name, QSDataView value) {
+        const FileDescriptor fd(open(path.c_str(), O_RDONLY));
+        ASSERT_EQ(setExtendedAttribute(fd.get(), name, value), 0);
+    }
+    void archive(const std::filesystem::path& path, std::string_view name,
+                 const QSPropertyList& root) {
+        set(path, name, archivedDataWithRootObject(root).value());
+    }
+};
+
+TEST_F(ItemTest, FileFolderAndRoot) {
+    const auto path = scratch.makeFile("storage/d/a.txt", "12345");
+    (void)file("d/.hidden");
+    const auto folderItem = LocalItem::initWithURL(url("d"));
+    const auto item = LocalItem::initWithURL(url("d/a.txt"));
+    ASSERT_TRUE(item && folderItem);
+    struct stat status {};
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(item->parentItemIdentifier(), folderItem->itemIdentifier());
+    EXPECT_EQ(item->filename(), "a.txt");
+    EXPECT_EQ(item->typeIdentifier(), "text/plain");
+    EXPECT_EQ(item->documentSize(), 5u);
+    EXPECT_EQ(item->contentModificationDate(),
+              (QSDate{status.st_mtim.tv_sec, static_cast<std::uint32_t>(status.st_mtim.tv_nsec)}));
+    EXPECT_EQ(item->childItemCount(), std::nullopt);
+    EXPECT_EQ(item->capabilities(), 63u);
+    EXPECT_EQ(item->versionIdentifier(), std::nullopt);
+    EXPECT_EQ(item->fileID(), static_cast<std::int64_t>(status.st_ino));
+    EXPECT_EQ("did=" + std::to_string(item->docID().value()), item->itemIdentifier());
+    EXPECT_FALSE(item->isTrashed() || item->qp_isContainer() || item->qp_isUbiquitous());
+    EXPECT_TRUE(folderItem->isFolder());
+    EXPECT_EQ(folderItem->documentSize(), std::nullopt);
+    EXPECT_EQ(folderItem->docID(), std::nullopt);
+    EXPECT_EQ(folderItem->childItemCount(), 2) << "hidden entries count";
+    EXPECT_EQ(LocalItem::initWithFileIdentifier(status.st_ino)->itemIdentifier(),
+              item->itemIdentifier());
+
+    const auto root = LocalItem::initWithURL(url());
+    EXPECT_EQ(root->parentItemIdentifier(), root->itemIdentifier());
+    EXPECT_EQ(root->capabilities(), 1u);
+    EXPECT_EQ(folderItem->parentItemIdentifier(), root->itemIdentifier());
+    EXPECT_THAT(folderItem->description(),
+                MatchesRegex("<LocalItem:0x[0-9a-f]+ fid=[0-9]+ name:\"d\" parent:root "
+                             "type:public.folder>"));
+}
+
+TEST_F(ItemTest, TrashNeedsTheAdjacentPair) {
+    for (const auto& [path, isTrashed] : {std::pair{".Trash/a.txt", true},
+                                          {".Trash/sub/a.txt", true},
+                                          {"x/.Trash/a.txt", false},
+                                          {".Trashy/a", false}}) {
+        (void)file(path);
+        EXPECT_EQ(LocalItem::initWithURL(url(path))->isTrashed(), isTrashed) << path;
+    }
+}
+
+TEST_F(ItemTest, InboxIsHiddenOnlyAsALibrarysFolder) {
+    (void)file("Inbox/x");
+    (void)file("sub/Inbox/x");
+    EXPECT_FALSE(LocalItem::initWithURL(url("Inbox")));
+    EXPECT_TRUE(LocalItem::initWithURL(url("sub/Inbox")));
+    EXPECT_TRUE(LocalItem::initWithURL(url("Inbox/x")));
+    std::filesystem::remove_all(storage() / "Inbox");
+    (void)file("Inbox");
+    EXPECT_TRUE(LocalItem::initWithURL(url("Inbox"))) << "a file of that name";
+}
+
+TEST_F(ItemTest, PackagesOfSomeTypesHaveASize) {
+    scratch.makeFile("storage/song.lutebox/a/b", "12345");
+    scratch.makeFile("storage/song.lutebox/c", "123");
+    std::filesystem::create_directory_symlink(scratch.path(), storage() / "song.lutebox/link");
+    const auto package = LocalItem::initWithURL(url("song.lutebox"));
+    EXPECT_TRUE(package->isPackage());
+    EXPECT_FALSE(package->isFolder());
+    EXPECT_EQ(package->documentSize(), 8u);
+    EXPECT_EQ(package->childItemCount(), std::nullopt);
+}
+
+TEST_F(ItemTest, ChildCountSaturatesAndUnreadableMetadataIsAbsent) {
+    const auto busy = folder("busy");
+    for (int i = 0; i < 65'600; ++i) {
+        ASSERT_EQ(mknod((busy / std::to_string(i)).c_str(), S_IFREG | 0600, 0), 0);
+    }
+    EXPECT_EQ(LocalItem::initWithURL(url("busy"))->childItemCount(), 65'535);
+}
+
+TEST_F(ItemTest, UserMetadata) {
+    const auto path = file("a");
+    const QSDate date{1'700'000'000, 0};
+    archive(path, LocalItem::xattrLastUsedDateName(), date);
+    archive(path, LocalItem::xattrTagDataName(), QSPropertyList::Array{"red", "blue"});
+    archive(path, LocalItem::xattrFavoriteRankName(), std::uint64_t{1} << 63);
+    const auto item = LocalItem::initWithURL(url("a"));
+    EXPECT_EQ(item->lastUsedDate(), date);
+    EXPECT_EQ(QPGetTagsForTagsData(*item->tagData()),
+              (std::vector<QPTag>{{"red", 0}, {"blue", 0}}));
+    EXPECT_EQ(item->favoriteRank(), std::uint64_t{1} << 63);
+    EXPECT_THAT(item->description(), testing::HasSubstr(" favorite:9223372036854775808>"));
+    archive(path, LocalItem::xattrTagDataName(), QSPropertyList::Array{});
+    EXPECT_EQ(LocalItem::initWithURL(url("a"))->tagData(), QPGetTagsDataForTags({}));
+}
+
+TEST_F(ItemTest, MetadataOfTheWrongClassIsAbsentAndTheItemWhole) {
+    const auto path = file("a");
+    const std::vector<QSData> wrong = {
+        dataFromString("no archive"),
+        {},
+        archivedDataWithRootObject("text").value(),
+        archivedDataWithRootObject(QSPropertyList::Array{1, 2}).value(),
+        archivedDataWithRootObject(QSPropertyList::Dictionary{{"a", 1}}).value()};
+    for (const auto& bytes : wrong) {
+        for (const auto name : {LocalItem::xattrLastUsedDateName(), LocalItem::xattrTagDataName(),
+                                LocalItem::xattrFavoriteRankName()}) {
+            set(path, name, bytes);
+        }
+        log->clear();
+        const auto item = LocalItem::initWithURL(url("a"));
+        ASSERT_TRUE(item);
+        EXPECT_FALSE(item->lastUsedDate() || item->tagData() || item->favoriteRank());
+        EXPECT_THAT(logged(LogLevel::Error, ""), testing::IsEmpty());
+    }
+}
+
+TEST_F(ItemTest, PutBackRecordNeverLeadsOutOfTheLibrary) {
+    const auto path = file(".Trash/a");
+    EXPECT_EQ(LocalItem::initWithURL(url(".Trash/a"))->putBackURL(), std::nullopt);
+    EXPECT_THAT(logged(LogLevel::Error, "couldn't find putback xattr for <LocalItem:"), SizeIs(1));
+    const std::pair<const char*, std::optional<QSURL>> cases[] = {
+        {"sub/a", url("sub")},    {"/sub/a", url("sub")}, {"a", url()},
+        {"../../etc/passwd", {}}, {"sub/../../x", {}},    {"", {}}};
+    for (const auto& [record, expected] : cases) {
+        archive(path, LocalItem::xattrTrashPutBackName(), record);
+        const auto item = LocalItem::initWithURL(url(".Trash/a"));
+        EXPECT_EQ(item->putBackURL(), expected) << record;
+        item->setPutBackURL(url("elsewhere"));
+        EXPECT_EQ(item->putBackURL(), url("elsewhere"));
+    }
+}
+
+TEST_F(ItemTest, AppLibraryItem) {
+    for (const auto* name : {"Inbox", ".Trash", "a", "b"}) {
+        scratch.makeFolder("container/Documents/" + std::string(name));
+    }
+    const auto container =
+        installed->files().addContainer("org.a", (scratch / "container").string()).value();
+    const auto root = container.URLByAppendingPathComponent("Documents");
+    const QLBundleProxy bundle{"org.a", container, "An App"};
+    AppLibraryRootTable::shared().replace({{root, std::make_shared<const QLBundleProxy>(bundle)}});
+    const auto library = LocalAppLibraryItem::initFrom(bundle);
+    ASSERT_TRUE(library);
+    EXPECT_EQ(library->itemIdentifier(), "#org.a");
+    EXPECT_EQ(library->parentItemIdentifier(), QSFileProviderRootContainerItemIdentifier);
+    EXPECT_EQ(library->filename(), "An App");
+    EXPECT_EQ(library->childItemCount(), 2);
+    EXPECT_EQ(library->capabilities(), 3u);
+    EXPECT_TRUE(library->qp_isContainer());
+    EXPECT_EQ(library->qp_beaconDomainIdentifier(), std::nullopt);
+    EXPECT_EQ(library->qp_appContainerBundleIdentifier(), "org.a");
+
+    const auto inner = LocalItem::initWithURL(root.URLByAppendingPathComponent("a"));
+    EXPECT_EQ(inner->parentItemIdentifier(), "#org.a");
+    EXPECT_EQ(inner->qp_beaconDomainIdentifier(), "org.a");
+    EXPECT_EQ(inner->fetchAppLibraryItem()->itemIdentifier(), "#org.a");
+    EXPECT_FALSE(LocalItem::initWithURL(root.URLByAppendingPathComponent("Inbox")));
+    EXPECT_EQ(LocalAppLibraryItem::initFrom({"org.a", container, {}})->filename(), "Documents");
+    EXPECT_FALSE(LocalAppLibraryItem::initFrom({"org.a", {}, {}}));
+    EXPECT_THAT(
+        logged(LogLevel::Error, "can't create an app library item without a data container URL"),
+        SizeIs(1));
+    AppLibraryRootTable::shared().replace({});
+}
+
+}  // namespace
+}  // namespace tidewell

@@ -1,0 +1,248 @@
+#include <gmock/gmock.h>
+
+#include <set>
+
+#include "platform/fileprovider/QSFileProviderError.h"
+#include "platform/foundation/QSPropertyList.h"
+#include "tests/support/InstalledPlatform.h"
+#include "tidewell/common/LocalFileProviderError.h"
+#include "tidewell/enumeration/LocalFileEnumerator.h"
+#include "tidewell/enumeration/LocalRootEnumerator.h"
+#include "tidewell/fs/DirectoryWalk.h"
+#include "tidewell/fs/FSChangeToken.h"
+
+namespace tidewell {
+namespace {
+
+using testing::Each;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::UnorderedElementsAre;
+
+WalkOptions sameOptions(std::string_view /*name*/, WalkOptions inherited) {
+    return inherited;
+}
+
+struct Collector final : QSFileProviderEnumerationObserver {
+    void didEnumerateItems(std::vector<ItemRef> some) override {
+        items.insert(items.end(), some.begin(), some.end());
+    }
+    void finishEnumeratingUpToPage(std::optional<QSFileProviderPage> page) override {
+        ++finished;
+        next = std::move(page);
+    }
+    void finishEnumeratingWithError(QSError failure) override {
+        ++finished;
+        error = std::move(failure);
+    }
+    [[nodiscard]] std::vector<std::string> names() const {
+        std::vector<std::string> result;
+        for (const auto& item : items) result.push_back(item->filename());
+        return result;
+    }
+
+    std::vector<ItemRef> items;
+    std::optional<QSFileProviderPage> next;
+    std::optional<QSError> error;
+    int finished = 0;
+};
+
+const auto firstPage = dataFromString(QSFileProviderInitialPageSortedByName);
+
+std::shared_ptr<Collector> onePage(QSFileProviderEnumerator& enumerator,
+                                   const QSFileProviderPage& page = firstPage) {
+    auto collector = std::make_shared<Collector>();
+    enumerator.enumerateItemsForObserver(collector, page);
+    EXPECT_EQ(collector->finished, 1);
+    return collector;
+}
+
+class ListingTest : public tests::InstalledPlatform {
+  protected:
+    void fill(const std::string& below, int count) {
+        for (int i = 0; i < count; ++i) (void)file(below + "/" + std::to_string(i));
+    }
+    /// Paths in pages of `size`, by one walk that goes on or by a fresh one for every page.
+    std::vector<std::string> walked(std::uint64_t size, bool resumes, WalkOptions options,
+                                    DirectoryWalk::Emits emits = DirectoryWalk::Emits::everything) {
+        std::vector<std::string> paths;
+        const auto make = [&] {
+            return std::make_unique<DirectoryWalk>(
+                std::vector<DirectoryWalk::Root>{
+                    {url(), options},
+                    {url("missing"), options},
+                    {url(".Trash"), options | walkDescendsIntoNothing}},
+                sameOptions, emits);
+        };
+        auto walk = make();
+        for (std::uint64_t offset = 0;;) {
+            if (!resumes) walk = make();
+            const auto reached = walk->walk(offset, size, [&](const QSURL& found) -> Result<void> {
+                EXPECT_TRUE(found.attachment());
+                paths.push_back(found.path());
+                return {};
+            });
+            if (!reached || *reached - offset != size) return paths;
+            offset = *reached;
+        }
+    }
+};
+
+TEST_F(ListingTest, WalkGivesTheSameWhetherItGoesOnOrCounts) {
+    fill("a", 30);
+    fill("a/b/c", 20);
+    fill("p.lutebox", 5);
+    fill(".Trash/gone", 5);
+    fill(".hidden", 5);
+    std::filesystem::create_directory_symlink("a", storage() / "link");
+    const auto whole = walked(walkWithoutPageLimit, true, 3);
+    EXPECT_THAT(whole, SizeIs(30 + 20 + 3 + 1 + 1 + 1)) << "a, b, c, package, link, trashed folder";
+    for (const std::uint64_t size : {1u, 2u, 7u, 50u}) {
+        EXPECT_EQ(walked(size, true, 3), whole) << size;
+        EXPECT_EQ(walked(size, false, 3), whole) << size;
+    }
+    EXPECT_THAT(walked(walkWithoutPageLimit, true, 7), SizeIs(4));
+    EXPECT_THAT(walked(walkWithoutPageLimit, true, 0), SizeIs(56 + 5 + 6 + 1 + 6))
+        << "hidden ones and packages too, and the trash as a folder";
+    EXPECT_THAT(walked(2, true, 3, DirectoryWalk::Emits::directories), SizeIs(5))
+        << "folders, the package among them, in the tree and in the trash";
+}
+
+TEST_F(ListingTest, WalkEndsOnErrorsOfTheCallbackAndOfTheFirstRootOnly) {
+    fill("a", 3);
+    DirectoryWalk walk({{url(), 3}}, sameOptions, DirectoryWalk::Emits::everything);
+    const auto stopped = walk.walk(
+        0, 10, [](const QSURL&) -> Result<void> { return std::unexpected(errorFromErrno(EINTR)); });
+    EXPECT_EQ(stopped.error().code, EINTR);
+    DirectoryWalk missing({{url("missing"), 3}}, sameOptions, DirectoryWalk::Emits::everything);
+    EXPECT_EQ(missing.walk(0, 10, {}).error().code, ENOENT);
+    EXPECT_THAT(logged(LogLevel::Debug, "can't open directory at "), SizeIs(1));
+}
+
+TEST_F(ListingTest, PagesOfTwoHundred) {
+    for (const int count : {0, 1, 199, 200, 201, 400}) {
+        const auto name = "d" + std::to_string(count);
+        (void)folder(name);
+        fill(name, count);
+        LocalFileEnumerator enumerator("fid=1", {url(name)});
+        std::set<std::string> seen;
+        std::size_t pages = 1;
+        auto page = onePage(enumerator);
+        for (;; ++pages) {
+            for (const auto& item : page->items) {
+                EXPECT_TRUE(seen.insert(item->itemIdentifier()).second);
+            }
+            if (!page->next) break;
+            EXPECT_THAT(page->items, SizeIs(200));
+            page = onePage(enumerator, *page->next);
+        }
+        EXPECT_FALSE(page->error);
+        EXPECT_THAT(seen, SizeIs(static_cast<std::size_t>(count)));
+        EXPECT_EQ(pages, static_cast<std::size_t>(count) / 200 + 1);
+    }
+}
+
+TEST_F(ListingTest, PagesThatCannotBeTrustedExpire) {
+    fill("d", 450);
+    LocalFileEnumerator enumerator("fid=1", {url("d")});
+    const auto expires = [&](const QSFileProviderPage& page, const char* message) {
+        log->clear();
+        const auto answer = onePage(enumerator, page);
+        ASSERT_TRUE(answer->error);
+        EXPECT_EQ(answer->error->code, QSFileProviderErrorSyncAnchorExpired);
+        EXPECT_THAT(answer->items, IsEmpty());
+        EXPECT_THAT(
+            logged(LogLevel::Info, message).size() + logged(LogLevel::Error, message).size(), 1u)
+            << message;
+    };
+    expires(dataFromString("garbage"), "can't create change token from anchor data, resetting");
+    const auto second = *onePage(enumerator)->next;
+    auto token = FSChangeToken::fromData(second).value();
+    token.offset = UINT64_MAX;
+    expires(token.data(), "can't replay historical FSEvents");
+    token.deviceUUID = QSUUID::random();
+    expires(token.data(), "device UUID changed (");
+
+    const auto third = onePage(enumerator, second)->next;
+    expires(second, "can't replay historical FSEvents");
+    ASSERT_TRUE(third);
+    (void)file("d/new");
+    expires(*third, "can't replay historical FSEvents");
+    enumerator.invalidate();
+    EXPECT_THAT(onePage(enumerator, dataFromString(QSFileProviderInitialPageSortedByDate))->items,
+                SizeIs(200));
+}
+
+TEST_F(ListingTest, ContainersShowWhatTheyCover) {
+    for (const auto* path : {"a/b/file", "Inbox/in", ".Trash/t/x", ".hidden/x", "p.lutebox/x",
+                             "top", "a/Inbox/deep"}) {
+        (void)file(path);
+    }
+    std::filesystem::create_directory_symlink("/usr", storage() / "link");
+    const auto names = [&](std::string_view container) {
+        LocalRootEnumerator enumerator{std::string(container)};
+        return onePage(enumerator)->names();
+    };
+    EXPECT_THAT(names(QSFileProviderRootContainerItemIdentifier),
+                UnorderedElementsAre("a", "p.lutebox", "top", "link"));
+    EXPECT_THAT(names(QSFileProviderWorkingSetContainerItemIdentifier),
+                UnorderedElementsAre("a", "b", "file", "in", "t", "p.lutebox", "top", "Inbox",
+                                     "deep", "link"));
+    EXPECT_THAT(names(QSFileProviderAllDirectoriesContainerItemIdentifier),
+                UnorderedElementsAre("a", "b", "Inbox"));
+}
+
+TEST_F(ListingTest, ItemsKnowTheirParents) {
+    (void)file("a/b/file");
+    LocalRootEnumerator enumerator{std::string(QSFileProviderWorkingSetContainerItemIdentifier)};
+    const auto page = onePage(enumerator);
+    ASSERT_THAT(page->items, SizeIs(3));
+    std::string parent(QSFileProviderRootContainerItemIdentifier);
+    for (const auto& item : page->items) {
+        EXPECT_EQ(item->parentItemIdentifier(), parent);
+        parent = item->itemIdentifier();
+    }
+}
+
+TEST(FSChangeTokenTest, BytesAreTheContract) {
+    const FSChangeToken token{1, QSUUID::random(), std::uint64_t{1} << 63, UINT64_MAX, 0};
+    EXPECT_EQ(FSChangeToken::fromData(token.data()), token);
+    EXPECT_EQ(stringFromData(token.data()).substr(0, 8), "bplist00");
+    QSPropertyList::Dictionary keys = {
+        {"v", 0}, {"d", token.deviceUUID.UUIDString()}, {"s", 1}, {"o", 2}, {"a", 3}};
+    keys.emplace("unknown", "ignored");
+    EXPECT_TRUE(FSChangeToken::fromData(binaryData(keys).value()));
+    for (const auto* key : {"v", "d", "s", "o", "a"}) {
+        auto broken = keys;
+        broken.erase(key);
+        EXPECT_FALSE(FSChangeToken::fromData(binaryData(broken).value())) << key;
+        for (const QSPropertyList& wrong : {QSPropertyList(-1), QSPropertyList("text"),
+                                            QSPropertyList(1.0), QSPropertyList(true)}) {
+            broken.insert_or_assign(key, wrong);
+            EXPECT_FALSE(FSChangeToken::fromData(binaryData(broken).value())) << key;
+        }
+    }
+    const auto xml =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict><key>v</key>"
+        "<integer>1</integer><key>d</key><string>" +
+        token.deviceUUID.UUIDString() +
+        "</string><key>s</key><integer>9223372036854775808</integer><key>o</key>"
+        "<integer>18446744073709551615</integer><key>a</key><integer>0</integer></dict></plist>";
+    EXPECT_EQ(FSChangeToken::fromData(dataFromString(xml)), token);
+}
+
+TEST(FSChangeTokenTest, OnlyBytesThatAreNoTokenAreLogged) {
+    const auto log = std::make_shared<MemorySink>();
+    installLog(log, LogLevel::Debug);
+    EXPECT_FALSE(FSChangeToken::fromData(std::nullopt));
+    EXPECT_THAT(log->records(), IsEmpty());
+    EXPECT_FALSE(FSChangeToken::fromData(QSData()));
+    EXPECT_FALSE(FSChangeToken::fromData(dataFromString("bplist00")));
+    EXPECT_THAT(log->records(), SizeIs(2));
+    EXPECT_EQ(log->records()[0].message.rfind("[ERROR] can't decode token from provided data;", 0),
+              0u);
+    installLog(nullptr, LogLevel::Error);
+}
+
+}  // namespace
+}  // namespace tidewell

@@ -1,0 +1,117 @@
+#include <gmock/gmock.h>
+
+#include <future>
+
+#include "platform/fileprovider/QSFileProviderError.h"
+#include "tests/support/InstalledPlatform.h"
+#include "tidewell/applibraries/TWPAppLibraryManager.h"
+#include "tidewell/common/LocalFileProviderError.h"
+#include "tidewell/provider/LocalFileProvider.h"
+
+namespace tidewell {
+namespace {
+
+using testing::SizeIs;
+
+class ProviderTest : public tests::InstalledPlatform {
+  protected:
+    ProviderTest() : provider(LocalFileProvider::init()) {}
+    ~ProviderTest() override {
+        provider.reset();
+        mainQueue().sync([] {});
+        AppLibraryRootTable::shared().replace({});
+    }
+
+    std::shared_ptr<LocalFileProvider> provider;
+};
+
+TEST_F(ProviderTest, IdentifiersAndURLsMapBothWays) {
+    (void)file("a.txt");
+    (void)file("Documents/inner");
+    for (const auto* below : {"a.txt", "Documents", "Documents/inner"}) {
+        const auto identifier = provider->persistentIdentifierForItemAtURL(url(below)).value();
+        EXPECT_EQ(provider->URLForItemWithPersistentIdentifier(identifier), url(below));
+        EXPECT_EQ(provider->itemForIdentifier(identifier).value()->itemIdentifier(), identifier);
+    }
+    EXPECT_EQ(provider->persistentIdentifierForItemAtURL(url()),
+              QSFileProviderRootContainerItemIdentifier);
+    EXPECT_FALSE(provider->persistentIdentifierForItemAtURL(url("missing")));
+    EXPECT_THAT(logged(LogLevel::Debug, "fetching item identifier for \"file://"), SizeIs(5));
+}
+
+TEST_F(ProviderTest, UnknownIdentifiersAreAnsweredNotRaised) {
+    for (const auto* identifier : {"did=4000000000", "fid=18446744073709551615", "#", "#org.none",
+                                   "", "did=1=2", "nonsense"}) {
+        log->clear();
+        EXPECT_FALSE(provider->URLForItemWithPersistentIdentifier(identifier)) << identifier;
+        EXPECT_THAT(logged(LogLevel::Error, "can't find URL matching identifier "), SizeIs(1));
+        EXPECT_THAT(logged(LogLevel::Error, "item lookup failed"), SizeIs(0));
+        const auto item = provider->itemForIdentifier(identifier);
+        ASSERT_FALSE(item);
+        EXPECT_EQ(item.error(), makeError(LocalFileProviderError::itemLookupFailed));
+        EXPECT_THAT(logged(LogLevel::Error,
+                           "item lookup failed for identifier \"" + std::string(identifier) + "\""),
+                    SizeIs(1));
+        const auto enumerator = provider->enumeratorForContainerItemIdentifier(identifier);
+        ASSERT_FALSE(enumerator);
+        EXPECT_EQ(enumerator.error(),
+                  fileProviderErrorForNonExistentItemWithIdentifier(identifier));
+    }
+}
+
+TEST_F(ProviderTest, TemporaryFolderIsMadeOnDemandOrLogged) {
+    const std::string identifier(QSFileProviderTemporaryLocalFolderItemIdentifier);
+    EXPECT_TRUE(provider->itemForIdentifier(identifier));
+    EXPECT_TRUE(provider->itemForIdentifier(identifier));
+    EXPECT_TRUE(std::filesystem::is_directory(storage() / ".TemporaryLocalFolder"));
+    std::filesystem::remove(storage() / ".TemporaryLocalFolder");
+    (void)file(".TemporaryLocalFolder");
+    EXPECT_FALSE(provider->itemForIdentifier(identifier));
+    EXPECT_THAT(logged(LogLevel::Error, "can't create temporary directory; "), SizeIs(1));
+}
+
+TEST_F(ProviderTest, EveryItemIsLocal) {
+    int completed = 0;
+    const auto completion = [&](const std::optional<QSError>& error) {
+        EXPECT_FALSE(error);
+        ++completed;
+    };
+    provider->providePlaceholderAtURL(url("a"), completion);
+    provider->startProvidingItemAtURL(url("a"), completion);
+    EXPECT_EQ(completed, 2);
+}
+
+TEST_F(ProviderTest, RegistryNotificationsRefreshTheLibrariesUntilTheProviderIsGone) {
+    scratch.makeFolder("container/Documents");
+    const auto container =
+        installed->files().addContainer("org.a", (scratch / "container").string()).value();
+    installed->workspace().registerApplication(
+        std::make_shared<const QLBundleProxy>(QLBundleProxy{"org.a", container, "App"}));
+    const auto root = container.URLByAppendingPathComponent("Documents");
+    // The refresh at the start may run before or after the application was registered.
+    installed->notifications()->post("com.quenby.Registrar.applicationRegistered");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!AppLibraryRootTable::shared().bundleAt(root)) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(provider->itemForIdentifier("#org.a").value()->filename(), "App");
+    EXPECT_EQ(provider->persistentIdentifierForItemAtURL(root), "#org.a");
+    EXPECT_TRUE(provider->enumeratorForContainerItemIdentifier("#org.a"));
+    provider.reset();
+    installed->notifications()->post("com.quenby.Registrar.applicationUnregistered");
+}
+
+TEST_F(ProviderTest, AsksTheHostToReadTheWorkingSetAtTheStart) {
+    std::promise<std::string> signalled;
+    installed->manager().setSignalHandler([&](const std::string& container, auto completion) {
+        completion(std::nullopt);
+        signalled.set_value(container);
+    });
+    const auto second = LocalFileProvider::init();
+    EXPECT_EQ(signalled.get_future().get(), QSFileProviderWorkingSetContainerItemIdentifier);
+    installed->manager().setSignalHandler({});
+}
+
+}  // namespace
+}  // namespace tidewell
