@@ -9,6 +9,7 @@
 // not exist yet. Times are microseconds, of a listing and a crawl per item.
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -109,28 +110,23 @@ class Provider {
 };
 
 struct Page {
-    platform::QSFileProviderPage token;
     double seconds = 0;
     std::size_t items = 0;
 };
 
-/// Lists from `token` on, at most `limit` pages.
-std::vector<Page> list(platform::QSFileProviderEnumerator& enumerator,
-                       std::optional<platform::QSFileProviderPage> token, std::size_t limit) {
+/// Every page, as a host asks for them.
+std::vector<Page> list(platform::QSFileProviderEnumerator& enumerator) {
     std::vector<Page> pages;
-    while (token && pages.size() < limit) {
+    std::optional token = platform::dataFromString(platform::QSFileProviderInitialPageSortedByName);
+    while (token) {
         auto observer = std::make_shared<Observer>();
         const double start = bench::now();
         enumerator.enumerateItemsForObserver(observer, *token);
         observer->wait();
-        pages.push_back({std::move(*token), bench::now() - start, observer->count});
+        pages.push_back({bench::now() - start, observer->count});
         token = std::move(observer->nextPage);
     }
     return pages;
-}
-
-platform::QSFileProviderPage initialPage() {
-    return platform::dataFromString(platform::QSFileProviderInitialPageSortedByName);
 }
 
 /// Microseconds an item of one whole listing by a new enumerator.
@@ -138,7 +134,7 @@ double listWhole(const Provider& provider) {
     const double start = bench::now();
     std::size_t items = 0;
     const auto enumerator = provider.enumerator();
-    for (const Page& page : list(*enumerator, initialPage(), SIZE_MAX)) items += page.items;
+    for (const Page& page : list(*enumerator)) items += page.items;
     if (items == 0) fail("the container is empty");
     const double seconds = bench::now() - start;
     enumerator->invalidate();
@@ -157,27 +153,21 @@ void benchList(const Provider& provider, int rounds) {
 void benchPages(const Provider& provider, int rounds) {
     listWhole(provider);  // so that every identity is there
     constexpr std::size_t run = 9;
-    constexpr int shares[] = {0, 50, 95};
-    std::vector<double> going[3];
-    std::vector<double> resumed[3];
+    constexpr std::array<std::size_t, 3> shares = {0, 50, 95};
+    std::array<std::vector<double>, shares.size()> times;
     for (int round = 0; round < rounds; ++round) {
         const auto enumerator = provider.enumerator();
-        const std::vector<Page> pages = list(*enumerator, initialPage(), SIZE_MAX);
+        const std::vector<Page> pages = list(*enumerator);
         enumerator->invalidate();
-        for (std::size_t place = 0; place < 3; ++place) {
-            const std::size_t first = pages.size() * static_cast<std::size_t>(shares[place]) / 100;
+        for (std::size_t place = 0; place < shares.size(); ++place) {
+            const std::size_t first = pages.size() * shares[place] / 100;
             for (std::size_t at = first; at < std::min(first + run, pages.size() - 1); ++at) {
-                going[place].push_back(pages[at].seconds * 1e6);
+                times[place].push_back(pages[at].seconds * 1e6);
             }
-            const auto other = provider.enumerator();
-            resumed[place].push_back(list(*other, pages[first].token, 1).front().seconds * 1e6);
-            other->invalidate();
         }
     }
-    for (std::size_t place = 0; place < 3; ++place) {
-        const std::string share = std::to_string(shares[place]);
-        bench::report("going." + share, bench::median(going[place]));
-        bench::report("resumed." + share, bench::median(resumed[place]));
+    for (std::size_t place = 0; place < shares.size(); ++place) {
+        bench::report(std::to_string(shares[place]), bench::median(times[place]));
     }
 }
 
