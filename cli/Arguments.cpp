@@ -101,7 +101,11 @@ std::variant<Arguments, NothingToRun> parseArguments(int argc, const char* const
         parser.app.parse(argc, argv);
     } catch (const CLI::ParseError& stop) {
         if (stop.get_exit_code() != 0) {
-            return NothingToRun{{}, usageError(stop.what()), asksForJson(argc, argv)};
+            const auto unknown = parser.app.get_subcommands().empty() ? parser.app.remaining()
+                                                                      : std::vector<std::string>{};
+            const auto message = unknown.empty() ? std::string(stop.what())
+                                                 : "there is no command \"" + unknown[0] + "\"";
+            return NothingToRun{{}, usageError(message), asksForJson(argc, argv)};
         }
         std::ostringstream help;
         std::ostringstream unused;

@@ -159,7 +159,7 @@ void appendFields(std::string& out, const host::ItemRecord& item, const Style& s
     forEachField(item, [&](std::string_view key, const auto& value) {
         auto text = shown(fieldText(value), style);
         if (key == "capabilities") text = capabilitiesText(item);
-        if (key == "documentSize" && item.documentSize) {
+        if (key == "documentSize" && item.documentSize.value_or(0) >= 1024) {
             text = fmt::format("{} ({} bytes)", humanSize(*item.documentSize), *item.documentSize);
         }
         fmt::format_to(std::back_inserter(out), "{:28}  {}\n", key, text);

@@ -1,0 +1,117 @@
+#include "cli/Arguments.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "platform/fileprovider/QSFileProviderError.h"
+#include "platform/fileprovider/QSFileProviderItem.h"
+#include "tests/support/ScratchFolder.h"
+
+namespace {
+
+using cli::ExitCode;
+
+std::variant<cli::Arguments, cli::NothingToRun> parse(std::vector<const char*> words) {
+    words.insert(words.begin(), "tidewell");
+    return cli::parseArguments(static_cast<int>(words.size()), words.data());
+}
+
+TEST(ArgumentsTest, CommandsOptionsAndEnvironment) {
+    setenv("TIDEWELL_STATE", "/from/environment", 1);
+    const auto all = std::get<cli::Arguments>(
+        parse({"ls", "#app", "--one-page", "--page", "Zg==", "--storage", "/s", "--json", "-vv"}));
+    unsetenv("TIDEWELL_STATE");
+    EXPECT_EQ(all.item, "#app");
+    EXPECT_TRUE(all.onePage && all.json);
+    EXPECT_EQ(all.start, host::PageStart(host::PageToken{'f'}));
+    EXPECT_EQ(all.storage, "/s");
+    EXPECT_EQ(all.state, "/from/environment");
+    EXPECT_EQ(all.verbosity, 2);
+
+    const auto plain = std::get<cli::Arguments>(parse({"tree"}));
+    EXPECT_EQ(plain.command, cli::Command::Tree);
+    EXPECT_EQ(plain.item, "root");
+    EXPECT_EQ(std::get<cli::Arguments>(parse({"ls", "--sort-by-date"})).start,
+              host::PageStart(host::Order::ByDate));
+    EXPECT_NE(std::get<cli::NothingToRun>(parse({"--help"})).help.find("resolve"),
+              std::string::npos);
+}
+
+TEST(ArgumentsTest, WhatMakesNoSenseIsAUsageError) {
+    const std::vector<std::vector<const char*>> lines{{},
+                                                      {"fly"},
+                                                      {"stat"},
+                                                      {"ls", "--nope"},
+                                                      {"ls", "a", "b"},
+                                                      {"stat", ""},
+                                                      {"ls", "--page"},
+                                                      {"ls", "--page", "?"},
+                                                      {"tree", "working-set"},
+                                                      {"ls", "--page", "Zg==", "--sort-by-date"},
+                                                      {"stat", "x", "--one-page"}};
+    for (auto line : lines) {
+        const auto shown = testing::PrintToString(line);
+        const auto plain = parse(line);
+        ASSERT_TRUE(std::holds_alternative<cli::NothingToRun>(plain)) << shown;
+        ASSERT_TRUE(std::get<cli::NothingToRun>(plain).error) << shown;
+        EXPECT_EQ(cli::exitCodeFor(*std::get<cli::NothingToRun>(plain).error), ExitCode::Usage);
+        EXPECT_FALSE(std::get<cli::NothingToRun>(plain).json) << shown;
+        line.insert(line.begin(), "--json");
+        EXPECT_TRUE(std::get<cli::NothingToRun>(parse(line)).json) << shown;
+    }
+}
+
+TEST(ItemNameTest, IdentifiersWordsAndPaths) {
+    tests::ScratchFolder scratch;
+    const auto real = std::filesystem::canonical(scratch.path());
+    scratch.makeFile("folder/did=5");
+    scratch.makeFile("folder/root");
+    std::filesystem::create_directory_symlink("folder", scratch / "link");
+    const auto before = std::filesystem::current_path();
+    std::filesystem::current_path(scratch / "folder");
+
+    using Expected = std::pair<std::string, bool>;
+    const std::vector<std::pair<std::string, Expected>> cases{
+        {"did=5", {"did=5", false}},
+        {"#org.example", {"#org.example", false}},
+        {"root", {std::string(platform::QSFileProviderRootContainerItemIdentifier), false}},
+        {std::string(platform::QSFileProviderWorkingSetContainerItemIdentifier),
+         {std::string(platform::QSFileProviderWorkingSetContainerItemIdentifier), false}},
+        {"./root", {real / "folder/root", true}},
+        {"./did=5", {real / "folder/did=5", true}},
+        {"not-there-yet", {real / "folder/not-there-yet", true}},
+        {".", {real / "folder", true}},
+        {"..", {real, true}},
+        {"../link/root", {real / "folder/root", true}},
+        {"../link", {real / "link", true}},     // the link is an item itself,
+        {"../link/", {real / "folder", true}},  // what it leads to another
+        {"/", {"/", true}}};
+    for (const auto& [argument, expected] : cases) {
+        const auto name = cli::parseItem(argument);
+        ASSERT_TRUE(name) << argument;
+        EXPECT_EQ(Expected(name->text, name->isPath), expected) << argument;
+    }
+    EXPECT_EQ(cli::parseItem("missing/file").error().code, ENOENT);
+    EXPECT_EQ(cli::parseItem("./root/").error().code, ENOTDIR);
+    std::filesystem::current_path(before);
+}
+
+TEST(ErrorLineTest, NamesWhatFailedOnOneLine) {
+    const std::vector<std::pair<platform::QSError, std::string>> cases{
+        {platform::fileProviderErrorForNonExistentItemWithIdentifier("did=1"),
+         "there is no item with the identifier did=1"},
+        {platform::QSError{"Tidewell.LocalFileProviderError", 0}, "did=1: there is no such item"},
+        {platform::errorFromErrno(ENOENT, "/a\nb"), "/a\\nb: No such file or directory"},
+        {platform::errorFromErrno(EACCES), "did=1: Permission denied"}};
+    for (const auto& [error, text] : cases) {
+        EXPECT_EQ(cli::errorLine(error, "did=1", false), "tidewell: " + text + "\n");
+        const auto object = nlohmann::json::parse(cli::errorLine(error, "did=1", true))["error"];
+        EXPECT_EQ(object["domain"], error.domain);
+        EXPECT_EQ(object["code"], error.code);
+    }
+}
+
+}  // namespace

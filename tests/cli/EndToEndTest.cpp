@@ -1,0 +1,245 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "tests/support/ScratchFolder.h"
+
+// Runs the built program as a shell would.
+
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+struct Outcome {
+    int exitCode = -1;
+    std::string output;
+    std::string error;
+
+    [[nodiscard]] std::vector<json> lines() const {
+        std::vector<json> objects;
+        std::istringstream text(output);
+        for (std::string line; std::getline(text, line);) objects.push_back(json::parse(line));
+        return objects;
+    }
+};
+
+std::string contentOf(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+class TidewellTest : public testing::Test {
+  protected:
+    /// Runs `tidewell --storage … --state … words`; standard output goes to `outputPath`, where
+    /// one is given.
+    Outcome run(std::vector<std::string> words, std::string outputPath = {}) {
+        words.insert(words.begin(), {TIDEWELL_PROGRAM, "--storage", storage.string(), "--state",
+                                     (scratch / "state").string()});
+        std::vector<char*> arguments;
+        for (auto& word : words) arguments.push_back(word.data());
+        arguments.push_back(nullptr);
+        const auto out = outputPath.empty() ? (scratch / "stdout").string() : outputPath;
+        const auto error = (scratch / "stderr").string();
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0600);
+        posix_spawn_file_actions_addopen(&actions, 2, error.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0600);
+        pid_t child = 0;
+        const int failure =
+            posix_spawn(&child, arguments[0], &actions, nullptr, arguments.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        Outcome outcome;
+        int status = 0;
+        if (failure != 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status)) {
+            ADD_FAILURE() << "the program did not run to its end: " << contentOf(error);
+            return outcome;
+        }
+        outcome.exitCode = WEXITSTATUS(status);
+        if (outputPath.empty()) outcome.output = contentOf(out);
+        outcome.error = contentOf(error);
+        return outcome;
+    }
+
+    Outcome runJson(std::vector<std::string> words) {
+        words.insert(words.begin(), "--json");
+        return run(std::move(words));
+    }
+
+    std::string identifierOf(const fs::path& path) {
+        const auto outcome = runJson({"resolve", path.string()});
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.error;
+        const auto lines = outcome.lines();
+        return lines.empty() ? "" : lines[0]["itemIdentifier"].get<std::string>();
+    }
+
+    tests::ScratchFolder scratch;
+    fs::path storage = fs::canonical(scratch.makeFolder("Dokumente"));
+};
+
+std::vector<std::string> valuesOf(const std::vector<json>& lines, const char* key) {
+    std::vector<std::string> values;
+    for (const auto& line : lines) values.push_back(line.at(key));
+    return values;
+}
+
+TEST_F(TidewellTest, PagesHoldEachEntryOnce) {
+    std::multiset<std::string> made;
+    for (const std::size_t wanted : {0U, 1U, 199U, 200U, 201U, 400U}) {
+        while (made.size() < wanted) {
+            const auto name = "entry " + std::to_string(made.size());
+            scratch.makeFile("Dokumente/" + name);
+            made.insert(name);
+        }
+        const auto all = runJson({"ls"});
+        EXPECT_EQ(all.exitCode, 0) << all.error;
+        const auto names = valuesOf(all.lines(), "filename");
+        EXPECT_EQ(std::multiset<std::string>(names.begin(), names.end()), made);
+
+        const auto page = runJson({"ls", "--one-page"}).lines();
+        ASSERT_FALSE(page.empty());
+        EXPECT_EQ(page.size(), std::min<std::size_t>(wanted, 200) + 1);
+        EXPECT_EQ(page.back().at("nextPage").is_null(), wanted < 200);
+        if (wanted < 200) continue;
+        const auto refused = runJson({"ls", "--page", page.back()["nextPage"]});
+        EXPECT_EQ(refused.exitCode, 4) << "a token outlived its process";
+        EXPECT_EQ(json::parse(refused.error)["error"]["code"], -1002);
+    }
+}
+
+TEST_F(TidewellTest, TreeIsWhatIsOnDisk) {
+    for (const auto* name : {"a", "folder/b", "folder/deep/er/c", "folder/deep/d", "empty/e",
+                             "not utf-8 \xe9/\xff\xfe"}) {
+        scratch.makeFile(std::string("Dokumente/") + name);
+    }
+    fs::remove(storage / "empty/e");
+    fs::create_directory_symlink("folder", storage / "link");
+    fs::create_hard_link(storage / "a", storage / "folder/second name of a");
+    std::multiset<std::string> expected;
+    for (const auto& entry : fs::recursive_directory_iterator(storage)) {
+        expected.insert(entry.path());
+    }
+    std::multiset<std::string> found;
+    const auto outcome = runJson({"tree"});
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.error;
+    for (const auto& path : valuesOf(outcome.lines(), "path")) {
+        std::string bytes;  // U+0000 and two digits are one byte
+        for (std::size_t at = 0; at < path.size(); ++at) {
+            bytes += path[at] != '\0'
+                         ? path[at]
+                         : static_cast<char>(std::stoi(path.substr(at + 1, 2), nullptr, 16));
+            if (path[at] == '\0') at += 2;
+        }
+        found.insert(bytes);
+    }
+    EXPECT_EQ(found, expected);
+    EXPECT_NE(run({"tree"}).output.find("└── c\n"), std::string::npos);
+}
+
+TEST_F(TidewellTest, IdentifiersSurviveRenameMoveAndProcess) {
+    scratch.makeFile("Dokumente/file");
+    scratch.makeFile("Dokumente/folder/inner");
+    scratch.makeFolder("Dokumente/other");
+    const auto file = identifierOf(storage / "file");
+    const auto folder = identifierOf(storage / "folder");
+    EXPECT_TRUE(file.starts_with("did=")) << file;
+    EXPECT_TRUE(folder.starts_with("fid=")) << folder;
+    EXPECT_EQ(identifierOf(storage / "file"), file);
+
+    fs::rename(storage / "file", storage / "renamed");
+    EXPECT_EQ(identifierOf(storage / "renamed"), file);
+    fs::rename(storage / "folder", storage / "other/moved");
+    fs::rename(storage / "renamed", storage / "other/moved/file");
+    EXPECT_EQ(identifierOf(storage / "other/moved"), folder);
+    EXPECT_EQ(run({"path", file}).output, (storage / "other/moved/file").string() + "\n");
+    EXPECT_EQ(runJson({"stat", file}).lines().at(0)["parentItemIdentifier"], folder);
+    EXPECT_THAT(valuesOf(runJson({"ls", folder}).lines(), "filename"),
+                testing::UnorderedElementsAre("file", "inner"));
+}
+
+TEST_F(TidewellTest, ExitCodesAndErrorsSayWhatFailed) {
+    scratch.makeFile("Dokumente/file");
+    scratch.makeFile("outside");
+    const std::vector<std::pair<std::vector<std::string>, int>> cases{
+        {{"ls"}, 0},
+        {{"stat", "root"}, 0},
+        {{"stat", "temporary"}, 0},
+        {{"ls", "working-set"}, 0},
+        {{"ls", "all-directories"}, 0},
+        {{"ls", storage / "file"}, 1},
+        {{"resolve", storage / "file/below"}, 1},
+        {{"fly"}, 2},
+        {{"stat"}, 2},
+        {{"stat", "did=4000000"}, 3},
+        {{"stat", "#"}, 3},
+        {{"path", "fid=1"}, 3},
+        {{"ls", "fid=1"}, 3},
+        {{"stat", storage / "missing"}, 3},
+        {{"resolve", scratch / "outside"}, 3},
+        {{"ls", "--page", "bm8gdG9rZW4="}, 4}};
+    for (const auto& [words, code] : cases) {
+        const auto plain = run(words);
+        EXPECT_EQ(plain.exitCode, code) << testing::PrintToString(words) << plain.error;
+        const auto outcome = runJson(words);
+        EXPECT_EQ(outcome.exitCode, code) << testing::PrintToString(words) << outcome.error;
+        if (code == 0) {
+            EXPECT_EQ(outcome.error, "");
+            continue;
+        }
+        EXPECT_NE(plain.error.find("tidewell: "), std::string::npos) << plain.error;
+        const auto error = json::parse(outcome.error, nullptr, false);
+        ASSERT_TRUE(error.is_object()) << outcome.error;
+        EXPECT_TRUE(error["error"]["message"].is_string());
+        EXPECT_EQ(outcome.error.find("/private/var/"), std::string::npos) << outcome.error;
+    }
+    EXPECT_EQ(run({"ls"}, "/dev/full").exitCode, 1);
+}
+
+TEST_F(TidewellTest, TheStorageMayHaveAnyNameAndPlace) {
+    const auto real = fs::canonical(scratch.makeFolder("Documents/Notes"));
+    scratch.makeFile("Documents/Notes/Documents/file");
+    fs::create_directory_symlink(real, scratch / "shortcut");
+    for (const auto& place : {real, scratch / "shortcut"}) {
+        storage = place;
+        EXPECT_EQ(run({"path", "root"}).output, real.string() + "\n");
+        EXPECT_EQ(run({"resolve", place}).output, "QSFileProviderRootContainerItemIdentifier\n");
+        const auto file = identifierOf(place / "Documents/file");
+        EXPECT_EQ(file, identifierOf(real / "Documents/file"));
+        EXPECT_EQ(run({"path", file}).output, (real / "Documents/file").string() + "\n");
+        EXPECT_EQ(valuesOf(runJson({"tree"}).lines(), "filename"),
+                  (std::vector<std::string>{"Documents", "file"}));
+    }
+}
+
+TEST_F(TidewellTest, AReaderThatGoesAwayEndsItQuietly) {
+    for (int i = 0; i < 400; ++i) scratch.makeFile("Dokumente/" + std::to_string(i));
+    const auto pipe = (scratch / "pipe").string();
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    // Its room is small, so the program is in the middle of writing when the reader goes.
+    fcntl(reader, F_SETPIPE_SZ, 4096);
+    std::jthread leave([&] {
+        char byte = 0;
+        while (read(reader, &byte, 1) != 1) std::this_thread::yield();
+        close(reader);
+    });
+    const auto outcome = run({"--json", "ls"}, pipe);
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_EQ(outcome.error, "");
+}
+
+}  // namespace
