@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <latch>
 #include <semaphore>
 #include <thread>
@@ -136,24 +135,6 @@ TEST(WorkerPoolTest, BlockedQueuesDoNotStarveOthers) {
     }
     dispatchConcurrently([&] { done.count_down(); });
     done.wait();
-}
-
-TEST(WorkerPoolTest, ManyQueuesShareFewThreads) {
-    constexpr int count = 5000;
-    std::vector<SerialQueue> queues;
-    for (int i = 0; i < count; ++i) queues.emplace_back("many");
-    std::atomic<int> hops = 0;
-    std::latch done(count);
-    for (int i = 0; i < count; ++i) {
-        queues[static_cast<std::size_t>(i)].async([&, i] {
-            queues[static_cast<std::size_t>((i + 1) % count)].async([&] {
-                ++hops;
-                done.count_down();
-            });
-        });
-    }
-    done.wait();
-    EXPECT_EQ(hops, count);
 }
 
 TEST(WorkerPoolTest, IdleWorkersEndAndComeBack) {

@@ -1,10 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <latch>
+#include <memory>
 #include <semaphore>
 #include <thread>
+#include <vector>
 
-#include "platform/registry/QLApplicationWorkspace.h"
 #include "platform/registry/QSDistributedNotificationCenter.h"
 
 using namespace std::chrono_literals;
@@ -88,19 +89,6 @@ TEST_F(NotificationCenterTest, ThreadsMayPostAddAndRemoveAtWill) {
             }
         });
     }
-}
-
-TEST(ApplicationWorkspaceTest, ReplacesAndForgetsByIdentifier) {
-    QLApplicationWorkspace workspace;
-    const auto first = std::make_shared<QLBundleProxy>(QLBundleProxy{"org.a.app", {}, "First"});
-    const auto second = std::make_shared<QLBundleProxy>(QLBundleProxy{"org.a.app", {}, "Second"});
-    EXPECT_EQ(workspace.bundleProxyForIdentifier("org.a.app"), nullptr);
-    workspace.registerApplication(first);
-    workspace.registerApplication(second);
-    EXPECT_EQ(workspace.bundleProxyForIdentifier("org.a.app"), second);
-    workspace.unregisterApplication("org.a.app");
-    workspace.unregisterApplication("org.a.app");
-    EXPECT_EQ(workspace.bundleProxyForIdentifier("org.a.app"), nullptr);
 }
 
 }  // namespace
