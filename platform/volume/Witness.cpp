@@ -129,7 +129,12 @@ Result<void> Witness::write(const Record& record) {
     const off_t offset = serial % 2 ? static_cast<off_t>(slotSize) : 0;
     if (file_) {
         if (auto done = writeSlot(file_.get(), slot, offset, path_); !done) return done;
-        if (fdatasync(file_.get()) != 0) return std::unexpected(errorFromErrno(errno, path_));
+        const bool isOnlyAStep = record_->store == record.store &&
+                                 record_->history == record.history &&
+                                 record_->marks.reserved == record.marks.reserved;
+        if (!isOnlyAStep && fdatasync(file_.get()) != 0) {
+            return std::unexpected(errorFromErrno(errno, path_));
+        }
     } else {
         const std::string temporary = path_ + ".new";
         FileDescriptor fd(
