@@ -4,8 +4,12 @@
 
 namespace platform {
 
-QSFileProviderManager::QSFileProviderManager(QSURL documentStorageURL)
-    : documentStorageURL_(std::move(documentStorageURL)) {}
+QSFileProviderManager::QSFileProviderManager(const QSURL& documentStorageURL)
+    : documentStoragePath_(documentStorageURL.path()) {}
+
+QSURL QSFileProviderManager::documentStorageURL() const {
+    return QSURL::fileURLWithPath(documentStoragePath_);
+}
 
 QSFileProviderManager& QSFileProviderManager::defaultManager() {
     return Platform::current().manager();

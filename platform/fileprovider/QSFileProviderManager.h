@@ -20,13 +20,15 @@ class QSFileProviderManager {
     using SignalHandler =
         std::function<void(const QSFileProviderItemIdentifier&, CompletionHandler)>;
 
-    explicit QSFileProviderManager(QSURL documentStorageURL);
+    explicit QSFileProviderManager(const QSURL& documentStorageURL);
 
     /// The installed platform's manager.
     [[nodiscard]] static QSFileProviderManager& defaultManager();
 
-    /// The folder that is the root container, as presented.
-    [[nodiscard]] const QSURL& documentStorageURL() const { return documentStorageURL_; }
+    /// The folder that is the root container, as presented: a new URL, which keeps nothing yet.
+    [[nodiscard]] QSURL documentStorageURL() const;
+    /// The same place for comparing paths.
+    [[nodiscard]] const std::string& documentStoragePath() const { return documentStoragePath_; }
 
     /// Tells the host that the container changed. Does not wait; with no host connected the
     /// handler is called with no error.
@@ -38,7 +40,7 @@ class QSFileProviderManager {
 
   private:
     // Constant after construction.
-    QSURL documentStorageURL_;
+    std::string documentStoragePath_;
 
     std::mutex mutex_;
     SignalHandler handler_;  // guarded by mutex_

@@ -140,9 +140,9 @@ Result<std::uint64_t> sizeBelow(Folder& folder) {
 }  // namespace
 
 Result<QSResourceValue> resourceValue(const QSURL& url, QSResourceKey key) {
-    auto kept = url.cachedResourceValue(key);
-    if (kept.index() != 0) return kept;
-    if (key == QSResourceKey::FileID || key == QSResourceKey::DocumentIdentifier) return kept;
+    if (key == QSResourceKey::FileID || key == QSResourceKey::DocumentIdentifier) {
+        if (auto kept = url.cachedResourceValue(key); kept.index() != 0) return kept;
+    }
     const auto attributes = files().attributes(url);
     if (!attributes) return std::unexpected(asResourceError(attributes.error(), url));
     return valueOf(**attributes, url, key);

@@ -14,10 +14,11 @@
 
 namespace platform {
 
-/// A resource value of the object, from what the URL keeps or from the disk (kept then). monostate
+/// A resource value of the object, from the attributes that the URL keeps or from the disk (kept
+/// then). monostate
 /// where the object has no such value. A missing object fails with QSMochaErrorDomain 260, anything
-/// else with the POSIX error. FileID and DocumentIdentifier are answered from what the URL keeps
-/// alone: monostate means not known yet.
+/// else with the POSIX error. FileID and DocumentIdentifier of an existing object are what the URL
+/// keeps: monostate means not known yet.
 [[nodiscard]] Result<QSResourceValue> resourceValue(const QSURL& url, QSResourceKey key);
 
 /// Whether the host browses into the object: a directory that is no package. False where it cannot

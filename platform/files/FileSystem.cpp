@@ -203,13 +203,12 @@ Result<std::uint64_t> FileSystem::followedInode(const QSURL& url) const {
     return status.st_ino;
 }
 
-Result<QSData> FileSystem::extendedAttribute(const QSURL& url, std::string_view name) const {
-    const auto absent = [] { return std::unexpected(errorFromErrno(ENODATA)); };
+Result<std::optional<QSData>> FileSystem::extendedAttribute(const QSURL& url,
+                                                            std::string_view name) const {
+    const auto kept = std::static_pointer_cast<const FileAttributes>(url.attachment());
+    if (kept && kept->attributeNames.empty()) return std::nullopt;
     const auto stored = storedAttributeName(name);
-    if (const auto kept = url.attachment();
-        kept && !static_cast<const FileAttributes&>(*kept).hasAttribute(stored)) {
-        return absent();
-    }
+    if (kept && !kept->hasAttribute(stored)) return std::nullopt;
     auto object = openObject(url, O_PATH);
     if (!object) return std::unexpected(object.error());
     QSData value;
@@ -229,7 +228,7 @@ Result<QSData> FileSystem::extendedAttribute(const QSURL& url, std::string_view 
         if (errno != ERANGE) break;  // else it grew between the two calls
     }
     if (errno == ENODATA || errno == EOPNOTSUPP || errno == EPERM || errno == ELOOP) {
-        return absent();
+        return std::nullopt;
     }
     return std::unexpected(errorFromErrno(errno, nativePath(url)));
 }

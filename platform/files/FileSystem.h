@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
@@ -72,9 +73,10 @@ class FileSystem {
     [[nodiscard]] Result<std::uint64_t> followedInode(const QSURL& url) const;
 
     /// One extended attribute under its given name (the "user." namespace is added here), of a
-    /// symbolic link itself. ENODATA means absent, also on links and file systems that have none;
+    /// symbolic link itself. None where it is absent, also on links and file systems without any;
     /// a URL that keeps its attributes answers that without asking the disk.
-    [[nodiscard]] Result<QSData> extendedAttribute(const QSURL& url, std::string_view name) const;
+    [[nodiscard]] Result<std::optional<QSData>> extendedAttribute(const QSURL& url,
+                                                                  std::string_view name) const;
 
     [[nodiscard]] const Credentials& credentials() const { return credentials_; }
 

@@ -32,7 +32,6 @@ std::optional<QSData> initWithValueOfXattr(std::string_view name, const QSURL& a
     auto value = Platform::current().files().extendedAttribute(at, name);
     if (value) return std::move(*value);
     const auto& error = value.error();
-    if (error.code == ENODATA) return std::nullopt;
     const auto message = [&] {
         return "can't get xattr " + std::string(name) + "; " + error.description();
     };

@@ -27,15 +27,24 @@ QSURL storageURL() {
     return QSFileProviderManager::defaultManager().documentStorageURL();
 }
 
-/// The first root, libraries before the storage, whose path is a prefix of the URL's. A plain
+/// The path of the first root, libraries before the storage, that is a prefix of the URL's. A plain
 /// prefix: presented roots are named so that no sibling shares one.
-std::optional<QSURL> rootHolding(const QSURL& url, const QSURL& storage) {
+std::optional<std::string> rootHolding(const QSURL& url) {
     const auto roots = AppLibraryRootTable::shared().bundleProxiesByRootURLs();
     for (const auto& [root, bundle] : *roots) {
-        if (url.path().starts_with(root.path())) return root;
+        if (url.path().starts_with(root.path())) return root.path();
     }
-    if (url.path().starts_with(storage.path())) return storage;
+    const auto& storage = QSFileProviderManager::defaultManager().documentStoragePath();
+    if (url.path().starts_with(storage)) return storage;
     return std::nullopt;
+}
+
+/// The identifier of the root at that path.
+std::optional<std::string> identifierOfRoot(const std::string& path) {
+    if (path == QSFileProviderManager::defaultManager().documentStoragePath()) {
+        return std::string(QSFileProviderRootContainerItemIdentifier);
+    }
+    return TWPFileObjectIdentifier::fromAppLibraryDataContainerURL(QSURL::fileURLWithPath(path));
 }
 
 /// What the URL keeps of one of the two identifier values. `failed` is set, after a log line, where
@@ -131,8 +140,7 @@ std::optional<std::string> itemIdentifier(const QSURL& url) {
         return std::nullopt;
     }
     const auto proper = properURL(url);
-    const auto storage = storageURL();
-    const auto root = rootHolding(proper, storage);
+    const auto root = rootHolding(proper);
     if (!root) {
         logHandle().write(LogLevel::Debug, [&] {
             return "can't compute file object identifier because " + quoted(proper.path()) +
@@ -140,10 +148,7 @@ std::optional<std::string> itemIdentifier(const QSURL& url) {
         });
         return std::nullopt;
     }
-    if (proper == *root) {
-        if (*root == storage) return std::string(QSFileProviderRootContainerItemIdentifier);
-        return TWPFileObjectIdentifier::fromAppLibraryDataContainerURL(*root);
-    }
+    if (proper.path() == *root) return identifierOfRoot(*root);
     bool failed = false;
     if (qp_isFolder(url)) {
         const auto fileID = keptNumber(url, QSResourceKey::FileID, failed);
