@@ -23,8 +23,9 @@ if(TIDEWELL_SANITIZE)
     -fsanitize=${TIDEWELL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(tidewell_flags INTERFACE -fsanitize=${TIDEWELL_SANITIZE})
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    # GCC's null-dereference analysis sees through the sanitizers' instrumentation and misfires.
-    target_compile_options(tidewell_flags INTERFACE -Wno-null-dereference -Wno-maybe-uninitialized)
+    # GCC's analyses see through the sanitizers' instrumentation and misfire.
+    target_compile_options(tidewell_flags INTERFACE
+      -Wno-null-dereference -Wno-maybe-uninitialized -Wno-free-nonheap-object)
   endif()
 endif()
 

@@ -3,7 +3,8 @@
 namespace platform {
 
 const Log& qp_default_log() {
-    static const Log log("com.quenby.FileProvider", "default");
+    // Never destroyed: workers may log while the process ends.
+    static const Log& log = *new Log("com.quenby.FileProvider", "default");
     return log;
 }
 

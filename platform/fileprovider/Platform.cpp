@@ -1,5 +1,7 @@
 #include "platform/fileprovider/Platform.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
@@ -56,9 +58,19 @@ void fillDefaults(Platform::Folders& folders) {
     if (folders.storage.empty()) folders.storage = userDocumentsFolder();
 }
 
+/// A walk holds one descriptor for each level it is in; the usual soft limit is for programs that
+/// still use select().
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    (void)setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 }  // namespace
 
 Result<std::unique_ptr<Platform>> Platform::make(Options options) {
+    raiseDescriptorLimit();
     fillDefaults(options.folders);
     std::unique_ptr<Platform> platform(new Platform);
     platform->folders_ = options.folders;

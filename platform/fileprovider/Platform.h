@@ -36,8 +36,8 @@ class Platform {
         std::function<void(std::uint64_t objects)> crawlProgress = {};
     };
 
-    /// Opens the storage and its volume's store. Fails with the first error; nothing is left
-    /// behind.
+    /// Opens the storage and its volume's store, and raises the process's limit of open files as
+    /// far as it may. Fails with the first error; nothing is left behind.
     [[nodiscard]] static Result<std::unique_ptr<Platform>> make(Options options);
     ~Platform();
 

@@ -16,7 +16,8 @@ AppLibraryRootTable::AppLibraryRootTable()
     : queue_("tidewell.app-library-manager"), roots_(std::make_shared<const AppLibraryRoots>()) {}
 
 AppLibraryRootTable& AppLibraryRootTable::shared() {
-    static AppLibraryRootTable table;
+    // Never destroyed: workers may read it while the process ends.
+    static AppLibraryRootTable& table = *new AppLibraryRootTable;
     return table;
 }
 

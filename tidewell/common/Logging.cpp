@@ -9,12 +9,13 @@
 namespace tidewell {
 
 const Log& logHandle() {
-    static const Log handle("com.quenby.FileProvider", "tidewell");
+    // Never destroyed: workers may log while the process ends.
+    static const Log& handle = *new Log("com.quenby.FileProvider", "tidewell");
     return handle;
 }
 
 std::uint64_t LogSection::takeNumber() {
-    static const SerialQueue queue("tidewell.log-section");
+    static const SerialQueue& queue = *new SerialQueue("tidewell.log-section");
     static std::uint64_t counter = 0;  // used only on the queue
     std::uint64_t number = 0;
     queue.sync([&] {
