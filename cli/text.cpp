@@ -88,12 +88,11 @@ void appendTerminalEscape(std::string& out, char c) {
 }  // namespace
 
 void appendJsonString(std::string& out, std::string_view text) {
-    const bool isWhole = platform::isUTF8(text);
     out += '"';
     std::size_t plain = 0;  // where the run begins that goes out as it is
     for (std::size_t at = 0; at < text.size();) {
         const auto byte = byteAt(text, at);
-        if (byte >= 0x20 && byte != '"' && byte != '\\' && (byte < 0x80 || isWhole)) {
+        if (byte >= 0x20 && byte != '"' && byte != '\\' && byte < 0x80) {
             ++at;
             continue;
         }
