@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# Runs tests that depend on the file system on others than the build folder's: tests/file-systems.sh
+# BUILD-FOLDER. Needs root for the mounts and for becoming another user; skipped (77) without.
+set -euo pipefail
+build=$(cd "$1" && pwd)
+[ "$(id -u)" -eq 0 ] || { echo "skipped: only root may mount"; exit 77; }
+for tool in mkfs.ext4 mkfs.xfs mkfs.btrfs setpriv; do
+    command -v "$tool" > /dev/null || { echo "skipped: no $tool"; exit 77; }
+done
+
+work=$(mktemp -d "$build/file-systems-XXXXXX")
+trap 'umount "$work"/* 2> /dev/null || true; rm -rf "$work"' EXIT
+
+run_suites() { # FOLDER
+    for suite in "test_platform_files *" \
+        "test_platform_volume *Inode*:*Moves*:*Look*" \
+        "test_tidewell IdentityTest.*:ListingTest.*:ItemTest.*-*Saturates*"; do
+        set -- "$1" ${suite% *} "${suite#* }"
+        TMPDIR=$1 "$build/tests/$2" --gtest_brief=1 "--gtest_filter=$3"
+    done
+}
+
+for system in ext4 xfs btrfs tmpfs; do
+    echo "== $system"
+    mkdir "$work/$system"
+    if [ "$system" = tmpfs ]; then
+        mount -t tmpfs tmpfs "$work/$system"
+    else
+        truncate -s 512M "$work/$system.image"
+        "mkfs.$system" -q "$work/$system.image"
+        mount -o loop "$work/$system.image" "$work/$system"
+    fi
+    run_suites "$work/$system"
+    umount "$work/$system"
+done
+
+echo "== another user, who may not read everything"
+home=$work/home
+mkdir -p "$home/Documents/closed" "$home/Documents/open"
+touch "$home/Documents/closed/inside" "$home/Documents/secret" "$home/Documents/open/inside"
+chmod 000 "$home/Documents/closed" "$home/Documents/secret"
+chown -R 65534:65534 "$home"
+chmod 711 "$work"
+as_nobody() { setpriv --reuid=65534 --regid=65534 --clear-groups env "HOME=$home" "$@"; }
+tidewell() { as_nobody "$build/cli/tidewell" --storage "$home/Documents" --state "$home/s" "$@"; }
+names=$(tidewell --json ls working-set | sed 's/.*"filename":"\([^"]*\)".*/\1/' | sort | xargs)
+[ "$names" = "closed inside open secret" ] || { echo "lists '$names'"; exit 1; }
+tidewell --json stat "$home/Documents/secret" | grep -q '"capabilities":1,'
+tidewell --json stat "$home/Documents/open" | grep -q '"capabilities":63,'
+status=0
+tidewell ls "$home/Documents/closed" 2> "$work/error" || status=$?
+[ "$status" -eq 1 ] && grep -q 'Permission denied' "$work/error"
+mkdir "$work/scratch" && chown 65534:65534 "$work/scratch"
+as_nobody env "TMPDIR=$work/scratch" "$build/tests/test_platform_files" --gtest_brief=1
