@@ -19,27 +19,6 @@ std::variant<cli::Arguments, cli::NothingToRun> parse(std::vector<const char*> w
     return cli::parseArguments(static_cast<int>(words.size()), words.data());
 }
 
-TEST(ArgumentsTest, CommandsOptionsAndEnvironment) {
-    setenv("TIDEWELL_STATE", "/from/environment", 1);
-    const auto all = std::get<cli::Arguments>(
-        parse({"ls", "#app", "--one-page", "--page", "Zg==", "--storage", "/s", "--json", "-vv"}));
-    unsetenv("TIDEWELL_STATE");
-    EXPECT_EQ(all.item, "#app");
-    EXPECT_TRUE(all.onePage && all.json);
-    EXPECT_EQ(all.start, host::PageStart(host::PageToken{'f'}));
-    EXPECT_EQ(all.storage, "/s");
-    EXPECT_EQ(all.state, "/from/environment");
-    EXPECT_EQ(all.verbosity, 2);
-
-    const auto plain = std::get<cli::Arguments>(parse({"tree"}));
-    EXPECT_EQ(plain.command, cli::Command::Tree);
-    EXPECT_EQ(plain.item, "root");
-    EXPECT_EQ(std::get<cli::Arguments>(parse({"ls", "--sort-by-date"})).start,
-              host::PageStart(host::Order::ByDate));
-    EXPECT_NE(std::get<cli::NothingToRun>(parse({"--help"})).help.find("resolve"),
-              std::string::npos);
-}
-
 TEST(ArgumentsTest, WhatMakesNoSenseIsAUsageError) {
     const std::vector<std::vector<const char*>> lines{{},
                                                       {"fly"},

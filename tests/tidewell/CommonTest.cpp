@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 
 #include <fcntl.h>
-#include <cerrno>
 #include <set>
 #include <thread>
 
@@ -35,20 +34,6 @@ TEST_F(CommonTest, SectionsAreNumberedOnceAndTextIsVerbatim) {
     }
     EXPECT_THAT(openings, SizeIs(200));
     EXPECT_THAT(logged(LogLevel::Debug, "[DEBUG] ┗"), SizeIs(200));
-}
-
-TEST_F(CommonTest, TextIsBuiltOnlyForALevelThatIsOn) {
-    installLog(log, LogLevel::Info);
-    int built = 0;
-    const auto text = [&] {
-        ++built;
-        return std::string("x");
-    };
-    errno = EDOM;
-    logDebug(text);
-    logInfo(text);
-    EXPECT_EQ(built, 1);
-    EXPECT_EQ(errno, EDOM);
 }
 
 TEST_F(CommonTest, ProperURL) {

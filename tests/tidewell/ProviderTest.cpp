@@ -70,17 +70,6 @@ TEST_F(ProviderTest, TemporaryFolderIsMadeOnDemandOrLogged) {
     EXPECT_THAT(logged(LogLevel::Error, "can't create temporary directory; "), SizeIs(1));
 }
 
-TEST_F(ProviderTest, EveryItemIsLocal) {
-    int completed = 0;
-    const auto completion = [&](const std::optional<QSError>& error) {
-        EXPECT_FALSE(error);
-        ++completed;
-    };
-    provider->providePlaceholderAtURL(url("a"), completion);
-    provider->startProvidingItemAtURL(url("a"), completion);
-    EXPECT_EQ(completed, 2);
-}
-
 TEST_F(ProviderTest, RegistryNotificationsRefreshTheLibrariesUntilTheProviderIsGone) {
     scratch.makeFolder("container/Documents");
     const auto container =

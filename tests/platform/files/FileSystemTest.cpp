@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <map>
 #include <set>
 #include <thread>
 
@@ -124,20 +123,6 @@ TEST_F(FileSystemTest, AttributesAreThoseOfTheObjectAndKeptByTheURL) {
     EXPECT_EQ(files->freshAttributes(a).value()->size, 9u);
     EXPECT_EQ(files->attributes(url("a")).value()->size, 9u);
     EXPECT_EQ(codeOf(files->attributes(url("missing"))), ENOENT);
-}
-
-TEST_F(FileSystemTest, AnObjectOnAFreedInodeHasAnotherGeneration) {
-    std::map<std::uint64_t, std::set<std::uint64_t>> generations;
-    int reused = 0;
-    for (int i = 0; i < 200; ++i) {
-        scratch.makeFile("elsewhere/Dokumente/x" + std::to_string(i));
-        const auto identity = files->attributes(url("x" + std::to_string(i))).value()->identity;
-        auto& seen = generations[identity.inode];
-        reused += seen.empty() ? 0 : 1;
-        EXPECT_TRUE(seen.insert(identity.generation).second);
-        std::filesystem::remove(storage / ("x" + std::to_string(i)));
-    }
-    RecordProperty("reused", reused);
 }
 
 TEST_F(FileSystemTest, AccessIsWhatTheKernelSays) {
