@@ -18,14 +18,16 @@
 
 namespace {
 
-/// Standard error carries nothing but the error object where a program reads it.
+/// A failure is one line on standard error; what the log has to say besides goes to the journal,
+/// unless the user asks to see it.
 void installLog(const cli::Arguments& arguments) {
     using platform::LogLevel;
-    if (arguments.json && arguments.verbosity == 0) return platform::installLog(nullptr, {});
-    const auto level = arguments.verbosity == 0   ? LogLevel::Error
-                       : arguments.verbosity == 1 ? LogLevel::Info
-                                                  : LogLevel::Debug;
-    platform::installLog(platform::makeStandardErrorSink(), level);
+    if (arguments.verbosity == 0) {
+        platform::installLog(platform::makeJournalSink(), LogLevel::Info);
+    } else {
+        platform::installLog(platform::makeStandardErrorSink(),
+                             arguments.verbosity == 1 ? LogLevel::Info : LogLevel::Debug);
+    }
 }
 
 bool showsProgress() {

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -200,7 +201,8 @@ TEST_F(TidewellTest, ExitCodesAndErrorsSayWhatFailed) {
             EXPECT_EQ(outcome.error, "");
             continue;
         }
-        EXPECT_NE(plain.error.find("tidewell: "), std::string::npos) << plain.error;
+        EXPECT_TRUE(plain.error.starts_with("tidewell: ")) << plain.error;
+        if (code != 2) EXPECT_EQ(std::ranges::count(plain.error, '\n'), 1) << plain.error;
         const auto error = json::parse(outcome.error, nullptr, false);
         ASSERT_TRUE(error.is_object()) << outcome.error;
         EXPECT_TRUE(error["error"]["message"].is_string());
