@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -27,6 +28,24 @@ class QSFileProviderEnumerationObserver {
     virtual void finishEnumeratingWithError(QSError error) = 0;
 };
 
+/// A position in what happened to a container; opaque bytes.
+using QSFileProviderSyncAnchor = QSData;
+
+/// Receives the changes of one enumeration. Calls come one after another, on any thread: any number
+/// of the first two, updates before deletions, no identifier in both, then exactly one of the
+/// finishing calls.
+class QSFileProviderChangeObserver {
+  public:
+    virtual ~QSFileProviderChangeObserver() = default;
+    virtual void didUpdateItems(std::vector<ItemRef> items) = 0;
+    virtual void didDeleteItemsWithIdentifiers(
+        std::vector<QSFileProviderItemIdentifier> identifiers) = 0;
+    /// The changes up to `anchor` have been told; with `moreComing` the host asks on from there.
+    virtual void finishEnumeratingChangesUpToSyncAnchor(QSFileProviderSyncAnchor anchor,
+                                                        bool moreComing) = 0;
+    virtual void finishEnumeratingWithError(QSError error) = 0;
+};
+
 /// Lists one container. Any thread, and several pages at once. A page token that can no longer be
 /// trusted is answered with QSFileProviderErrorSyncAnchorExpired.
 class QSFileProviderEnumerator {
@@ -38,6 +57,21 @@ class QSFileProviderEnumerator {
     virtual void enumerateItemsForObserver(
         std::shared_ptr<QSFileProviderEnumerationObserver> observer,
         const QSFileProviderPage& startingAtPage) = 0;
+
+    /// Tells what happened since the anchor, one page of it; does not wait for that. An anchor that
+    /// might be wrong is answered with QSFileProviderErrorSyncAnchorExpired.
+    virtual void enumerateChangesForObserver(std::shared_ptr<QSFileProviderChangeObserver> observer,
+                                             const QSFileProviderSyncAnchor& fromSyncAnchor) = 0;
+
+    /// The present position, none where it cannot be told. Taken before a listing it misses nothing
+    /// of what happens meanwhile.
+    using SyncAnchorHandler = std::function<void(std::optional<QSFileProviderSyncAnchor>)>;
+    virtual void currentSyncAnchorWithCompletionHandler(SyncAnchorHandler completionHandler) = 0;
+
+    /// Begins to signal changes of the container to the host.
+    virtual void start() = 0;
+    /// Ends that, and every change enumeration that runs (with an expired anchor).
+    virtual void stop() = 0;
 
     /// The host is done with the enumerator. May be called more than once.
     virtual void invalidate() = 0;

@@ -64,6 +64,42 @@ std::uint64_t VolumeService::currentEventID() const {
     return state_->store->lastEvent();
 }
 
+void VolumeService::follow() {}
+
+bool VolumeService::isCaughtUp() const {
+    return true;
+}
+
+Result<std::vector<FSEvent>> VolumeService::eventsAfter(std::uint64_t after, std::uint64_t,
+                                                        std::size_t) const {
+    if (after != currentEventID()) return std::unexpected(errorFromErrno(ESTALE));
+    return std::vector<FSEvent>{};
+}
+
+std::shared_ptr<void> VolumeService::subscribe(std::function<void()> /*news*/) {
+    return std::make_shared<int>(0);
+}
+
+Result<void> VolumeService::waitUntilSeen() {
+    return {};
+}
+Result<void> VolumeService::waitUntilSettled() {
+    return {};
+}
+
+std::vector<QSURL> VolumeService::placesOfFileID(std::uint64_t fileID) const {
+    const std::shared_lock lock(state_->indexMutex);
+    const auto number = state_->index.findFileID(fileID);
+    if (number == ObjectIndex::none) return {};
+    const auto url = state_->urlOf(number);
+    return url ? std::vector{*url} : std::vector<QSURL>{};
+}
+
+std::vector<QSURL> VolumeService::placesOfDocumentID(std::uint32_t documentID) const {
+    const auto fileID = fileIDForDocumentID(documentID);
+    return fileID ? placesOfFileID(*fileID) : std::vector<QSURL>{};
+}
+
 Result<void> VolumeService::identify(std::span<IdentityRequest> requests) {
     for (const auto& request : requests) {
         if (request.object->identityIsWeak) state_->identityIsWeak = true;
@@ -115,11 +151,11 @@ void VolumeService::waitForCrawl() const {
 
 VolumeService::Statistics VolumeService::statistics() const {
     const std::shared_lock lock(state_->indexMutex);
-    Statistics statistics{.objects = state_->index.size(),
-                          .indexBytes = state_->index.bytes(),
-                          .identityIsWeak = state_->identityIsWeak,
-                          .storePath = state_->store->path(),
-                          .lastTrouble = std::nullopt};
+    Statistics statistics;
+    statistics.objects = state_->index.size();
+    statistics.indexBytes = state_->index.bytes();
+    statistics.identityIsWeak = state_->identityIsWeak;
+    statistics.storePath = state_->store->path();
     if (!state_->trouble.empty()) statistics.lastTrouble = state_->trouble;
     return statistics;
 }

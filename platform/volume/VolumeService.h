@@ -7,18 +7,20 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "platform/files/FileSystem.h"
 #include "platform/foundation/QSError.h"
 #include "platform/foundation/QSURL.h"
 #include "platform/foundation/QSUUID.h"
+#include "platform/volume/EventHistory.h"
 
 namespace platform {
 
-/// Identities, look-ups and (later) the event history of the volume that holds the storage. One
-/// process owns its store. Any thread; calls that need the store block for it, and nothing here
-/// waits on another process.
-class VolumeService {
+/// Identities, look-ups and the event history of the volume that holds the storage. One process
+/// owns its store. Any thread; calls that need the store block for it, and nothing here waits on
+/// another process.
+class VolumeService final : public EventHistory {
   public:
     struct Configuration {
         const FileSystem& files;
@@ -35,7 +37,7 @@ class VolumeService {
     /// sets a damaged one aside and rebuilds it, and starts the crawl in the background.
     [[nodiscard]] static Result<std::unique_ptr<VolumeService>> open(Configuration configuration);
     /// Ends the crawl and every wait (with ECANCELED), then closes the store.
-    ~VolumeService();
+    ~VolumeService() override;
 
     /// Also locates objects below `root` from the next crawl on (an application's data container;
     /// the storage itself need not be added). EXDEV where it is on another device. Again is fine.
@@ -44,8 +46,27 @@ class VolumeService {
     /// The UUID of the event history: another one after a store was rebuilt or rolled back, or the
     /// file system was replaced. Null for a device that is not this volume's.
     [[nodiscard]] std::optional<QSUUID> UUIDForDevice(std::uint32_t device) const;
-    /// The last committed event ID.
-    [[nodiscard]] std::uint64_t currentEventID() const;
+    [[nodiscard]] std::uint64_t currentEventID() const override;
+
+    /// Begins to watch the roots and to compare them with what was known, in the background; again
+    /// is fine. Subscribing and both barriers do so too.
+    void follow();
+    [[nodiscard]] bool isCaughtUp() const override;
+    [[nodiscard]] Result<std::vector<FSEvent>> eventsAfter(std::uint64_t after, std::uint64_t upTo,
+                                                           std::size_t limit) const override;
+    [[nodiscard]] std::shared_ptr<void> subscribe(std::function<void()> news) override;
+
+    /// Blocks until everything that happened before the call has been read and committed; what went
+    /// may still be waiting for a successor. ECANCELED where the service closes, else the reason
+    /// for which the storage cannot be read.
+    Result<void> waitUntilSeen();
+    /// The same, and until no such wait is left.
+    Result<void> waitUntilSettled();
+
+    /// Where the index has the object with that identifier, all its names; nothing is checked on
+    /// the disk. Empty where it is not known or has gone.
+    [[nodiscard]] std::vector<QSURL> placesOfFileID(std::uint64_t fileID) const;
+    [[nodiscard]] std::vector<QSURL> placesOfDocumentID(std::uint32_t documentID) const;
 
     struct Identity {
         std::uint64_t fileID = 0;      ///< durable; never another object's
@@ -86,6 +107,18 @@ class VolumeService {
         bool identityIsWeak = false;   ///< some object had neither handle nor generation
         std::string storePath;
         std::optional<std::string> lastTrouble;  ///< why the store was rebuilt or the history reset
+        std::vector<std::string> roots;          ///< native paths
+        bool isFollowing = false;                ///< the roots are watched
+        bool isCaughtUp = false;
+        std::uint64_t watches = 0;                 ///< folders that the kernel reports about
+        std::uint64_t watchLimit = 0;              ///< of this user; 0 = not known
+        std::vector<std::string> degradedFolders;  ///< native; not watched, some of them
+        std::uint64_t degradedFolderCount = 0;     ///< all of them
+        std::uint64_t oldestEventID = 0;           ///< anchors before this one have expired
+        std::uint64_t currentEventID = 0;
+        std::uint64_t eventCount = 0;               ///< kept in the history
+        std::optional<std::string> lastGap;         ///< why events were lost last
+        std::optional<std::string> storageTrouble;  ///< why the storage cannot be read now
     };
     [[nodiscard]] Statistics statistics() const;
 

@@ -80,6 +80,16 @@ class ScriptedEnumerator final : public platform::QSFileProviderEnumerator {
         if (!container_.answersOnOtherThread) return answer(*observer, page);
         threads_.emplace_back([this, observer, page] { answer(*observer, page); });
     }
+    void enumerateChangesForObserver(
+        std::shared_ptr<platform::QSFileProviderChangeObserver> observer,
+        const platform::QSFileProviderSyncAnchor&) override {
+        observer->finishEnumeratingWithError(platform::syncAnchorExpiredError());
+    }
+    void currentSyncAnchorWithCompletionHandler(SyncAnchorHandler completionHandler) override {
+        completionHandler(std::nullopt);
+    }
+    void start() override {}
+    void stop() override {}
     void invalidate() override { ++container_.enumeratorsInvalidated; }
 
   private:

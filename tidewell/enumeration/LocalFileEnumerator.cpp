@@ -70,6 +70,17 @@ void LocalFileEnumerator::invalidate() {
     dropped.swap(cursors_);
 }
 
+void LocalFileEnumerator::enumerateChangesForObserver(
+    std::shared_ptr<QSFileProviderChangeObserver> observer,
+    const QSFileProviderSyncAnchor& /*fromSyncAnchor*/) {
+    observer->finishEnumeratingWithError(syncAnchorExpiredError());
+}
+
+void LocalFileEnumerator::currentSyncAnchorWithCompletionHandler(
+    SyncAnchorHandler completionHandler) {
+    completionHandler(std::nullopt);
+}
+
 void LocalFileEnumerator::enumerateItemsForObserver(
     std::shared_ptr<QSFileProviderEnumerationObserver> observer,
     const QSFileProviderPage& startingAtPage) {

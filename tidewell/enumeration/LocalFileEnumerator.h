@@ -26,6 +26,11 @@ class LocalFileEnumerator final : public QSFileProviderEnumerator {
 
     void enumerateItemsForObserver(std::shared_ptr<QSFileProviderEnumerationObserver> observer,
                                    const QSFileProviderPage& startingAtPage) override;
+    void enumerateChangesForObserver(std::shared_ptr<QSFileProviderChangeObserver> observer,
+                                     const QSFileProviderSyncAnchor& fromSyncAnchor) override;
+    void currentSyncAnchorWithCompletionHandler(SyncAnchorHandler completionHandler) override;
+    void start() override {}
+    void stop() override { invalidate(); }
     /// Lets go of the walks that pages could resume.
     void invalidate() override;
 

@@ -15,6 +15,15 @@ class LocalRootEnumerator final : public QSFileProviderEnumerator {
 
     void enumerateItemsForObserver(std::shared_ptr<QSFileProviderEnumerationObserver> observer,
                                    const QSFileProviderPage& startingAtPage) override;
+    void enumerateChangesForObserver(std::shared_ptr<QSFileProviderChangeObserver> observer,
+                                     const QSFileProviderSyncAnchor& fromSyncAnchor) override {
+        localFileEnumerator_->enumerateChangesForObserver(std::move(observer), fromSyncAnchor);
+    }
+    void currentSyncAnchorWithCompletionHandler(SyncAnchorHandler completionHandler) override {
+        localFileEnumerator_->currentSyncAnchorWithCompletionHandler(std::move(completionHandler));
+    }
+    void start() override { localFileEnumerator_->start(); }
+    void stop() override { localFileEnumerator_->stop(); }
     void invalidate() override { localFileEnumerator_->invalidate(); }
 
     [[nodiscard]] const std::string& container() const { return container_; }
