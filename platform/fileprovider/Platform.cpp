@@ -11,6 +11,7 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/files/ExtendedAttributes.h"
 #include "platform/foundation/fatalError.h"
 #include "platform/log/Log.h"
 
@@ -84,11 +85,20 @@ Result<std::unique_ptr<Platform>> Platform::make(Options options) {
     platform->crashReports_ = std::make_unique<CrashReports>(options.folders.state + "/crashes");
     platform->notifications_ = std::make_shared<QSDistributedNotificationCenter>();
     platform->manager_ = std::make_unique<QSFileProviderManager>(platform->files_->storageURL());
-    auto volume = VolumeService::open({.files = *platform->files_,
-                                       .dataFolder = options.folders.data,
-                                       .stateFolder = options.folders.state,
-                                       .progress = std::move(options.crawlProgress),
-                                       .crawlAtStart = options.crawlAtStart});
+    VolumeService::Configuration configuration{
+        .files = *platform->files_,
+        .dataFolder = options.folders.data,
+        .stateFolder = options.folders.state,
+        .progress = std::move(options.crawlProgress),
+        .followsAtStart = options.crawlAtStart,
+        .isPackageName =
+            [&types = platform->types_](std::string_view name) {
+                return types.conforms(types.typeOfDirectory(name), packageTypeIdentifier);
+            },
+        .metadataNames = {std::string(lastUsedDateAttribute), std::string(tagDataAttribute),
+                          std::string(favoriteRankAttribute)}};
+    if (options.adjustVolume) options.adjustVolume(configuration);
+    auto volume = VolumeService::open(std::move(configuration));
     if (!volume) return std::unexpected(volume.error());
     platform->volume_ = std::move(*volume);
     return platform;

@@ -34,6 +34,8 @@ class Platform {
         Folders folders = {};
         bool crawlAtStart = true;
         std::function<void(std::uint64_t objects)> crawlProgress = {};
+        /// Has the last word about how the volume is followed.
+        std::function<void(VolumeService::Configuration&)> adjustVolume = {};
     };
 
     /// Opens the storage and its volume's store, and raises the process's limit of open files as

@@ -109,9 +109,6 @@ std::uint64_t linkCountOfFolder(const QSURL& url, const FileAttributes& attribut
     if (!folder) return 2;
     const auto contents = readContents(**folder, {});
     if (!contents) return 2;
-    if (contents->linkCount < largestLinkCount) {
-        volume.rememberEntryCount(attributes, contents->linkCount - 2);
-    }
     return contents->linkCount;
 }
 

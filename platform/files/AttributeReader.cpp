@@ -155,4 +155,26 @@ Result<std::shared_ptr<FileAttributes>> readAttributes(int directory, const char
     return attributes;
 }
 
+Result<ObjectState> readState(int directory, const char* name, const FolderFacts* folder) {
+    struct statx status {};
+    const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | static_cast<int>(emptyPath(name));
+    if (statx(directory, name, flags, STATX_BASIC_STATS | STATX_BTIME | STATX_MNT_ID, &status) !=
+        0) {
+        return std::unexpected(errorFromErrno(errno));
+    }
+    const auto device = foldedDevice(status.stx_dev_major, status.stx_dev_minor);
+    if (folder && (device != folder->device || status.stx_mnt_id != folder->mount)) {
+        return std::unexpected(errorFromErrno(EXDEV));
+    }
+    FileAttributes facts;
+    facts.identity.inode = status.stx_ino;
+    facts.mode = status.stx_mode;
+    facts.size = status.stx_size;
+    facts.modification = dateOf(status.stx_mtime);
+    facts.change = dateOf(status.stx_ctime);
+    if ((status.stx_mask & STATX_BTIME) != 0) facts.creation = dateOf(status.stx_btime);
+    return ObjectState{status.stx_ino, facts.kind(), stampOf(facts), facts.change,
+                       status.stx_nlink};
+}
+
 }  // namespace platform

@@ -36,6 +36,10 @@ struct FolderFacts {
 [[nodiscard]] Result<std::shared_ptr<FileAttributes>> readAttributes(
     int directory, const char* name, const FolderFacts* folder, const Credentials& credentials);
 
+/// The little that a comparison needs, in one call. `name` and `folder` as above.
+[[nodiscard]] Result<ObjectState> readState(int directory, const char* name,
+                                            const FolderFacts* folder);
+
 /// 32 bits of a device number, never 0.
 [[nodiscard]] std::uint32_t foldedDevice(std::uint32_t major, std::uint32_t minor);
 

@@ -6,6 +6,11 @@
 
 namespace platform {
 
+// The attributes, by their given names, that users put on a document.
+inline constexpr std::string_view lastUsedDateAttribute = "com.quenby.lastuseddate#PS";
+inline constexpr std::string_view tagDataAttribute = "com.quenby.metadata:_kMDItemUserTags";
+inline constexpr std::string_view favoriteRankAttribute = "com.quenby.favorite-rank.number#PS";
+
 /// Sets an extended attribute (given name, kept below "user.") of an open object, whole or not at
 /// all. 0, or -1 with errno: E2BIG where the value does not fit the object's attribute space, which
 /// file systems also report as a full disk.

@@ -43,4 +43,18 @@ struct FileAttributes final : QSURLAttachment {
     [[nodiscard]] bool isDirectory() const { return kind() == ObjectKind::Directory; }
 };
 
+/// What tells that a name now means another object, or in another state, than when it was looked at
+/// last.
+struct ObjectState {
+    std::uint64_t inode = 0;
+    ObjectKind kind = ObjectKind::Other;
+    /// Of times, size and mode, never 0: another one after any change that moves the change time.
+    std::uint64_t stamp = 0;
+    QSDate change;
+    std::uint32_t linkCount = 0;
+};
+
+/// The stamp of the state that the attributes tell.
+[[nodiscard]] std::uint64_t stampOf(const FileAttributes& object);
+
 }  // namespace platform

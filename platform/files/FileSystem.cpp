@@ -71,6 +71,23 @@ Result<QSURL> FileSystem::addContainer(std::string_view identifier, std::string_
     return QSURL::fileURLWithPath(presented);
 }
 
+Result<void> FileSystem::checkStorage() const {
+    struct stat opened {};
+    struct stat found {};
+    int failure = 0;
+    {
+        const std::shared_lock lock(mutex_);
+        if (fstat(roots_.front()->fd.get(), &opened) != 0) failure = errno;
+    }
+    if (failure == 0 && lstat(nativeStorage_.c_str(), &found) != 0) failure = errno;
+    if (failure == 0 && !S_ISDIR(found.st_mode)) failure = ENOTDIR;
+    if (failure == 0 && (found.st_ino != opened.st_ino || found.st_dev != opened.st_dev)) {
+        failure = ENOENT;
+    }
+    if (failure != 0) return std::unexpected(errorFromErrno(failure, nativeStorage_));
+    return {};
+}
+
 QSURL FileSystem::storageURL() const {
     return QSURL::fileURLWithPath(presentedStoragePath);
 }

@@ -41,6 +41,10 @@ class FileSystem {
     /// The storage's own folder on disk as resolved at start, for people.
     [[nodiscard]] const std::string& nativeStoragePath() const { return nativeStorage_; }
 
+    /// Whether the storage's native path still leads to the folder that was opened at start: ENOENT
+    /// or ENOTDIR where it is unmounted, was removed or replaced.
+    [[nodiscard]] Result<void> checkStorage() const;
+
     /// Presents an application's data container (a native path, resolved now) and returns its URL,
     /// below presentedContainersPath. A second call for one identifier replaces the first.
     [[nodiscard]] Result<QSURL> addContainer(std::string_view identifier, std::string_view path);

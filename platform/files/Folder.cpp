@@ -96,19 +96,36 @@ Result<std::shared_ptr<FileAttributes>> Folder::childAttributes(std::string_view
     return readAttributes(fd_.get(), text.c_str(), &facts_, files_.credentials());
 }
 
-Result<ObjectIdentity> Folder::childIdentity(std::string_view name) const {
-    const std::string text(name);
-    const auto before = handleFingerprint(fd_.get(), text.c_str());
-    if (before == 0) {
-        auto attributes = childAttributes(name);
+Result<ObjectIdentity> Folder::identityOf(const char* name) const {
+    const auto fingerprint = handleFingerprint(fd_.get(), name);
+    if (fingerprint == 0) {
+        auto attributes = readAttributes(fd_.get(), name, name[0] == '\0' ? nullptr : &facts_,
+                                         files_.credentials());
         if (!attributes) return std::unexpected(attributes.error());
         return (*attributes)->identity;
     }
     struct stat status {};
-    if (fstatat(fd_.get(), text.c_str(), &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) != 0) {
+    const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | AT_EMPTY_PATH;
+    if (fstatat(fd_.get(), name, &status, flags) != 0) {
         return std::unexpected(errorFromErrno(errno));
     }
-    return ObjectIdentity{status.st_ino, before};
+    return ObjectIdentity{status.st_ino, fingerprint};
+}
+
+Result<ObjectIdentity> Folder::childIdentity(std::string_view name) const {
+    return identityOf(std::string(name).c_str());
+}
+
+Result<ObjectIdentity> Folder::ownIdentity() const {
+    return identityOf("");
+}
+
+Result<ObjectState> Folder::childState(std::string_view name) const {
+    return readState(fd_.get(), std::string(name).c_str(), &facts_);
+}
+
+Result<ObjectState> Folder::ownState() const {
+    return readState(fd_.get(), "", nullptr);
 }
 
 }  // namespace platform

@@ -48,10 +48,19 @@ class Folder {
     [[nodiscard]] Result<std::shared_ptr<FileAttributes>> childAttributes(
         std::string_view name) const;
 
+    /// One call; ENOENT where there is none, EXDEV on another mount or device.
+    [[nodiscard]] Result<ObjectState> childState(std::string_view name) const;
+    /// The folder's own.
+    [[nodiscard]] Result<ObjectState> ownState() const;
+    /// The folder's own inode and generation.
+    [[nodiscard]] Result<ObjectIdentity> ownIdentity() const;
+
     /// The child's inode and generation alone (no attribute names, no access).
     [[nodiscard]] Result<ObjectIdentity> childIdentity(std::string_view name) const;
 
   private:
+    [[nodiscard]] Result<ObjectIdentity> identityOf(const char* name) const;
+
     Folder(const FileSystem& files, QSURL url, FileDescriptor fd, FolderFacts facts);
 
     // Constant after construction.

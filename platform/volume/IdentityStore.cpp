@@ -10,26 +10,23 @@
 #include <limits>
 
 #include "platform/log/Log.h"
+#include "platform/volume/RowSum.h"
 
 namespace platform {
 
 namespace {
 
 constexpr const char* schema = R"(
-PRAGMA user_version = 1;
+PRAGMA user_version = 2;
 CREATE TABLE state (
     id INTEGER PRIMARY KEY CHECK (id = 1),
     store TEXT NOT NULL, history TEXT NOT NULL,
     event INTEGER NOT NULL, document INTEGER NOT NULL, file INTEGER NOT NULL,
-    sequence INTEGER NOT NULL, fresh_only INTEGER NOT NULL,
+    sequence INTEGER NOT NULL, floor INTEGER NOT NULL, fresh_only INTEGER NOT NULL,
     volume TEXT NOT NULL, root_inode INTEGER NOT NULL, root_generation INTEGER NOT NULL,
     trouble TEXT NOT NULL, sum INTEGER NOT NULL) STRICT;
-CREATE TABLE objects (
-    ino INTEGER PRIMARY KEY, generation INTEGER NOT NULL, file_id INTEGER NOT NULL,
-    document_id INTEGER NOT NULL, parent INTEGER NOT NULL, name BLOB NOT NULL,
-    kind INTEGER NOT NULL, sum INTEGER NOT NULL) STRICT;
 )";
-constexpr std::string_view schemaVersion = "1";
+constexpr std::string_view schemaVersion = "2";
 
 struct CounterRule {
     std::uint64_t step;  ///< reserved ahead
@@ -41,38 +38,14 @@ constexpr std::array<CounterRule, counterCount> rules{{
     {65'536, std::numeric_limits<std::int64_t>::max()},
 }};
 
-/// SQLite has no checksums of its own, and an identity that reads well but is another one is the
-/// worst damage of all.
-class Sum {
-  public:
-    Sum& add(std::uint64_t value) {
-        value_ = std::rotl(value_ ^ (value * 0x9E3779B97F4A7C15), 29) * 0xBF58476D1CE4E5B9;
-        return *this;
-    }
-    Sum& add(std::string_view text) {
-        for (const char c : text) add(static_cast<std::uint8_t>(c));
-        return add(text.size());
-    }
-    /// 32 bits, sign-extended so that they take four bytes in the file.
-    [[nodiscard]] std::uint64_t value() const {
-        const auto folded = static_cast<std::int32_t>(value_ ^ (value_ >> 32));
-        return static_cast<std::uint64_t>(std::int64_t{folded});
-    }
-
-  private:
-    std::uint64_t value_ = 0x7469646577656C6C;
-};
-
-std::uint64_t sumOf(const ObjectRow& row) {
-    // Where it lies is checked on the disk before it is used.
-    return Sum().add(row.inode).add(row.generation).add(row.fileID).add(row.documentID).value();
-}
-
 std::uint64_t sumOf(const StoreState& state) {
-    Sum sum;
+    RowSum sum;
     sum.add(state.store.UUIDString()).add(state.history.UUIDString());
     for (const auto mark : state.marks.reserved) sum.add(mark);
-    sum.add(state.marks.sequence).add(state.freshOnly ? 1 : 0).add(state.volume.uuid);
+    sum.add(state.marks.sequence)
+        .add(state.floor)
+        .add(state.freshOnly ? 1 : 0)
+        .add(state.volume.uuid);
     return sum.add(state.volume.root.inode).add(state.volume.root.generation).value();
 }
 
@@ -89,8 +62,8 @@ std::string textOf(const QSError& error) {
 
 Result<StoreState> readState(SQLiteDatabase& database) {
     auto statement = database.prepare(
-        "SELECT store, history, event, document, file, sequence, fresh_only, volume, root_inode, "
-        "root_generation, trouble, sum FROM state WHERE id = 1");
+        "SELECT store, history, event, document, file, sequence, floor, fresh_only, volume, "
+        "root_inode, root_generation, trouble, sum FROM state WHERE id = 1");
     if (!statement) return std::unexpected(statement.error());
     const auto row = statement->step();
     if (!row) return std::unexpected(row.error());
@@ -105,11 +78,12 @@ Result<StoreState> readState(SQLiteDatabase& database) {
         state.marks.reserved[static_cast<std::size_t>(i)] = statement->column(2 + i);
     }
     state.marks.sequence = statement->column(5);
-    state.freshOnly = statement->column(6) != 0;
-    state.volume.uuid = statement->columnBytes(7);
-    state.volume.root = {statement->column(8), statement->column(9)};
-    state.trouble = statement->columnBytes(10);
-    if (statement->column(11) != sumOf(state)) {
+    state.floor = statement->column(6);
+    state.freshOnly = statement->column(7) != 0;
+    state.volume.uuid = statement->columnBytes(8);
+    state.volume.root = {statement->column(9), statement->column(10)};
+    state.trouble = statement->columnBytes(11);
+    if (statement->column(12) != sumOf(state)) {
         return std::unexpected(damage("its state does not match its checksum"));
     }
     return state;
@@ -196,32 +170,13 @@ Result<StoreState> IdentityStore::readExisting(ObjectIndex& index) {
     if (*check != "ok") return std::unexpected(damage(*check));
     auto state = readState(database_);
     if (!state) return state;
-    if (auto loaded = loadObjects(index); !loaded) return std::unexpected(loaded.error());
+    if (auto loaded = objects_.load(database_, index); !loaded) {
+        return std::unexpected(loaded.error().code == EUCLEAN
+                                   ? damage("a row does not match its checksum")
+                                   : loaded.error());
+    }
     if (auto ready = prepareStatements(); !ready) return std::unexpected(ready.error());
     return state;
-}
-
-Result<void> IdentityStore::loadObjects(ObjectIndex& index) {
-    auto statement = database_.prepare(
-        "SELECT ino, generation, file_id, document_id, parent, name, kind, sum FROM objects");
-    if (!statement) return std::unexpected(statement.error());
-    ObjectRow row;
-    for (;;) {
-        const auto more = statement->step();
-        if (!more) return std::unexpected(more.error());
-        if (!*more) return {};
-        row.inode = statement->column(0);
-        row.generation = statement->column(1);
-        row.fileID = statement->column(2);
-        row.documentID = static_cast<std::uint32_t>(statement->column(3));
-        row.parent = statement->column(4);
-        row.name = statement->columnBytes(5);
-        row.kind = static_cast<ObjectKind>(statement->column(6));
-        if (statement->column(7) != sumOf(row) || statement->column(3) != row.documentID) {
-            return std::unexpected(damage("a row does not match its checksum"));
-        }
-        index.load(row);
-    }
 }
 
 Result<void> IdentityStore::openDatabase() {
@@ -233,14 +188,11 @@ Result<void> IdentityStore::openDatabase() {
 }
 
 Result<void> IdentityStore::prepareStatements() {
-    auto row = database_.prepare(
-        "INSERT OR REPLACE INTO objects(ino, generation, file_id, document_id, parent, name, kind, "
-        "sum) VALUES(?, ?, ?, ?, ?, ?, ?, ?)");
-    if (!row) return std::unexpected(row.error());
+    if (auto done = objects_.prepare(database_); !done) return done;
+    if (auto done = events_.prepare(database_); !done) return done;
     auto state = database_.prepare(
-        "INSERT OR REPLACE INTO state VALUES(1, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+        "INSERT OR REPLACE INTO state VALUES(1, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
     if (!state) return std::unexpected(state.error());
-    insertRow_ = std::move(*row);
     insertState_ = std::move(*state);
     return {};
 }
@@ -249,13 +201,16 @@ Result<void> IdentityStore::create() {
     if (auto opened = openDatabase(); !opened) return opened;
     SQLiteTransaction transaction(database_);
     if (auto begun = transaction.begin(); !begun) return begun;
-    if (auto made = database_.execute(schema); !made) return made;
+    for (const char* sql : {schema, ObjectTable::schema, EventTable::schema}) {
+        if (auto made = database_.execute(sql); !made) return made;
+    }
     if (auto committed = transaction.commit(); !committed) return committed;
     return prepareStatements();
 }
 
 void IdentityStore::closeDatabase() {
-    insertRow_ = {};
+    objects_.close();
+    events_.close();
     insertState_ = {};
     database_ = {};
 }
@@ -277,7 +232,12 @@ void IdentityStore::setAside() {
 Result<void> IdentityStore::adopt(StoreState state, bool dropsObjects) {
     const std::uint64_t known = witness_.record() ? witness_.record()->marks.sequence : 0;
     state.marks.sequence = std::max(state.marks.sequence, known) + 1;
-    if (auto written = writeTransaction({}, &state, dropsObjects); !written) {
+    if (dropsObjects) {
+        if (auto done = database_.execute("DELETE FROM objects; DELETE FROM names"); !done) {
+            return std::unexpected(reported(done.error()));
+        }
+    }
+    if (auto written = writeTransaction({}, &state, {}); !written) {
         return std::unexpected(reported(written.error()));
     }
     if (auto seen = witness_.write({state.store, state.history, state.marks}); !seen) return seen;
@@ -295,7 +255,13 @@ Result<std::uint64_t> IdentityStore::take(Counter counter) {
     return ++used_[index];
 }
 
-Result<void> IdentityStore::commit(std::span<const ObjectRow> rows, Durability durability) {
+Result<void> IdentityStore::commit(std::span<const ObjectRow> rows, Durability durability,
+                                   std::span<EventRecord> events) {
+    for (auto& record : events) {
+        const auto id = take(Counter::Event);
+        if (!id) return std::unexpected(id.error());
+        record.event.id = *id;
+    }
     const bool isDurable = durability == Durability::Identities;
     StoreState next;
     if (isDurable) {
@@ -307,11 +273,16 @@ Result<void> IdentityStore::commit(std::span<const ObjectRow> rows, Durability d
             const auto ahead = std::min(rules[i].step, rules[i].last - used_[i]);
             reserved = used_[i] + ahead;
         }
+        if (!events.empty()) {
+            const auto last = events_.lastToDrop(retention, events.back().time);
+            if (last) next.floor = std::max(next.floor, *last);
+        }
     }
-    auto done = writeTransaction(rows, isDurable ? &next : nullptr, false);
+    auto done = writeTransaction(rows, isDurable ? &next : nullptr, events);
     if (done && isDurable) {
         // What follows must never repeat a sequence number that the store may hold already.
         state_.marks = next.marks;
+        state_.floor = next.floor;
         done = witness_.write({next.store, next.history, next.marks});
     }
     if (!done) {
@@ -325,32 +296,31 @@ Result<void> IdentityStore::commit(std::span<const ObjectRow> rows, Durability d
     return {};
 }
 
+Result<std::vector<EventRecord>> IdentityStore::events(std::uint64_t after, std::uint64_t upTo,
+                                                       std::size_t limit) {
+    if (after < state_.floor || after > lastEvent_) {
+        return std::unexpected(errorFromErrno(ESTALE));
+    }
+    auto found = events_.read(after, std::min<std::uint64_t>(upTo, lastEvent_), limit);
+    if (found) return found;
+    (void)reported(found.error());
+    return std::unexpected(errorFromErrno(ESTALE));
+}
+
 Result<void> IdentityStore::writeTransaction(std::span<const ObjectRow> rows,
-                                             const StoreState* state, bool dropsObjects) {
+                                             const StoreState* state,
+                                             std::span<const EventRecord> events) {
     SQLiteTransaction transaction(database_);
     if (auto begun = transaction.begin(); !begun) return begun;
-    if (dropsObjects) {
-        if (auto dropped = database_.execute("DELETE FROM objects"); !dropped) return dropped;
-    }
-    for (const auto& row : rows) {
-        if (auto written = writeRow(row); !written) return written;
-    }
+    if (auto written = objects_.write(rows); !written) return written;
+    if (auto written = events_.append(events); !written) return written;
     if (state) {
+        if (state->floor > state_.floor) {
+            if (auto dropped = events_.drop(state->floor); !dropped) return dropped;
+        }
         if (auto written = writeState(*state); !written) return written;
     }
     return transaction.commit();
-}
-
-Result<void> IdentityStore::writeRow(const ObjectRow& row) {
-    insertRow_.bind(1, row.inode);
-    insertRow_.bind(2, row.generation);
-    insertRow_.bind(3, row.fileID);
-    insertRow_.bind(4, row.documentID);
-    insertRow_.bind(5, row.parent);
-    insertRow_.bindBlob(6, row.name);
-    insertRow_.bind(7, static_cast<std::uint64_t>(row.kind));
-    insertRow_.bind(8, sumOf(row));
-    return insertRow_.run();
 }
 
 Result<void> IdentityStore::writeState(const StoreState& state) {
@@ -360,12 +330,13 @@ Result<void> IdentityStore::writeState(const StoreState& state) {
         insertState_.bind(3 + i, state.marks.reserved[static_cast<std::size_t>(i)]);
     }
     insertState_.bind(6, state.marks.sequence);
-    insertState_.bind(7, state.freshOnly ? 1 : 0);
-    insertState_.bindText(8, state.volume.uuid);
-    insertState_.bind(9, state.volume.root.inode);
-    insertState_.bind(10, state.volume.root.generation);
-    insertState_.bindText(11, state.trouble);
-    insertState_.bind(12, sumOf(state));
+    insertState_.bind(7, state.floor);
+    insertState_.bind(8, state.freshOnly ? 1 : 0);
+    insertState_.bindText(9, state.volume.uuid);
+    insertState_.bind(10, state.volume.root.inode);
+    insertState_.bind(11, state.volume.root.generation);
+    insertState_.bindText(12, state.trouble);
+    insertState_.bind(13, sumOf(state));
     return insertState_.run();
 }
 

@@ -10,7 +10,8 @@
 
 #include "platform/foundation/QSError.h"
 #include "platform/foundation/QSUUID.h"
-#include "platform/volume/ObjectIndex.h"
+#include "platform/volume/EventTable.h"
+#include "platform/volume/ObjectTable.h"
 #include "platform/volume/SQLite.h"
 #include "platform/volume/StoreLock.h"
 #include "platform/volume/VolumeFingerprint.h"
@@ -23,6 +24,7 @@ struct StoreState {
     QSUUID store;
     QSUUID history;
     HighWaterMarks marks;
+    std::uint64_t floor = 0;  ///< the history knows everything after this event
     /// Inode numbers may have been handed out that the store knows nothing of, so none of an object
     /// that is new to it serves as a file ID any more.
     bool freshOnly = false;
@@ -67,7 +69,17 @@ class IdentityStore {
         Identities,  ///< on disk, and known to the witness, on return
     };
     /// Writes whole rows in one transaction, all or nothing; fails with ENOSPC or EIO.
-    Result<void> commit(std::span<const ObjectRow> rows, Durability durability);
+    /// Events get their IDs here, and need to be durable.
+    Result<void> commit(std::span<const ObjectRow> rows, Durability durability,
+                        std::span<EventRecord> events = {});
+
+    /// after < ID <= upTo, at most `limit`. ESTALE where the history does not reach back to
+    /// `after`, never came as far, or is damaged there.
+    [[nodiscard]] Result<std::vector<EventRecord>> events(std::uint64_t after, std::uint64_t upTo,
+                                                          std::size_t limit);
+    [[nodiscard]] std::uint64_t eventCount() const { return events_.count(); }
+
+    EventTable::Retention retention;
 
   private:
     IdentityStore(std::string path, StoreLock lock, Witness witness)
@@ -77,13 +89,11 @@ class IdentityStore {
     [[nodiscard]] Result<StoreState> readExisting(ObjectIndex& index);
     Result<void> openDatabase();
     Result<void> prepareStatements();
-    Result<void> loadObjects(ObjectIndex& index);
     Result<void> create();
     void closeDatabase();
     void setAside();
     Result<void> writeTransaction(std::span<const ObjectRow> rows, const StoreState* state,
-                                  bool dropsObjects);
-    Result<void> writeRow(const ObjectRow& row);
+                                  std::span<const EventRecord> events);
     Result<void> writeState(const StoreState& state);
     Result<void> adopt(StoreState state, bool dropsObjects);
     [[nodiscard]] QSError reported(const QSError& error);
@@ -97,7 +107,8 @@ class IdentityStore {
     std::atomic<std::uint64_t> lastEvent_ = 0;
 
     SQLiteDatabase database_;  // outlives its statements
-    SQLiteStatement insertRow_;
+    ObjectTable objects_;
+    EventTable events_;
     SQLiteStatement insertState_;
 };
 

@@ -1,6 +1,7 @@
 #include "platform/volume/ObjectIndex.h"
 
 #include <algorithm>
+#include <functional>
 
 namespace platform {
 
@@ -9,29 +10,28 @@ namespace {
 /// Deeper than any path that the kernel would take; also what ends a chain that runs in a circle.
 constexpr std::size_t deepest = 4096;
 
-constexpr std::int64_t clockTick = 20'000'000;  // ns, and to spare
+std::uint64_t keyOfName(ObjectIndex::NodeNumber folder, std::string_view name) {
+    return std::hash<std::string_view>()(name) ^ (folder * std::uint64_t{0x9E3779B97F4A7C15});
+}
 
 }  // namespace
 
-bool isSettled(const FileAttributes& folder, const QSDate& now) {
-    const QSDate last = std::max(folder.modification, folder.change);
-    // The seconds first: file systems store any number of them.
-    if (now.seconds != last.seconds && now.seconds - 1 != last.seconds) {
-        return now.seconds > last.seconds;
-    }
-    const std::int64_t seconds = now.seconds - last.seconds;
-    return seconds * 1'000'000'000 + now.nanoseconds - last.nanoseconds >= clockTick;
-}
-
 ObjectRow ObjectIndex::row(NodeNumber number) const {
     const Node& node = this->node(number);
-    return {node.inode,
-            node.generation,
-            node.fileID,
-            node.documentID,
-            node.parent == none ? 0 : this->node(node.parent).inode,
-            std::string(name(node)),
-            node.kind};
+    ObjectRow row{.inode = node.inode,
+                  .generation = node.generation,
+                  .fileID = node.fileID,
+                  .documentID = node.documentID,
+                  .kind = node.kind,
+                  .stamp = node.stamp,
+                  .names = {},
+                  .metadata = metadata(number),
+                  .hadMoreNames = node.hasMoreNames};
+    forEachName(number, [&](EntryNumber at) {
+        const Entry& own = entry(at);
+        row.names.push_back({this->node(own.folder).inode, std::string(name(own))});
+    });
+    return row;
 }
 
 ObjectIndex::NodeNumber ObjectIndex::findInode(std::uint64_t inode) const {
@@ -54,11 +54,27 @@ ObjectIndex::NodeNumber ObjectIndex::findDocumentID(std::uint32_t documentID) co
                               [this](NodeNumber n) { return std::uint64_t{node(n).documentID}; });
 }
 
+ObjectIndex::EntryNumber ObjectIndex::findEntry(NodeNumber folder, std::string_view name) const {
+    if (folder == none) return none;
+    return byName_.find(
+        keyOfName(folder, name), [this](EntryNumber n) { return entryKey(n); },
+        [&](EntryNumber n) { return entry(n).folder == folder && this->name(entry(n)) == name; });
+}
+
+ObjectIndex::NodeNumber ObjectIndex::findObject(NodeNumber folder, std::string_view name) const {
+    const auto found = findEntry(folder, name);
+    return found == none ? none : entry(found).object;
+}
+
+std::uint64_t ObjectIndex::entryKey(EntryNumber number) const {
+    const Entry& entry = this->entry(number);
+    return entry.folder == none ? SlotTable::noKey : keyOfName(entry.folder, name(entry));
+}
+
 ObjectIndex::NodeNumber ObjectIndex::ensure(std::uint64_t inode) {
     if (const NodeNumber known = findInode(inode); known != none) return known;
-    if (count_ % chunkSize == 0) chunks_.push_back(std::make_unique<Node[]>(chunkSize));
-    const NodeNumber number = count_++;
-    at(number).inode = inode;
+    const NodeNumber number = nodes_.add();
+    nodes_[number].inode = inode;
     byInode_.insert(number, [this](NodeNumber n) { return node(n).inode; });
     return number;
 }
@@ -66,28 +82,54 @@ ObjectIndex::NodeNumber ObjectIndex::ensure(std::uint64_t inode) {
 void ObjectIndex::load(const ObjectRow& row) {
     const NodeNumber number = ensure(row.inode);
     setIdentity(number, row);
-    const NodeNumber parent = row.parent == 0 ? none : ensure(row.parent);
-    Node& node = at(number);
-    node.parent = parent;
+    for (const auto& [folder, name] : row.names) {
+        const auto holder = ensure(folder);
+        if (findEntry(holder, name) == none) addName(number, holder, name);
+    }
+    if (!row.metadata.empty()) metadata_[number] = row.metadata;
+    Node& node = nodes_[number];
     node.kind = row.kind;
+    node.stamp = row.stamp;
     node.isDirty = false;
-    node.round = round_;
-    setName(node, row.name);
+}
+
+void ObjectIndex::loadFurtherName(std::uint64_t inode, const ObjectRow::Name& name) {
+    const NodeNumber number = ensure(inode);
+    const NodeNumber folder = ensure(name.folder);
+    if (findEntry(folder, name.name) != none) return;
+    const bool wasDirty = nodes_[number].isDirty;
+    addName(number, folder, name.name);
+    nodes_[number].isDirty = wasDirty;
+}
+
+const std::string& ObjectIndex::metadata(NodeNumber number) const {
+    static const std::string nothing;
+    const auto found = metadata_.find(number);
+    return found == metadata_.end() ? nothing : found->second;
+}
+
+void ObjectIndex::setMetadata(NodeNumber number, std::string metadata) {
+    if (this->metadata(number) == metadata) return;
+    if (metadata.empty()) {
+        metadata_.erase(number);
+    } else {
+        metadata_[number] = std::move(metadata);
+    }
+    markDirty(number);
 }
 
 void ObjectIndex::clear() {
-    chunks_.clear();
-    count_ = 0;
+    nodes_ = {};
+    entries_ = {};
+    firstFree_ = none;
     names_ = NameArena();
-    byInode_.clear();
-    byFreshFileID_.clear();
-    byDocumentID_.clear();
+    for (auto* table : {&byInode_, &byFreshFileID_, &byDocumentID_, &byName_}) table->clear();
     dirty_.clear();
-    entryCounts_.clear();
+    metadata_.clear();
 }
 
 void ObjectIndex::setIdentity(NodeNumber number, const ObjectRow& identity) {
-    Node& node = at(number);
+    Node& node = nodes_[number];
     node.generation = identity.generation;
     if (node.fileID != identity.fileID) {
         node.fileID = identity.fileID;
@@ -105,58 +147,96 @@ void ObjectIndex::setIdentity(NodeNumber number, const ObjectRow& identity) {
 }
 
 void ObjectIndex::setGeneration(NodeNumber number, std::uint64_t generation) {
-    Node& node = at(number);
+    Node& node = nodes_[number];
     if (node.fileID != 0 || node.generation == generation) return;
     node.generation = generation;
     markDirty(number);
 }
 
-void ObjectIndex::setName(Node& node, std::string_view name) {
-    if (this->name(node) == name) return;
-    names_.drop(node.name);
-    node.name = names_.add(name);
-    if (!names_.wantsRebuild()) return;
-    NameArena rebuilt;
-    for (NodeNumber n = 0; n < count_; ++n) at(n).name = rebuilt.add(names_.at(at(n).name));
-    names_ = std::move(rebuilt);
-}
-
-void ObjectIndex::place(NodeNumber number, NodeNumber parent, std::string_view name,
-                        ObjectKind kind) {
-    Node& node = at(number);
-    node.round = round_;
-    if (node.parent == parent && node.kind == kind && this->name(node) == name) return;
-    node.parent = parent;
+void ObjectIndex::setState(NodeNumber number, ObjectKind kind, std::uint64_t stamp, bool isRacy) {
+    Node& node = nodes_[number];
+    node.isRacy = isRacy;
+    if (node.kind == kind && node.stamp == stamp) return;
     node.kind = kind;
-    setName(node, name);
+    node.stamp = stamp;
     markDirty(number);
 }
 
-void ObjectIndex::displace(NodeNumber number) {
-    Node& node = at(number);
-    if (node.parent == none) return;
-    node.parent = none;
-    markDirty(number);
-}
-
-ObjectIndex::NodeNumber ObjectIndex::endRound(NodeNumber first, NodeNumber limit) {
-    const NodeNumber end = std::min(count_, first + limit);
-    for (NodeNumber number = first; number < end; ++number) {
-        if (node(number).round != round_) displace(number);
+NameArena::Place ObjectIndex::storedName(std::string_view name) {
+    if (names_.wantsRebuild()) {
+        NameArena rebuilt;
+        for (EntryNumber n = 0; n < entries_.size(); ++n) {
+            if (entries_[n].folder != none)
+                entries_[n].name = rebuilt.add(names_.at(entries_[n].name));
+        }
+        names_ = std::move(rebuilt);
     }
-    return end == count_ ? none : end;
+    return names_.add(name);
+}
+
+void ObjectIndex::addName(NodeNumber object, NodeNumber folder, std::string_view name) {
+    EntryNumber number = firstFree_;
+    if (number == none) {
+        number = entries_.add();
+    } else {
+        firstFree_ = entries_[number].next;
+    }
+    const auto place = storedName(name);
+    const EntryNumber first = nodes_[folder].firstChild;
+    entries_[number] = {folder, object, place, none, first, none};
+    if (first != none) entries_[first].previous = number;
+    nodes_[folder].firstChild = number;
+    ++nodes_[folder].childCount;
+    // Behind the names that it has, so that its first one stays the first.
+    EntryNumber* link = &nodes_[object].firstName;
+    if (*link != none) nodes_[object].hasMoreNames = true;
+    while (*link != none) link = &entries_[*link].nextName;
+    *link = number;
+    byName_.insert(number, [this](EntryNumber n) { return entryKey(n); });
+    markDirty(object);
+}
+
+void ObjectIndex::removeName(EntryNumber number) {
+    Entry& gone = entries_[number];
+    --nodes_[gone.folder].childCount;
+    if (gone.previous == none) {
+        nodes_[gone.folder].firstChild = gone.next;
+    } else {
+        entries_[gone.previous].next = gone.next;
+    }
+    if (gone.next != none) entries_[gone.next].previous = gone.previous;
+    EntryNumber* link = &nodes_[gone.object].firstName;
+    while (*link != number) link = &entries_[*link].nextName;
+    *link = gone.nextName;
+    markDirty(gone.object);
+    names_.drop(gone.name);
+    gone = {};
+    gone.next = firstFree_;
+    firstFree_ = number;
 }
 
 std::optional<ObjectIndex::Path> ObjectIndex::path(NodeNumber number) const {
     std::vector<std::string_view> components;
     std::size_t length = 0;
-    for (; number != none && !node(number).isRoot; number = node(number).parent) {
-        components.push_back(name(node(number)));
-        if (components.back().empty() || components.size() == deepest) return std::nullopt;
-        length += components.back().size() + 1;
+    // Only a file has several names, so the choice is made once.
+    const auto climb = [&](EntryNumber at) -> NodeNumber {
+        components.clear();
+        length = 0;
+        while (at != none && components.size() < deepest) {
+            components.push_back(name(entry(at)));
+            length += components.back().size() + 1;
+            const NodeNumber folder = entry(at).folder;
+            if (node(folder).isRoot) return folder;
+            at = node(folder).firstName;
+        }
+        return none;
+    };
+    NodeNumber root = node(number).isRoot ? number : none;
+    for (auto at = node(number).firstName; root == none && at != none; at = entry(at).nextName) {
+        root = climb(at);
     }
-    if (number == none) return std::nullopt;
-    Path path{number, {}};
+    if (root == none) return std::nullopt;
+    Path path{root, {}};
     path.below.reserve(length);
     for (auto component = components.rbegin(); component != components.rend(); ++component) {
         if (!path.below.empty()) path.below += '/';
@@ -171,40 +251,27 @@ std::vector<ObjectIndex::NodeNumber> ObjectIndex::takeDirty(std::size_t limit) {
     while (!dirty_.empty() && taken.size() < limit) {
         const NodeNumber number = dirty_.back();
         dirty_.pop_back();
-        if (std::exchange(at(number).isDirty, false)) taken.push_back(number);
+        if (!nodes_[number].isDirty) continue;
+        nodes_[number].isDirty = false;
+        taken.push_back(number);
     }
     if (dirty_.empty()) dirty_.shrink_to_fit();
     return taken;
 }
 
 void ObjectIndex::markDirty(NodeNumber number) {
-    if (std::exchange(at(number).isDirty, true)) return;
+    if (nodes_[number].isDirty) return;
+    nodes_[number].isDirty = true;
     dirty_.push_back(number);
 }
 
-std::optional<std::uint64_t> ObjectIndex::entryCount(const FileAttributes& folder) const {
-    const auto found = entryCounts_.find(folder.identity.inode);
-    if (found == entryCounts_.end()) return std::nullopt;
-    const EntryCount& count = found->second;
-    if (count.generation != folder.identity.generation ||
-        count.modification != folder.modification || count.change != folder.change) {
-        return std::nullopt;
-    }
-    return count.entries;
-}
-
-void ObjectIndex::rememberEntryCount(const FileAttributes& folder, std::uint64_t entries) {
-    entryCounts_[folder.identity.inode] = {folder.identity.generation, entries, folder.modification,
-                                           folder.change};
-}
-
 std::size_t ObjectIndex::bytes() const {
-    // A hash node: its link, the value, and what malloc adds.
-    constexpr std::size_t entryCountBytes =
-        sizeof(decltype(entryCounts_)::value_type) + 2 * sizeof(void*);
-    return chunks_.size() * chunkSize * sizeof(Node) + names_.bytes() + byInode_.bytes() +
-           byFreshFileID_.bytes() + byDocumentID_.bytes() + dirty_.capacity() * sizeof(NodeNumber) +
-           entryCounts_.size() * entryCountBytes + entryCounts_.bucket_count() * sizeof(void*);
+    std::size_t bytes =
+        nodes_.bytes() + entries_.bytes() + names_.bytes() + dirty_.capacity() * sizeof(NodeNumber);
+    for (const auto* table : {&byInode_, &byFreshFileID_, &byDocumentID_, &byName_}) {
+        bytes += table->bytes();
+    }
+    return bytes;
 }
 
 }  // namespace platform

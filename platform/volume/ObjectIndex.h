@@ -18,51 +18,66 @@ namespace platform {
 /// Fresh file IDs begin here; below, a file ID is an inode number.
 inline constexpr std::uint64_t firstFreshFileID = std::uint64_t{1} << 62;
 
-/// Whether a change of the folder after `now` is sure to show in its times: kernels stamp changes
-/// once a timer tick, so that two close ones may look like one.
-[[nodiscard]] bool isSettled(const FileAttributes& folder, const QSDate& now);
-
 /// One object as the store keeps it.
 struct ObjectRow {
+    struct Name {
+        std::uint64_t folder = 0;  ///< inode number
+        std::string name;
+    };
+
     std::uint64_t inode = 0;
     std::uint64_t generation = 0;  ///< 0 = not known, and nothing was handed out
     std::uint64_t fileID = 0;      ///< 0 = none was handed out for this inode number yet
     std::uint32_t documentID = 0;
-    std::uint64_t parent = 0;  ///< inode of the folder; 0 = not located (or the storage itself)
-    std::string name;
     ObjectKind kind = ObjectKind::Other;
+    std::uint64_t stamp = 0;    ///< of its state when it was last read; 0 = not read yet
+    std::vector<Name> names;    ///< where it is; several for a file with hard links
+    std::string metadata;       ///< user metadata that it was seen with, packed; mostly empty
+    bool hadMoreNames = false;  ///< the store may hold further names of it
 };
 
-/// What the store knows, in memory: one node an inode number that was ever seen, found by inode,
-/// file ID or document ID, with the folder and name where the object was last. Nodes never go, as
-/// the memory that a number was used. About 70 bytes an object. Not synchronised.
+/// What the service knows, in memory: one node an inode number that was ever seen, found by inode,
+/// file ID or document ID; and one entry a name in a folder, found by folder and name. Nodes never
+/// go, as the memory that a number was used. About 100 bytes an object. Not synchronised.
 class ObjectIndex {
   public:
     using NodeNumber = std::uint32_t;
+    using EntryNumber = std::uint32_t;
     static constexpr NodeNumber none = SlotTable::none;
 
     struct Node {
         std::uint64_t inode = 0;
         std::uint64_t generation = 0;
         std::uint64_t fileID = 0;
-        NodeNumber parent = none;
-        NameArena::Place name = 0;
+        std::uint64_t stamp = 0;
         std::uint32_t documentID = 0;
+        EntryNumber firstName = none;   ///< of its own
+        EntryNumber firstChild = none;  ///< of what it holds, where it is a folder
+        std::uint32_t childCount = 0;
         ObjectKind kind = ObjectKind::Other;
-        bool isDirty = false;    ///< differs from its row in the store; in dirty_
-        bool isRoot = false;     ///< paths begin here
-        std::uint8_t round = 0;  ///< of the crawl that saw it last
+        bool isDirty : 1 = false;       ///< differs from its row in the store; in dirty_
+        bool isRoot : 1 = false;        ///< paths begin here
+        bool hasMoreNames : 1 = false;  ///< the store may hold further names of it
+        bool isRacy : 1 = false;        ///< a later change may have left the stamp as it is
+        bool isUndecided : 1 = false;   ///< its document ID may go to another object, or come
+    };
+    struct Entry {
+        NodeNumber folder = none;
+        NodeNumber object = none;
+        NameArena::Place name = 0;
+        EntryNumber previous = none;  ///< in the folder
+        EntryNumber next = none;
+        EntryNumber nextName = none;  ///< of the same object
     };
 
     ObjectIndex() = default;
     ObjectIndex(const ObjectIndex&) = delete;
     ObjectIndex& operator=(const ObjectIndex&) = delete;
 
-    [[nodiscard]] std::size_t size() const { return count_; }
-    [[nodiscard]] const Node& node(NodeNumber number) const {
-        return chunks_[number / chunkSize][number % chunkSize];
-    }
-    [[nodiscard]] std::string_view name(const Node& node) const { return names_.at(node.name); }
+    [[nodiscard]] std::size_t size() const { return nodes_.size(); }
+    [[nodiscard]] const Node& node(NodeNumber number) const { return nodes_[number]; }
+    [[nodiscard]] const Entry& entry(EntryNumber number) const { return entries_[number]; }
+    [[nodiscard]] std::string_view name(const Entry& entry) const { return names_.at(entry.name); }
     [[nodiscard]] ObjectRow row(NodeNumber number) const;
 
     [[nodiscard]] NodeNumber findInode(std::uint64_t inode) const;
@@ -70,77 +85,104 @@ class ObjectIndex {
     /// out for yet.
     [[nodiscard]] NodeNumber findFileID(std::uint64_t fileID) const;
     [[nodiscard]] NodeNumber findDocumentID(std::uint32_t documentID) const;
+    [[nodiscard]] EntryNumber findEntry(NodeNumber folder, std::string_view name) const;
+    /// What has that name there; none where nothing has.
+    [[nodiscard]] NodeNumber findObject(NodeNumber folder, std::string_view name) const;
 
     /// The node of the inode number, a blank one where it is new.
     NodeNumber ensure(std::uint64_t inode);
     /// Takes over a row as it is in the store.
     void load(const ObjectRow& row);
+    void loadFurtherName(std::uint64_t inode, const ObjectRow::Name& name);
     void clear();
 
+    /// Generation, file ID and document ID of the row.
     void setIdentity(NodeNumber number, const ObjectRow& identity);
     /// For an object that no ID was handed out for.
     void setGeneration(NodeNumber number, std::uint64_t generation);
-
-    [[nodiscard]] bool isAt(const Node& node, std::uint64_t parentInode,
-                            std::string_view name) const {
-        return node.parent != none && this->node(node.parent).inode == parentInode &&
-               this->name(node) == name;
+    void setState(NodeNumber number, ObjectKind kind, std::uint64_t stamp, bool isRacy);
+    [[nodiscard]] const std::string& metadata(NodeNumber number) const;
+    void setMetadata(NodeNumber number, std::string metadata);
+    void setUndecided(NodeNumber number, bool isUndecided) {
+        nodes_[number].isUndecided = isUndecided;
     }
-    /// Puts the object there and marks it seen in this round. Dirty where that is new.
-    void place(NodeNumber number, NodeNumber parent, std::string_view name, ObjectKind kind);
-    void displace(NodeNumber number);
 
-    /// Begins a round of place() calls that shows which objects are still there.
-    void beginRound() { ++round_; }
-    /// Displaces what was not placed in this round, among `limit` nodes from `first` on; returns
-    /// the next `first`, or none at the end.
-    NodeNumber endRound(NodeNumber first, NodeNumber limit);
+    /// REQUIRES: the name is free there, the object is not the folder itself.
+    void addName(NodeNumber object, NodeNumber folder, std::string_view name);
+    void removeName(EntryNumber number);
 
-    void setRoot(NodeNumber number, bool isRoot) { at(number).isRoot = isRoot; }
+    void setRoot(NodeNumber number, bool isRoot) { nodes_[number].isRoot = isRoot; }
     struct Path {
         NodeNumber root = none;
         std::string below;  ///< without a leading "/"; empty for the root itself
     };
-    /// None where the object is not located below a root.
+    /// None where the object is not located below a root. Of several names the first that is.
     [[nodiscard]] std::optional<Path> path(NodeNumber number) const;
+
+    /// Calls `visit(EntryNumber)` for each entry of the folder; it may remove that entry.
+    template <typename Visit>
+    void forEachChild(NodeNumber folder, Visit visit) const {
+        for (auto at = node(folder).firstChild; at != none;) {
+            const auto next = entry(at).next;
+            visit(at);
+            at = next;
+        }
+    }
+    /// The same for the object's own names.
+    template <typename Visit>
+    void forEachName(NodeNumber object, Visit visit) const {
+        for (auto at = node(object).firstName; at != none;) {
+            const auto next = entry(at).nextName;
+            visit(at);
+            at = next;
+        }
+    }
 
     /// Up to `limit` nodes that differ from the store; they count as stored from now on.
     [[nodiscard]] std::vector<NodeNumber> takeDirty(std::size_t limit);
     void markDirty(NodeNumber number);
-    void markStored(NodeNumber number) { at(number).isDirty = false; }
+    void markStored(NodeNumber number) { nodes_[number].isDirty = false; }
     /// At least as many as there are.
     [[nodiscard]] std::size_t dirtyCount() const { return dirty_.size(); }
 
-    /// Entries of a folder in one state of it.
-    struct EntryCount {
-        std::uint64_t generation = 0;
-        std::uint64_t entries = 0;
-        QSDate modification;
-        QSDate change;
-    };
-    [[nodiscard]] std::optional<std::uint64_t> entryCount(const FileAttributes& folder) const;
-    void rememberEntryCount(const FileAttributes& folder, std::uint64_t entries);
-
-    /// Memory held, estimated for the table of entry counts.
+    /// Memory held.
     [[nodiscard]] std::size_t bytes() const;
 
   private:
-    static constexpr std::size_t chunkSize = 4096;
+    /// A vector whose elements never move.
+    template <typename T>
+    class Chunks {
+      public:
+        [[nodiscard]] T& operator[](std::uint32_t at) { return chunks_[at / length][at % length]; }
+        [[nodiscard]] const T& operator[](std::uint32_t at) const {
+            return chunks_[at / length][at % length];
+        }
+        [[nodiscard]] std::uint32_t size() const { return size_; }
+        std::uint32_t add() {
+            if (size_ % length == 0) chunks_.push_back(std::make_unique<T[]>(length));
+            return size_++;
+        }
+        [[nodiscard]] std::size_t bytes() const { return chunks_.size() * length * sizeof(T); }
 
-    [[nodiscard]] Node& at(NodeNumber number) {
-        return chunks_[number / chunkSize][number % chunkSize];
-    }
-    void setName(Node& node, std::string_view name);
+      private:
+        static constexpr std::uint32_t length = 4096;
+        std::vector<std::unique_ptr<T[]>> chunks_;
+        std::uint32_t size_ = 0;
+    };
 
-    std::vector<std::unique_ptr<Node[]>> chunks_;
-    NodeNumber count_ = 0;
+    [[nodiscard]] std::uint64_t entryKey(EntryNumber number) const;
+    NameArena::Place storedName(std::string_view name);
+
+    Chunks<Node> nodes_;
+    Chunks<Entry> entries_;
+    EntryNumber firstFree_ = none;  // chained by next
     NameArena names_;
     SlotTable byInode_;
     SlotTable byFreshFileID_;
     SlotTable byDocumentID_;
+    SlotTable byName_;
     std::vector<NodeNumber> dirty_;  // may name a node twice, or one that was stored meanwhile
-    std::unordered_map<std::uint64_t, EntryCount> entryCounts_;
-    std::uint8_t round_ = 0;
+    std::unordered_map<NodeNumber, std::string> metadata_;  // never an empty one
 };
 
 }  // namespace platform

@@ -43,6 +43,7 @@ StoreDecision newStore(const std::optional<Witness::Record>& witness,
         state.marks = farAbove(state.marks);
     }
     state.freshOnly = !state.trouble.empty();
+    state.floor = state.marks[Counter::Event];
     return {.state = state, .isNews = true};
 }
 
@@ -79,6 +80,8 @@ StoreDecision decideAboutStore(const std::optional<StoreState>& found,
         state.volume = volume;
         decision.isNews = true;
     }
+    // A new history knows nothing of what was before it.
+    if (state.history != found->history) state.floor = state.marks[Counter::Event];
     return decision;
 }
 

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "platform/volume/Follower.h"
 #include "platform/volume/VolumeState.h"
 
 namespace platform {
@@ -25,6 +26,8 @@ Result<std::unique_ptr<VolumeService>> VolumeService::open(Configuration configu
                             VolumeFingerprint::of(folder->get(), identity), state->index);
     if (!store) return std::unexpected(store.error());
     state->store = std::move(*store);
+    state->store->retention = {state->configuration.eventsKept,
+                               state->configuration.eventAge.count()};
     state->device = (*attributes)->device;
     state->identityIsWeak = (*attributes)->identityIsWeak;
     const auto& facts = state->store->state();
@@ -33,16 +36,21 @@ Result<std::unique_ptr<VolumeService>> VolumeService::open(Configuration configu
     state->trouble = facts.trouble;
     state->addRoot(identity, root);
 
-    state->crawler = std::make_unique<Crawler>(
-        [shared = state.get()](const std::atomic<bool>& stop) { shared->crawl(stop); },
-        state->configuration.crawlInterval);
-    if (state->configuration.crawlAtStart) state->crawler->request(state->crawler->next());
+    if (state->configuration.followsAtStart) state->follower->follow();
     return std::unique_ptr<VolumeService>(new VolumeService(std::move(state)));
 }
 
 VolumeService::~VolumeService() {
-    state_->crawler.reset();
-    state_->flushAll();
+    state_->follower->stop();
+    state_->hasNews = true;
+    state_->announce();
+    const std::scoped_lock lock(state_->storeMutex);
+    std::vector<EventRecord> noEvents;
+    std::vector<ObjectRow> rows;
+    for (const auto node : state_->index.takeDirty(~std::size_t{0})) {
+        rows.push_back(state_->index.row(node));
+    }
+    (void)state_->write(rows, false, noEvents);
 }
 
 Result<void> VolumeService::addRoot(const QSURL& root) {
@@ -52,6 +60,7 @@ Result<void> VolumeService::addRoot(const QSURL& root) {
         return std::unexpected(errorFromErrno(EXDEV, root.path()));
     }
     state_->addRoot((*attributes)->identity, root);
+    state_->follower->rootsChanged();
     return {};
 }
 
@@ -64,46 +73,76 @@ std::uint64_t VolumeService::currentEventID() const {
     return state_->store->lastEvent();
 }
 
-void VolumeService::follow() {}
+void VolumeService::follow() {
+    state_->follower->follow();
+}
+
+bool VolumeService::step() {
+    state_->follower->follow();
+    return state_->follower->step();
+}
 
 bool VolumeService::isCaughtUp() const {
-    return true;
+    return state_->follower->isCaughtUp();
 }
 
-Result<std::vector<FSEvent>> VolumeService::eventsAfter(std::uint64_t after, std::uint64_t,
-                                                        std::size_t) const {
-    if (after != currentEventID()) return std::unexpected(errorFromErrno(ESTALE));
-    return std::vector<FSEvent>{};
+Result<std::vector<FSEvent>> VolumeService::eventsAfter(std::uint64_t after, std::uint64_t upTo,
+                                                        std::size_t limit) const {
+    {
+        const std::shared_lock lock(state_->indexMutex);
+        if (state_->storageTrouble) return std::unexpected(*state_->storageTrouble);
+    }
+    Result<std::vector<EventRecord>> records;
+    {
+        const std::scoped_lock lock(state_->storeMutex);
+        records = state_->store->events(after, upTo, limit);
+    }
+    if (!records) return std::unexpected(std::move(records.error()));
+    std::vector<FSEvent> events;
+    events.reserve(records->size());
+    for (auto& record : *records) events.push_back(state_->present(std::move(record)));
+    return events;
 }
 
-std::shared_ptr<void> VolumeService::subscribe(std::function<void()> /*news*/) {
-    return std::make_shared<int>(0);
+std::shared_ptr<void> VolumeService::subscribe(std::function<void()> news) {
+    auto subscriber = std::make_shared<State::Subscriber>();
+    subscriber->news = std::move(news);
+    {
+        const std::scoped_lock lock(state_->subscribersMutex);
+        state_->subscribers.push_back(subscriber);
+    }
+    state_->follower->follow();
+    return {subscriber.get(), [subscriber](void*) {
+                const std::scoped_lock lock(subscriber->mutex);
+                subscriber->news = nullptr;
+            }};
 }
 
 Result<void> VolumeService::waitUntilSeen() {
-    return {};
+    return state_->follower->wait(Follower::Barrier::Seen);
 }
+
 Result<void> VolumeService::waitUntilSettled() {
-    return {};
+    return state_->follower->wait(Follower::Barrier::Settled);
 }
 
 std::vector<QSURL> VolumeService::placesOfFileID(std::uint64_t fileID) const {
     const std::shared_lock lock(state_->indexMutex);
     const auto number = state_->index.findFileID(fileID);
-    if (number == ObjectIndex::none) return {};
-    const auto url = state_->urlOf(number);
-    return url ? std::vector{*url} : std::vector<QSURL>{};
+    return number == ObjectIndex::none ? std::vector<QSURL>{} : state_->urlsOf(number);
 }
 
 std::vector<QSURL> VolumeService::placesOfDocumentID(std::uint32_t documentID) const {
-    const auto fileID = fileIDForDocumentID(documentID);
-    return fileID ? placesOfFileID(*fileID) : std::vector<QSURL>{};
+    const std::shared_lock lock(state_->indexMutex);
+    const auto number = state_->index.findDocumentID(documentID);
+    return number == ObjectIndex::none ? std::vector<QSURL>{} : state_->urlsOf(number);
 }
 
 Result<void> VolumeService::identify(std::span<IdentityRequest> requests) {
     for (const auto& request : requests) {
         if (request.object->identityIsWeak) state_->identityIsWeak = true;
     }
+    if (state_->needsDecision(requests)) state_->follower->decideFor(requests);
     if (state_->answerFromIndex(requests)) return {};
     return state_->allocate(requests);
 }
@@ -115,48 +154,46 @@ Result<std::uint64_t> VolumeService::fileIDForDocumentID(std::uint32_t documentI
     return state_->index.node(number).fileID;
 }
 
-Result<QSURL> VolumeService::URLForFileID(std::uint64_t fileID) const {
-    auto& crawler = *state_->crawler;
+Result<QSURL> VolumeService::URLForFileID(std::uint64_t fileID) {
     if (auto url = state_->locate(fileID)) return *url;
-    const auto decisive = crawler.next();
-    // The crawl that runs may have passed the object already, or not; it costs less to see.
-    for (const auto number : {crawler.current(), decisive}) {
-        if (number == 0) continue;
-        if (!state_->mayBeFound(fileID)) break;
-        if (!crawler.wait(number)) return std::unexpected(errorFromErrno(ECANCELED));
-        if (auto url = state_->locate(fileID)) return *url;
-    }
+    if (auto seen = waitUntilSeen(); !seen) return std::unexpected(seen.error());
+    if (auto url = state_->locate(fileID)) return *url;
     return std::unexpected(errorFromErrno(ENOENT));
 }
 
 std::optional<std::uint64_t> VolumeService::entryCount(const FileAttributes& folder) const {
     const std::shared_lock lock(state_->indexMutex);
-    return state_->index.entryCount(folder);
-}
-
-void VolumeService::rememberEntryCount(const FileAttributes& folder, std::uint64_t count) const {
-    // When the reading began is not known, so it is taken to have lasted a second.
-    auto begun = QSDate::now();
-    --begun.seconds;
-    if (!isSettled(folder, begun)) return;
-    const std::unique_lock lock(state_->indexMutex);
-    state_->index.rememberEntryCount(folder, count);
-}
-
-void VolumeService::waitForCrawl() const {
-    if (const auto number = state_->crawler->current(); number != 0) {
-        (void)state_->crawler->wait(number);
-    }
+    const auto number = state_->index.findInode(folder.identity.inode);
+    if (number == ObjectIndex::none) return std::nullopt;
+    const auto& node = state_->index.node(number);
+    if (node.isRacy || node.stamp != stampOf(folder)) return std::nullopt;
+    return node.childCount;
 }
 
 VolumeService::Statistics VolumeService::statistics() const {
+    const auto health = state_->follower->health();
+    Statistics statistics{};
+    statistics.isFollowing = state_->follower->isFollowing();
+    statistics.isCaughtUp = isCaughtUp();
+    statistics.watches = health.watches;
+    statistics.watchLimit = inotifyWatchLimit();
+    statistics.degradedFolders = health.degradedFolders;
+    statistics.degradedFolderCount = health.degradedFolderCount;
+    statistics.storageTrouble = health.storageTrouble;
+    statistics.identityIsWeak = state_->identityIsWeak;
+    const std::scoped_lock storeLock(state_->storeMutex);
+    statistics.storePath = state_->store->path();
+    statistics.oldestEventID = state_->store->state().floor;
+    statistics.currentEventID = state_->store->lastEvent();
+    statistics.eventCount = state_->store->eventCount();
+    if (!state_->trouble.empty()) statistics.lastTrouble = state_->trouble;
+    if (!state_->lastGap.empty()) statistics.lastGap = state_->lastGap;
     const std::shared_lock lock(state_->indexMutex);
-    Statistics statistics;
     statistics.objects = state_->index.size();
     statistics.indexBytes = state_->index.bytes();
-    statistics.identityIsWeak = state_->identityIsWeak;
-    statistics.storePath = state_->store->path();
-    if (!state_->trouble.empty()) statistics.lastTrouble = state_->trouble;
+    for (const auto& root : state_->roots) {
+        statistics.roots.push_back(state_->configuration.files.nativePath(root.url));
+    }
     return statistics;
 }
 

@@ -7,6 +7,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/files/FileSystem.h"
@@ -14,6 +15,7 @@
 #include "platform/foundation/QSURL.h"
 #include "platform/foundation/QSUUID.h"
 #include "platform/volume/EventHistory.h"
+#include "platform/volume/KernelEvents.h"
 
 namespace platform {
 
@@ -22,25 +24,46 @@ namespace platform {
 /// another process.
 class VolumeService final : public EventHistory {
   public:
+    /// How long things may take before they are taken as they are; see docs/safe-saves.md.
+    struct Windows {
+        std::chrono::milliseconds rest{50};         ///< for the other half of a move to be seen
+        std::chrono::milliseconds successor{1000};  ///< for what took the name of what went
+        std::chrono::milliseconds rename{5000};     ///< to tell a renamed document from a backup
+    };
+
     struct Configuration {
         const FileSystem& files;
         std::string dataFolder;   ///< native; the store, made with mode 0700 where missing
         std::string stateFolder;  ///< native; the witness of its high-water marks
-        /// Called by the crawl now and then with the objects seen so far, from its own thread.
-        std::function<void(std::uint64_t objects)> progress;
-        bool crawlAtStart = true;
-        /// The least time between the beginnings of two crawls.
-        std::chrono::milliseconds crawlInterval{2000};
+        /// Called by a scan of everything now and then with the entries seen so far, from the
+        /// thread that scans; must not call the service.
+        std::function<void(std::uint64_t entries)> progress = {};
+        bool followsAtStart = true;
+        /// Whether a folder of that name is a package.
+        std::function<bool(std::string_view name)> isPackageName = [](auto) { return false; };
+        /// Extended attributes that follow a document to the object that a save puts in its place.
+        std::vector<std::string> metadataNames = {};
+        /// Between two comparisons of everything, and of what the kernel does not report on.
+        std::chrono::milliseconds reconcileInterval = std::chrono::minutes(10);
+        std::chrono::milliseconds degradedInterval = std::chrono::seconds(60);
+        Windows windows = {};
+        std::uint64_t eventsKept = 1'000'000;
+        std::chrono::seconds eventAge = std::chrono::days(60);
+        /// The kernel's news where empty, and the clock.
+        std::function<Result<std::unique_ptr<KernelEventSource>>()> makeSource = {};
+        std::function<std::chrono::steady_clock::time_point()> now = std::chrono::steady_clock::now;
+        /// Nothing happens but in step() and in calls that need it done.
+        bool isManual = false;
     };
 
-    /// Takes the store (code EBUSY and "in use by PID …" at once where another process has it),
-    /// sets a damaged one aside and rebuilds it, and starts the crawl in the background.
+    /// Takes the store (code EBUSY and "in use by PID …" at once where another process has it), and
+    /// sets a damaged one aside and rebuilds it.
     [[nodiscard]] static Result<std::unique_ptr<VolumeService>> open(Configuration configuration);
-    /// Ends the crawl and every wait (with ECANCELED), then closes the store.
+    /// Ends every wait (with ECANCELED), then closes the store.
     ~VolumeService() override;
 
-    /// Also locates objects below `root` from the next crawl on (an application's data container;
-    /// the storage itself need not be added). EXDEV where it is on another device. Again is fine.
+    /// Also follows what is below `root` (an application's data container; the storage itself need
+    /// not be added). EXDEV where it is on another device. Again is fine.
     Result<void> addRoot(const QSURL& root);
 
     /// The UUID of the event history: another one after a store was rebuilt or rolled back, or the
@@ -87,19 +110,16 @@ class VolumeService final : public EventHistory {
     [[nodiscard]] Result<std::uint64_t> fileIDForDocumentID(std::uint32_t documentID) const;
 
     /// The URL of the object with that file ID, verified on the disk just now. One that fails its
-    /// check waits for a crawl that starts after this call (one for all that wait, none sooner than
-    /// the crawl interval after the last began), then fails with ENOENT; ECANCELED when the service
-    /// closes.
-    [[nodiscard]] Result<QSURL> URLForFileID(std::uint64_t fileID) const;
+    /// check is looked for once all that happened has been seen, then fails with ENOENT; ECANCELED
+    /// when the service closes.
+    [[nodiscard]] Result<QSURL> URLForFileID(std::uint64_t fileID);
 
     /// Entries of a folder (hidden ones too), without reading it where the index's count is of this
     /// very state of the folder; none where it has to be read.
     [[nodiscard]] std::optional<std::uint64_t> entryCount(const FileAttributes& folder) const;
-    /// Teaches the index a count just read of that state.
-    void rememberEntryCount(const FileAttributes& folder, std::uint64_t count) const;
 
-    /// Blocks until the crawl that runs now, if any, has ended.
-    void waitForCrawl() const;
+    /// One round of the work, for isManual; true where there is more to do at once.
+    bool step();
 
     struct Statistics {
         std::uint64_t objects = 0;     ///< in the index
@@ -122,8 +142,9 @@ class VolumeService final : public EventHistory {
     };
     [[nodiscard]] Statistics statistics() const;
 
+    struct State;  ///< for the service's own parts
+
   private:
-    struct State;
     explicit VolumeService(std::unique_ptr<State> state);
     std::unique_ptr<State> state_;
 };

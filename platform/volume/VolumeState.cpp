@@ -1,16 +1,15 @@
 #include "platform/volume/VolumeState.h"
 
 #include <algorithm>
+#include <ctime>
 #include <unordered_map>
 
-#include "platform/volume/CrawlIndexer.h"
-#include "platform/volume/CrawlPass.h"
+#include "platform/volume/Follower.h"
+#include "platform/volume/UserMetadataCopy.h"
 
 namespace platform {
 
 namespace {
-
-constexpr std::size_t rowsAlongside = 512;  // places that ride along with a durable transaction
 
 bool hasPlace(const VolumeService::IdentityRequest& request) {
     return !request.name.empty() && request.object->parentInode != 0;
@@ -41,6 +40,11 @@ Result<void> addDocumentID(ObjectRow& row, IdentityStore& store) {
 
 }  // namespace
 
+VolumeService::State::State(Configuration given)
+    : configuration(std::move(given)), follower(std::make_unique<Follower>(*this)) {}
+
+VolumeService::State::~State() = default;
+
 void VolumeService::State::addRoot(const ObjectIdentity& identity, const QSURL& url) {
     const std::unique_lock lock(indexMutex);
     std::erase_if(roots, [&](const Root& root) {
@@ -62,23 +66,40 @@ std::optional<QSURL> VolumeService::State::urlOf(ObjectIndex::NodeNumber number)
     return QSURL::fileURLWithPath(root->url.path() + "/" + path->below);
 }
 
+std::vector<QSURL> VolumeService::State::urlsOf(ObjectIndex::NodeNumber number) const {
+    std::vector<QSURL> urls;
+    if (index.node(number).isRoot) {
+        if (auto url = urlOf(number)) urls.push_back(std::move(*url));
+    }
+    index.forEachName(number, [&](ObjectIndex::EntryNumber at) {
+        const auto& entry = index.entry(at);
+        const auto folder = urlOf(entry.folder);
+        if (folder) urls.push_back(folder->URLByAppendingPathComponent(index.name(entry)));
+    });
+    return urls;
+}
+
 std::optional<QSURL> VolumeService::State::locate(std::uint64_t fileID) const {
     ObjectIndex::Node node;
-    std::optional<QSURL> url;
+    std::vector<QSURL> urls;
     {
         const std::shared_lock lock(indexMutex);
         const auto number = index.findFileID(fileID);
         if (number == ObjectIndex::none) return std::nullopt;
         node = index.node(number);
-        url = urlOf(number);
+        urls = urlsOf(number);
     }
-    if (!url || (node.fileID == 0 && freshOnly)) return std::nullopt;
-    const auto attributes = configuration.files.attributes(*url);
-    if (!attributes) return std::nullopt;
-    const auto& identity = (*attributes)->identity;
-    const bool isSame = identity.inode == node.inode &&
-                        (node.fileID == 0 || identity.generation == node.generation);
-    return isSame ? url : std::nullopt;
+    if (node.fileID == 0 && freshOnly) return std::nullopt;
+    for (const auto& url : urls) {
+        const auto attributes = configuration.files.attributes(url);
+        if (!attributes) continue;
+        const auto& identity = (*attributes)->identity;
+        if (identity.inode == node.inode &&
+            (node.fileID == 0 || identity.generation == node.generation)) {
+            return url;
+        }
+    }
+    return std::nullopt;
 }
 
 bool VolumeService::State::isThere(const IdentityRequest& request) const {
@@ -95,44 +116,114 @@ bool VolumeService::State::isThere(const IdentityRequest& request) const {
     return now && (*now)->identity == request.object->identity;
 }
 
-bool VolumeService::State::mayBeFound(std::uint64_t fileID) const {
+bool VolumeService::State::answerFromIndex(std::span<IdentityRequest> requests) const {
     const std::shared_lock lock(indexMutex);
-    if (const auto number = index.findFileID(fileID); number != ObjectIndex::none) {
-        return index.node(number).fileID != 0 || !freshOnly;
-    }
-    // Else it was never handed out, or its object has died and left its number to another one. Only
-    // an inode number that nothing was seen with may be that of something new.
-    return !freshOnly && fileID != 0 && fileID < firstFreshFileID &&
-           index.findInode(fileID) == ObjectIndex::none;
-}
-
-bool VolumeService::State::answerFromIndex(std::span<IdentityRequest> requests) {
-    std::vector<const IdentityRequest*> moved;
-    {
-        const std::shared_lock lock(indexMutex);
-        for (auto& request : requests) {
-            const auto& object = *request.object;
-            const auto number = index.findInode(object.identity.inode);
-            if (number == ObjectIndex::none) return false;
-            const auto& node = index.node(number);
-            if (node.fileID == 0 || node.generation != object.identity.generation ||
-                (request.wantsDocumentID && node.documentID == 0)) {
-                return false;
-            }
-            request.result = {node.fileID, request.wantsDocumentID ? node.documentID : 0};
-            if (hasPlace(request) && !index.isAt(node, object.parentInode, request.name)) {
-                moved.push_back(&request);
-            }
+    for (auto& request : requests) {
+        const auto& identity = request.object->identity;
+        const auto number = index.findInode(identity.inode);
+        if (number == ObjectIndex::none) return false;
+        const auto& node = index.node(number);
+        if (node.fileID == 0 || node.generation != identity.generation ||
+            (request.wantsDocumentID && node.documentID == 0)) {
+            return false;
         }
-    }
-    if (moved.empty()) return true;
-    const std::unique_lock lock(indexMutex);
-    for (const auto* request : moved) {
-        index.place(index.ensure(request->object->identity.inode),
-                    index.ensure(request->object->parentInode), request->name,
-                    request->object->kind());
+        request.result = {node.fileID, request.wantsDocumentID ? node.documentID : 0};
     }
     return true;
+}
+
+bool VolumeService::State::needsDecision(std::span<const IdentityRequest> requests) const {
+    const bool isFollowed = follower->isCaughtUp();
+    const std::shared_lock lock(indexMutex);
+    return std::ranges::any_of(requests, [&](const IdentityRequest& request) {
+        const auto& identity = request.object->identity;
+        const auto number = index.findInode(identity.inode);
+        const bool isKnown = number != ObjectIndex::none && index.node(number).fileID != 0;
+        if (isKnown && index.node(number).generation != identity.generation) return true;
+        if (!request.wantsDocumentID || !hasPlace(request)) return false;
+        if (isKnown && index.node(number).isUndecided) return true;
+        const auto there =
+            index.findObject(index.findInode(request.object->parentInode), request.name);
+        const bool isAsKnown = there == number && number != ObjectIndex::none;
+        const bool hasDocument = isKnown && index.node(number).documentID != 0;
+        // While following, whatever is new may be a successor of what has just gone.
+        if (isFollowed) return !isAsKnown || (!hasDocument && index.node(number).isUndecided);
+        const bool takesAPlace =
+            there != ObjectIndex::none && !isAsKnown && index.node(there).documentID != 0;
+        const bool hasMoved =
+            hasDocument && !isAsKnown && index.node(number).firstName != ObjectIndex::none;
+        return takesAPlace || hasMoved;
+    });
+}
+
+Result<std::uint64_t> VolumeService::State::newFileID(std::uint64_t inode) {
+    if (!freshOnly && inode != 0 && inode < firstFreshFileID) return inode;
+    return store->take(Counter::File);
+}
+
+Result<void> VolumeService::State::write(std::span<const ObjectRow> rows, bool isDurable,
+                                         std::vector<EventRecord>& events) {
+    if (!pendingGap.empty()) {
+        const std::shared_lock lock(indexMutex);
+        for (const auto& root : roots) {
+            EventRecord gap;
+            gap.event.flags = fsEventKernelDropped | fsEventMustScanSubDirs;
+            gap.event.path = root.url.path();
+            gap.time = std::time(nullptr);
+            events.insert(events.begin(), std::move(gap));
+        }
+    }
+    if (rows.empty() && events.empty() && !isDurable) return {};
+    const bool hasEvents = !events.empty();
+    auto done = store->commit(rows,
+                              isDurable || hasEvents ? IdentityStore::Durability::Identities
+                                                     : IdentityStore::Durability::Hints,
+                              events);
+    if (!done) {
+        if (hasEvents) {
+            pendingGap = "events could not be written; " + done.error().description();
+            lastGap = pendingGap;
+        }
+        return done;
+    }
+    pendingGap.clear();
+    if (hasEvents) hasNews = true;
+    return {};
+}
+
+FSEvent VolumeService::State::present(EventRecord record) const {
+    if (record.folder == 0) return std::move(record.event);
+    const std::shared_lock lock(indexMutex);
+    const auto folder = index.findInode(record.folder);
+    if (folder == ObjectIndex::none || index.node(folder).generation != record.folderGeneration) {
+        return std::move(record.event);
+    }
+    if (const auto url = urlOf(folder)) {
+        auto& path = record.event.path;
+        path = url->path() + path.substr(path.rfind('/'));
+    }
+    return std::move(record.event);
+}
+
+void VolumeService::State::setStorageTrouble(const std::optional<QSError>& now) {
+    const std::unique_lock lock(indexMutex);
+    storageTrouble = now;
+}
+
+void VolumeService::State::announce() {
+    if (!hasNews.exchange(false)) return;
+    std::vector<std::shared_ptr<Subscriber>> told;
+    {
+        const std::scoped_lock lock(subscribersMutex);
+        std::erase_if(subscribers, [](const auto& subscriber) { return subscriber.expired(); });
+        for (const auto& subscriber : subscribers) {
+            if (auto alive = subscriber.lock()) told.push_back(std::move(alive));
+        }
+    }
+    for (const auto& subscriber : told) {
+        const std::scoped_lock lock(subscriber->mutex);
+        if (subscriber->news) subscriber->news();
+    }
 }
 
 Result<VolumeService::Identity> VolumeService::State::settle(const IdentityRequest& request,
@@ -158,11 +249,7 @@ Result<VolumeService::Identity> VolumeService::State::settle(const IdentityReque
     if (!isGone) {
         staged.isNews |= !isKnown || needsDocument;
         row.kind = request.object->kind();
-        if (hasPlace(request)) {
-            row.parent = request.object->parentInode;
-            row.name = request.name;
-            staged.hasPlace = true;
-        }
+        if (hasPlace(request)) staged.request = &request;
     }
     return Identity{row.fileID, request.wantsDocumentID ? row.documentID : 0};
 }
@@ -182,86 +269,110 @@ Result<void> VolumeService::State::allocate(std::span<IdentityRequest> requests)
             entry->second.row.inode = inode;
         }
     }
+    std::vector<EventRecord> events;
     std::vector<Identity> results;
     results.reserve(requests.size());
     for (const auto& request : requests) {
-        const auto settled = settle(request, staged[request.object->identity.inode]);
+        auto& entry = staged[request.object->identity.inode];
+        const auto before = entry.row;
+        const auto settled = settle(request, entry);
         if (!settled) {
             store->giveBack();
             return std::unexpected(settled.error());
         }
         results.push_back(*settled);
+        // The object that had the number has gone unseen.
+        if (before.fileID != 0 && before.fileID != entry.row.fileID) {
+            noteReplaced(before, events);
+        }
     }
-
     std::vector<ObjectRow> rows;
-    const auto alongside = takeDirtyRows(rowsAlongside, rows);
-    for (const auto& [inode, entry] : staged) {
-        if (entry.isNews) rows.push_back(entry.row);
+    {
+        const std::shared_lock lock(indexMutex);
+        for (auto& [inode, entry] : staged) {
+            if (!entry.isNews) continue;
+            if (mayRemember(entry)) {
+                entry.row.names.push_back(
+                    {entry.request->object->parentInode, std::string(entry.request->name)});
+            }
+            rows.push_back(entry.row);
+        }
     }
-    if (auto done = store->commit(rows, IdentityStore::Durability::Identities); !done) {
-        putBackDirty(alongside);
-        return done;
-    }
+    if (auto done = write(rows, true, events); !done) return done;
     publish(staged);
+    captureMetadata(requests);
     for (std::size_t i = 0; i < requests.size(); ++i) requests[i].result = results[i];
     return {};
+}
+
+void VolumeService::State::captureMetadata(std::span<const IdentityRequest> requests) {
+    for (const auto& request : requests) {
+        const auto& object = *request.object;
+        const bool hasAny = std::ranges::any_of(configuration.metadataNames, [&](const auto& name) {
+            return object.hasAttribute(storedAttributeName(name));
+        });
+        if (!hasAny || !request.wantsDocumentID) continue;
+        std::optional<QSURL> folder;
+        {
+            const std::shared_lock lock(indexMutex);
+            const auto number = index.findInode(object.parentInode);
+            if (number != ObjectIndex::none) folder = urlOf(number);
+        }
+        if (!folder) continue;
+        auto read =
+            readMetadata(configuration.files, folder->URLByAppendingPathComponent(request.name),
+                         object.identity, configuration.metadataNames);
+        if (!read) continue;
+        const std::unique_lock lock(indexMutex);
+        index.setMetadata(index.ensure(object.identity.inode), std::move(*read));
+    }
+}
+
+void VolumeService::State::noteReplaced(const ObjectRow& gone,
+                                        std::vector<EventRecord>& events) const {
+    EventRecord& record = events.emplace_back();
+    record.event.flags = fsEventRemoved;
+    record.event.fileID = gone.fileID;
+    record.event.documentID = gone.documentID;
+    record.event.identifierKind =
+        gone.documentID != 0 ? IdentifierKind::Document : IdentifierKind::File;
+    record.time = std::time(nullptr);
+    const std::shared_lock lock(indexMutex);
+    const auto number = index.findInode(gone.inode);
+    auto urls = number == ObjectIndex::none ? std::vector<QSURL>() : urlsOf(number);
+    record.event.path = urls.empty() ? roots.front().url.path() : urls.front().path();
+}
+
+bool VolumeService::State::mayRemember(const StagedRow& staged) const {
+    // Once all is known, what is where is the follower's to say.
+    if (!staged.request || !staged.row.names.empty() || follower->isCaughtUp()) return false;
+    const auto folder = index.findInode(staged.request->object->parentInode);
+    return index.findEntry(folder, staged.request->name) == ObjectIndex::none;
 }
 
 void VolumeService::State::publish(const std::unordered_map<std::uint64_t, StagedRow>& staged) {
     const std::unique_lock lock(indexMutex);
     for (const auto& [inode, entry] : staged) {
+        if (!entry.isNews) continue;
         const auto number = index.ensure(inode);
-        if (entry.isNews) index.setIdentity(number, entry.row);
-        if (!entry.hasPlace) continue;
-        index.place(number, index.ensure(entry.row.parent), entry.row.name, entry.row.kind);
-        if (entry.isNews) index.markStored(number);
+        index.setIdentity(number, entry.row);
+        if (index.node(number).kind != entry.row.kind) {
+            index.setState(number, entry.row.kind, index.node(number).stamp, false);
+        }
+        if (index.node(number).firstName == ObjectIndex::none && !entry.row.names.empty()) {
+            const auto& name = entry.row.names.front();
+            const auto folder = index.ensure(name.folder);
+            if (folder != number && index.findEntry(folder, name.name) == ObjectIndex::none) {
+                index.addName(number, folder, name.name);
+            }
+        }
+        index.markStored(number);
     }
-}
-
-std::vector<ObjectIndex::NodeNumber> VolumeService::State::takeDirtyRows(
-    std::size_t limit, std::vector<ObjectRow>& rows) {
-    const std::unique_lock lock(indexMutex);
-    auto taken = index.takeDirty(limit);
-    rows.reserve(taken.size());
-    for (const auto number : taken) rows.push_back(index.row(number));
-    return taken;
 }
 
 void VolumeService::State::putBackDirty(std::span<const ObjectIndex::NodeNumber> nodes) {
     const std::unique_lock lock(indexMutex);
     for (const auto number : nodes) index.markDirty(number);
-}
-
-Result<bool> VolumeService::State::flush() {
-    const std::scoped_lock storeLock(storeMutex);
-    std::vector<ObjectRow> rows;
-    const auto taken = takeDirtyRows(CrawlIndexer::rowsAtOnce, rows);
-    if (rows.empty()) return false;
-    // In the order of the table's tree, so that few pages are touched.
-    std::ranges::sort(rows, {}, &ObjectRow::inode);
-    if (auto done = store->commit(rows, IdentityStore::Durability::Hints); !done) {
-        putBackDirty(taken);
-        return std::unexpected(std::move(done.error()));
-    }
-    return rows.size() == CrawlIndexer::rowsAtOnce;
-}
-
-void VolumeService::State::flushAll() {
-    for (Result<bool> more = true; more && *more;) more = flush();
-}
-
-void VolumeService::State::crawl(const std::atomic<bool>& stop) {
-    std::vector<QSURL> urls;
-    {
-        const std::shared_lock lock(indexMutex);
-        for (const auto& root : roots) urls.push_back(root.url);
-    }
-    CrawlIndexer indexer(
-        {index, indexMutex, [this] { return flush().has_value(); }, configuration.progress});
-    CrawlPass pass(configuration.files, indexer, stop);
-    for (const auto& url : urls) pass.walk(url);
-    if (pass.isComplete()) indexer.displaceUnseen();
-    if (!stop) flushAll();
 }
 
 }  // namespace platform

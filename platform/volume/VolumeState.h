@@ -10,17 +10,19 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/volume/Crawler.h"
 #include "platform/volume/IdentityStore.h"
 #include "platform/volume/ObjectIndex.h"
 #include "platform/volume/VolumeService.h"
 
 namespace platform {
 
-/// What the service's parts share. Lock order: storeMutex before indexMutex. Look-ups need the
-/// second alone, and nobody asks the disk for anything under it.
+class Follower;
+
+/// What the service's parts share. Lock order: the follower's mutex, storeMutex, indexMutex.
+/// Look-ups need the last alone, and nobody asks the disk for anything under it.
 struct VolumeService::State {
-    explicit State(Configuration given) : configuration(std::move(given)) {}
+    explicit State(Configuration given);
+    ~State();
 
     struct Root {
         ObjectIndex::NodeNumber node;
@@ -33,35 +35,46 @@ struct VolumeService::State {
     [[nodiscard]] std::optional<QSURL> locate(std::uint64_t fileID) const;
     /// Where the index has the node, unchecked. REQUIRES: indexMutex is held.
     [[nodiscard]] std::optional<QSURL> urlOf(ObjectIndex::NodeNumber number) const;
+    /// All its places, the same way.
+    [[nodiscard]] std::vector<QSURL> urlsOf(ObjectIndex::NodeNumber number) const;
     /// Whether the object of the request is still where it was seen. True where that cannot be
     /// told.
     [[nodiscard]] bool isThere(const IdentityRequest& request) const;
-    /// Whether an object that locate did not find may be found by a crawl.
-    [[nodiscard]] bool mayBeFound(std::uint64_t fileID) const;
-
-    /// Answers from the index alone; false where a request has to be allocated first. Remembers
-    /// where the objects are now.
-    [[nodiscard]] bool answerFromIndex(std::span<IdentityRequest> requests);
+    /// Answers from the index alone; false where a request has to be allocated first.
+    [[nodiscard]] bool answerFromIndex(std::span<IdentityRequest> requests) const;
+    /// Whether what the index does not know yet, or what is not decided yet, may bear on which
+    /// document IDs these objects have.
+    [[nodiscard]] bool needsDecision(std::span<const IdentityRequest> requests) const;
     /// Answers any requests: allocates what is missing in one durable transaction, and lets readers
     /// see it after the commit.
     Result<void> allocate(std::span<IdentityRequest> requests);
     struct StagedRow {
         ObjectRow row;
-        bool isNews = false;    ///< other than in the store
-        bool hasPlace = false;  ///< a request told where the object is
+        bool isNews = false;  ///< other than in the store
+        const IdentityRequest* request = nullptr;
     };
     Result<Identity> settle(const IdentityRequest& request, StagedRow& staged);
     void publish(const std::unordered_map<std::uint64_t, StagedRow>& staged);
 
-    /// One walk over all roots into the index and the store.
-    void crawl(const std::atomic<bool>& stop);
-    /// Writes some places that the store does not have yet; false where that was the last of them.
-    Result<bool> flush();
-    void flushAll();
-    /// Takes up to `limit` rows of such places. REQUIRES: storeMutex is held.
-    std::vector<ObjectIndex::NodeNumber> takeDirtyRows(std::size_t limit,
-                                                       std::vector<ObjectRow>& rows);
+    /// Whether the request may teach the index a place. REQUIRES: indexMutex is held.
+    [[nodiscard]] bool mayRemember(const StagedRow& staged) const;
+    /// Remembers what user metadata documents had when they got their IDs.
+    void captureMetadata(std::span<const IdentityRequest> requests);
+    void noteReplaced(const ObjectRow& gone, std::vector<EventRecord>& events) const;
+
+    /// The file ID for an object whose inode number was never handed out. REQUIRES: storeMutex.
+    [[nodiscard]] Result<std::uint64_t> newFileID(std::uint64_t inode);
+    /// One transaction, which also records a gap where events before it could not be written.
+    /// Events that cannot be written are such a gap. REQUIRES: storeMutex is held.
+    Result<void> write(std::span<const ObjectRow> rows, bool isDurable,
+                       std::vector<EventRecord>& events);
     void putBackDirty(std::span<const ObjectIndex::NodeNumber> nodes);
+    /// The event with its path as its folder is called now.
+    [[nodiscard]] FSEvent present(EventRecord record) const;
+
+    void setStorageTrouble(const std::optional<QSError>& now);
+    /// Tells the subscribers if there is something to tell. REQUIRES: no mutex is held.
+    void announce();
 
     // Constant after opening.
     const Configuration configuration;
@@ -77,8 +90,20 @@ struct VolumeService::State {
     ObjectIndex index;        // guarded by indexMutex
     std::vector<Root> roots;  // guarded by indexMutex
 
+    std::string pendingGap;                 // guarded by storeMutex; why events were not written
+    std::string lastGap;                    // guarded by storeMutex
+    std::optional<QSError> storageTrouble;  // guarded by indexMutex
+
+    struct Subscriber {
+        std::mutex mutex;
+        std::function<void()> news;  // guarded by mutex; empty once it let go
+    };
+    std::mutex subscribersMutex;
+    std::vector<std::weak_ptr<Subscriber>> subscribers;  // guarded by subscribersMutex
+
     std::atomic<bool> identityIsWeak = false;
-    std::unique_ptr<Crawler> crawler;  // the first to go
+    std::atomic<bool> hasNews = false;
+    std::unique_ptr<Follower> follower;  // the first to go
 };
 
 }  // namespace platform

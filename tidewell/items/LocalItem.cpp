@@ -6,6 +6,7 @@
 #include <charconv>
 #include <sstream>
 
+#include "platform/files/ExtendedAttributes.h"
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/URLOperations.h"
 #include "platform/foundation/fatalError.h"
@@ -248,13 +249,13 @@ std::string LocalItem::description() const {
 }
 
 std::string_view LocalItem::xattrLastUsedDateName() {
-    return "com.quenby.lastuseddate#PS";
+    return lastUsedDateAttribute;
 }
 std::string_view LocalItem::xattrTagDataName() {
-    return "com.quenby.metadata:_kMDItemUserTags";
+    return tagDataAttribute;
 }
 std::string_view LocalItem::xattrFavoriteRankName() {
-    return "com.quenby.favorite-rank.number#PS";
+    return favoriteRankAttribute;
 }
 std::string_view LocalItem::xattrTrashDateName() {
     return "com.quenby.trash.time#PS";

@@ -30,12 +30,13 @@ class VolumeFixture : public testing::Test {
         files = std::move(*opened);
     }
     platform::Result<std::unique_ptr<platform::VolumeService>> tryOpen() {
-        return platform::VolumeService::open({.files = *files,
-                                              .dataFolder = (scratch / "data").string(),
-                                              .stateFolder = (scratch / "state").string(),
-                                              .progress = progress,
-                                              .crawlAtStart = crawlAtStart,
-                                              .crawlInterval = std::chrono::milliseconds(0)});
+        platform::VolumeService::Configuration configuration{
+            .files = *files,
+            .dataFolder = (scratch / "data").string(),
+            .stateFolder = (scratch / "state").string(),
+            .followsAtStart = follows};
+        if (adjust) adjust(configuration);
+        return platform::VolumeService::open(std::move(configuration));
     }
     /// Opens the service anew, after the one before has closed.
     void open() {
@@ -86,8 +87,8 @@ class VolumeFixture : public testing::Test {
 
     ScratchFolder scratch;
     std::unique_ptr<platform::FileSystem> files;
-    std::function<void(std::uint64_t)> progress;
-    bool crawlAtStart = false;
+    std::function<void(platform::VolumeService::Configuration&)> adjust;
+    bool follows = false;
     std::unique_ptr<platform::VolumeService> service;
 };
 

@@ -136,73 +136,14 @@ TEST_F(VolumeServiceTest, ASecondOpenerIsToldWhoHasTheStoreAndAKilledOneLeavesNo
     close(ready[1]);
 }
 
-TEST_F(VolumeServiceTest, ManyLookUpsShareOneCrawl) {
-    std::atomic<int> crawls = 0;
-    std::promise<void> entered;
-    std::promise<void> goOn;
-    progress = [&, wait = goOn.get_future().share()](std::uint64_t) {
-        if (crawls++ == 0) entered.set_value();
-        wait.wait();
-    };
-    for (int i = 0; i < 1000; ++i) makeFile("filler/" + std::to_string(i));
-    makeFile("filler/sought");
-    open();
-    const auto sought = identify("filler/sought");
-    makeFile("gone");
-    const auto gone = identify("gone");
-    fs::rename(native("filler/sought"), native("moved"));
-    fs::remove(native("gone"));
-
-    // The first one's crawl is held while the others come; they wait for it and share the next.
-    std::vector<std::future<std::string>> answers;
-    const auto ask = [&](std::uint64_t fileID) {
-        answers.push_back(std::async(std::launch::async, [&, fileID] { return resolve(fileID); }));
-    };
-    ask(gone.fileID);
-    entered.get_future().wait();
-    for (int i = 0; i < 8; ++i) ask(i % 2 ? gone.fileID : sought.fileID);
-    goOn.set_value();
-    for (std::size_t i = 0; i < answers.size(); ++i) {
-        const bool wasSought = i > 0 && i % 2 == 1;
-        EXPECT_EQ(answers[i].get(), wasSought ? "moved" : std::to_string(ENOENT)) << i;
-    }
-    EXPECT_LE(crawls, 3);
-}
-
-TEST_F(VolumeServiceTest, ClosingEndsWaitsAndTheCrawlAtOnce) {
-    std::promise<void> entered;
-    std::atomic<bool> isClosing = false;
-    progress = [&](std::uint64_t) {
-        if (!isClosing.exchange(true)) entered.set_value();
-    };
-    for (int i = 0; i < 1000; ++i) makeFile("filler/" + std::to_string(i));
-    open();
-    auto blocked = std::async(std::launch::async, [this] { return resolve(1); });
-    entered.get_future().wait();
-    service.reset();
-    EXPECT_THAT(blocked.get(), testing::AnyOf(std::to_string(ECANCELED), std::to_string(ENOENT)));
-}
-
-TEST_F(VolumeServiceTest, TheCrawlLocatesWhatNobodyAskedForAndCountsEntries) {
+TEST_F(VolumeServiceTest, LocatesWhatNobodyAskedFor) {
     for (const char* path : {"a/.hidden", "a/b/c", "a/b/d", "deep/1/2/3/4/5"}) makeFile(path);
     fs::create_symlink("a", native("link"));
-    fs::last_write_time(native("a/b"), fs::file_time_type::clock::now() - std::chrono::hours(1));
-    crawlAtStart = true;
     open();
-    service->waitForCrawl();
+    ASSERT_TRUE(service->waitUntilSeen());
     EXPECT_EQ(service->statistics().objects, 13u);  // the storage too
     EXPECT_EQ(resolve(attributes("deep/1/2/3/4/5")->identity.inode), "deep/1/2/3/4/5");
     EXPECT_EQ(resolve(attributes("link")->identity.inode), "link");
-
-    // Times that are older than a clock tick are needed to trust a count; the change time cannot be
-    // set, so the folder is counted until it has aged.
-    while (!service->entryCount(*attributes("a/b"))) {
-        open();
-        service->waitForCrawl();
-    }
-    EXPECT_EQ(service->entryCount(*attributes("a/b")), 2u);
-    makeFile("a/b/e");
-    EXPECT_EQ(service->entryCount(*attributes("a/b")), std::nullopt);
 }
 
 TEST_F(VolumeServiceTest, OtherRootsAreLocatedToo) {

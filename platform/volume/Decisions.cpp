@@ -1,0 +1,286 @@
+// The reconciler's decisions about what has gone and which object a document ID belongs to.
+#include <algorithm>
+#include <cerrno>
+
+#include "platform/log/Log.h"
+#include "platform/volume/Reconciler.h"
+#include "platform/volume/SaveNames.h"
+#include "platform/volume/UserMetadataCopy.h"
+
+namespace platform {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto decisionStep = 50ms;
+constexpr std::int64_t youngest = 5;  // seconds since the birth of what a program just made
+
+}  // namespace
+
+std::optional<Reconciler::Time> Reconciler::nextDecision(Time now) const {
+    if (!departures_.openDocuments().empty() || !orphans_.empty()) return now + decisionStep;
+    if (expiry_.empty()) return std::nullopt;
+    return expiry_.front().first + state_.configuration.windows.successor;
+}
+
+Reconciler::Verdict Reconciler::judge(std::uint32_t document, const Departures::Vacancy& vacancy,
+                                      Time passStart, bool mustDecide) {
+    const auto& windows = state_.configuration.windows;
+    const auto age = now_ - vacancy.at;
+    ObjectIndex::Node owner;
+    ObjectIndex::Node successor;
+    std::string ownerName;
+    std::optional<QSURL> successorURL;
+    {
+        const std::shared_lock lock(state_.indexMutex);
+        const auto& index = state_.index;
+        if (vacancy.owner != ObjectIndex::none) {
+            owner = index.node(vacancy.owner);
+            if (owner.documentID != document) return Verdict::Stays;
+            if (owner.firstName != ObjectIndex::none) {
+                ownerName = index.name(index.entry(owner.firstName));
+            }
+        }
+        const auto heir = index.findObject(vacancy.place.folder, vacancy.place.name);
+        if (heir != ObjectIndex::none && heir != vacancy.owner) {
+            successor = index.node(heir);
+            successorURL = state_.urlOf(heir);
+        }
+    }
+    const bool isGone = owner.firstName == ObjectIndex::none;
+    const bool mayWait = !mustDecide && !vacancy.isFromScan;
+    if (!successorURL) {
+        const auto window = isGone ? windows.successor : windows.rename;
+        return mayWait && age < window ? Verdict::Wait : Verdict::Stays;
+    }
+    const bool isPackage = state_.configuration.isPackageName(vacancy.place.name);
+    const bool mayInherit = successor.kind == ObjectKind::RegularFile ||
+                            (successor.kind == ObjectKind::Directory && isPackage);
+    // One that was given an identifier of its own keeps that.
+    if (!mayInherit || successor.documentID != 0) return Verdict::Stays;
+    if (isGone) {
+        // Its other half may still be on its way.
+        const bool isSure = vacancy.at < passStart && age >= windows.rest;
+        return mayWait && !isSure ? Verdict::Wait : Verdict::Moves;
+    }
+    if (isBackupName(ownerName, vacancy.place.name)) return Verdict::Moves;
+    if (vacancy.isExchange) {
+        const auto attributes = state_.configuration.files.freshAttributes(*successorURL);
+        if (attributes && (*attributes)->creation &&
+            (*attributes)->creation->seconds + youngest >= QSDate::now().seconds) {
+            return Verdict::Moves;
+        }
+    }
+    return mayWait && age < windows.rename ? Verdict::Wait : Verdict::Stays;
+}
+
+void Reconciler::decide(std::uint32_t document, Time passStart, bool mustDecide) {
+    const auto* open = departures_.vacancy(document);
+    if (!open) return;
+    const auto vacancy = *open;
+    const auto verdict = judge(document, vacancy, passStart, mustDecide);
+    if (verdict == Verdict::Wait) return;
+    departures_.closeVacancy(document);
+    auto successor = ObjectIndex::none;
+    {
+        const std::unique_lock lock(state_.indexMutex);
+        successor = state_.index.findObject(vacancy.place.folder, vacancy.place.name);
+        for (const auto node : {vacancy.owner, successor}) {
+            if (node != ObjectIndex::none) state_.index.setUndecided(node, false);
+        }
+    }
+    if (verdict == Verdict::Moves) moveDocument(document, vacancy, successor);
+}
+
+void Reconciler::moveDocument(std::uint32_t document, const Departures::Vacancy& vacancy,
+                              NodeNumber successor) {
+    std::optional<QSURL> url;
+    {
+        const std::shared_lock lock(state_.indexMutex);
+        url = state_.urlOf(successor);
+    }
+    const auto attributes = url ? state_.configuration.files.freshAttributes(*url)
+                                : std::unexpected(errorFromErrno(ENOENT));
+    {
+        const std::unique_lock lock(state_.indexMutex);
+        auto& index = state_.index;
+        auto heir = index.row(successor);
+        // Another one stands there by now: the kernel will tell, and that is a save of its own.
+        if (!attributes || (*attributes)->identity.inode != heir.inode ||
+            (heir.generation != 0 && heir.generation != (*attributes)->identity.generation)) {
+            return;
+        }
+        heir.generation = (*attributes)->identity.generation;
+        if (heir.fileID == 0) {
+            const auto fileID = state_.newFileID(heir.inode);
+            if (!fileID) return;
+            heir.fileID = *fileID;
+            tookNumbers_ = true;
+        }
+        heir.documentID = document;
+        if (vacancy.owner != ObjectIndex::none) {
+            auto owner = index.row(vacancy.owner);
+            owner.documentID = 0;
+            index.setIdentity(vacancy.owner, owner);
+            index.markDirty(vacancy.owner);
+            index.setMetadata(vacancy.owner, {});
+            index.forEachName(vacancy.owner, [&](ObjectIndex::EntryNumber at) {
+                record(fsEventModified, vacancy.owner, placeOf(at).path, index.entry(at).folder);
+            });
+        }
+        index.setIdentity(successor, heir);
+        index.markDirty(successor);
+        auto& moved = events_.emplace_back();
+        moved.event.flags = fsEventDocumentIDChanged;
+        moved.event.fileID = heir.fileID;
+        moved.event.documentID = document;
+        moved.event.identifierKind = IdentifierKind::Document;
+        moved.event.path = "/.docid/" + std::to_string(state_.device) + "/changed/" +
+                           std::to_string(document) + "/src=" + std::to_string(vacancy.fileID) +
+                           ",dst=" + std::to_string(heir.fileID);
+        moved.time = std::time(nullptr);
+        index.forEachName(successor, [&](ObjectIndex::EntryNumber at) {
+            record(fsEventModified, successor, placeOf(at).path, index.entry(at).folder);
+        });
+    }
+    Log::platformLog().write(LogLevel::Debug, [&] {
+        return "document " + std::to_string(document) + " goes on in \"" +
+               state_.configuration.files.nativePath(*url) + "\"";
+    });
+    if (!vacancy.isFromScan && !vacancy.metadata.empty()) {
+        inheritMetadata(vacancy.metadata, *url, (*attributes)->identity);
+    }
+    toCapture_.push_back(successor);
+}
+
+void Reconciler::inheritMetadata(const std::string& metadata, const QSURL& url,
+                                 const ObjectIdentity& heir) {
+    const auto done = applyMetadata(state_.configuration.files, url, heir, metadata,
+                                    state_.configuration.metadataNames);
+    if (done) return;
+    Log::platformLog().write(LogLevel::Error, [&] {
+        return "can't carry user metadata over to \"" + state_.configuration.files.nativePath(url) +
+               "\"; " + done.error().description();
+    });
+}
+
+void Reconciler::captureMetadata() {
+    for (const auto node : std::exchange(toCapture_, {})) {
+        std::optional<QSURL> url;
+        ObjectIdentity identity;
+        {
+            const std::shared_lock lock(state_.indexMutex);
+            url = state_.urlOf(node);
+            identity = {state_.index.node(node).inode, state_.index.node(node).generation};
+        }
+        if (!url) continue;
+        auto read = readMetadata(state_.configuration.files, *url, identity,
+                                 state_.configuration.metadataNames);
+        if (!read) continue;
+        const std::unique_lock lock(state_.indexMutex);
+        state_.index.setMetadata(node, std::move(*read));
+    }
+}
+
+void Reconciler::decideDue(Time now, Time passStart) {
+    now_ = now;
+    occasion_ = Occasion::Live;
+    for (const auto document : departures_.openDocuments()) decide(document, passStart, false);
+    const auto window = state_.configuration.windows.successor;
+    while (!expiry_.empty() && expiry_.front().first + window <= now) {
+        const auto [at, node] = expiry_.front();
+        expiry_.pop_front();
+        const auto* departure = departures_.departure(node);
+        if (departure && departure->at == at) finish(node);
+    }
+    std::vector<Orphan> due;
+    std::erase_if(orphans_, [&](const Orphan& orphan) {
+        if (orphan.departure.at + window > now) return false;
+        due.push_back(orphan);
+        return true;
+    });
+    for (const auto& orphan : due) finishOrphan(orphan);
+}
+
+void Reconciler::decideAfterScan(Time now) {
+    now_ = now;
+    for (const auto document : departures_.openDocuments()) {
+        if (departures_.vacancy(document)->isFromScan) decide(document, now, true);
+    }
+    for (const auto node : departures_.departedNodes()) {
+        if (departures_.departure(node)->isFromScan) finish(node);
+    }
+    std::vector<Orphan> due;
+    std::erase_if(orphans_, [&](const Orphan& orphan) {
+        if (!orphan.departure.isFromScan) return false;
+        due.push_back(orphan);
+        return true;
+    });
+    for (const auto& orphan : due) finishOrphan(orphan);
+}
+
+void Reconciler::decideFor(std::span<const VolumeService::IdentityRequest> requests, Time now) {
+    now_ = now;
+    std::vector<std::uint32_t> documents;
+    {
+        const std::shared_lock lock(state_.indexMutex);
+        const auto& index = state_.index;
+        for (const auto& request : requests) {
+            const auto folder = index.findInode(request.object->parentInode);
+            if (const auto left = departures_.documentThatLeft(folder, request.name)) {
+                documents.push_back(left);
+            }
+            const auto node = index.findInode(request.object->identity.inode);
+            if (node != ObjectIndex::none && index.node(node).documentID != 0) {
+                documents.push_back(index.node(node).documentID);
+            }
+        }
+    }
+    for (const auto document : documents) decide(document, now, true);
+}
+
+void Reconciler::finish(NodeNumber node) {
+    if (const auto document = state_.index.node(node).documentID; document != 0) {
+        decide(document, now_, true);
+    }
+    const auto departure = departures_.takeDeparture(node);
+    const std::unique_lock lock(state_.indexMutex);
+    auto& index = state_.index;
+    if (!departure || index.node(node).firstName != ObjectIndex::none) return;
+    recordGone(index.node(node), departure->last);
+    index.setUndecided(node, false);
+    if (index.node(node).kind != ObjectKind::Directory) return;
+    goneFolders_.push_back(node);
+    forgetBelow(node, departure->last.path);
+}
+
+void Reconciler::finishOrphan(const Orphan& orphan) {
+    decide(orphan.documentID, now_, true);
+    const std::unique_lock lock(state_.indexMutex);
+    if (state_.index.findDocumentID(orphan.documentID) != ObjectIndex::none) return;
+    recordGone(orphan.node, orphan.departure.last);
+}
+
+void Reconciler::forgetBelow(NodeNumber folder, const std::string& path) {
+    auto& index = state_.index;
+    index.forEachChild(folder, [&](ObjectIndex::EntryNumber at) {
+        const auto object = index.entry(at).object;
+        const FormerPlace place{folder, std::string(index.name(index.entry(at))),
+                                path + "/" + std::string(index.name(index.entry(at)))};
+        index.removeName(at);
+        const auto& node = index.node(object);
+        if (node.firstName != ObjectIndex::none) {
+            index.forEachName(object, [&](ObjectIndex::EntryNumber other) {
+                record(fsEventModified, object, placeOf(other).path, index.entry(other).folder);
+            });
+            return;
+        }
+        recordGone(node, place);
+        if (node.kind != ObjectKind::Directory) return;
+        goneFolders_.push_back(object);
+        forgetBelow(object, place.path);
+    });
+}
+
+}  // namespace platform

@@ -1,0 +1,140 @@
+#include "platform/volume/EventTable.h"
+
+#include <cerrno>
+
+#include "platform/volume/RowSum.h"
+
+namespace platform {
+
+namespace {
+
+std::uint64_t sumOf(const EventRecord& record) {
+    const auto& event = record.event;
+    return RowSum()
+        .add(event.id)
+        .add(event.flags)
+        .add(event.fileID)
+        .add(event.documentID)
+        .add(static_cast<std::uint64_t>(event.identifierKind))
+        .add(record.folder)
+        .add(record.folderGeneration)
+        .add(event.path)
+        .value();
+}
+
+Result<void> prepareInto(SQLiteStatement& statement, SQLiteDatabase& database, const char* sql) {
+    auto prepared = database.prepare(sql);
+    if (!prepared) return std::unexpected(prepared.error());
+    statement = std::move(*prepared);
+    return {};
+}
+
+/// The first column of the first row, 0 where there is none.
+Result<std::uint64_t> firstValue(SQLiteStatement& statement) {
+    const auto more = statement.step();
+    if (!more) return std::unexpected(more.error());
+    if (!*more) return 0;
+    const auto value = statement.column(0);
+    statement.reset();
+    return value;
+}
+
+}  // namespace
+
+Result<void> EventTable::prepare(SQLiteDatabase& database) {
+    const std::pair<SQLiteStatement*, const char*> statements[] = {
+        {&append_, "INSERT INTO events VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"},
+        {&read_,
+         "SELECT id, flags, file_id, document_id, kind, folder, folder_generation, time, path, sum "
+         "FROM events WHERE id > ? AND id <= ? ORDER BY id LIMIT ?"},
+        {&nth_, "SELECT id FROM events ORDER BY id LIMIT 1 OFFSET ?"},
+        {&old_, "SELECT id FROM events WHERE time >= ? ORDER BY id LIMIT 1"},
+        {&drop_, "DELETE FROM events WHERE id <= ?"},
+        {&countAll_, "SELECT count(*) FROM events"}};
+    for (const auto& [statement, sql] : statements) {
+        if (auto done = prepareInto(*statement, database, sql); !done) return done;
+    }
+    const auto count = firstValue(countAll_);
+    if (!count) return std::unexpected(count.error());
+    count_ = *count;
+    return {};
+}
+
+void EventTable::close() {
+    for (auto* statement : {&append_, &read_, &nth_, &old_, &drop_, &countAll_}) *statement = {};
+}
+
+Result<void> EventTable::append(std::span<const EventRecord> events) {
+    for (const auto& record : events) {
+        const auto& event = record.event;
+        append_.bind(1, event.id);
+        append_.bind(2, event.flags);
+        append_.bind(3, event.fileID);
+        append_.bind(4, event.documentID);
+        append_.bind(5, static_cast<std::uint64_t>(event.identifierKind));
+        append_.bind(6, record.folder);
+        append_.bind(7, record.folderGeneration);
+        append_.bind(8, static_cast<std::uint64_t>(record.time));
+        append_.bindBlob(9, event.path);
+        append_.bind(10, sumOf(record));
+        if (auto done = append_.run(); !done) return done;
+    }
+    count_ += events.size();
+    return {};
+}
+
+Result<std::vector<EventRecord>> EventTable::read(std::uint64_t after, std::uint64_t upTo,
+                                                  std::size_t limit) {
+    read_.bind(1, after);
+    read_.bind(2, upTo);
+    read_.bind(3, limit);
+    std::vector<EventRecord> records;
+    for (;;) {
+        const auto more = read_.step();
+        if (!more) return std::unexpected(more.error());
+        if (!*more) return records;
+        EventRecord& record = records.emplace_back();
+        record.event.id = read_.column(0);
+        record.event.flags = static_cast<FSEventFlags>(read_.column(1));
+        record.event.fileID = read_.column(2);
+        record.event.documentID = static_cast<std::uint32_t>(read_.column(3));
+        record.event.identifierKind =
+            read_.column(4) == 0 ? IdentifierKind::File : IdentifierKind::Document;
+        record.folder = read_.column(5);
+        record.folderGeneration = read_.column(6);
+        record.time = static_cast<std::int64_t>(read_.column(7));
+        record.event.path = read_.columnBytes(8);
+        if (read_.column(9) != sumOf(record)) {
+            read_.reset();
+            return std::unexpected(errorFromErrno(EUCLEAN));
+        }
+    }
+}
+
+Result<std::uint64_t> EventTable::lastToDrop(const Retention& retention, std::int64_t now) {
+    std::uint64_t last = 0;
+    if (count_ > retention.count + retention.count / 10) {
+        nth_.bind(1, count_ - retention.count - 1);
+        const auto nth = firstValue(nth_);
+        if (!nth) return nth;
+        last = *nth;
+    }
+    const auto first = read(0, ~std::uint64_t{0} >> 1, 1);
+    if (!first) return std::unexpected(first.error());
+    if (first->empty() || first->front().time >= now - retention.seconds * 11 / 10) return last;
+    old_.bind(1, static_cast<std::uint64_t>(now - retention.seconds));
+    const auto old = firstValue(old_);
+    if (!old) return old;
+    return std::max(last, *old == 0 ? 0 : *old - 1);
+}
+
+Result<void> EventTable::drop(std::uint64_t upTo) {
+    drop_.bind(1, upTo);
+    if (auto done = drop_.run(); !done) return done;
+    const auto count = firstValue(countAll_);
+    if (!count) return std::unexpected(count.error());
+    count_ = *count;
+    return {};
+}
+
+}  // namespace platform

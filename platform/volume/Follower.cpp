@@ -1,0 +1,474 @@
+#include "platform/volume/Follower.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+
+#include "platform/log/Log.h"
+
+namespace platform {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto retryAfter = 1s;    // a commit that failed, a storage that is away
+constexpr auto longestNap = 50ms;  // of one who waits for a decision
+constexpr auto clockSlack = 2;     // seconds
+
+}  // namespace
+
+Follower::Follower(VolumeService::State& state)
+    : state_(state),
+      reconciler_(state),
+      reader_(state.index, state.indexMutex,
+              [this](NodeNumber folder, std::string_view name) {
+                  return reconciler_.isVacant(folder, name);
+              }),
+      wake_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+
+Follower::~Follower() {
+    stop();
+}
+
+void Follower::stop() {
+    isStopped_ = true;
+    wake();
+    if (thread_.joinable()) thread_.join();
+    // Who waits takes the mutex for each step, and leaves at the next.
+    while (waiting_ != 0) std::this_thread::yield();
+}
+
+void Follower::wake() {
+    const std::uint64_t one = 1;
+    (void)!write(wake_.get(), &one, sizeof one);
+}
+
+void Follower::follow() {
+    if (isFollowing_) return;
+    const std::scoped_lock lock(mutex_);
+    if (isFollowing_ || isStopped_) return;
+    auto source =
+        state_.configuration.makeSource ? state_.configuration.makeSource() : makeInotifySource();
+    if (!source) {
+        Log::platformLog().write(LogLevel::Error, [&] {
+            return "can't watch folders; " + source.error().description();
+        });
+    } else {
+        source_ = std::move(*source);
+    }
+    scanEverything(Reconciler::Occasion::Scan);
+    isFollowing_ = true;
+    if (!state_.configuration.isManual) thread_ = std::thread([this] { run(); });
+}
+
+void Follower::rootsChanged() {
+    if (!isFollowing_) return;
+    {
+        const std::scoped_lock lock(mutex_);
+        scanEverything(Reconciler::Occasion::Scan);
+    }
+    wake();
+}
+
+void Follower::scanEverything(Reconciler::Occasion occasion) {
+    const std::shared_lock lock(state_.indexMutex);
+    scan_.clear();
+    for (const auto& root : state_.roots) {
+        scan_.push_front(root.node);
+        const bool isFirst = root.url == state_.configuration.files.storageURL();
+        if (isFirst && state_.index.node(root.node).stamp == 0) {
+            occasion = Reconciler::Occasion::FirstScan;
+        }
+    }
+    isScanning_ = true;
+    scanOccasion_ = occasion;
+    scanStart_ = std::time(nullptr) - clockSlack;
+    scanned_ = reported_ = 0;
+}
+
+void Follower::run() {
+    while (!isStopped_) {
+        while (step() && !isStopped_) continue;
+        waitForNews();
+    }
+}
+
+void Follower::waitForNews() {
+    Time until;
+    {
+        const std::scoped_lock lock(mutex_);
+        until = nextScan_;
+        if (!unwatched_.empty()) until = std::min(until, nextDegradedScan_);
+        if (!reconciler_.isSettled()) until = std::min(until, nextDecision_);
+        if (hasFailed_) until = std::min(until, nextTry_);
+        if (storageTrouble_) until = std::min(until, now() + Time::duration(retryAfter));
+    }
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - now()).count();
+    pollfd fds[] = {{wake_.get(), POLLIN, 0}, {source_ ? source_->descriptor() : -1, POLLIN, 0}};
+    (void)poll(fds, 2, static_cast<int>(std::clamp<std::int64_t>(left + 1, 0, 3'600'000)));
+    std::uint64_t count = 0;
+    (void)!read(wake_.get(), &count, sizeof count);
+}
+
+bool Follower::step() {
+    bool more = false;
+    {
+        const std::scoped_lock lock(mutex_);
+        more = isFollowing_ && !isStopped_ && stepLocked();
+    }
+    state_.announce();
+    return more;
+}
+
+bool Follower::stepLocked() {
+    passStart_ = now();
+    drain();
+    if (!checkStorage()) return false;
+    if (hasFailed_) {
+        if (passStart_ < nextTry_) return false;
+        (void)reconcile({}, Reconciler::Occasion::Live);
+        if (hasFailed_) return false;
+    }
+    if (!isScanning_ && passStart_ >= nextScan_) scanEverything(Reconciler::Occasion::Scan);
+    if (!unwatched_.empty() && passStart_ >= nextDegradedScan_) {
+        nextDegradedScan_ = passStart_ + state_.configuration.degradedInterval;
+        for (const auto folder : unwatched_) marks_[folder].isWhole = true;
+    }
+    lookAtMarks();
+    if (marks_.empty() && isScanning_) scanSome();
+    if (!isScanning_ && !hasFailed_) decide();
+    return (!marks_.empty() || isScanning_) && !hasFailed_;
+}
+
+bool Follower::checkStorage() {
+    const auto there = state_.configuration.files.checkStorage();
+    const bool isBack = there && storageTrouble_;
+    if (!there && !storageTrouble_) {
+        Log::platformLog().write(
+            LogLevel::Error, [&] { return "the storage is away; " + there.error().description(); });
+    }
+    storageTrouble_ = there ? std::nullopt : std::optional(there.error());
+    state_.setStorageTrouble(storageTrouble_);
+    if (isBack) scanEverything(Reconciler::Occasion::Scan);
+    return there.has_value();
+}
+
+bool Follower::drain() {
+    if (!source_) return false;
+    const auto events = source_->read();
+    for (const auto& event : events) take(event);
+    return !events.empty();
+}
+
+void Follower::take(const KernelEvent& event) {
+    if ((event.mask & IN_Q_OVERFLOW) != 0) {
+        lose("the kernel's queue of events overflowed");
+        return;
+    }
+    const auto found = folders_.find(event.watch);
+    if (found == folders_.end()) return;
+    const auto folder = found->second;
+    if ((event.mask & IN_IGNORED) != 0) {
+        folders_.erase(found);
+        watches_.erase(folder);
+        return;
+    }
+    auto& mark = marks_[folder];
+    if (mark.isWhole || event.name.empty()) return;
+    mark.names[event.name] |= (event.mask & (IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB)) != 0;
+    constexpr std::size_t mostNames = 8192;
+    if (mark.names.size() <= mostNames) return;
+    mark.names.clear();
+    mark.isWhole = true;
+}
+
+void Follower::lose(std::string why) {
+    Log::platformLog().write(LogLevel::Info, [&] { return why + "; comparing everything"; });
+    {
+        const std::scoped_lock store(state_.storeMutex);
+        const std::shared_lock index(state_.indexMutex);
+        for (const auto& root : state_.roots) reconciler_.recordGap(root.url.path(), why);
+    }
+    marks_.clear();
+    detached_.clear();
+    scanEverything(Reconciler::Occasion::Scan);
+}
+
+void Follower::look(NodeNumber folder, Mark mark, bool isDeep,
+                    std::vector<FolderReading>& readings) {
+    std::optional<QSURL> url;
+    bool hasChildren = false;
+    {
+        const std::shared_lock lock(state_.indexMutex);
+        url = state_.urlOf(folder);
+        hasChildren = state_.index.node(folder).firstChild != ObjectIndex::none;
+    }
+    mark.isWhole |= isDeep;
+    auto read = url ? lookAt(folder, *url, mark) : std::unexpected(errorFromErrno(ENOENT));
+    if (read) {
+        scanned_ += read->names ? read->names->size() : 0;
+        unreadable_.erase(folder);
+        readings.push_back(std::move(*read));
+        return;
+    }
+    switch (read.error().code) {
+        case ENOENT:
+        case ENOTDIR:
+        case ELOOP:
+        case EXDEV:
+        case ESTALE: {
+            // It is elsewhere, and the index does not know yet; or gone.
+            auto& kept = detached_[folder];
+            kept.isWhole |= mark.isWhole;
+            if (!kept.isWhole) kept.names.merge(mark.names);
+            return;
+        }
+        default:
+            break;
+    }
+    if (isStopped_ || !unreadable_.insert(folder).second || !hasChildren) return;
+    Log::platformLog().write(LogLevel::Error, [&] {
+        return "can't read \"" + state_.configuration.files.nativePath(*url) + "\"; " +
+               read.error().description();
+    });
+    const std::scoped_lock store(state_.storeMutex);
+    reconciler_.recordGap(url->path(),
+                          "a folder can't be read: " + state_.configuration.files.nativePath(*url));
+}
+
+Result<FolderReading> Follower::lookAt(NodeNumber number, const QSURL& url, const Mark& mark) {
+    auto folder = state_.configuration.files.openFolder(url);
+    if (!folder) return std::unexpected(folder.error());
+    auto reading = reader_.begin(number, **folder);
+    if (!reading) return reading;
+    // Watched first, so that nothing happens unseen between the two.
+    watch(number, **folder);
+    Result<void> done;
+    if (mark.isWhole) {
+        done = reader_.readAll(
+            **folder,
+            [this] {
+                drain();
+                return !isStopped_;
+            },
+            *reading);
+    } else {
+        done = reader_.readNames(**folder, {mark.names.begin(), mark.names.end()}, *reading);
+    }
+    if (!done) return std::unexpected(done.error());
+    return reading;
+}
+
+void Follower::watch(NodeNumber number, const Folder& folder) {
+    if (watches_.contains(number)) return;
+    const auto added =
+        source_ ? source_->addWatch(folder.descriptor()) : std::unexpected(errorFromErrno(EMFILE));
+    if (added) {
+        folders_[*added] = number;
+        watches_[number] = *added;
+        unwatched_.erase(number);
+        return;
+    }
+    if (unwatched_.empty()) {
+        nextDegradedScan_ = now() + state_.configuration.degradedInterval;
+        Log::platformLog().write(LogLevel::Error, [&] {
+            return "can't watch \"" + state_.configuration.files.nativePath(folder.url()) +
+                   "\", which is looked at now and then instead; " + added.error().description();
+        });
+    }
+    unwatched_.insert(number);
+}
+
+void Follower::unwatch(NodeNumber number) {
+    unwatched_.erase(number);
+    unreadable_.erase(number);
+    marks_.erase(number);
+    detached_.erase(number);
+    const auto found = watches_.find(number);
+    if (found == watches_.end()) return;
+    source_->removeWatch(found->second);
+    folders_.erase(found->second);
+    watches_.erase(found);
+}
+
+void Follower::lookAtMarks() {
+    // All that is marked now is looked at before anything newer, so that an object that went from
+    // one folder to another is seen at both within one pass.
+    if (std::exchange(isMoved_, false)) {
+        for (auto& [folder, mark] : std::exchange(detached_, {})) {
+            auto& into = marks_[folder];
+            into.isWhole |= mark.isWhole;
+            into.names.merge(mark.names);
+        }
+    }
+    std::vector<FolderReading> readings;
+    std::size_t seen = 0;
+    for (auto& [folder, mark] : std::exchange(marks_, {})) {
+        look(folder, std::move(mark), false, readings);
+        if (!readings.empty()) seen += readings.back().sightings.size() + 1;
+        if (seen < sightingsAtOnce) continue;
+        (void)reconcile(std::exchange(readings, {}), Reconciler::Occasion::Live);
+        seen = 0;
+    }
+    if (!readings.empty()) (void)reconcile(std::move(readings), Reconciler::Occasion::Live);
+}
+
+void Follower::scanSome() {
+    std::vector<FolderReading> readings;
+    std::size_t seen = 0;
+    while (!scan_.empty() && seen < sightingsAtOnce && readings.size() < foldersAtOnce) {
+        const auto folder = scan_.back();
+        scan_.pop_back();
+        const auto before = readings.size();
+        look(folder, {}, true, readings);
+        if (readings.size() > before) seen += readings.back().sightings.size();
+    }
+    std::vector<NodeNumber> folders;
+    for (const auto& reading : readings) folders.push_back(reading.folder);
+    (void)reconcile(std::move(readings), scanOccasion_);
+    {
+        const std::shared_lock lock(state_.indexMutex);
+        for (const auto folder : folders) {
+            state_.index.forEachChild(folder, [&](ObjectIndex::EntryNumber at) {
+                const auto child = state_.index.entry(at).object;
+                if (state_.index.node(child).kind == ObjectKind::Directory) scan_.push_back(child);
+            });
+        }
+    }
+    constexpr std::uint64_t progressStep = 1000;
+    if (state_.configuration.progress && scanned_ - reported_ >= progressStep) {
+        reported_ = scanned_;
+        state_.configuration.progress(scanned_);
+    }
+    if (scan_.empty() && marks_.empty()) endScan();
+}
+
+void Follower::endScan() {
+    {
+        const std::scoped_lock store(state_.storeMutex);
+        reconciler_.decideAfterScan(now());
+        for (const auto& root : state_.roots) {
+            const auto folder = state_.configuration.files.openFolder(root.url);
+            const auto own = folder ? (*folder)->ownState() : std::unexpected(folder.error());
+            if (own && !unreadable_.contains(root.node)) reconciler_.rememberScan(root.node, *own);
+        }
+        noteCommit(reconciler_.commit());
+    }
+    afterCommit();
+    isScanning_ = false;
+    nextScan_ = now() + state_.configuration.reconcileInterval;
+    if (hasFailed_) return;
+    isCaughtUp_ = true;
+    state_.hasNews = true;
+}
+
+Result<void> Follower::reconcile(std::vector<FolderReading> readings,
+                                 Reconciler::Occasion occasion) {
+    Result<void> done;
+    {
+        const std::scoped_lock store(state_.storeMutex);
+        for (const auto& reading : readings) {
+            reconciler_.apply(reading, occasion, now(), scanStart_);
+        }
+        done = reconciler_.commit();
+        noteCommit(done);
+    }
+    afterCommit();
+    const bool isLive = occasion == Reconciler::Occasion::Live;
+    for (const auto folder : reconciler_.takeNewFolders()) {
+        isMoved_ = true;
+        if (isLive) marks_[folder].isWhole = true;
+    }
+    isMoved_ |= !detached_.empty() && std::ranges::any_of(readings, [](const auto& reading) {
+        return std::ranges::any_of(reading.sightings, [](const Sighting& sighting) {
+            return sighting.state && sighting.state->kind == ObjectKind::Directory;
+        });
+    });
+    return done;
+}
+
+void Follower::noteCommit(const Result<void>& done) {
+    hasFailed_ = !done;
+    if (hasFailed_) nextTry_ = now() + Time::duration(retryAfter);
+}
+
+void Follower::afterCommit() {
+    for (const auto folder : reconciler_.takeGoneFolders()) unwatch(folder);
+    if (!reconciler_.isSettled()) {
+        nextDecision_ = std::min(nextDecision_, now() + state_.configuration.windows.rest);
+    }
+}
+
+void Follower::decide() {
+    if (reconciler_.isSettled() || passStart_ < nextDecision_) return;
+    {
+        const std::scoped_lock store(state_.storeMutex);
+        reconciler_.decideDue(passStart_, passStart_);
+        noteCommit(reconciler_.commit());
+    }
+    nextDecision_ = reconciler_.nextDecision(passStart_).value_or(Time::max());
+    afterCommit();
+}
+
+Result<void> Follower::wait(Barrier barrier) {
+    follow();
+    ++waiting_;
+    const auto leave = [&](Result<void> result) {
+        --waiting_;
+        wake();
+        return result;
+    };
+    for (bool hasStepped = false;; hasStepped = true) {
+        bool isDone = false;
+        {
+            const std::scoped_lock lock(mutex_);
+            if (isStopped_) return leave(std::unexpected(errorFromErrno(ECANCELED)));
+            const bool more = stepLocked();
+            if (storageTrouble_) return leave(std::unexpected(*storageTrouble_));
+            if (hasFailed_ && hasStepped) return leave(std::unexpected(errorFromErrno(EIO)));
+            isDone = !more && (barrier == Barrier::Seen || reconciler_.isSettled());
+            if (more) continue;
+        }
+        state_.announce();
+        if (isDone) return leave({});
+        pollfd fd{wake_.get(), POLLIN, 0};
+        (void)poll(&fd, 1, static_cast<int>(longestNap.count()));
+    }
+}
+
+void Follower::decideFor(std::span<const VolumeService::IdentityRequest> requests) {
+    if (!wait(Barrier::Seen)) return;
+    {
+        const std::scoped_lock lock(mutex_);
+        const std::scoped_lock store(state_.storeMutex);
+        reconciler_.decideFor(requests, now());
+        noteCommit(reconciler_.commit());
+    }
+    state_.announce();
+}
+
+Follower::Health Follower::health() const {
+    const std::scoped_lock lock(mutex_);
+    Health health{watches_.size(), {}, unwatched_.size() + unreadable_.size(), std::nullopt};
+    if (storageTrouble_) health.storageTrouble = storageTrouble_->description();
+    constexpr std::size_t mostNamed = 20;
+    const std::shared_lock index(state_.indexMutex);
+    for (const auto* folders : {&unwatched_, &unreadable_}) {
+        for (const auto folder : *folders) {
+            if (health.degradedFolders.size() == mostNamed) break;
+            const auto url = state_.urlOf(folder);
+            if (url) {
+                health.degradedFolders.push_back(state_.configuration.files.nativePath(*url));
+            }
+        }
+    }
+    return health;
+}
+
+}  // namespace platform

@@ -1,0 +1,131 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/files/FileDescriptor.h"
+#include "platform/volume/KernelEvents.h"
+#include "platform/volume/Reconciler.h"
+
+namespace platform {
+
+/// Follows what happens below the roots: turns the kernel's hints into marks, looks at what is
+/// marked, and compares everything with the index at start, after losses, and now and then.
+///
+/// All work is done in step(), by whoever needs it done: a thread of its own while nobody does, and
+/// the caller of a barrier. Any thread; one step at a time.
+class Follower {
+  public:
+    explicit Follower(VolumeService::State& state);
+    /// Ends the thread and every wait (with ECANCELED).
+    ~Follower();
+    void stop();
+
+    /// Watches and compares from now on; again is fine.
+    void follow();
+    [[nodiscard]] bool isFollowing() const { return isFollowing_; }
+    [[nodiscard]] bool isCaughtUp() const { return isCaughtUp_ && !isStopped_; }
+    /// A root came or goes.
+    void rootsChanged();
+
+    /// One round; true where there is more to do at once.
+    bool step();
+
+    /// See VolumeService. `upTo` of the two strengths.
+    enum class Barrier : std::uint8_t { Seen, Settled };
+    Result<void> wait(Barrier barrier);
+
+    /// Makes sure that no identifier of these objects is given out against what will be decided
+    /// about it: decides now.
+    void decideFor(std::span<const VolumeService::IdentityRequest> requests);
+
+    struct Health {
+        std::uint64_t watches = 0;
+        std::vector<std::string> degradedFolders;
+        std::uint64_t degradedFolderCount = 0;
+        std::optional<std::string> storageTrouble;
+    };
+    [[nodiscard]] Health health() const;
+
+  private:
+    using NodeNumber = ObjectIndex::NodeNumber;
+    using Time = Reconciler::Time;
+
+    struct Mark {
+        bool isWhole = false;
+        std::map<std::string, bool, std::less<>> names;  ///< and whether it was written to
+    };
+
+    static constexpr std::size_t sightingsAtOnce = 8192;  // applied in one transaction
+    static constexpr std::size_t foldersAtOnce = 512;
+
+    void run();
+    void wake();
+    void waitForNews();
+    [[nodiscard]] bool stepLocked();
+    [[nodiscard]] bool checkStorage();
+    bool drain();
+    void take(const KernelEvent& event);
+    void lose(std::string why);
+    void lookAtMarks();
+    void scanSome();
+    void endScan();
+    [[nodiscard]] Result<FolderReading> lookAt(NodeNumber number, const QSURL& url,
+                                               const Mark& mark);
+    void look(NodeNumber folder, Mark mark, bool isDeep, std::vector<FolderReading>& readings);
+    Result<void> reconcile(std::vector<FolderReading> readings, Reconciler::Occasion occasion);
+    void noteCommit(const Result<void>& done);
+    void afterCommit();
+    void decide();
+    void watch(NodeNumber number, const Folder& folder);
+    void unwatch(NodeNumber number);
+    void scanEverything(Reconciler::Occasion occasion);
+    [[nodiscard]] Time now() const { return state_.configuration.now(); }
+
+    VolumeService::State& state_;
+
+    mutable std::mutex mutex_;  // one step at a time; before the state's mutexes
+    // Guarded by mutex_.
+    Reconciler reconciler_;
+    FolderReader reader_;
+    std::unique_ptr<KernelEventSource> source_;
+    std::unordered_map<int, NodeNumber> folders_;  ///< by watch
+    std::unordered_map<NodeNumber, int> watches_;
+    std::set<NodeNumber> unwatched_;  ///< the kernel took no watch for these
+    std::set<NodeNumber> unreadable_;
+    std::map<NodeNumber, Mark> marks_;
+    std::map<NodeNumber, Mark> detached_;  ///< marks of folders that were not where they should be
+    std::deque<NodeNumber> scan_;          ///< still to be compared, the next one last
+    bool isScanning_ = false;
+    Reconciler::Occasion scanOccasion_ = Reconciler::Occasion::Scan;
+    std::int64_t scanStart_ = 0;
+    std::uint64_t scanned_ = 0;
+    std::uint64_t reported_ = 0;
+    Time nextScan_{};
+    Time nextDegradedScan_{};
+    Time nextDecision_{};
+    Time nextTry_{};  ///< after a commit that failed
+    Time passStart_{};
+    bool isMoved_ = false;  ///< a detached folder may be found by now
+    bool hasFailed_ = false;
+    std::optional<QSError> storageTrouble_;
+
+    std::atomic<bool> isFollowing_ = false;
+    std::atomic<bool> isCaughtUp_ = false;
+    std::atomic<bool> isStopped_ = false;
+    std::atomic<int> waiting_ = 0;
+    FileDescriptor wake_;
+    std::thread thread_;
+};
+
+}  // namespace platform

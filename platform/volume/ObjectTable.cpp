@@ -1,0 +1,109 @@
+#include "platform/volume/ObjectTable.h"
+
+#include <cerrno>
+
+#include "platform/volume/RowSum.h"
+
+namespace platform {
+
+namespace {
+
+std::uint64_t sumOf(const ObjectRow& row) {
+    // Where it lies and its state are compared with the disk before they are used.
+    return RowSum()
+        .add(row.inode)
+        .add(row.generation)
+        .add(row.fileID)
+        .add(row.documentID)
+        .add(row.metadata)
+        .value();
+}
+
+}  // namespace
+
+Result<void> ObjectTable::prepare(SQLiteDatabase& database) {
+    const std::pair<SQLiteStatement*, const char*> statements[] = {
+        {&insertRow_, "INSERT OR REPLACE INTO objects VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"},
+        {&insertName_, "INSERT OR REPLACE INTO names VALUES(?, ?, ?)"},
+        {&dropNames_, "DELETE FROM names WHERE ino = ?"}};
+    for (const auto& [statement, sql] : statements) {
+        auto prepared = database.prepare(sql);
+        if (!prepared) return std::unexpected(prepared.error());
+        *statement = std::move(*prepared);
+    }
+    return {};
+}
+
+void ObjectTable::close() {
+    for (auto* statement : {&insertRow_, &insertName_, &dropNames_}) *statement = {};
+}
+
+Result<void> ObjectTable::load(SQLiteDatabase& database, ObjectIndex& index) const {
+    auto objects = database.prepare(
+        "SELECT ino, generation, file_id, document_id, parent, name, kind, stamp, metadata, sum "
+        "FROM objects");
+    if (!objects) return std::unexpected(objects.error());
+    for (;;) {
+        const auto more = objects->step();
+        if (!more) return std::unexpected(more.error());
+        if (!*more) break;
+        ObjectRow row;
+        row.inode = objects->column(0);
+        row.generation = objects->column(1);
+        row.fileID = objects->column(2);
+        row.documentID = static_cast<std::uint32_t>(objects->column(3));
+        if (const auto folder = objects->column(4); folder != 0) {
+            row.names.push_back({folder, std::string(objects->columnBytes(5))});
+        }
+        row.kind = static_cast<ObjectKind>(objects->column(6));
+        row.stamp = objects->column(7);
+        row.metadata = objects->columnBytes(8);
+        if (objects->column(9) != sumOf(row) || objects->column(3) != row.documentID) {
+            return std::unexpected(errorFromErrno(EUCLEAN));
+        }
+        index.load(row);
+    }
+    auto names = database.prepare("SELECT ino, parent, name FROM names");
+    if (!names) return std::unexpected(names.error());
+    for (;;) {
+        const auto more = names->step();
+        if (!more) return std::unexpected(more.error());
+        if (!*more) return {};
+        index.loadFurtherName(names->column(0),
+                              {names->column(1), std::string(names->columnBytes(2))});
+    }
+}
+
+Result<void> ObjectTable::write(std::span<const ObjectRow> rows) {
+    for (const auto& row : rows) {
+        insertRow_.bind(1, row.inode);
+        insertRow_.bind(2, row.generation);
+        insertRow_.bind(3, row.fileID);
+        insertRow_.bind(4, row.documentID);
+        insertRow_.bind(5, row.names.empty() ? 0 : row.names.front().folder);
+        insertRow_.bindBlob(6, row.names.empty() ? std::string_view() : row.names.front().name);
+        insertRow_.bind(7, static_cast<std::uint64_t>(row.kind));
+        insertRow_.bind(8, row.stamp);
+        insertRow_.bindBlob(9, row.metadata);
+        insertRow_.bind(10, sumOf(row));
+        if (auto done = insertRow_.run(); !done) return done;
+        if (auto done = writeNames(row); !done) return done;
+    }
+    return {};
+}
+
+Result<void> ObjectTable::writeNames(const ObjectRow& row) {
+    if (row.hadMoreNames) {
+        dropNames_.bind(1, row.inode);
+        if (auto done = dropNames_.run(); !done) return done;
+    }
+    for (std::size_t i = 1; i < row.names.size(); ++i) {
+        insertName_.bind(1, row.inode);
+        insertName_.bind(2, row.names[i].folder);
+        insertName_.bindBlob(3, row.names[i].name);
+        if (auto done = insertName_.run(); !done) return done;
+    }
+    return {};
+}
+
+}  // namespace platform

@@ -1,0 +1,387 @@
+#include "platform/volume/Reconciler.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+
+#include "platform/log/Log.h"
+#include "platform/volume/SaveNames.h"
+
+namespace platform {
+
+namespace {
+
+constexpr std::int64_t racySpan = 20'000'000;  // ns; the kernel stamps changes once a timer tick
+constexpr int deepest = 4096;
+
+/// Whether the state may change once more without its times telling.
+bool isRacy(const ObjectState& state) {
+    const auto now = QSDate::now();
+    const auto seconds = now.seconds - state.change.seconds;
+    return seconds < 2 &&
+           seconds * 1'000'000'000 + now.nanoseconds - state.change.nanoseconds < racySpan;
+}
+
+std::string joined(const std::string& folder, std::string_view name) {
+    return folder + "/" + std::string(name);
+}
+
+}  // namespace
+
+void Reconciler::apply(const FolderReading& reading, Occasion occasion, Time now,
+                       std::int64_t scanStart) {
+    occasion_ = occasion;
+    now_ = now;
+    scanStart_ = scanStart;
+    const std::unique_lock lock(state_.indexMutex);
+    auto& index = state_.index;
+    index.setGeneration(reading.folder, reading.generation);
+    for (const auto& sighting : reading.sightings) {
+        const auto entry = index.findEntry(reading.folder, sighting.name);
+        if (!sighting.state) {
+            if (entry != ObjectIndex::none) leave(entry);
+            continue;
+        }
+        if (entry != ObjectIndex::none) {
+            const auto object = index.entry(entry).object;
+            const auto& node = index.node(object);
+            const bool isSame = node.inode == sighting.state->inode &&
+                                (node.stamp == 0 || node.kind == sighting.state->kind) &&
+                                (sighting.generation == 0 || node.generation == 0 ||
+                                 node.generation == sighting.generation);
+            if (isSame) {
+                notice(reading, sighting, object);
+                continue;
+            }
+            leave(entry);
+        }
+        arrive(reading, sighting);
+    }
+    noticeAbsent(reading);
+    noticeFolder(reading);
+}
+
+void Reconciler::noticeAbsent(const FolderReading& reading) {
+    if (!reading.names) return;
+    auto& index = state_.index;
+    std::vector<ObjectIndex::EntryNumber> absent;
+    index.forEachChild(reading.folder, [&](ObjectIndex::EntryNumber entry) {
+        const auto name = index.name(index.entry(entry));
+        if (!std::ranges::binary_search(*reading.names, name, std::less<std::string_view>{})) {
+            absent.push_back(entry);
+        }
+    });
+    for (const auto entry : absent) leave(entry);
+}
+
+void Reconciler::noticeFolder(const FolderReading& reading) {
+    const auto& node = state_.index.node(reading.folder);
+    if (node.stamp == reading.own.stamp) return;
+    if (!isSilent(reading, reading.own)) changeOf(reading.folder).isModified = true;
+    // A root's own state stands for the whole scan.
+    if (!(node.isRoot && occasion_ == Occasion::FirstScan)) setState(reading.folder, reading.own);
+}
+
+void Reconciler::rememberScan(NodeNumber root, const ObjectState& own) {
+    const std::unique_lock lock(state_.indexMutex);
+    setState(root, own);
+    loudFolders_.clear();
+}
+
+Reconciler::Change& Reconciler::changeOf(NodeNumber node) {
+    const auto [found, isNew] = changes_.try_emplace(node);
+    if (isNew) changedInOrder_.push_back(node);
+    return found->second;
+}
+
+void Reconciler::setState(NodeNumber node, const ObjectState& state) {
+    state_.index.setState(node, state.kind, state.stamp, isRacy(state));
+}
+
+bool Reconciler::isSilent(const FolderReading& reading, const ObjectState& state) const {
+    return occasion_ == Occasion::FirstScan && state.change.seconds < scanStart_ &&
+           !loudFolders_.contains(reading.folder);
+}
+
+void Reconciler::notice(const FolderReading& reading, const Sighting& sighting, NodeNumber object) {
+    auto& index = state_.index;
+    const auto& node = index.node(object);
+    const bool isFirstLook = node.stamp == 0;
+    if (sighting.generation != 0) index.setGeneration(object, sighting.generation);
+    setState(object, *sighting.state);
+    if (node.documentID != 0) toCapture_.push_back(object);
+    if (node.kind == ObjectKind::Directory && isFirstLook) newFolders_.push_back(object);
+    if (isFirstLook && isSilent(reading, *sighting.state)) return;
+    if (isFirstLook && node.kind == ObjectKind::Directory) loudFolders_.insert(object);
+    changeOf(object).isModified = true;
+}
+
+FormerPlace Reconciler::placeOf(ObjectIndex::EntryNumber entry) const {
+    const auto& index = state_.index;
+    const auto& own = index.entry(entry);
+    std::string folder;
+    if (const auto url = state_.urlOf(own.folder)) {
+        folder = url->path();
+    } else if (const auto* gone = departures_.departure(own.folder)) {
+        folder = gone->last.path;
+    }
+    return {own.folder, std::string(index.name(own)), joined(folder, index.name(own))};
+}
+
+void Reconciler::leave(ObjectIndex::EntryNumber entry) {
+    auto& index = state_.index;
+    const auto object = index.entry(entry).object;
+    auto place = placeOf(entry);
+    index.removeName(entry);
+    const auto& node = index.node(object);
+    if (node.documentID != 0) {
+        departures_.vacate(node.documentID, {object, node.fileID, place, index.metadata(object),
+                                             now_, occasion_ != Occasion::Live, false});
+        index.setUndecided(object, true);
+    }
+    changeOf(place.folder).isModified = true;
+    auto& change = changeOf(object);
+    const auto came = std::ranges::find_if(change.came, [&](const FormerPlace& other) {
+        return other.folder == place.folder && other.name == place.name;
+    });
+    if (came != change.came.end()) change.came.erase(came);
+    change.left.push_back(std::move(place));
+}
+
+/// An index that lags behind two moves may have `folder` below `node`: then that link is out of
+/// date, since on the disk it is the other way round.
+void Reconciler::openCircle(NodeNumber node, NodeNumber folder) {
+    const auto& index = state_.index;
+    for (int depth = 0; depth < deepest; ++depth) {
+        const auto entry = index.node(folder).firstName;
+        if (entry == ObjectIndex::none) return;
+        folder = index.entry(entry).folder;
+        if (folder != node) continue;
+        leave(entry);
+        return;
+    }
+}
+
+void Reconciler::arrive(const FolderReading& reading, const Sighting& sighting) {
+    auto& index = state_.index;
+    const auto& state = *sighting.state;
+    const auto object = index.ensure(state.inode);
+    if (object == reading.folder) return;
+    const auto& node = index.node(object);
+    const bool isOther = (sighting.generation != 0 && node.generation != 0 &&
+                          node.generation != sighting.generation) ||
+                         (node.stamp != 0 && node.kind != state.kind);
+    if (isOther) renew(object, sighting.generation);
+
+    const bool isDirectory = state.kind == ObjectKind::Directory;
+    if (isDirectory || state.linkCount == 1) index.forEachName(object, [&](auto at) { leave(at); });
+    if (isDirectory) openCircle(object, reading.folder);
+    const bool hadNames = node.firstName != ObjectIndex::none;
+    const bool isFirstLook = node.stamp == 0;
+    auto departure = departures_.takeDeparture(object);
+    const bool isSilentHere = isFirstLook && !departure && isSilent(reading, state);
+    if (!isSilentHere) changeOf(reading.folder).isModified = true;
+
+    auto& change = changeOf(object);
+    if (departure) {
+        change.left.push_back(std::move(departure->last));
+        if (isDirectory) newFolders_.push_back(object);
+    } else if (!hadNames && change.left.empty()) {
+        change.isNew = true;
+        change.isSilent = isSilentHere;
+        if (isDirectory) newFolders_.push_back(object);
+        if (isDirectory && !isSilentHere) loudFolders_.insert(object);
+    }
+    change.came.push_back(
+        {reading.folder, sighting.name, joined(reading.url.path(), sighting.name)});
+    if (sighting.generation != 0) index.setGeneration(object, sighting.generation);
+    if (!isFirstLook && node.stamp != state.stamp) change.isModified = true;
+    index.addName(object, reading.folder, sighting.name);
+    setState(object, state);
+
+    const auto document = departures_.documentThatLeft(reading.folder, sighting.name);
+    if (document == 0) return;
+    auto& vacancy = *departures_.vacancy(document);
+    if (vacancy.owner == object && node.documentID == document) {
+        departures_.closeVacancy(document);
+        index.setUndecided(object, false);
+        return;
+    }
+    index.setUndecided(object, true);
+    vacancy.isExchange = vacancy.owner != ObjectIndex::none &&
+                         std::ranges::any_of(change.left, [&](const FormerPlace& left) {
+                             return index.findObject(left.folder, left.name) == vacancy.owner;
+                         });
+}
+
+void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
+    auto& index = state_.index;
+    index.forEachChild(object, [&](auto at) { leave(at); });
+    index.forEachName(object, [&](auto at) { leave(at); });
+    const ObjectIndex::Node old = index.node(object);
+    const auto departure = departures_.takeDeparture(object);
+    FormerPlace last;
+    if (const auto change = changes_.find(object); change != changes_.end()) {
+        if (!change->second.left.empty()) last = change->second.left.front();
+        change->second = {};
+    }
+    if (departure) last = departure->last;
+    if (old.documentID != 0) {
+        if (auto* vacancy = departures_.vacancy(old.documentID)) vacancy->owner = ObjectIndex::none;
+        orphans_.push_back({old.documentID, old, {last, now_, occasion_ != Occasion::Live}});
+    } else if (old.fileID != 0 && !last.path.empty()) {
+        recordGone(old, last);
+    }
+    if (old.kind == ObjectKind::Directory) goneFolders_.push_back(object);
+
+    ObjectRow identity;
+    identity.inode = old.inode;
+    identity.generation = generation;
+    if (old.fileID != 0) {
+        if (const auto fresh = state_.store->take(Counter::File)) identity.fileID = *fresh;
+        tookNumbers_ = true;
+    }
+    index.setIdentity(object, identity);
+    index.setMetadata(object, {});
+    index.setState(object, ObjectKind::Other, 0, false);
+    index.setUndecided(object, false);
+    index.markDirty(object);
+}
+
+std::string Reconciler::coverOfPath(const std::string& path) const {
+    for (const auto& root : state_.roots) {
+        const auto& rootPath = root.url.path();
+        if (!path.starts_with(rootPath + "/")) continue;
+        return coverOf(rootPath, std::string_view(path).substr(rootPath.size() + 1),
+                       state_.configuration.isPackageName);
+    }
+    return {};
+}
+
+void Reconciler::resolve(NodeNumber node, Change& change) {
+    const auto& index = state_.index;
+    const auto& object = index.node(node);
+    if (object.firstName == ObjectIndex::none && !object.isRoot) {
+        const bool matters =
+            object.fileID != 0 || object.documentID != 0 || object.kind == ObjectKind::Directory;
+        if (!change.left.empty() && matters) depart(node, change.left.front());
+        return;
+    }
+    if (change.isSilent) return;
+    if (object.isRoot) {
+        if (change.isModified) {
+            record(fsEventModified, node, state_.urlOf(node)->path(), ObjectIndex::none);
+        }
+        return;
+    }
+    const auto isNow = [&](const FormerPlace& place) {
+        return index.findObject(place.folder, place.name) == node;
+    };
+    const bool hasOtherPlaces = !change.left.empty() || !change.came.empty();
+    for (const auto& place : change.left) {
+        if (!isNow(place)) record(fsEventMoved | fsEventRemoved, node, place.path, place.folder);
+    }
+    std::string whole;  // the path of a folder that now is shown otherwise
+    index.forEachName(node, [&](ObjectIndex::EntryNumber at) {
+        const auto& entry = index.entry(at);
+        const auto came = std::ranges::any_of(change.came, [&](const FormerPlace& place) {
+            return place.folder == entry.folder && place.name == index.name(entry);
+        });
+        if (!came && !change.isModified && !hasOtherPlaces) return;
+        const auto folder = state_.urlOf(entry.folder);
+        if (!folder) return;
+        auto path = joined(folder->path(), index.name(entry));
+        const bool isMove = came && !change.left.empty();
+        if (isMove && object.kind == ObjectKind::Directory &&
+            coverOfPath(change.left.front().path) != coverOfPath(path)) {
+            whole = path;
+        }
+        const auto flags = isMove ? fsEventMoved : came ? fsEventCreated : fsEventModified;
+        record(flags, node, std::move(path), entry.folder);
+    });
+    if (!whole.empty()) recordBelow(node, whole);
+}
+
+void Reconciler::recordBelow(NodeNumber folder, const std::string& path) {
+    const auto& index = state_.index;
+    index.forEachChild(folder, [&](ObjectIndex::EntryNumber at) {
+        const auto& entry = index.entry(at);
+        const auto child = joined(path, index.name(entry));
+        record(fsEventModified, entry.object, child, folder);
+        if (index.node(entry.object).kind == ObjectKind::Directory) {
+            recordBelow(entry.object, child);
+        }
+    });
+}
+
+void Reconciler::depart(NodeNumber node, const FormerPlace& last) {
+    departures_.depart(node, {last, now_, occasion_ != Occasion::Live});
+    expiry_.emplace_back(now_, node);
+}
+
+void Reconciler::record(FSEventFlags flags, NodeNumber node, std::string path, NodeNumber folder) {
+    const auto& index = state_.index;
+    const auto& object = index.node(node);
+    const auto name = std::string_view(path).substr(path.rfind('/') + 1);
+    const bool isDocument =
+        object.kind == ObjectKind::RegularFile ||
+        (object.kind == ObjectKind::Directory && state_.configuration.isPackageName(name));
+    EventRecord& made = events_.emplace_back();
+    made.event.flags = flags;
+    made.event.fileID = object.fileID;
+    made.event.identifierKind = isDocument ? IdentifierKind::Document : IdentifierKind::File;
+    made.event.documentID = object.documentID;
+    made.event.path = std::move(path);
+    made.time = std::time(nullptr);
+    if (folder == ObjectIndex::none) return;
+    made.folder = index.node(folder).inode;
+    made.folderGeneration = index.node(folder).generation;
+}
+
+void Reconciler::recordGone(const ObjectIndex::Node& node, const FormerPlace& last) {
+    if (node.fileID == 0 && node.documentID == 0) return;
+    EventRecord& made = events_.emplace_back();
+    made.event.flags = fsEventRemoved;
+    made.event.fileID = node.fileID;
+    made.event.documentID = node.documentID;
+    made.event.identifierKind =
+        node.documentID != 0 ? IdentifierKind::Document : IdentifierKind::File;
+    made.event.path = last.path;
+    made.time = std::time(nullptr);
+    if (last.folder == ObjectIndex::none) return;
+    made.folder = state_.index.node(last.folder).inode;
+    made.folderGeneration = state_.index.node(last.folder).generation;
+}
+
+void Reconciler::recordGap(std::string path, std::string why) {
+    EventRecord& made = events_.emplace_back();
+    made.event.flags = fsEventKernelDropped | fsEventMustScanSubDirs;
+    made.event.path = std::move(path);
+    made.time = std::time(nullptr);
+    state_.lastGap = std::move(why);
+}
+
+Result<void> Reconciler::commit() {
+    std::vector<ObjectRow> rows;
+    std::vector<NodeNumber> taken;
+    {
+        const std::unique_lock lock(state_.indexMutex);
+        for (const auto node : std::exchange(changedInOrder_, {})) resolve(node, changes_[node]);
+        changes_.clear();
+        taken = state_.index.takeDirty(~std::size_t{0});
+        rows.reserve(taken.size());
+        for (const auto number : taken) rows.push_back(state_.index.row(number));
+    }
+    // In the order of the table's tree, so that few pages are touched.
+    std::ranges::sort(rows, {}, &ObjectRow::inode);
+    auto events = std::exchange(events_, {});
+    const bool isDurable = std::exchange(tookNumbers_, false) || !events.empty();
+    if (auto done = state_.write(rows, isDurable, events); !done) {
+        state_.putBackDirty(taken);
+        return done;
+    }
+    captureMetadata();
+    return {};
+}
+
+}  // namespace platform

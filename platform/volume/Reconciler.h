@@ -1,0 +1,133 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <span>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "platform/volume/Departures.h"
+#include "platform/volume/EventTable.h"
+#include "platform/volume/FolderReader.h"
+#include "platform/volume/VolumeState.h"
+
+namespace platform {
+
+/// Brings the index in line with what a FolderReader saw, and records what that means: one event an
+/// object and place. Index and events reach the store in one transaction.
+///
+/// REQUIRES for every call but the const ones: the follower's mutex and the state's storeMutex are
+/// held, the latter from the first apply to the commit. Takes indexMutex itself.
+class Reconciler {
+  public:
+    using NodeNumber = ObjectIndex::NodeNumber;
+    using Time = Departures::Time;
+
+    explicit Reconciler(VolumeService::State& state) : state_(state) {}
+
+    enum class Occasion : std::uint8_t {
+        FirstScan,  ///< nothing is known yet: what is older than the scan is no event
+        Scan,       ///< compared after nobody watched for a while
+        Live,
+    };
+    /// `scanStart`: seconds since 1970, for FirstScan.
+    void apply(const FolderReading& reading, Occasion occasion, Time now, std::int64_t scanStart);
+
+    /// Works out the events of what was applied and writes all. On failure nothing is lost but the
+    /// events: a gap is recorded with the next commit that succeeds.
+    Result<void> commit();
+
+    /// Records that something may have been missed below the path.
+    void recordGap(std::string path, std::string why);
+
+    /// Folders that came into sight since the last call and are to be looked at whole.
+    [[nodiscard]] std::vector<NodeNumber> takeNewFolders() {
+        return std::exchange(newFolders_, {});
+    }
+    /// Folders that have gone; watches of them are of no use.
+    [[nodiscard]] std::vector<NodeNumber> takeGoneFolders() {
+        return std::exchange(goneFolders_, {});
+    }
+
+    /// Decides what can be decided now. What happened before `passStart` has been looked at.
+    void decideDue(Time now, Time passStart);
+    /// A scan has ended: what it did not find has gone.
+    void decideAfterScan(Time now);
+    /// Decides at once what concerns these objects, since an identifier of one is asked for.
+    void decideFor(std::span<const VolumeService::IdentityRequest> requests, Time now);
+    [[nodiscard]] bool isSettled() const { return departures_.isEmpty() && orphans_.empty(); }
+    /// When decideDue should be called next; none where nothing waits.
+    [[nodiscard]] std::optional<Time> nextDecision(Time now) const;
+    /// After a first scan: what a later one finds new is news.
+    void rememberScan(NodeNumber root, const ObjectState& own);
+
+    [[nodiscard]] bool isVacant(NodeNumber folder, std::string_view name) const {
+        return departures_.documentThatLeft(folder, name) != 0;
+    }
+
+  private:
+    struct Change {
+        std::vector<FormerPlace> left;
+        std::vector<FormerPlace> came;
+        bool isNew = false;
+        bool isModified = false;
+        bool isSilent = false;  ///< was there before anybody could ask
+    };
+    struct Orphan {
+        std::uint32_t documentID = 0;
+        ObjectIndex::Node node;  ///< as it was
+        Departures::Departure departure;
+    };
+    enum class Verdict : std::uint8_t { Wait, Stays, Moves };
+
+    Change& changeOf(NodeNumber node);
+    void arrive(const FolderReading& reading, const Sighting& sighting);
+    void leave(ObjectIndex::EntryNumber entry);
+    void openCircle(NodeNumber node, NodeNumber folder);
+    [[nodiscard]] FormerPlace placeOf(ObjectIndex::EntryNumber entry) const;
+    void notice(const FolderReading& reading, const Sighting& sighting, NodeNumber object);
+    void renew(NodeNumber node, std::uint64_t generation);
+    void noticeFolder(const FolderReading& reading);
+    void noticeAbsent(const FolderReading& reading);
+    void setState(NodeNumber node, const ObjectState& state);
+    [[nodiscard]] bool isSilent(const FolderReading& reading, const ObjectState& state) const;
+
+    void resolve(NodeNumber node, Change& change);
+    void recordBelow(NodeNumber folder, const std::string& path);
+    void depart(NodeNumber node, const FormerPlace& last);
+    void record(FSEventFlags flags, NodeNumber node, std::string path, NodeNumber folder);
+    void recordGone(const ObjectIndex::Node& node, const FormerPlace& last);
+    [[nodiscard]] std::string coverOfPath(const std::string& path) const;
+
+    [[nodiscard]] Verdict judge(std::uint32_t document, const Departures::Vacancy& vacancy,
+                                Time passStart, bool mustDecide);
+    void decide(std::uint32_t document, Time passStart, bool mustDecide);
+    void moveDocument(std::uint32_t document, const Departures::Vacancy& vacancy,
+                      NodeNumber successor);
+    void finish(NodeNumber node);
+    void finishOrphan(const Orphan& orphan);
+    void inheritMetadata(const std::string& metadata, const QSURL& url, const ObjectIdentity& heir);
+    void captureMetadata();
+    void forgetBelow(NodeNumber folder, const std::string& path);
+
+    VolumeService::State& state_;
+    Departures departures_;
+    std::unordered_map<NodeNumber, Change> changes_;
+    std::vector<NodeNumber> changedInOrder_;
+    std::unordered_set<NodeNumber> loudFolders_;  ///< of a first scan: changed while it ran
+    std::vector<NodeNumber> newFolders_;
+    std::vector<NodeNumber> goneFolders_;
+    std::vector<EventRecord> events_;
+
+    std::vector<Orphan> orphans_;  ///< documents whose inode number is another object's
+    std::deque<std::pair<Time, NodeNumber>> expiry_;  ///< of departures, in order
+    std::vector<NodeNumber> toCapture_;               ///< documents whose metadata may be news
+    bool tookNumbers_ = false;                        ///< file IDs; to be made durable
+    Occasion occasion_ = Occasion::Live;
+    Time now_{};
+    std::int64_t scanStart_ = 0;
+};
+
+}  // namespace platform

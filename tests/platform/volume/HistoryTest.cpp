@@ -1,0 +1,306 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <map>
+#include <set>
+
+#include "tests/platform/volume/VolumeFixture.h"
+
+namespace tests {
+namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::UnorderedElementsAre;
+namespace fs = std::filesystem;
+
+/// The kernel's news, or what a test makes of them.
+class DistortedSource final : public KernelEventSource {
+  public:
+    using Distort = std::function<void(std::vector<KernelEvent>&)>;
+    DistortedSource(std::unique_ptr<KernelEventSource> real, const Distort& distort)
+        : real_(std::move(real)), distort_(distort) {}
+    Result<int> addWatch(int folder) override { return real_->addWatch(folder); }
+    void removeWatch(int watch) override { real_->removeWatch(watch); }
+    std::vector<KernelEvent> read() override {
+        auto events = real_->read();
+        distort_(events);
+        return events;
+    }
+    int descriptor() const override { return real_->descriptor(); }
+
+  private:
+    std::unique_ptr<KernelEventSource> real_;
+    const Distort& distort_;
+};
+
+class HistoryTest : public VolumeFixture {
+  protected:
+    HistoryTest() {
+        follows = true;
+        adjust = [this](VolumeService::Configuration& configuration) {
+            configuration.windows = {5ms, 40ms, 200ms};
+            configuration.isPackageName = [](auto name) { return name.ends_with(".pkg"); };
+            configuration.metadataNames = {"tag"};
+            if (!distort) return;
+            configuration.makeSource = [this]() -> Result<std::unique_ptr<KernelEventSource>> {
+                auto real = makeInotifySource();
+                if (!real) return real;
+                return std::make_unique<DistortedSource>(std::move(*real), distort);
+            };
+        };
+    }
+    void start() {
+        open();
+        ASSERT_TRUE(service->waitUntilSettled());
+        since = service->currentEventID();
+    }
+    /// What happened since the last call, settled: "path" of each event once, and in `gone` the
+    /// document or file IDs whose last event is a removal.
+    std::set<std::string> changes() {
+        const auto settled = service->waitUntilSettled();
+        EXPECT_TRUE(settled) << settled.error().description();
+        std::set<std::string> paths;
+        gone.clear();
+        gaps = 0;
+        const auto events = service->eventsAfter(since, service->currentEventID(), 1'000'000);
+        EXPECT_TRUE(events) << events.error().description();
+        if (!events) return paths;
+        for (const auto& event : *events) {
+            EXPECT_GT(event.id, since);
+            since = event.id;
+            gaps += (event.flags & fsEventKernelDropped) != 0;
+            if (event.flags == fsEventRemoved) {
+                gone.insert(event.documentID != 0 ? event.documentID : event.fileID);
+            }
+            const auto root = std::string(presentedStoragePath) + "/";
+            paths.insert(event.path.starts_with(root) ? event.path.substr(root.size())
+                                                      : event.path);
+        }
+        return paths;
+    }
+    void write(std::string_view path, std::string_view text) const {
+        std::ofstream(native(path)) << text;
+    }
+    std::uint32_t documentID(std::string_view path) const { return identify(path).documentID; }
+
+    DistortedSource::Distort distort;
+    std::uint64_t since = 0;
+    std::set<std::uint64_t> gone;
+    int gaps = 0;
+};
+
+TEST_F(HistoryTest, RecordsWhatHappensWhereItHappens) {
+    makeFile("a/one");
+    makeFile("b/two");
+    start();
+    const auto one = documentID("a/one");
+    const auto two = documentID("b/two");
+    const auto folder = identify("b").fileID;
+    EXPECT_THAT(changes(), IsEmpty());
+
+    makeFile("a/new");
+    EXPECT_THAT(changes(), UnorderedElementsAre("a", "a/new"));
+    write("a/one", "longer than before");
+    EXPECT_THAT(changes(), UnorderedElementsAre("a/one"));
+    fs::rename(native("a/one"), native("b/uno"));
+    EXPECT_THAT(changes(), UnorderedElementsAre("a", "b", "a/one", "b/uno"));
+    EXPECT_EQ(documentID("b/uno"), one);
+    fs::rename(native("b"), native("c"));
+    EXPECT_THAT(changes(), UnorderedElementsAre(HasSubstr("private"), "b", "c"));
+    EXPECT_THAT(gone, IsEmpty());
+    EXPECT_EQ(service->placesOfDocumentID(one), std::vector{url("c/uno")});
+    fs::create_hard_link(native("c/two"), native("a/link"));
+    EXPECT_THAT(changes(), UnorderedElementsAre("a", "a/link", "c/two"));
+    EXPECT_EQ(documentID("a/link"), two);
+    fs::remove(native("c/two"));
+    EXPECT_THAT(changes(), UnorderedElementsAre("c", "c/two", "a/link"));
+    EXPECT_THAT(gone, IsEmpty());
+    fs::remove_all(native("c"));
+    EXPECT_THAT(changes(), Contains("c/uno"));
+    EXPECT_THAT(gone, UnorderedElementsAre(one, folder));
+    fs::create_directories(native("deep/1/2/3/4"));
+    makeFile("deep/1/2/3/4/file");
+    EXPECT_THAT(changes(), Contains("deep/1/2/3/4/file"));
+}
+
+TEST_F(HistoryTest, FindsOutWhatHappenedWhileItWasAway) {
+    for (const char* name : {"stays", "edited", "moved", "saved", "deleted", "d/inner"}) {
+        makeFile(name);
+    }
+    start();
+    std::map<std::string, std::uint32_t> documents;
+    for (const char* name : {"stays", "edited", "moved", "saved", "deleted", "d/inner"}) {
+        documents[name] = documentID(name);
+    }
+    changes();
+    service.reset();
+    write("edited", "something else");
+    fs::rename(native("moved"), native("d/moved"));
+    write("temporary", "saved anew");
+    fs::rename(native("temporary"), native("saved"));
+    fs::remove(native("deleted"));
+    makeFile("takes the number");
+    fs::rename(native("d"), native("e"));
+    start();
+    since = 0;
+    ASSERT_FALSE(service->eventsAfter(0, 1, 1)) << "older than the history";
+    since = service->statistics().oldestEventID;
+    EXPECT_THAT(changes(), testing::IsSupersetOf({"edited", "moved", "e/moved", "saved", "deleted",
+                                                  "takes the number", "d", "e"}));
+    EXPECT_THAT(gone, UnorderedElementsAre(documents["deleted"]));
+    EXPECT_EQ(documentID("edited"), documents["edited"]);
+    EXPECT_EQ(documentID("e/moved"), documents["moved"]);
+    EXPECT_EQ(documentID("saved"), documents["saved"]);
+    EXPECT_EQ(documentID("e/inner"), documents["d/inner"]);
+    EXPECT_NE(documentID("takes the number"), documents["deleted"]);
+    EXPECT_THAT(changes(), IsEmpty());
+}
+
+TEST_F(HistoryTest, WhatStartsOrStopsBeingShownIsRecordedObjectByObject) {
+    makeFile("folder/sub/file");
+    start();
+    const auto document = documentID("folder/sub/file");
+    for (const auto& [from, to] :
+         std::initializer_list<std::pair<const char*, const char*>>{{"folder", ".hidden"},
+                                                                    {".hidden", "x.pkg"},
+                                                                    {"x.pkg", ".Trash/y"},
+                                                                    {".Trash/y", "z"}}) {
+        fs::create_directory(native(".Trash"));
+        changes();
+        fs::rename(native(from), native(to));
+        const std::string now = to;
+        EXPECT_THAT(changes(), testing::IsSupersetOf({now, now + "/sub", now + "/sub/file"}));
+        EXPECT_THAT(gone, IsEmpty());
+    }
+    fs::rename(native("z"), native("same cover"));
+    EXPECT_THAT(changes(), Not(Contains("same cover/sub/file")));
+    // Out of the roots, for good as it seems, and back.
+    const auto folder = identify("same cover").fileID;
+    fs::rename(native("same cover"), scratch / "outside");
+    changes();
+    EXPECT_THAT(gone, UnorderedElementsAre(document, folder));
+    fs::rename(scratch / "outside", native("back"));
+    EXPECT_THAT(changes(), testing::IsSupersetOf({"back", "back/sub", "back/sub/file"}));
+    EXPECT_EQ(documentID("back/sub/file"), document);
+    EXPECT_EQ(identify("back").fileID, folder);
+    write("back/sub/file", "it is watched again");
+    EXPECT_THAT(changes(), UnorderedElementsAre("back/sub/file"));
+}
+
+TEST_F(HistoryTest, ADocumentIDGoesToWhatTookTheDocumentsPlace) {
+    start();
+    const auto replace = [&] {
+        write("new", "new content");
+        fs::rename(native("new"), native("doc"));
+    };
+    const auto recreate = [&] {
+        fs::remove(native("doc"));
+        write("doc", "new content");
+    };
+    const auto backup = [&](const char* name) {
+        return [this, name] {
+            fs::rename(native("doc"), native(name));
+            write("doc", "new content");
+        };
+    };
+    const std::pair<std::string, std::function<void()>> keeps[] = {
+        {"replaced", replace}, {"recreated", recreate}, {"backup", backup("doc~")}};
+    for (const auto& [what, save] : keeps) {
+        SCOPED_TRACE(what);
+        write("doc", "old");
+        ASSERT_EQ(setxattr(native("doc").c_str(), "user.tag", "red", 3, 0), 0);
+        changes();
+        const auto document = documentID("doc");
+        const auto object = attributes("doc")->identity;
+        save();
+        EXPECT_THAT(changes(),
+                    Contains(HasSubstr("/changed/" + std::to_string(document) + "/src=")));
+        EXPECT_NE(attributes("doc")->identity, object);
+        EXPECT_EQ(documentID("doc"), document);
+        EXPECT_THAT(gone, Not(Contains(document)));
+        char tag[8] = {};
+        EXPECT_EQ(getxattr(native("doc").c_str(), "user.tag", tag, sizeof tag), 3);
+        if (what == "backup") {
+            EXPECT_NE(documentID("doc~"), document);
+        }
+        fs::remove(native("doc"));
+        fs::remove(native("doc~"));
+        changes();
+    }
+    // A user's rename: the name is nothing that a program would choose.
+    write("doc", "old");
+    changes();
+    const auto document = documentID("doc");
+    backup("put aside")();
+    changes();
+    EXPECT_EQ(documentID("put aside"), document);
+    EXPECT_NE(documentID("doc"), document);
+}
+
+TEST_F(HistoryTest, AnOverflowIsAGapAndEverythingIsComparedAgain) {
+    bool drops = false;
+    distort = [&](std::vector<KernelEvent>& events) {
+        if (!drops || events.empty()) return;
+        events = {{-1, IN_Q_OVERFLOW, ""}};
+        drops = false;
+    };
+    makeFile("folder/file");
+    start();
+    drops = true;
+    makeFile("folder/unseen");
+    EXPECT_THAT(changes(), Contains("folder/unseen"));
+    EXPECT_EQ(gaps, 1);
+    EXPECT_THAT(service->statistics().lastGap.value_or(""), HasSubstr("overflow"));
+    makeFile("folder/seen");
+    EXPECT_THAT(changes(), Contains("folder/seen"));
+    EXPECT_EQ(gaps, 0);
+}
+
+TEST_F(HistoryTest, NothingIsReportedGoneWhileTheStorageItselfIs) {
+    makeFile("file");
+    start();
+    documentID("file");
+    fs::rename(scratch / "storage", scratch / "elsewhere");
+    fs::create_directory(scratch / "storage");
+    EXPECT_EQ(service->waitUntilSeen().error().code, ENOENT);
+    EXPECT_EQ(service->eventsAfter(since, since, 1).error().code, ENOENT);
+    fs::remove(scratch / "storage");
+    fs::rename(scratch / "elsewhere", scratch / "storage");
+    makeFile("while away");
+    EXPECT_THAT(changes(), Contains("while away"));
+    EXPECT_THAT(gone, IsEmpty());
+}
+
+TEST_F(HistoryTest, OldEventsGoAndTheEdgeIsExact) {
+    auto base = adjust;
+    adjust = [base](auto& configuration) {
+        base(configuration);
+        configuration.eventsKept = 50;
+    };
+    start();
+    for (int i = 0; i < 40; ++i) {
+        makeFile("f" + std::to_string(i));
+        changes();
+    }
+    const auto statistics = service->statistics();
+    EXPECT_LE(statistics.eventCount, 60u);
+    const auto edge = statistics.oldestEventID;
+    const auto kept = service->eventsAfter(edge, service->currentEventID(), 1000);
+    ASSERT_TRUE(kept);
+    EXPECT_EQ(kept->size(), statistics.eventCount);
+    EXPECT_EQ(service->eventsAfter(edge - 1, edge, 1).error().code, ESTALE);
+    EXPECT_EQ(service->eventsAfter(service->currentEventID() + 1, ~0ull, 1).error().code, ESTALE);
+}
+
+}  // namespace
+}  // namespace tests
