@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -12,7 +11,8 @@ namespace cli {
 
 namespace {
 
-// Any thread may be the one that takes the signal, so that a flag alone would wake nobody.
+// Readable once a signal came. Any thread may take it, also one that is still at it when nobody is
+// interested any more: so the descriptor is never closed.
 std::atomic<int> interrupted = -1;
 static_assert(std::atomic<int>::is_always_lock_free);
 
@@ -25,8 +25,10 @@ extern "C" void noteInterruption(int /*signal*/) {
 }  // namespace
 
 Interruption::Interruption() {
-    interrupted = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (interrupted < 0) interrupted = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (interrupted < 0) return;
+    eventfd_t earlier = 0;
+    (void)eventfd_read(interrupted, &earlier);
     struct sigaction action {};
     action.sa_handler = noteInterruption;
     action.sa_flags = static_cast<int>(SA_RESTART | SA_RESETHAND);
@@ -37,7 +39,6 @@ Interruption::Interruption() {
 Interruption::~Interruption() {
     sigaction(SIGINT, &onInterrupt_, nullptr);
     sigaction(SIGTERM, &onTerminate_, nullptr);
-    close(interrupted.exchange(-1));
 }
 
 bool Interruption::hasCome() const {
