@@ -65,18 +65,12 @@ class ChangeCommandsTest : public testing::Test {
     int settled = 0;
     platform::Result<void> settleResult;
     host::Health health;
-    host::DocumentService service{
-        [this] { return extension; },
-        {.paths = host::NativePaths{[](const platform::QSURL& url) { return url.path(); },
-                                    [](std::string_view path) {
-                                        return platform::QSURL::fileURLWithPath(std::string(path));
-                                    }},
-         .volume = host::VolumeAccess{[this] {
-                                          ++settled;
-                                          return settleResult;
-                                      },
-                                      [this] { return health; }},
-         .manager = &manager}};
+    host::NativePaths paths{[](const auto& url) { return url.path(); },
+                            [](auto path) { return platform::QSURL::fileURLWithPath(path); }};
+    host::VolumeAccess volume{[this] { return ++settled, settleResult; },
+                              [this] { return health; }};
+    host::DocumentService service{[this] { return extension; },
+                                  {.paths = paths, .volume = volume, .manager = &manager}};
 };
 
 TEST_F(ChangeCommandsTest, ChangesEndWithTheAnchorToGoOnFrom) {
