@@ -37,11 +37,15 @@ bool asksForJson(int argc, const char* const* argv) {
     return false;
 }
 
+enum class Takes : std::uint8_t { Nothing, AnyItem, OneItem };
+
 /// The parser and where it stores what it finds.
 struct Parser {
     Arguments arguments;
     std::string page;
+    std::string since;
     bool byDate = false;
+    bool takesItem = true;
     CLI::App app{"Browse the documents of this user as document browsers see them.", "tidewell"};
 
     Parser() {
@@ -55,25 +59,41 @@ struct Parser {
         app.add_flag("--json", arguments.json, "Print JSON Lines");
         app.add_flag("-v,--verbose", arguments.verbosity, "Log more; twice: everything");
 
-        auto& list = add(Command::List, "ls", "List a container", false);
+        auto& list = add(Command::List, "ls", "List a container", Takes::AnyItem);
         list.add_flag("--one-page", arguments.onePage, "Stop after one page");
         auto* from = list.add_option("--page", page, "Begin at the page with this token (base64)");
         list.add_flag("--sort-by-date", byDate, "Begin with the page that is sorted by date")
             ->excludes(from);
-        add(Command::Tree, "tree", "Draw a folder and all folders below it", false);
-        add(Command::Stat, "stat", "Print every field of an item", true);
-        add(Command::Resolve, "resolve", "Print the identifier of what is at a path", true);
-        add(Command::Path, "path", "Print the path of an item", true);
+        add(Command::Tree, "tree", "Draw a folder and all folders below it", Takes::AnyItem);
+        add(Command::Stat, "stat", "Print every field of an item", Takes::OneItem);
+        add(Command::Resolve, "resolve", "Print the identifier of what is at a path",
+            Takes::OneItem);
+        add(Command::Path, "path", "Print the path of an item", Takes::OneItem);
+        add(Command::Anchor, "anchor", "Print the present position in what happens to a container",
+            Takes::OneItem);
+        auto& changes =
+            add(Command::Changes, "changes", "Print what changed since an anchor", Takes::OneItem);
+        changes.add_flag("--one-page", arguments.onePage, "Stop after one page");
+        auto& watch = add(Command::Watch, "watch", "Print changes as they happen", Takes::OneItem);
+        for (auto* sub : {&changes, &watch}) {
+            sub->add_option("--since", since, "Begin at this anchor (base64)");
+        }
+        add(Command::Sync, "sync", "Wait until all that happened is known", Takes::Nothing);
+        add(Command::Doctor, "doctor", "Tell how the system is", Takes::Nothing);
     }
 
-    CLI::App& add(Command command, const char* name, const char* help, bool needsItem) {
+    CLI::App& add(Command command, const char* name, const char* help, Takes takes) {
         auto& sub = *app.add_subcommand(name, help);
+        sub.callback([this, command, takes] {
+            arguments.command = command;
+            takesItem = takes != Takes::Nothing;
+        });
+        if (takes == Takes::Nothing) return sub;
         const bool takesPath = command == Command::Resolve;
         auto* item = sub.add_option(takesPath ? "PATH" : "ITEM", arguments.item,
                                     takesPath ? "A native path" : itemHelp);
-        item->option_text(needsItem ? " " : "(root)");
-        if (needsItem) item->required();
-        sub.callback([this, command] { arguments.command = command; });
+        item->option_text(takes == Takes::OneItem ? " " : "(root)");
+        if (takes == Takes::OneItem) item->required();
         return sub;
     }
 
@@ -83,13 +103,22 @@ struct Parser {
         if (arguments.command == Command::Tree && isWide) {
             return usageError("tree draws folders; list " + arguments.item + " with ls");
         }
+        if (!takesItem) arguments.item.clear();
         if (byDate) arguments.start = host::Order::ByDate;
-        if (app.get_subcommand("ls")->get_option("--page")->count() > 0) {
+        if (isGiven("ls", "--page")) {
             auto token = dataFromBase64(page);
             if (!token) return usageError("the token of --page is not base64");
             arguments.start = std::move(*token);
         }
+        if (isGiven("changes", "--since") || isGiven("watch", "--since")) {
+            arguments.since = dataFromBase64(since);
+            if (!arguments.since) return usageError("the anchor of --since is not base64");
+        }
         return std::nullopt;
+    }
+
+    [[nodiscard]] bool isGiven(const char* command, const char* option) const {
+        return app.get_subcommand(command)->get_option(option)->count() > 0;
     }
 };
 

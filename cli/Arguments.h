@@ -10,7 +10,18 @@
 
 namespace cli {
 
-enum class Command : std::uint8_t { List, Tree, Stat, Resolve, Path };
+enum class Command : std::uint8_t {
+    List,
+    Tree,
+    Stat,
+    Resolve,
+    Path,
+    Anchor,
+    Changes,
+    Watch,
+    Sync,
+    Doctor
+};
 
 /// The command line and the environment, understood.
 struct Arguments {
@@ -19,9 +30,11 @@ struct Arguments {
     bool json = false;
     int verbosity = 0;
     Command command = Command::List;
-    std::string item = "root";  ///< as typed: an identifier, a word or a path
+    /// As typed: an identifier, a word or a path; empty for a command that takes none.
+    std::string item = "root";
     bool onePage = false;
     host::PageStart start = host::Order::ByName;
+    std::optional<host::Anchor> since;
 };
 
 /// There is nothing to run: help was asked for, or the command line is wrong.

@@ -33,6 +33,11 @@ bool Output::pace() {
     return failure_ == 0;
 }
 
+bool Output::flush() {
+    write();
+    return failure_ == 0;
+}
+
 platform::Result<void> Output::finish() {
     write();
     if (failure_ == 0 || failure_ == EPIPE) return {};

@@ -16,6 +16,7 @@ class Output {
     /// Does not own `fd`. `progress` must outlive the output.
     Output(int fd, Progress& progress);
 
+    [[nodiscard]] int descriptor() const { return fd_; }
     [[nodiscard]] const Style& style() const { return style_; }
     /// Text appended here goes out with the next flush.
     [[nodiscard]] std::string& text() { return text_; }
@@ -23,6 +24,8 @@ class Output {
     /// To be called after each item: writes where much has come together or some time has passed.
     /// False once nothing can be written any more, be it that nobody reads on or an error.
     bool pace();
+    /// Writes at once; returns as pace() does.
+    bool flush();
     /// Writes what is left. A reader that went away is no error.
     [[nodiscard]] platform::Result<void> finish();
 

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <utility>
 
+#include "cli/changes.h"
 #include "cli/format.h"
 #include "cli/text.h"
 #include "host/errors.h"
@@ -25,6 +26,8 @@ class Run {
 
     [[nodiscard]] Result<ExitCode> command() {
         if (arguments_.command == Command::Resolve) return resolve();
+        if (arguments_.command == Command::Sync) return sync();
+        if (arguments_.command == Command::Doctor) return doctor();
         auto identifier = itemIdentifier();
         if (!identifier) return std::unexpected(std::move(identifier.error()));
         switch (arguments_.command) {
@@ -34,6 +37,12 @@ class Run {
                 return stat(*identifier);
             case Command::Path:
                 return path(*identifier);
+            case Command::Anchor:
+                return anchor(*identifier);
+            case Command::Changes:
+                return printChanges(arguments_, service_, output_, *identifier);
+            case Command::Watch:
+                return watchChanges(arguments_, service_, output_, progress_, *identifier);
             default:
                 return list(*identifier);
         }
@@ -58,6 +67,35 @@ class Run {
         const auto path = service_.path(identifier);
         if (!path) return std::unexpected(path.error());
         return value("path", *path);
+    }
+
+    [[nodiscard]] Result<ExitCode> sync() {
+        const auto settled = service_.settle();
+        if (!settled) return std::unexpected(settled.error());
+        return ExitCode::Done;
+    }
+
+    /// Waits first, so that what is shown is of a system at work; the reasons why it is not are
+    /// shown all the same.
+    [[nodiscard]] Result<ExitCode> doctor() {
+        const auto settled = service_.settle();
+        const auto health = service_.health();
+        if (arguments_.json) {
+            appendJson(output_.text(), health);
+        } else {
+            appendFields(output_.text(), health, output_.style());
+        }
+        if (!settled) return std::unexpected(settled.error());
+        return health.problems().empty() ? ExitCode::Done : ExitCode::Failed;
+    }
+
+    /// Waits first: what happened before the command is not after the anchor.
+    [[nodiscard]] Result<ExitCode> anchor(const std::string& container) {
+        const auto settled = service_.settle();
+        if (!settled) return std::unexpected(settled.error());
+        const auto anchor = service_.anchor(container);
+        if (!anchor) return std::unexpected(anchor.error());
+        return value("anchor", base64(*anchor));
     }
 
     [[nodiscard]] Result<ExitCode> stat(const std::string& identifier) {

@@ -39,6 +39,27 @@ void forEachField(const host::ItemRecord& item, Visit&& visit) {
     visit("isContainer", item.isContainer);
 }
 
+template <typename Visit>
+void forEachField(const host::Health& health, Visit&& visit) {
+    const auto problems = health.problems();
+    visit("isHealthy", problems.empty());
+    visit("problems", problems);
+    visit("roots", health.roots);
+    visit("storePath", health.storePath);
+    visit("objects", health.objects);
+    visit("indexBytes", health.indexBytes);
+    visit("identity", std::string(health.identityIsWeak ? "weak" : "strong"));
+    visit("isFollowing", health.isFollowing);
+    visit("watches", health.watches);
+    visit("watchLimit", health.watchLimit);
+    visit("degradedFolderCount", health.degradedFolderCount);
+    visit("degradedFolders", health.degradedFolders);
+    visit("lastGap", health.lastGap);
+    visit("oldestEventID", health.oldestEventID);
+    visit("currentEventID", health.currentEventID);
+    visit("eventCount", health.eventCount);
+}
+
 template <typename Number>
 requires std::is_integral_v<Number>
 void appendValue(std::string& out, Number value) {
@@ -121,18 +142,50 @@ std::string fieldText(const std::optional<Value>& value) {
     return value ? fieldText(*value) : "-";
 }
 
-}  // namespace
-
-void appendJson(std::string& out, const host::ItemRecord& item) {
+/// The values of an object in braces.
+template <typename Value>
+void appendObject(std::string& out, const Value& value) {
     char separator = '{';
-    forEachField(item, [&](std::string_view key, const auto& value) {
+    forEachField(value, [&](std::string_view key, const auto& field) {
         out += separator;
         out += '"';
         out += key;
         out += "\":";
-        appendValue(out, value);
+        appendValue(out, field);
         separator = ',';
     });
+    out += '}';
+}
+
+void appendField(std::string& out, std::string_view key, std::string_view text) {
+    fmt::format_to(std::back_inserter(out), "{:28}  {}\n", key, text);
+}
+
+/// `text` in the colours and with the ending of the item's kind.
+void appendText(std::string& out, std::string_view text, const host::ItemRecord& item,
+                const Style& style) {
+    const bool isFolder = item.isFolder();
+    if (isFolder && style.hasColor) out += "\033[1;34m";
+    out += shown(text, style);
+    if (isFolder && style.hasColor) out += "\033[0m";
+    if (isFolder) out += '/';
+}
+
+}  // namespace
+
+void appendJson(std::string& out, const host::ItemRecord& item) {
+    appendObject(out, item);
+    out += '\n';
+}
+
+void appendJson(std::string& out, const host::Health& health) {
+    appendObject(out, health);
+    out += '\n';
+}
+
+void appendJsonUpdate(std::string& out, const host::ItemRecord& item) {
+    out += "{\"update\":";
+    appendObject(out, item);
     out += "}\n";
 }
 
@@ -141,11 +194,7 @@ std::string shown(std::string_view text, const Style& style) {
 }
 
 void appendName(std::string& out, const host::ItemRecord& item, const Style& style) {
-    const bool isFolder = item.isFolder();
-    if (isFolder && style.hasColor) out += "\033[1;34m";
-    out += shown(item.filename, style);
-    if (isFolder && style.hasColor) out += "\033[0m";
-    if (isFolder) out += '/';
+    appendText(out, item.filename, item, style);
 }
 
 void appendRow(std::string& out, const host::ItemRecord& item, const Style& style) {
@@ -162,8 +211,26 @@ void appendFields(std::string& out, const host::ItemRecord& item, const Style& s
         if (key == "documentSize" && item.documentSize.value_or(0) >= 1024) {
             text = fmt::format("{} ({} bytes)", humanSize(*item.documentSize), *item.documentSize);
         }
-        fmt::format_to(std::back_inserter(out), "{:28}  {}\n", key, text);
+        appendField(out, key, text);
     });
+}
+
+void appendFields(std::string& out, const host::Health& health, const Style& style) {
+    forEachField(health, [&](std::string_view key, const auto& value) {
+        auto text = shown(fieldText(value), style);
+        if (key == "indexBytes") text = humanSize(health.indexBytes);
+        appendField(out, key, text.empty() ? "-" : text);
+    });
+}
+
+void appendUpdate(std::string& out, const host::ItemRecord& item, const Style& style) {
+    fmt::format_to(std::back_inserter(out), "updated  {:12}  ", item.itemIdentifier);
+    appendText(out, item.path.value_or(item.filename), item, style);
+    out += '\n';
+}
+
+void appendDeletion(std::string& out, const std::string& identifier, const Style& style) {
+    fmt::format_to(std::back_inserter(out), "deleted  {}\n", shown(identifier, style));
 }
 
 }  // namespace cli

@@ -3,6 +3,7 @@
 #include <string>
 #include <string_view>
 
+#include "host/Health.h"
 #include "host/ItemRecord.h"
 
 namespace cli {
@@ -15,6 +16,9 @@ struct Style {
 
 /// The item as one JSON object and a line end. The order of the keys is part of the interface.
 void appendJson(std::string& out, const host::ItemRecord& item);
+void appendJson(std::string& out, const host::Health& health);
+/// The same of the item, as the value of "update".
+void appendJsonUpdate(std::string& out, const host::ItemRecord& item);
 
 /// One row of `ls`: size or number of children, modification date, name.
 void appendRow(std::string& out, const host::ItemRecord& item, const Style& style);
@@ -24,6 +28,11 @@ void appendName(std::string& out, const host::ItemRecord& item, const Style& sty
 
 /// Every field on a line of its own.
 void appendFields(std::string& out, const host::ItemRecord& item, const Style& style);
+void appendFields(std::string& out, const host::Health& health, const Style& style);
+
+/// The rows of `changes`: "updated" with identifier and path, "deleted" with the identifier.
+void appendUpdate(std::string& out, const host::ItemRecord& item, const Style& style);
+void appendDeletion(std::string& out, const std::string& identifier, const Style& style);
 
 /// `text` as it is, or escaped for a terminal.
 [[nodiscard]] std::string shown(std::string_view text, const Style& style);

@@ -40,49 +40,32 @@ bool isUnfitForTerminal(char32_t c) {
            (c >= 0x2028 && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
 }
 
+/// A control character or backslash as "\n" and the like, which JSON and terminals share; false
+/// where it has no such form.
+bool appendShortEscape(std::string& out, char c) {
+    constexpr std::string_view characters = "\n\t\r\\";
+    constexpr std::string_view letters = "ntr\\";
+    const auto at = characters.find(c);
+    if (at == std::string_view::npos) return false;
+    out += '\\';
+    out += letters[at];
+    return true;
+}
+
 /// One ASCII character that JSON does not take as it is.
 void appendJsonEscape(std::string& out, char c) {
-    switch (c) {
-        case '"':
-            out += "\\\"";
-            return;
-        case '\\':
-            out += "\\\\";
-            return;
-        case '\n':
-            out += "\\n";
-            return;
-        case '\t':
-            out += "\\t";
-            return;
-        case '\r':
-            out += "\\r";
-            return;
-        case '\0':
-            out += "\\u000000";
-            return;
-        default:
-            fmt::format_to(std::back_inserter(out), "\\u{:04x}", byteAt({&c, 1}, 0));
+    if (c == '"') {
+        out += "\\\"";
+    } else if (c == '\0') {
+        out += "\\u000000";
+    } else if (!appendShortEscape(out, c)) {
+        fmt::format_to(std::back_inserter(out), "\\u{:04x}", byteAt({&c, 1}, 0));
     }
 }
 
 void appendTerminalEscape(std::string& out, char c) {
-    switch (c) {
-        case '\n':
-            out += "\\n";
-            return;
-        case '\t':
-            out += "\\t";
-            return;
-        case '\r':
-            out += "\\r";
-            return;
-        case '\\':
-            out += "\\\\";
-            return;
-        default:
-            fmt::format_to(std::back_inserter(out), "\\x{:02x}", byteAt({&c, 1}, 0));
-    }
+    if (appendShortEscape(out, c)) return;
+    fmt::format_to(std::back_inserter(out), "\\x{:02x}", byteAt({&c, 1}, 0));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "host/DocumentService.h"
 
-#include <mutex>
-#include <set>
+#include <cerrno>
 #include <thread>
 #include <utility>
 
@@ -13,12 +12,6 @@ namespace host {
 
 using platform::Result;
 
-/// Outlives the service as long as a signal is on its way.
-struct DocumentService::Signals {
-    std::mutex mutex;
-    std::set<std::string> containers;  // guarded by mutex
-};
-
 DocumentService::DocumentService(const ExtensionFactory& makeExtension)
     : DocumentService(makeExtension, Options{}) {}
 
@@ -27,15 +20,14 @@ DocumentService::DocumentService(const ExtensionFactory& makeExtension, Options 
                 ? std::move(options.wait)
                 : [](std::chrono::milliseconds pause) { std::this_thread::sleep_for(pause); }),
       manager_(options.manager ? *options.manager : platform::Platform::current().manager()),
-      signals_(std::make_shared<Signals>()) {
-    // Connected first: an extension signals while it is being made.
+      volume_(options.volume ? std::move(*options.volume) : VolumeAccess::ofPlatform()),
+      signals_(std::make_shared<SignalBoard>()) {
+    // Connected first: an extension signals while it is being made. The board outlives the service
+    // as long as a signal is on its way.
     manager_.setSignalHandler(
         [signals = signals_](const platform::QSFileProviderItemIdentifier& container,
                              platform::QSFileProviderManager::CompletionHandler completion) {
-            {
-                const std::scoped_lock lock(signals->mutex);
-                signals->containers.insert(container);
-            }
+            signals->signal(container);
             if (completion) completion(std::nullopt);
         });
     session_ = std::make_unique<ExtensionSession>(
@@ -94,10 +86,50 @@ Result<bool> DocumentService::listLevel(const std::string& container, std::size_
     return true;
 }
 
-std::vector<std::string> DocumentService::takeSignalledContainers() {
-    const std::scoped_lock lock(signals_->mutex);
-    const auto taken = std::exchange(signals_->containers, {});
-    return {taken.begin(), taken.end()};
+Result<Anchor> DocumentService::anchor(const std::string& container) const {
+    return session_->anchor(container);
+}
+
+Result<ChangePage> DocumentService::onePageOfChanges(const std::string& container,
+                                                     const Anchor& since) const {
+    return session_->changes(container, since);
+}
+
+Result<Anchor> DocumentService::changes(const std::string& container, const Anchor& since,
+                                        const ChangeHandler& handler) const {
+    for (auto reached = since;;) {
+        auto page = session_->changes(container, reached);
+        if (!page) return std::unexpected(std::move(page.error()));
+        if (page->moreComing && page->anchor == reached) {
+            auto error = platform::errorFromErrno(EPROTO);
+            error.userInfo.emplace(platform::QSDescriptionErrorKey,
+                                   "the extension goes on telling changes without getting further");
+            return std::unexpected(std::move(error));
+        }
+        reached = page->anchor;
+        if (!handler(*page) || !page->moreComing) return reached;
+    }
+}
+
+Result<std::unique_ptr<Following>> DocumentService::follow(const std::string& container) {
+    auto everywhere = watchEverywhere();
+    if (!everywhere) return std::unexpected(std::move(everywhere.error()));
+    return Following::begin(*session_, signals_, container, std::move(*everywhere));
+}
+
+/// One for all who follow something; of two that are started at a time one goes again.
+Result<std::shared_ptr<void>> DocumentService::watchEverywhere() {
+    const auto shared = [this](std::shared_ptr<void> started) {
+        const std::scoped_lock lock(mutex_);
+        if (auto present = everywhere_.lock()) return present;
+        everywhere_ = started;
+        return started;
+    };
+    if (auto present = shared(nullptr)) return present;
+    auto started = session_->startWatch(
+        std::string(platform::QSFileProviderAllDirectoriesContainerItemIdentifier));
+    if (!started) return started;
+    return shared(*started);
 }
 
 }  // namespace host

@@ -3,12 +3,15 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "host/ExtensionSession.h"
+#include "host/Following.h"
+#include "host/Health.h"
 #include "host/Listing.h"
 #include "host/Page.h"
 
@@ -28,10 +31,11 @@ class DocumentService {
     struct Options {
         /// Pauses between tries of a listing; sleeps where empty.
         Waiter wait = {};
-        /// How long one page may take.
+        /// How long a page, of a listing or of changes, or an anchor may take.
         std::chrono::milliseconds pageDeadline = std::chrono::seconds(30);
         /// The installed platform's where empty or null.
         std::optional<NativePaths> paths = {};
+        std::optional<VolumeAccess> volume = {};
         platform::QSFileProviderManager* manager = nullptr;
     };
 
@@ -71,19 +75,49 @@ class DocumentService {
     [[nodiscard]] platform::Result<void> listTree(const std::string& container,
                                                   const TreeHandler& handler);
 
-    /// The containers that the extension has signalled since the last call, each once.
-    [[nodiscard]] std::vector<std::string> takeSignalledContainers();
+    /// The present position in what happens to a container. Taken before a listing, nothing that
+    /// happens meanwhile is missed.
+    [[nodiscard]] platform::Result<Anchor> anchor(const std::string& container) const;
+
+    /// What happened to the container after the anchor, one page of it. The error satisfies
+    /// meansExpired where the anchor is no longer good: take a new one and list again.
+    [[nodiscard]] platform::Result<ChangePage> onePageOfChanges(const std::string& container,
+                                                                const Anchor& since) const;
+
+    /// Receives each page of changes; false ends them.
+    using ChangeHandler = std::function<bool(const ChangePage&)>;
+
+    /// Page after page, until nothing more is coming or the handler ends it. Returns the anchor of
+    /// the last page. After an error, go on from the last page that the handler was given.
+    [[nodiscard]] platform::Result<Anchor> changes(const std::string& container,
+                                                   const Anchor& since,
+                                                   const ChangeHandler& handler) const;
+
+    /// Follows a container: the handle can wait for its signals. Take the anchor, or the changes
+    /// since one, after this call, and nothing falls in between. The handle must not outlive the
+    /// service.
+    [[nodiscard]] platform::Result<std::unique_ptr<Following>> follow(const std::string& container);
+
+    /// Blocks until everything that happened before the call shows in changes, short-lived
+    /// uncertainty about what was replaced or deleted included.
+    [[nodiscard]] platform::Result<void> settle() const { return volume_.waitUntilSettled(); }
+
+    [[nodiscard]] Health health() const { return volume_.health(); }
 
   private:
-    struct Signals;
     [[nodiscard]] platform::Result<bool> listLevel(const std::string& container, std::size_t depth,
                                                    const TreeHandler& handler);
+    [[nodiscard]] platform::Result<std::shared_ptr<void>> watchEverywhere();
 
     // Constant after construction; session and signals have their own synchronisation.
     Waiter wait_;
     platform::QSFileProviderManager& manager_;
-    std::shared_ptr<Signals> signals_;
+    VolumeAccess volume_;
+    std::shared_ptr<SignalBoard> signals_;
     std::unique_ptr<ExtensionSession> session_;
+
+    std::mutex mutex_;
+    std::weak_ptr<void> everywhere_;  // guarded; the watch that all who follow something share
 };
 
 }  // namespace host

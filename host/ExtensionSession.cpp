@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "host/PageCollector.h"
+#include "host/Collectors.h"
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QPTag.h"
 #include "platform/fileprovider/QSFileProviderError.h"
@@ -125,19 +125,55 @@ Result<std::string> ExtensionSession::pathForIdentifier(const std::string& ident
 Page ExtensionSession::page(const std::string& container, const PageStart& start) {
     auto lease = std::holds_alternative<PageToken>(start) ? keptLease(container) : nullptr;
     if (!lease) {
-        auto made = newLease(container);
-        if (!made) return {{}, std::unexpected(withNativePath(made.error()))};
+        auto made = newKeptLease(container);
+        if (!made) return {{}, std::unexpected(std::move(made.error()))};
         lease = std::move(*made);
     }
     const auto collector = std::make_shared<PageCollector>();
     lease->enumerator->enumerateItemsForObserver(collector, pageData(start));
     auto [items, next] = collector->wait(pageDeadline_);
 
-    Page page{{}, std::move(next)};
-    page.items.reserve(items.size());
-    for (const auto& item : items) page.items.push_back(makeRecord(*item, paths_));
+    Page page{records(items), std::move(next)};
     if (!page.next) page.next = std::unexpected(withNativePath(page.next.error()));
     return page;
+}
+
+Result<Anchor> ExtensionSession::anchor(const std::string& container) const {
+    const auto lease = newLease(container);
+    if (!lease) return std::unexpected(lease.error());
+    struct Nothing {};
+    using Told = std::optional<platform::QSFileProviderSyncAnchor>;
+    const auto answer = std::make_shared<Answer<Nothing, Told>>();
+    (*lease)->enumerator->currentSyncAnchorWithCompletionHandler(
+        [answer](Told anchor) { answer->finish(std::move(anchor)); });
+    auto told = answer->wait(pageDeadline_).second;
+    if (!told) return std::unexpected(std::move(told.error()));
+    if (*told) return std::move(**told);
+    auto error = platform::errorFromErrno(ENODATA);
+    error.userInfo.emplace(platform::QSDescriptionErrorKey,
+                           "the present position in the history cannot be told");
+    return std::unexpected(std::move(error));
+}
+
+Result<ChangePage> ExtensionSession::changes(const std::string& container,
+                                             const Anchor& since) const {
+    const auto lease = newLease(container);
+    if (!lease) return std::unexpected(lease.error());
+    const auto collector = std::make_shared<ChangeCollector>();
+    (*lease)->enumerator->enumerateChangesForObserver(collector, since);
+    auto [changes, end] = collector->wait(pageDeadline_);
+    if (!end) return std::unexpected(withNativePath(std::move(end.error())));
+    return ChangePage{.updates = records(changes.updates),
+                      .deletions = std::move(changes.deletions),
+                      .anchor = std::move(end->first),
+                      .moreComing = end->second};
+}
+
+Result<std::shared_ptr<void>> ExtensionSession::startWatch(const std::string& container) const {
+    auto lease = newLease(container);
+    if (!lease) return std::unexpected(std::move(lease.error()));
+    (*lease)->enumerator->start();
+    return *std::move(lease);
 }
 
 std::shared_ptr<ExtensionSession::Lease> ExtensionSession::keptLease(const std::string& container) {
@@ -149,20 +185,34 @@ std::shared_ptr<ExtensionSession::Lease> ExtensionSession::keptLease(const std::
 }
 
 Result<std::shared_ptr<ExtensionSession::Lease>> ExtensionSession::newLease(
-    const std::string& container) {
+    const std::string& container) const {
     auto enumerator = extension_->enumeratorForContainerItemIdentifier(container);
-    if (!enumerator) return std::unexpected(enumerator.error());
-    auto lease = std::make_shared<Lease>(std::move(*enumerator));
+    if (!enumerator) return std::unexpected(withNativePath(std::move(enumerator.error())));
+    return std::make_shared<Lease>(std::move(*enumerator));
+}
+
+Result<std::shared_ptr<ExtensionSession::Lease>> ExtensionSession::newKeptLease(
+    const std::string& container) {
+    auto lease = newLease(container);
+    if (!lease) return lease;
 
     decltype(leases_) dropped;  // gone only when the lock is
     const std::scoped_lock lock(mutex_);
     const auto old = std::ranges::find(leases_, container, [](auto& kept) { return kept.first; });
     if (old != leases_.end()) dropped.splice(dropped.end(), leases_, old);
-    leases_.emplace_front(container, lease);
+    leases_.emplace_front(container, *lease);
     if (leases_.size() > keptLeases) {
         dropped.splice(dropped.end(), leases_, std::prev(leases_.end()));
     }
     return lease;
+}
+
+std::vector<ItemRecord> ExtensionSession::records(
+    const std::vector<platform::ItemRef>& items) const {
+    std::vector<ItemRecord> result;
+    result.reserve(items.size());
+    for (const auto& item : items) result.push_back(makeRecord(*item, paths_));
+    return result;
 }
 
 QSError ExtensionSession::withNativePath(QSError error) const {

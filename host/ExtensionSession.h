@@ -8,8 +8,10 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "host/Page.h"
+#include "platform/fileprovider/QSFileProviderItem.h"
 #include "platform/foundation/QSURL.h"
 
 namespace platform {
@@ -51,16 +53,36 @@ class ExtensionSession {
     [[nodiscard]] platform::Result<std::string> pathForIdentifier(
         const std::string& identifier) const;
 
-    /// One page, waited for up to the deadline (then ETIMEDOUT), also where the extension answers
-    /// on other threads. An initial page begins with a new enumerator, so that a folder that was
-    /// renamed is found at its new place; a token goes to the container's kept one.
+    /// The present position of the container; ENODATA where the extension cannot tell it.
+    [[nodiscard]] platform::Result<Anchor> anchor(const std::string& container) const;
+
+    /// What happened after the anchor, one page of it or nothing but an error. With a new
+    /// enumerator, as an initial page.
+    [[nodiscard]] platform::Result<ChangePage> changes(const std::string& container,
+                                                       const Anchor& since) const;
+
+    /// Lets the extension signal changes of the container until the handle goes, which must not
+    /// outlive the session.
+    [[nodiscard]] platform::Result<std::shared_ptr<void>> startWatch(
+        const std::string& container) const;
+
+    /// One page, waited for up to the deadline (then ETIMEDOUT; so are anchors and changes), also
+    /// where the extension answers on other threads. An initial page begins with a new enumerator,
+    /// so that a folder that was renamed is found at its new place; a token goes to the container's
+    /// kept one.
     [[nodiscard]] Page page(const std::string& container, const PageStart& start);
 
   private:
     /// Invalidates its enumerator when the last call on it has ended.
     struct Lease;
     [[nodiscard]] std::shared_ptr<Lease> keptLease(const std::string& container);
-    [[nodiscard]] platform::Result<std::shared_ptr<Lease>> newLease(const std::string& container);
+    /// A new one, which later pages find by keptLease.
+    [[nodiscard]] platform::Result<std::shared_ptr<Lease>> newKeptLease(
+        const std::string& container);
+    [[nodiscard]] platform::Result<std::shared_ptr<Lease>> newLease(
+        const std::string& container) const;
+    [[nodiscard]] std::vector<ItemRecord> records(
+        const std::vector<platform::ItemRef>& items) const;
     [[nodiscard]] platform::QSError withNativePath(platform::QSError error) const;
 
     // Constant after construction.

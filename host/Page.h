@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <variant>
 #include <vector>
 
@@ -26,6 +27,18 @@ struct Page {
     std::vector<ItemRecord> items;
     /// None: the container is exhausted.
     platform::Result<std::optional<PageToken>> next;
+};
+
+/// Opaque bytes: a position in what happened to a container. Outlives the service; to be kept.
+using Anchor = platform::QSData;
+
+/// What happened to a container after an anchor, or the first part of it. No identifier is in both
+/// lists.
+struct ChangePage {
+    std::vector<ItemRecord> updates;     ///< new ones too, as they are now
+    std::vector<std::string> deletions;  ///< identifiers of what is no longer in the container
+    Anchor anchor;                       ///< up to where this tells everything
+    bool moreComing = false;             ///< ask on from `anchor`
 };
 
 }  // namespace host

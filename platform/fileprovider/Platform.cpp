@@ -101,10 +101,13 @@ Result<std::unique_ptr<Platform>> Platform::make(Options options) {
     auto volume = VolumeService::open(std::move(configuration));
     if (!volume) return std::unexpected(volume.error());
     platform->volume_ = std::move(*volume);
+    platform->events_ = {options.history ? options.history : platform->volume_.get(),
+                         std::make_shared<UseGate>()};
     return platform;
 }
 
 Platform::~Platform() {
+    if (events_.gate) events_.gate->close();
     Platform* self = this;
     installedPlatform.compare_exchange_strong(self, nullptr);
 }

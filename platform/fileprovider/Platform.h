@@ -11,6 +11,7 @@
 #include "platform/registry/QLApplicationWorkspace.h"
 #include "platform/registry/QSDistributedNotificationCenter.h"
 #include "platform/types/TypeRegistry.h"
+#include "platform/volume/FSEventStream.h"
 #include "platform/volume/VolumeService.h"
 
 namespace platform {
@@ -36,6 +37,8 @@ class Platform {
         std::function<void(std::uint64_t objects)> crawlProgress = {};
         /// Has the last word about how the volume is followed.
         std::function<void(VolumeService::Configuration&)> adjustVolume = {};
+        /// Where event streams read instead of the volume's own history; must outlive the platform.
+        EventHistory* history = nullptr;
     };
 
     /// Opens the storage and its volume's store, and raises the process's limit of open files as
@@ -52,6 +55,9 @@ class Platform {
     [[nodiscard]] FileSystem& files() { return *files_; }
     [[nodiscard]] const TypeRegistry& types() const { return types_; }
     [[nodiscard]] VolumeService& volume() { return *volume_; }
+    /// What event streams read from. Its gate closes before anything of the platform goes, so a
+    /// block that is inside may use all of it.
+    [[nodiscard]] const FSEventSource& events() const { return events_; }
     [[nodiscard]] QSFileProviderManager& manager() { return *manager_; }
     [[nodiscard]] QLApplicationWorkspace& workspace() { return workspace_; }
     /// Shared, since observers may be removed after the platform is gone.
@@ -72,6 +78,7 @@ class Platform {
     std::shared_ptr<QSDistributedNotificationCenter> notifications_;
     std::unique_ptr<QSFileProviderManager> manager_;
     std::unique_ptr<VolumeService> volume_;
+    FSEventSource events_;
 };
 
 /// The XDG documents folder of the user: XDG_DOCUMENTS_DIR of user-dirs.dirs, else ~/Documents.

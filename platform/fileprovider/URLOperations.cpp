@@ -146,6 +146,8 @@ Result<QSResourceValue> resourceValue(const QSURL& url, QSResourceKey key) {
 }
 
 bool qp_isFolder(const QSURL& url) {
+    const auto kept = url.cachedResourceValue(QSResourceKey::IsDirectory);
+    if (const auto* isDirectory = std::get_if<bool>(&kept)) return *isDirectory;
     const auto attributes = files().attributes(url);
     return attributes && (*attributes)->isDirectory() &&
            !isPackage(**attributes, url.lastPathComponent());

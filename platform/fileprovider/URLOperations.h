@@ -21,8 +21,8 @@ namespace platform {
 /// keeps: monostate means not known yet.
 [[nodiscard]] Result<QSResourceValue> resourceValue(const QSURL& url, QSResourceKey key);
 
-/// Whether the host browses into the object: a directory that is no package. False where it cannot
-/// be told.
+/// Whether the host browses into the object: a directory that is no package. A URL that keeps
+/// IsDirectory answers with that, for an object that has gone. False where it cannot be told.
 [[nodiscard]] bool qp_isFolder(const QSURL& url);
 
 /// Gives each URL, whose attributes must be kept already, its file ID or document ID as a kept

@@ -30,7 +30,11 @@ TEST(ArgumentsTest, WhatMakesNoSenseIsAUsageError) {
                                                       {"ls", "--page", "?"},
                                                       {"tree", "working-set"},
                                                       {"ls", "--page", "Zg==", "--sort-by-date"},
-                                                      {"stat", "x", "--one-page"}};
+                                                      {"stat", "x", "--one-page"},
+                                                      {"changes"},
+                                                      {"changes", "x", "--since", "?"},
+                                                      {"watch", "x", "--one-page"},
+                                                      {"sync", "x"}};
     for (auto line : lines) {
         const auto shown = testing::PrintToString(line);
         const auto plain = parse(line);

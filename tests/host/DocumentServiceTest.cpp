@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <thread>
 
 #include "host/errors.h"
 #include "platform/fileprovider/QSFileProviderManager.h"
@@ -60,6 +61,28 @@ class DocumentServiceTest : public testing::Test {
         return identifiers;
     }
 
+    /// The changes as text, with a bar behind each page; `reached` becomes the outcome.
+    std::string changes(const std::string& container, const host::Anchor& since) {
+        std::vector<std::string> words;
+        std::size_t pages = 0;
+        reached = service().changes(container, since, [&](const host::ChangePage& page) {
+            for (const auto& item : page.updates) words.push_back("+" + item.itemIdentifier);
+            for (const auto& identifier : page.deletions) words.push_back("-" + identifier);
+            words.emplace_back("|");
+            return ++pages < limit;
+        });
+        std::string text;
+        for (const auto& word : words) text += (text.empty() ? "" : " ") + word;
+        return text;
+    }
+
+    static host::Anchor anchor(std::string_view text) { return platform::dataFromString(text); }
+
+    void signal(const std::string& signalled) {
+        manager.signalEnumeratorForContainerItemIdentifier(
+            signalled, [this](const auto& error) { signalsAnswered += error ? 100 : 1; });
+    }
+
     tests::ScriptedContainer& container(const std::string& identifier) {
         return extension->containers[identifier];
     }
@@ -71,7 +94,9 @@ class DocumentServiceTest : public testing::Test {
     Millis deadline = std::chrono::seconds(30);
     std::size_t limit = 1000;
     std::vector<int> pauses;
+    int signalsAnswered = 0;
     platform::Result<void> result;
+    platform::Result<host::Anchor> reached;
     std::unique_ptr<host::DocumentService> service_;
 };
 
@@ -218,19 +243,121 @@ TEST_F(DocumentServiceTest, TreesGoDepthFirstAndOnPastAFolderThatFails) {
     EXPECT_FALSE(service().listTree("locked", handler));
 }
 
-TEST_F(DocumentServiceTest, SignalsAreKeptAndAnsweredWhileTheServiceLives) {
-    int completed = 0;
-    const auto complete = [&](const auto& error) { completed += error ? 100 : 1; };
-    service();
-    for (const auto& signalled : {root, workingSet, root}) {
-        manager.signalEnumeratorForContainerItemIdentifier(signalled, complete);
+TEST_F(DocumentServiceTest, ChangesComePageByPageUntilNothingMoreDoes) {
+    for (const bool onOtherThread : {false, true}) {
+        service_.reset();
+        auto& script = container("f") = {};
+        script.answersOnOtherThread = onOtherThread;
+        script.anchor = "0";
+        script.changes = {
+            {"0",
+             {.updates = {file("a")}, .deletions = {"x", "y"}, .anchor = "1", .moreComing = true}},
+            {"1", {.anchor = "2", .moreComing = true}},
+            {"2", {.updates = {folder("b")}, .anchor = "3"}}};
+        const auto start = service().anchor("f");
+        ASSERT_TRUE(start);
+        EXPECT_EQ(changes("f", *start), "+a -x -y | | +b |");
+        EXPECT_EQ(reached, anchor("3"));
+        limit = 1;
+        EXPECT_EQ(changes("f", *start), "+a -x -y |");
+        EXPECT_EQ(reached, anchor("1"));
+        limit = 1000;
+        EXPECT_EQ(script.enumeratorsMade, 5);  // each looks where the folder is now
+        EXPECT_EQ(script.enumeratorsInvalidated, 5);
     }
-    EXPECT_EQ(completed, 3);
-    EXPECT_THAT(service().takeSignalledContainers(), UnorderedElementsAre(root, workingSet));
-    EXPECT_TRUE(service().takeSignalledContainers().empty());
+}
+
+TEST_F(DocumentServiceTest, APageOfChangesThatFailsTellsNothingButWhy) {
+    auto& script = container("f");
+    script.changes = {{"0", {.updates = {file("a")}, .anchor = "1", .moreComing = true}},
+                      {"1",
+                       {.updates = {file("b")},
+                        .deletions = {"c"},
+                        .failure = platform::errorFromErrno(EIO, "/presented/disk")}},
+                      {"stuck", {.updates = {file("a")}, .anchor = "stuck", .moreComing = true}}};
+    EXPECT_EQ(changes("f", anchor("0")), "+a |");
+    EXPECT_EQ(reached.error(), platform::errorFromErrno(EIO, (scratch / "disk").string()));
+    EXPECT_EQ(changes("f", anchor("unknown")), "");
+    EXPECT_TRUE(host::meansExpired(reached.error()));
+    changes("f", anchor("stuck"));
+    EXPECT_EQ(reached.error().code, EPROTO);
+    EXPECT_EQ(service().anchor("f").error().code, ENODATA);
+    changes("missing", anchor("0"));
+    EXPECT_TRUE(host::meansNoSuchItem(reached.error()));
+
     service_.reset();
-    manager.signalEnumeratorForContainerItemIdentifier(root, complete);
-    EXPECT_EQ(completed, 4);
+    deadline = Millis(1);
+    script.neverAnswers = true;
+    changes("f", anchor("0"));
+    EXPECT_EQ(reached.error().code, ETIMEDOUT);
+    EXPECT_EQ(service().anchor("f").error().code, ETIMEDOUT);
+    EXPECT_EQ(script.enumeratorsMade, script.enumeratorsInvalidated);
+}
+
+TEST_F(DocumentServiceTest, WhoFollowsIsWokenBySignalsOfItsContainerAlone) {
+    container("f");
+    container("g");
+    container(root);
+    container(allDirectories);
+    using Follower = std::pair<std::string, std::unique_ptr<host::Following>>;
+    std::vector<Follower> followers;
+    for (const auto& name :
+         {std::string("f"), std::string("g"), root, workingSet, allDirectories}) {
+        auto following = service().follow(name);
+        ASSERT_TRUE(following) << name;
+        followers.emplace_back(name, std::move(*following));
+    }
+    EXPECT_EQ(container("f").watches, 1);
+    EXPECT_EQ(container(allDirectories).watches, 1);  // shared; the working set has no other
+    const auto woken = [&] {
+        std::vector<std::string> names;
+        for (auto& [name, following] : followers) {
+            if (following->wait(Millis(0))) names.push_back(name);
+        }
+        return names;
+    };
+    EXPECT_THAT(woken(), ElementsAre());
+    for (const auto& name : {"f", "unknown", "f"}) signal(name);
+    EXPECT_THAT(woken(), ElementsAre("f"));
+    EXPECT_THAT(woken(), ElementsAre());
+    signal(allDirectories);
+    EXPECT_THAT(woken(), ElementsAre(workingSet, allDirectories));
+    signal(root);
+    signal(workingSet);
+    EXPECT_THAT(woken(), ElementsAre(root, workingSet));
+
+    std::jthread later([&] { signal("g"); });
+    EXPECT_TRUE(followers[1].second->wait(std::chrono::minutes(1)));
+    EXPECT_FALSE(followers[1].second->wait(Millis(1)));
+    followers.clear();
+    for (const auto& name : {std::string("f"), root, allDirectories}) {
+        EXPECT_EQ(container(name).watches, 0) << name;
+    }
+    EXPECT_TRUE(host::meansNoSuchItem(service().follow("missing").error()));
+    EXPECT_EQ(container(allDirectories).watches, 0);
+    later.join();
+    service_.reset();
+    signal("f");  // nobody is left to take it, and still it is answered
+    EXPECT_EQ(signalsAnswered, 8);
+}
+
+TEST_F(DocumentServiceTest, AFollowedFolderThatMovesIsWatchedAtItsNewPlace) {
+    container(allDirectories);
+    auto& script = container("f");
+    extension->identifiersByPath = {{"/presented/a/f", "f"}};
+    const auto following = service().follow("f");
+    ASSERT_TRUE(following);
+    signal(allDirectories);
+    EXPECT_FALSE((*following)->wait(Millis(0)));
+    extension->identifiersByPath = {{"/presented/b/f", "f"}};
+    signal(allDirectories);
+    EXPECT_TRUE((*following)->wait(Millis(0)));
+    EXPECT_EQ(script.enumeratorsMade, 2);
+    EXPECT_EQ(script.watches, 1);
+    extension->identifiersByPath.clear();
+    signal(allDirectories);
+    EXPECT_FALSE((*following)->wait(Millis(0)))
+        << "gone is told by the signal of the folder itself";
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/fileprovider/QPTag.h"
@@ -51,6 +52,14 @@ class ScriptedItem final : public platform::QSFileProviderItem {
     std::string type_;
 };
 
+struct ScriptedChanges {
+    std::vector<platform::ItemRef> updates = {};
+    std::vector<std::string> deletions = {};
+    std::string anchor = {};  ///< the one after them
+    bool moreComing = false;
+    std::optional<platform::QSError> failure = {};  ///< the end instead
+};
+
 /// What one container holds and how its listing goes wrong. Pages hold two rows.
 struct ScriptedContainer {
     std::vector<platform::ItemRef> rows;
@@ -59,6 +68,9 @@ struct ScriptedContainer {
     std::vector<std::size_t> refusedPages;
     /// The answer to every page instead, where set.
     std::optional<platform::QSError> failure;
+    /// By the anchor before them. Any other anchor has expired.
+    std::map<std::string, ScriptedChanges> changes;
+    std::optional<std::string> anchor;  ///< the present one
     bool answersOnOtherThread = false;
     bool neverAnswers = false;
 
@@ -66,6 +78,7 @@ struct ScriptedContainer {
     std::size_t pages = 0;
     int enumeratorsMade = 0;
     int enumeratorsInvalidated = 0;
+    int watches = 0;  ///< enumerators started and not stopped
     std::string lastInitialPage;
 };
 
@@ -76,23 +89,49 @@ class ScriptedEnumerator final : public platform::QSFileProviderEnumerator {
     void enumerateItemsForObserver(
         std::shared_ptr<platform::QSFileProviderEnumerationObserver> observer,
         const platform::QSFileProviderPage& page) override {
-        if (container_.neverAnswers) return;
-        if (!container_.answersOnOtherThread) return answer(*observer, page);
-        threads_.emplace_back([this, observer, page] { answer(*observer, page); });
+        run([this, observer, page] { answer(*observer, page); });
     }
     void enumerateChangesForObserver(
         std::shared_ptr<platform::QSFileProviderChangeObserver> observer,
-        const platform::QSFileProviderSyncAnchor&) override {
-        observer->finishEnumeratingWithError(platform::syncAnchorExpiredError());
+        const platform::QSFileProviderSyncAnchor& since) override {
+        run([this, observer, since] { answerChanges(*observer, since); });
     }
     void currentSyncAnchorWithCompletionHandler(SyncAnchorHandler completionHandler) override {
-        completionHandler(std::nullopt);
+        run([this, completionHandler] {
+            const auto& anchor = container_.anchor;
+            completionHandler(anchor ? std::optional(platform::dataFromString(*anchor))
+                                     : std::nullopt);
+        });
     }
-    void start() override {}
-    void stop() override {}
-    void invalidate() override { ++container_.enumeratorsInvalidated; }
+    void start() override { container_.watches += std::exchange(isStarted_, true) ? 0 : 1; }
+    void stop() override { container_.watches -= std::exchange(isStarted_, false) ? 1 : 0; }
+    void invalidate() override {
+        stop();
+        ++container_.enumeratorsInvalidated;
+    }
 
   private:
+    template <typename Work>
+    void run(Work work) {
+        if (container_.neverAnswers) return;
+        if (!container_.answersOnOtherThread) return work();
+        threads_.emplace_back(std::move(work));
+    }
+
+    void answerChanges(platform::QSFileProviderChangeObserver& observer,
+                       const platform::QSFileProviderSyncAnchor& since) {
+        const auto found = container_.changes.find(std::string(platform::stringFromData(since)));
+        if (found == container_.changes.end()) {
+            return observer.finishEnumeratingWithError(platform::syncAnchorExpiredError());
+        }
+        const auto& told = found->second;
+        observer.didUpdateItems(told.updates);
+        observer.didDeleteItemsWithIdentifiers(told.deletions);
+        if (told.failure) return observer.finishEnumeratingWithError(*told.failure);
+        observer.finishEnumeratingChangesUpToSyncAnchor(platform::dataFromString(told.anchor),
+                                                        told.moreComing);
+    }
+
     void answer(platform::QSFileProviderEnumerationObserver& observer,
                 const platform::QSFileProviderPage& page) {
         const std::string text(platform::stringFromData(page));
@@ -119,6 +158,7 @@ class ScriptedEnumerator final : public platform::QSFileProviderEnumerator {
     }
 
     ScriptedContainer& container_;
+    bool isStarted_ = false;
     std::vector<std::jthread> threads_;
 };
 

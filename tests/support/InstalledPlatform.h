@@ -30,7 +30,8 @@ class InstalledPlatform : public testing::Test {
                                                           .data = scratch / "data",
                                                           .state = scratch / "state",
                                                           .cache = scratch / "cache",
-                                                          .applicationSupport = scratch / "apps"}});
+                                                          .applicationSupport = scratch / "apps"},
+                                              .history = history});
         ASSERT_TRUE(made) << made.error().description();
         installed = std::move(*made);
         installed->install();
@@ -61,6 +62,8 @@ class InstalledPlatform : public testing::Test {
         return found;
     }
 
+    /// Takes effect with the next restart; null is the volume's own.
+    platform::EventHistory* history = nullptr;
     ScratchFolder scratch;
     std::shared_ptr<platform::MemorySink> log;
     std::unique_ptr<platform::Platform> installed;

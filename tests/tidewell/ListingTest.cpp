@@ -5,6 +5,7 @@
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/foundation/QSPropertyList.h"
 #include "tests/support/InstalledPlatform.h"
+#include "tests/support/ScriptedHistory.h"
 #include "tidewell/common/LocalFileProviderError.h"
 #include "tidewell/enumeration/LocalFileEnumerator.h"
 #include "tidewell/enumeration/LocalRootEnumerator.h"
@@ -143,6 +144,9 @@ TEST_F(ListingTest, PagesOfTwoHundred) {
 }
 
 TEST_F(ListingTest, PagesThatCannotBeTrustedExpire) {
+    tests::ScriptedHistory scripted;
+    history = &scripted;
+    restart();
     fill("d", 450);
     LocalFileEnumerator enumerator("fid=1", {url("d")});
     const auto expires = [&](const QSFileProviderPage& page, const char* message) {
@@ -159,18 +163,26 @@ TEST_F(ListingTest, PagesThatCannotBeTrustedExpire) {
     const auto second = *onePage(enumerator)->next;
     auto token = FSChangeToken::fromData(second).value();
     token.offset = UINT64_MAX;
-    expires(token.data(), "can't replay historical FSEvents");
+    expires(token.data(), "smaller than the initial offset");
     token.deviceUUID = QSUUID::random();
     expires(token.data(), "device UUID changed (");
 
-    const auto third = onePage(enumerator, second)->next;
-    expires(second, "can't replay historical FSEvents");
-    ASSERT_TRUE(third);
-    (void)file("d/new");
-    expires(*third, "can't replay historical FSEvents");
+    const auto third = onePage(enumerator, second);
+    ASSERT_TRUE(third->next);
+    LocalFileEnumerator another("fid=1", {url("d")});
+    EXPECT_EQ(onePage(another, second)->names(), third->names()) << "counted to, without a cursor";
+    EXPECT_EQ(onePage(enumerator, second)->names(), third->names()) << "the same page again";
+    scripted.append({.path = url("elsewhere/x").path()});
+    scripted.append({.path = url("d2").path()});
+    EXPECT_THAT(onePage(enumerator, *third->next)->items, SizeIs(50));
+    scripted.append({.path = url("d/deep/new").path()});
+    expires(*third->next, "requires to re-gather from scratch");
+    scripted.expire(scripted.currentEventID());
+    expires(second, "requires to re-gather from scratch");
     enumerator.invalidate();
     EXPECT_THAT(onePage(enumerator, dataFromString(QSFileProviderInitialPageSortedByDate))->items,
                 SizeIs(200));
+    installed.reset();
 }
 
 TEST_F(ListingTest, ContainersShowWhatTheyCover) {

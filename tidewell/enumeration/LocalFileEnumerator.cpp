@@ -1,31 +1,22 @@
 #include "tidewell/enumeration/LocalFileEnumerator.h"
 
 #include <algorithm>
-#include <map>
 
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/fileprovider/URLOperations.h"
 #include "platform/foundation/fatalError.h"
 #include "tidewell/common/LocalFileProviderError.h"
 #include "tidewell/common/Logging.h"
+#include "tidewell/enumeration/LocalChangesObserverContext.h"
+#include "tidewell/fs/ItemFactory.h"
 #include "tidewell/fs/VolumeIdentity.h"
-#include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
-#include "tidewell/items/LocalItem.h"
 
 namespace tidewell {
 
 namespace {
 
-constexpr std::string_view trashName = ".Trash";
-constexpr WalkOptions recursiveOptions = walkSkipsHiddenEntries | walkSkipsPackageDescendants;
-constexpr WalkOptions singleFolderOptions = walkSkipsHiddenEntries | walkDescendsIntoNothing;
-
 /// How many walks wait for their next page at the most; each holds open folders.
 constexpr std::size_t keptCursors = 4;
-
-WalkOptions optionsFor(std::string_view name, WalkOptions inherited) {
-    return name == trashName ? singleFolderOptions : inherited;
-}
 
 std::string pathsText(const std::vector<QSURL>& urls) {
     std::string text;
@@ -33,23 +24,10 @@ std::string pathsText(const std::vector<QSURL>& urls) {
     return "[" + text + "]";
 }
 
-/// Items for entries of a walk. The parent's identifier is looked up once for each folder.
-class ItemFactory {
-  public:
-    [[nodiscard]] std::shared_ptr<LocalItem> makeItem(const QSURL& url) {
-        const auto slash = url.path().rfind('/');
-        const std::string_view folder(url.path().data(), slash);
-        auto known = parents_.find(folder);
-        if (known == parents_.end()) {
-            known = parents_.emplace(folder, itemIdentifier(url.URLByDeletingLastPathComponent()))
-                        .first;
-        }
-        return LocalItem::initWithURL(url, {.parentItemID = known->second});
-    }
-
-  private:
-    std::map<std::string, std::optional<std::string>, std::less<>> parents_;
-};
+std::vector<QSURL> requireURLs(std::vector<QSURL> urls) {
+    if (urls.empty()) fatalError("can't create enumerator for an empty list of URLs");
+    return urls;
+}
 
 }  // namespace
 
@@ -60,25 +38,78 @@ bool isInitialPage(const QSFileProviderPage& page) {
 }
 
 LocalFileEnumerator::LocalFileEnumerator(std::string container, std::vector<QSURL> urls)
-    : container_(std::move(container)), urls_(std::move(urls)) {
-    if (urls_.empty()) fatalError("can't create enumerator for an empty list of URLs");
+    : cover_(std::move(container), requireURLs(std::move(urls))),
+      shouldUpdateFileIDInStrata_(cover_.container() ==
+                                  QSFileProviderWorkingSetContainerItemIdentifier),
+      queue_("tidewell.file-enumerator") {
+    if (shouldUpdateFileIDInStrata_) return;
+    notifier_ = FSChangesNotifier::make(cover_.container(), cover_.urls());
+    if (notifier_) return;
+    logError([&] {
+        return "can't create notifier for " + quoted(enumeratedItemURL().path()) +
+               "; enumeration will have no live update";
+    });
 }
 
-void LocalFileEnumerator::invalidate() {
+LocalFileEnumerator::~LocalFileEnumerator() {
+    if (notifier_) notifier_->stop();
+}
+
+void LocalFileEnumerator::start() {
+    if (notifier_) notifier_->start();
+}
+
+void LocalFileEnumerator::stop() {
+    if (notifier_) notifier_->stop();
+    std::set<std::shared_ptr<FSChangesEnumerator>> running;
+    queue_.sync([&] { running.swap(enumerators_); });
+    for (const auto& enumerator : running) enumerator->stop();
     std::vector<Cursor> dropped;
     const std::scoped_lock lock(mutex_);
     dropped.swap(cursors_);
 }
 
+void LocalFileEnumerator::removeEnumerator(const std::shared_ptr<FSChangesEnumerator>& enumerator) {
+    queue_.sync([&] { enumerators_.erase(enumerator); });
+}
+
 void LocalFileEnumerator::enumerateChangesForObserver(
     std::shared_ptr<QSFileProviderChangeObserver> observer,
-    const QSFileProviderSyncAnchor& /*fromSyncAnchor*/) {
-    observer->finishEnumeratingWithError(syncAnchorExpiredError());
+    const QSFileProviderSyncAnchor& fromSyncAnchor) {
+    const auto token = FSChangeToken::fromData(fromSyncAnchor);
+    if (!token) {
+        logError("can't create change token from anchor data, resetting");
+        observer->finishEnumeratingWithError(syncAnchorExpiredError());
+        return;
+    }
+    const LogSection section([&] {
+        return "enumerate changes for " + container() + " with token " + token->description();
+    });
+    const auto volume = requireVolume();
+    const auto usable =
+        volume ? requireSameVolume(*token, *volume) : Result<void>(std::unexpected(volume.error()));
+    if (!usable) {
+        observer->finishEnumeratingWithError(usable.error());
+        return;
+    }
+    const auto context = std::make_shared<LocalChangesObserverContext>(
+        std::move(observer), shared_from_this(), shouldUpdateFileIDInStrata_);
+    const auto enumerator =
+        std::make_shared<FSChangesEnumerator>(*token, container(), urls(), context);
+    context->setFSChangesEnumerator(enumerator);
+    queue_.sync([&] { enumerators_.insert(enumerator); });
+    enumerator->start();
 }
 
 void LocalFileEnumerator::currentSyncAnchorWithCompletionHandler(
     SyncAnchorHandler completionHandler) {
-    completionHandler(std::nullopt);
+    const auto volume = volumeUUID(enumeratedItemURL());
+    if (!volume) {
+        logError([&] { return "can't get volume UUID for " + quoted(enumeratedItemURL().path()); });
+        return completionHandler(std::nullopt);
+    }
+    const FSChangeToken token{.deviceUUID = *volume, .streamEventID = currentFSEventID()};
+    completionHandler(token.data());
 }
 
 void LocalFileEnumerator::enumerateItemsForObserver(
@@ -94,7 +125,7 @@ void LocalFileEnumerator::enumerateItemsForObserver(
         }
     }
     const LogSection section([&] {
-        return "enumerate items for " + container_ + " with page " +
+        return "enumerate items for " + container() + " with page " +
                (token ? token->description() : std::string(stringFromData(startingAtPage)));
     });
     auto nextPage = gather(*observer, token);
@@ -105,19 +136,60 @@ void LocalFileEnumerator::enumerateItemsForObserver(
     }
 }
 
+Result<QSUUID> LocalFileEnumerator::requireVolume() const {
+    const auto volume = volumeUUID(enumeratedItemURL());
+    if (volume) return *volume;
+    logError([&] { return "can't get volume UUID for " + enumeratedItemURL().path(); });
+    return std::unexpected(makeError(LocalFileProviderError::volumeIdentityUnknown));
+}
+
+Result<void> LocalFileEnumerator::requireSameVolume(const FSChangeToken& token,
+                                                    const QSUUID& volume) const {
+    if (token.deviceUUID == volume) return {};
+    logInfo([&] {
+        return "device UUID changed (" + token.deviceUUID.UUIDString() + " -> " +
+               volume.UUIDString() + ")";
+    });
+    return std::unexpected(syncAnchorExpiredError());
+}
+
+Result<void> LocalFileEnumerator::requireUnchanged(const FSChangeToken& token) const {
+    using Status = FSEventReaderGatherPhaseResumeStatus;
+    switch (FSEventReader::canResumeGatherPhase(urls(), token.streamEventID).first) {
+        case Status::canResume:
+            logDebug([&] {
+                return "safe to resume gather phase from FSEventID " +
+                       std::to_string(token.streamEventID);
+            });
+            return {};
+        case Status::deletionOccurred:
+            logInfo([&] {
+                return "deletion of " + enumeratedItemURL().path() +
+                       " requires to re-gather from scratch";
+            });
+            break;
+        case Status::cantReplayHistoricalFSEvents:
+            logInfo("can't replay historical FSEvents, need to re-start gather phase from scratch");
+            break;
+    }
+    return std::unexpected(syncAnchorExpiredError());
+}
+
 Result<std::optional<QSFileProviderPage>> LocalFileEnumerator::gather(
     QSFileProviderEnumerationObserver& observer, const std::optional<FSChangeToken>& token) {
-    const auto volume = volumeUUID(urls_.front());
-    if (!volume) {
-        logError([&] { return "can't get volume UUID for " + urls_.front().path(); });
-        return std::unexpected(makeError(LocalFileProviderError::volumeIdentityUnknown));
-    }
+    const auto volume = requireVolume();
+    if (!volume) return std::unexpected(volume.error());
     FSChangeToken reached{.deviceUUID = *volume};
     std::unique_ptr<DirectoryWalk> walk;
     if (token) {
-        auto resumed = resumedWalk(*token, *volume);
-        if (!resumed) return std::unexpected(resumed.error());
-        walk = std::move(*resumed);
+        if (auto same = requireSameVolume(*token, *volume); !same) {
+            return std::unexpected(same.error());
+        }
+        logDebug([&] { return "resume gather phase at offset " + std::to_string(token->offset); });
+        if (auto unchanged = requireUnchanged(*token); !unchanged) {
+            return std::unexpected(unchanged.error());
+        }
+        walk = walkFor(*token);
         reached.streamEventID = token->streamEventID;
     } else {
         logDebug("start gather phase");
@@ -128,8 +200,9 @@ Result<std::optional<QSFileProviderPage>> LocalFileEnumerator::gather(
     const std::uint64_t initialOffset = token ? token->offset : 0;
     auto items = nextItems(*walk, initialOffset);
     if (!items) return std::unexpected(items.error());
-    logDebug(
-        [&] { return "discovered " + std::to_string(items->size()) + " items for " + container_; });
+    logDebug([&] {
+        return "discovered " + std::to_string(items->size()) + " items for " + container();
+    });
     observer.didEnumerateItems(std::move(*items));
 
     reached.offset = walk->count();
@@ -141,10 +214,9 @@ Result<std::optional<QSFileProviderPage>> LocalFileEnumerator::gather(
         return std::unexpected(syncAnchorExpiredError());
     }
     if (reached.offset - initialOffset != pageSize) {
-        logDebug([&] { return "gather phase finished for " + pathsText(urls_); });
+        logDebug([&] { return "gather phase finished for " + pathsText(urls()); });
         return std::nullopt;
     }
-    walk->watchVisitedFolders();
     {
         const std::scoped_lock lock(mutex_);
         if (cursors_.size() == keptCursors) cursors_.erase(cursors_.begin());
@@ -153,59 +225,22 @@ Result<std::optional<QSFileProviderPage>> LocalFileEnumerator::gather(
     return reached.data();
 }
 
-Result<std::unique_ptr<DirectoryWalk>> LocalFileEnumerator::resumedWalk(const FSChangeToken& token,
-                                                                        const QSUUID& volume) {
-    if (token.deviceUUID != volume) {
-        logInfo([&] {
-            return "device UUID changed (" + token.deviceUUID.UUIDString() + " -> " +
-                   volume.UUIDString() + ")";
-        });
-        return std::unexpected(syncAnchorExpiredError());
-    }
-    logDebug([&] { return "resume gather phase at offset " + std::to_string(token.offset); });
-    std::unique_ptr<DirectoryWalk> walk;
+std::unique_ptr<DirectoryWalk> LocalFileEnumerator::walkFor(const FSChangeToken& token) {
     {
         const std::scoped_lock lock(mutex_);
         const auto found = std::find_if(cursors_.rbegin(), cursors_.rend(),
                                         [&](const Cursor& kept) { return kept.token == token; });
         if (found != cursors_.rend()) {
-            walk = std::move(found->walk);
+            auto walk = std::move(found->walk);
             cursors_.erase(std::next(found).base());
+            return walk;
         }
     }
-    if (!walk || !walk->visitedFoldersAreUnchanged()) {
-        logInfo("can't replay historical FSEvents, need to re-start gather phase from scratch");
-        return std::unexpected(syncAnchorExpiredError());
-    }
-    logDebug([&] {
-        return "safe to resume gather phase from FSEventID " + std::to_string(token.streamEventID);
-    });
-    return walk;
-}
-
-bool LocalFileEnumerator::showsFoldersOnly() const {
-    return container_ == QSFileProviderAllDirectoriesContainerItemIdentifier;
+    return newWalk();
 }
 
 std::unique_ptr<DirectoryWalk> LocalFileEnumerator::newWalk() const {
-    const bool isWorkingSet = container_ == QSFileProviderWorkingSetContainerItemIdentifier;
-    std::vector<DirectoryWalk::Root> roots;
-    const auto add = [&](const QSURL& url, WalkOptions options) {
-        roots.push_back({url, optionsFor(url.lastPathComponent(), options)});
-    };
-    if (isWorkingSet || showsFoldersOnly()) {
-        for (const auto& url : urls_) {
-            add(url, recursiveOptions);
-            if (isWorkingSet) {
-                add(url.URLByAppendingPathComponent(trashName), singleFolderOptions);
-            }
-        }
-    } else {
-        add(enumeratedItemURL(), singleFolderOptions);
-    }
-    return std::make_unique<DirectoryWalk>(
-        std::move(roots), optionsFor,
-        showsFoldersOnly() ? DirectoryWalk::Emits::directories : DirectoryWalk::Emits::everything);
+    return std::make_unique<DirectoryWalk>(cover_.makeWalk(cover_.walkRoots()));
 }
 
 Result<std::vector<ItemRef>> LocalFileEnumerator::nextItems(DirectoryWalk& walk,
@@ -228,7 +263,8 @@ Result<std::vector<ItemRef>> LocalFileEnumerator::nextItems(DirectoryWalk& walk,
     items.reserve(urls.size());
     for (const auto& url : urls) {
         auto item = factory.makeItem(url);
-        if (item && (!showsFoldersOnly() || item->isFolder())) items.push_back(std::move(item));
+        if (item && (!cover_.showsFoldersOnly() || item->isFolder()))
+            items.push_back(std::move(item));
     }
     return items;
 }

@@ -3,40 +3,50 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "platform/dispatch/Queue.h"
 #include "platform/fileprovider/QSFileProviderEnumerator.h"
+#include "tidewell/fs/ContainerCover.h"
 #include "tidewell/fs/DirectoryWalk.h"
 #include "tidewell/fs/FSChangeToken.h"
+#include "tidewell/fs/FSChangesEnumerator.h"
+#include "tidewell/fs/FSChangesNotifier.h"
 
 namespace tidewell {
 
 using namespace platform;
 
-/// Lists one folder, the working set or all directories, in pages. A page token stays good while
-/// the enumerator has the walk that the page ended and no folder of that walk changed.
-class LocalFileEnumerator final : public QSFileProviderEnumerator {
+/// Lists one folder, the working set or all directories, in pages, and tells what changes there. A
+/// page token stays good while nothing happens in the folders.
+class LocalFileEnumerator final : public QSFileProviderEnumerator,
+                                  public std::enable_shared_from_this<LocalFileEnumerator> {
   public:
     /// Entries in a page.
     static constexpr std::uint64_t pageSize = 200;
 
     /// REQUIRES: `urls` is not empty; the first is the folder that a single-folder listing shows.
     LocalFileEnumerator(std::string container, std::vector<QSURL> urls);
+    ~LocalFileEnumerator() override;
 
     void enumerateItemsForObserver(std::shared_ptr<QSFileProviderEnumerationObserver> observer,
                                    const QSFileProviderPage& startingAtPage) override;
+    /// REQUIRES: the enumerator is owned by a shared_ptr.
     void enumerateChangesForObserver(std::shared_ptr<QSFileProviderChangeObserver> observer,
                                      const QSFileProviderSyncAnchor& fromSyncAnchor) override;
     void currentSyncAnchorWithCompletionHandler(SyncAnchorHandler completionHandler) override;
-    void start() override {}
-    void stop() override { invalidate(); }
-    /// Lets go of the walks that pages could resume.
-    void invalidate() override;
+    void start() override;
+    void stop() override;
+    void invalidate() override { stop(); }
 
-    [[nodiscard]] const std::string& container() const { return container_; }
-    [[nodiscard]] const QSURL& enumeratedItemURL() const { return urls_.front(); }
-    [[nodiscard]] const std::vector<QSURL>& urls() const { return urls_; }
+    /// Forgets a change enumeration that has ended.
+    void removeEnumerator(const std::shared_ptr<FSChangesEnumerator>& enumerator);
+
+    [[nodiscard]] const std::string& container() const { return cover_.container(); }
+    [[nodiscard]] const QSURL& enumeratedItemURL() const { return urls().front(); }
+    [[nodiscard]] const std::vector<QSURL>& urls() const { return cover_.urls(); }
 
   private:
     /// A walk that stands at a page's end.
@@ -47,16 +57,24 @@ class LocalFileEnumerator final : public QSFileProviderEnumerator {
 
     Result<std::optional<QSFileProviderPage>> gather(QSFileProviderEnumerationObserver& observer,
                                                      const std::optional<FSChangeToken>& token);
-    [[nodiscard]] Result<std::unique_ptr<DirectoryWalk>> resumedWalk(const FSChangeToken& token,
-                                                                     const QSUUID& volume);
+    [[nodiscard]] Result<QSUUID> requireVolume() const;
+    Result<void> requireSameVolume(const FSChangeToken& token, const QSUUID& volume) const;
+    Result<void> requireUnchanged(const FSChangeToken& token) const;
+    /// The walk that ended the page of that token, where it was kept, or a new one.
+    [[nodiscard]] std::unique_ptr<DirectoryWalk> walkFor(const FSChangeToken& token);
     [[nodiscard]] std::unique_ptr<DirectoryWalk> newWalk() const;
     [[nodiscard]] Result<std::vector<ItemRef>> nextItems(DirectoryWalk& walk,
                                                          std::uint64_t offset) const;
-    [[nodiscard]] bool showsFoldersOnly() const;
 
     // Constant after construction.
-    std::string container_;
-    std::vector<QSURL> urls_;
+    ContainerCover cover_;
+    std::shared_ptr<FSChangesNotifier> notifier_;  ///< null: no live updates
+    bool shouldUpdateFileIDInStrata_;
+    /// "tidewell.file-enumerator"; its blocks wait for nothing.
+    SerialQueue queue_;
+
+    /// On queue_. Those that ended with an error stay, empty, until the enumerator stops.
+    std::set<std::shared_ptr<FSChangesEnumerator>> enumerators_;
 
     std::mutex mutex_;
     std::vector<Cursor> cursors_;  // guarded by mutex_; the latest last

@@ -29,7 +29,7 @@ std::vector<ItemRef> appLibraryItems() {
 
 LocalRootEnumerator::LocalRootEnumerator(std::string container)
     : container_(std::move(container)),
-      localFileEnumerator_(std::make_unique<LocalFileEnumerator>(container_, treeRoots())) {}
+      localFileEnumerator_(std::make_shared<LocalFileEnumerator>(container_, treeRoots())) {}
 
 void LocalRootEnumerator::enumerateItemsForObserver(
     std::shared_ptr<QSFileProviderEnumerationObserver> observer,

@@ -31,7 +31,7 @@ class LocalRootEnumerator final : public QSFileProviderEnumerator {
   private:
     // Constant after construction.
     std::string container_;
-    std::unique_ptr<LocalFileEnumerator> localFileEnumerator_;
+    std::shared_ptr<LocalFileEnumerator> localFileEnumerator_;
 };
 
 }  // namespace tidewell

@@ -5,6 +5,7 @@
 #include "platform/fileprovider/Platform.h"
 #include "platform/foundation/fatalError.h"
 #include "tidewell/common/Logging.h"
+#include "tidewell/fs/ContainerCover.h"
 
 namespace tidewell {
 
@@ -21,21 +22,12 @@ void logCannotOpen(const QSURL& url, const QSError& error) {
     }
 }
 
-bool isPackageName(std::string_view name) {
-    const auto& types = Platform::current().types();
-    return types.conforms(types.typeOfDirectory(name), packageTypeIdentifier);
-}
-
 }  // namespace
 
 DirectoryWalk::DirectoryWalk(std::vector<Root> roots, ChildFilter childFilter, Emits emits)
-    : roots_(std::move(roots)),
-      childFilter_(childFilter),
-      emits_(emits),
-      visited_(Platform::current().files()) {}
+    : roots_(std::move(roots)), childFilter_(childFilter), emits_(emits) {}
 
 void DirectoryWalk::enter(std::shared_ptr<Folder> folder, WalkOptions options) {
-    visited_.add(*folder);
     levels_.push_back({std::move(folder), options});
 }
 
@@ -108,7 +100,7 @@ Result<std::uint64_t> DirectoryWalk::walk(std::uint64_t skipOffset, std::uint64_
             continue;
         }
         const auto& name = (*entry)->name;
-        if ((level.options & walkSkipsHiddenEntries) != 0 && name.starts_with('.')) continue;
+        if ((level.options & walkSkipsHiddenEntries) != 0 && isHiddenName(name)) continue;
         if (count_ >= skipOffset && count_ - skipOffset >= pageSize) {
             level.folder->unread();
             return count_;

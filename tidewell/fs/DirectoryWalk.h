@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "platform/files/Folder.h"
-#include "platform/files/VisitedFolders.h"
 
 namespace tidewell {
 
@@ -55,10 +54,6 @@ class DirectoryWalk {
     /// The count reached so far.
     [[nodiscard]] std::uint64_t count() const { return count_; }
 
-    /// Keeps an eye on the folders that the walk was in, see VisitedFolders.
-    void watchVisitedFolders() { visited_.arm(); }
-    [[nodiscard]] bool visitedFoldersAreUnchanged() { return visited_.isUnchanged(); }
-
   private:
     struct Level {
         std::shared_ptr<Folder> folder;
@@ -80,7 +75,6 @@ class DirectoryWalk {
     std::size_t nextRoot_ = 0;
     std::vector<Level> levels_;
     std::uint64_t count_ = 0;
-    VisitedFolders visited_;
 };
 
 }  // namespace tidewell

@@ -12,7 +12,7 @@ std::optional<QSUUID> volumeUUID(const QSURL& url) {
 }
 
 std::uint64_t currentFSEventID() {
-    return Platform::current().volume().currentEventID();
+    return Platform::current().events().history->currentEventID();
 }
 
 }  // namespace tidewell

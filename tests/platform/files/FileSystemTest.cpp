@@ -13,7 +13,6 @@
 
 #include "platform/files/ExtendedAttributes.h"
 #include "platform/files/Folder.h"
-#include "platform/files/VisitedFolders.h"
 #include "tests/support/ScratchFolder.h"
 
 namespace platform {
@@ -197,32 +196,6 @@ TEST_F(FileSystemTest, MakesFoldersBeneathTheRootOnly) {
     std::filesystem::create_directory_symlink(scratch.path(), storage / "out");
     EXPECT_FALSE(files->makeFolder(url("out/new")));
     EXPECT_FALSE(std::filesystem::exists(scratch / "new"));
-}
-
-TEST_F(FileSystemTest, VisitedFoldersNoticeWhatMovesAChangeTime) {
-    const std::vector<std::pair<const char*, std::function<void()>>> cases = {
-        {"nothing", [] {}},
-        {"content of a child", [&] { scratch.makeFile("elsewhere/Dokumente/v/old", "longer"); }},
-        {"attributes of a child", [&] { chmod((storage / "v/old").c_str(), 0600); }},
-        {"new child", [&] { scratch.makeFile("elsewhere/Dokumente/v/new"); }},
-        {"renamed child", [&] { std::filesystem::rename(storage / "v/old", storage / "v/z"); }},
-        {"own mode", [&] { chmod((storage / "v").c_str(), 0750); }},
-        {"moved away", [&] { std::filesystem::rename(storage / "v", storage / "w"); }},
-    };
-    for (const bool armsEarly : {false, true}) {
-        for (std::size_t i = 0; i < cases.size(); ++i) {
-            std::filesystem::remove_all(storage / "v");
-            std::filesystem::remove_all(storage / "w");
-            scratch.makeFile("elsewhere/Dokumente/v/old");
-            VisitedFolders visited(*files);
-            if (armsEarly) visited.arm();
-            visited.add(*files->openFolder(url("v")).value());
-            visited.arm();
-            EXPECT_TRUE(visited.isUnchanged());
-            cases[i].second();
-            EXPECT_EQ(visited.isUnchanged(), i <= 2) << cases[i].first << ", early: " << armsEarly;
-        }
-    }
 }
 
 }  // namespace

@@ -1,0 +1,101 @@
+#include "cli/changes.h"
+
+#include <fmt/format.h>
+
+#include <iterator>
+
+#include "cli/Interruption.h"
+#include "cli/format.h"
+#include "cli/text.h"
+
+namespace cli {
+
+using platform::Result;
+
+namespace {
+
+void appendPage(Output& output, const host::ChangePage& page, bool json) {
+    auto& out = output.text();
+    for (const auto& item : page.updates) {
+        json ? appendJsonUpdate(out, item) : appendUpdate(out, item, output.style());
+    }
+    for (const auto& identifier : page.deletions) {
+        if (!json) {
+            appendDeletion(out, identifier, output.style());
+            continue;
+        }
+        out += "{\"delete\":";
+        appendJsonString(out, identifier);
+        out += "}\n";
+    }
+}
+
+void appendAnchor(Output& output, const host::Anchor& anchor, bool moreComing, bool json) {
+    const auto out = std::back_inserter(output.text());
+    if (json) {
+        fmt::format_to(out, "{{\"anchor\":\"{}\",\"moreComing\":{}}}\n", base64(anchor),
+                       moreComing);
+    } else {
+        fmt::format_to(out, "anchor: {}{}\n", base64(anchor), moreComing ? " (more to come)" : "");
+    }
+}
+
+Result<host::Anchor> startingAnchor(const Arguments& arguments,
+                                    const host::DocumentService& service,
+                                    const std::string& container) {
+    if (arguments.since) return *arguments.since;
+    return service.anchor(container);
+}
+
+}  // namespace
+
+Result<ExitCode> printChanges(const Arguments& arguments, const host::DocumentService& service,
+                              Output& output, const std::string& container) {
+    // Before the wait, which finds what happened while nobody looked.
+    const auto since = startingAnchor(arguments, service, container);
+    if (!since) return std::unexpected(since.error());
+    const auto settled = service.settle();
+    if (!settled) return std::unexpected(settled.error());
+    bool moreComing = false;
+    const auto reached = service.changes(container, *since, [&](const host::ChangePage& page) {
+        moreComing = page.moreComing;
+        appendPage(output, page, arguments.json);
+        return output.pace() && !arguments.onePage;
+    });
+    if (!reached) return std::unexpected(reached.error());
+    appendAnchor(output, *reached, moreComing, arguments.json);
+    return ExitCode::Done;
+}
+
+Result<ExitCode> watchChanges(const Arguments& arguments, host::DocumentService& service,
+                              Output& output, Progress& progress, const std::string& container) {
+    const auto settled = service.settle();
+    if (!settled) return std::unexpected(settled.error());
+    progress.end();
+    const Interruption interruption;
+    const auto following = service.follow(container);
+    if (!following) return std::unexpected(following.error());
+    auto reached = startingAnchor(arguments, service, container);
+    bool isWorthTelling = true;  // the first anchor says that the watch has begun
+    while (reached) {
+        bool moreComing = false;
+        reached = service.changes(container, *reached, [&](const host::ChangePage& page) {
+            moreComing = page.moreComing;
+            isWorthTelling = isWorthTelling || !page.updates.empty() || !page.deletions.empty();
+            appendPage(output, page, arguments.json);
+            return output.flush() && !interruption.hasCome();
+        });
+        if (!reached) break;
+        if (arguments.json && isWorthTelling) appendAnchor(output, *reached, moreComing, true);
+        isWorthTelling = false;
+        if (!output.flush()) return ExitCode::Done;
+        do {
+            if (!interruption.waitFor((*following)->descriptor(), output.descriptor())) {
+                return ExitCode::Done;
+            }
+        } while (!(*following)->wait(std::chrono::milliseconds(0)));
+    }
+    return std::unexpected(reached.error());
+}
+
+}  // namespace cli

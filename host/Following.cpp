@@ -1,0 +1,89 @@
+#include "host/Following.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <utility>
+
+#include "host/ExtensionSession.h"
+#include "platform/fileprovider/QSFileProviderItem.h"
+
+namespace host {
+
+using platform::Result;
+using News = SignalBoard::News;
+
+namespace {
+
+/// Blocks until the descriptor is readable, up to the point of time.
+void awaitReadable(int descriptor, std::chrono::steady_clock::time_point end) {
+    using std::chrono::milliseconds;
+    pollfd polled{.fd = descriptor, .events = POLLIN, .revents = 0};
+    for (int count = -1; count < 0;) {
+        const auto rest =
+            std::chrono::ceil<milliseconds>(end - std::chrono::steady_clock::now()).count();
+        count = poll(&polled, 1, static_cast<int>(std::max<milliseconds::rep>(rest, 0)));
+        if (count < 0 && errno != EINTR) return;
+    }
+}
+
+}  // namespace
+
+Following::Following(ExtensionSession& session, std::shared_ptr<SignalBoard> board,
+                     std::string container, std::shared_ptr<void> everywhere)
+    : session_(session),
+      container_(std::move(container)),
+      board_(std::move(board)),
+      everywhere_(std::move(everywhere)),
+      inbox_(*board_, container_) {}
+
+Result<std::unique_ptr<Following>> Following::begin(ExtensionSession& session,
+                                                    std::shared_ptr<SignalBoard> board,
+                                                    const std::string& container,
+                                                    std::shared_ptr<void> everywhere) {
+    std::unique_ptr<Following> following(
+        new Following(session, std::move(board), container, std::move(everywhere)));
+    if (following->descriptor() < 0) return std::unexpected(platform::errorFromErrno(errno));
+    if (auto started = following->startWatch(); !started) return std::unexpected(started.error());
+    return following;
+}
+
+/// Reads the place first: where the folder moves in between, it is found to have moved.
+Result<void> Following::startWatch() {
+    if (container_ == platform::QSFileProviderWorkingSetContainerItemIdentifier ||
+        container_ == platform::QSFileProviderAllDirectoriesContainerItemIdentifier) {
+        return {};
+    }
+    auto place = session_.pathForIdentifier(container_);
+    auto watch = session_.startWatch(container_);
+    if (!watch) return std::unexpected(std::move(watch.error()));
+    place_ = place ? std::optional(std::move(*place)) : std::nullopt;
+    watch_ = std::move(*watch);
+    return {};
+}
+
+bool Following::hasMoved() {
+    if (!watch_) return false;
+    const auto place = session_.pathForIdentifier(container_);
+    if (!place || *place == place_) return false;
+    return startWatch().has_value();
+}
+
+bool Following::wait(std::chrono::milliseconds deadline) {
+    const auto end =
+        std::chrono::steady_clock::now() + std::min(deadline, std::chrono::milliseconds(INT_MAX));
+    for (;;) {
+        const auto news = inbox_.take();
+        if (news != News::None) {
+            const bool moved = hasMoved();
+            if (moved || news == News::Signalled) return true;
+        } else if (std::chrono::steady_clock::now() >= end) {
+            return false;
+        }
+        awaitReadable(inbox_.descriptor(), end);
+    }
+}
+
+}  // namespace host

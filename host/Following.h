@@ -1,0 +1,55 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "host/SignalBoard.h"
+#include "platform/foundation/QSError.h"
+
+namespace host {
+
+class ExtensionSession;
+
+/// One who follows a container: the extension watches it until the handle goes. What it is told is
+/// only that something may have happened; the changes since the last anchor say what.
+///
+/// The extension watches a folder at the place where it was. So a folder that was moved, or that is
+/// below one that was, is watched anew at its new place and counts as signalled.
+///
+/// One thread at a time; must not outlive its service.
+class Following {
+  public:
+    /// `everywhere` keeps all directories watched, which tells of folders that move. All must
+    /// outlive the following, or are kept by it.
+    [[nodiscard]] static platform::Result<std::unique_ptr<Following>> begin(
+        ExtensionSession& session, std::shared_ptr<SignalBoard> board, const std::string& container,
+        std::shared_ptr<void> everywhere);
+
+    /// Blocks until the container has been signalled since the last call (the first time: since the
+    /// beginning), up to the deadline. False where it has not.
+    [[nodiscard]] bool wait(std::chrono::milliseconds deadline);
+
+    /// For poll: readable when wait() has something to look at, be it that it then answers false.
+    [[nodiscard]] int descriptor() const { return inbox_.descriptor(); }
+
+  private:
+    Following(ExtensionSession& session, std::shared_ptr<SignalBoard> board, std::string container,
+              std::shared_ptr<void> everywhere);
+    [[nodiscard]] platform::Result<void> startWatch();
+    [[nodiscard]] bool hasMoved();
+
+    // Constant after construction.
+    ExtensionSession& session_;
+    std::string container_;
+    std::shared_ptr<SignalBoard> board_;
+    std::shared_ptr<void> everywhere_;
+
+    SignalBoard::Inbox inbox_;  // its own synchronisation
+    // Used by the one thread.
+    std::optional<std::string> place_;  // native path; none for what is no folder
+    std::shared_ptr<void> watch_;       // none where everywhere_ does
+};
+
+}  // namespace host

@@ -1,0 +1,50 @@
+#include "host/Health.h"
+
+#include <utility>
+
+#include "platform/fileprovider/Platform.h"
+
+namespace host {
+
+namespace {
+
+Health healthOfPlatform() {
+    auto now = platform::Platform::current().volume().statistics();
+    return {.storageTrouble = std::move(now.storageTrouble),
+            .roots = std::move(now.roots),
+            .storePath = std::move(now.storePath),
+            .storeTrouble = std::move(now.lastTrouble),
+            .objects = now.objects,
+            .indexBytes = now.indexBytes,
+            .identityIsWeak = now.identityIsWeak,
+            .isFollowing = now.isFollowing,
+            .watches = now.watches,
+            .watchLimit = now.watchLimit > 0 ? std::optional(now.watchLimit) : std::nullopt,
+            .degradedFolderCount = now.degradedFolderCount,
+            .degradedFolders = std::move(now.degradedFolders),
+            .lastGap = std::move(now.lastGap),
+            .oldestEventID = now.oldestEventID,
+            .currentEventID = now.currentEventID,
+            .eventCount = now.eventCount};
+}
+
+}  // namespace
+
+std::vector<std::string> Health::problems() const {
+    std::vector<std::string> found;
+    if (storageTrouble) found.push_back("the storage cannot be read: " + *storageTrouble);
+    if (storeTrouble) found.push_back("identities or history were lost: " + *storeTrouble);
+    if (degradedFolderCount > 0) {
+        const auto noun = degradedFolderCount == 1 ? " folder is" : " folders are";
+        found.push_back(std::to_string(degradedFolderCount) + noun +
+                        " not watched, so changes there are found late");
+    }
+    return found;
+}
+
+VolumeAccess VolumeAccess::ofPlatform() {
+    return {[] { return platform::Platform::current().volume().waitUntilSettled(); },
+            healthOfPlatform};
+}
+
+}  // namespace host

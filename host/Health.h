@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/foundation/QSError.h"
+
+namespace host {
+
+/// How the system is: a plain value. Paths are native.
+struct Health {
+    std::optional<std::string> storageTrouble;  ///< why the storage cannot be read now
+    std::vector<std::string> roots;
+    std::string storePath;
+    std::optional<std::string> storeTrouble;  ///< why the store was rebuilt by this process
+    std::uint64_t objects = 0;
+    std::uint64_t indexBytes = 0;
+    bool identityIsWeak = false;  ///< the file system can give an object's number to another one
+    bool isFollowing = false;     ///< changes are watched
+    std::uint64_t watches = 0;
+    std::optional<std::uint64_t> watchLimit;
+    std::uint64_t degradedFolderCount = 0;     ///< folders that should be watched and are not
+    std::vector<std::string> degradedFolders;  ///< some of them
+    std::optional<std::string> lastGap;        ///< why changes were missed last
+    std::uint64_t oldestEventID = 0;           ///< anchors from before it have expired
+    std::uint64_t currentEventID = 0;
+    std::uint64_t eventCount = 0;
+
+    /// What is wrong, in plain words; empty where all is well. A gap in the past is not wrong
+    /// (those whom it concerns have been told), nor is a weak identity.
+    [[nodiscard]] std::vector<std::string> problems() const;
+};
+
+/// What the service asks of the volume besides its items. Any thread.
+struct VolumeAccess {
+    /// Blocks until everything that happened before the call is in the history.
+    std::function<platform::Result<void>()> waitUntilSettled;
+    std::function<Health()> health;
+
+    /// That of the installed platform.
+    [[nodiscard]] static VolumeAccess ofPlatform();
+};
+
+}  // namespace host

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/QSURL.h"
+#include "tidewell/fs/DirectoryWalk.h"
+#include "tidewell/items/LocalItem.h"
+
+namespace tidewell {
+
+/// Why a container shows an object at a place, or does not.
+enum class Cover : std::uint8_t {
+    Shown,
+    Outside,    ///< not in a folder that the container covers
+    Root,       ///< a root of the container itself
+    Hidden,     ///< its name, or that of a folder it is in, begins with "."
+    InPackage,  ///< in a folder that people see as one file
+    Trashed,    ///< shown by listing the trash, and gone as far as changes go
+    NotAFolder  ///< in a container of folders only
+};
+
+/// What a container shows: asked by its listing and by its changes. A value; any thread.
+class ContainerCover {
+  public:
+    /// REQUIRES: `urls`, the container's roots, is not empty; a container that is a single folder
+    /// shows the first.
+    ContainerCover(std::string container, std::vector<QSURL> urls);
+
+    [[nodiscard]] const std::string& container() const { return container_; }
+    [[nodiscard]] const std::vector<QSURL>& urls() const { return urls_; }
+
+    struct Place {
+        Cover cover = Cover::Outside;
+        /// The outermost package that the place is in, where that stands at a place that is shown.
+        std::optional<QSURL> package = {};
+    };
+    /// What the path alone tells of a place, whether or not anything stands there.
+    [[nodiscard]] Place placeOf(const QSURL& url) const;
+    /// The same, and what the object that stands there tells.
+    [[nodiscard]] Cover coverOf(const LocalItem& item) const;
+
+    [[nodiscard]] bool isRecursive() const { return isWorkingSet_ || showsFoldersOnly_; }
+    [[nodiscard]] bool showsFoldersOnly() const { return showsFoldersOnly_; }
+
+    /// The walk that lists the container.
+    [[nodiscard]] std::vector<DirectoryWalk::Root> walkRoots() const;
+    [[nodiscard]] DirectoryWalk makeWalk(std::vector<DirectoryWalk::Root> roots) const;
+    /// The options for walking one folder that is shown.
+    [[nodiscard]] WalkOptions walkOptions() const;
+
+  private:
+    // Constant after construction.
+    std::string container_;
+    std::vector<QSURL> urls_;
+    bool isWorkingSet_;
+    bool showsFoldersOnly_;
+};
+
+[[nodiscard]] inline bool isHiddenName(std::string_view name) {
+    return name.starts_with('.');
+}
+/// Whether a folder of that name is a package.
+[[nodiscard]] bool isPackageName(std::string_view name);
+
+}  // namespace tidewell

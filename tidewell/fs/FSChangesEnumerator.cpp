@@ -1,0 +1,364 @@
+#include "tidewell/fs/FSChangesEnumerator.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "platform/fileprovider/Platform.h"
+#include "platform/fileprovider/QSFileProviderError.h"
+#include "platform/foundation/fatalError.h"
+#include "tidewell/common/Logging.h"
+#include "tidewell/fs/ItemFactory.h"
+#include "tidewell/fs/VolumeIdentity.h"
+#include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
+
+namespace tidewell {
+
+namespace {
+
+constexpr auto everything = std::numeric_limits<std::uint64_t>::max();
+
+/// Counts beyond this come from nobody's running count, and could overflow.
+constexpr auto largestOffset = everything / 2;
+
+FSChangeToken withUsableOffset(FSChangeToken token) {
+    if (token.offset > largestOffset) token.offset = 0;
+    return token;
+}
+
+std::vector<QSURL> notEmpty(std::vector<QSURL> urls) {
+    if (urls.empty()) fatalError("require at least one URL to init a change enumerator");
+    return urls;
+}
+
+/// The identifier of the event's object; none where it never had one.
+std::optional<std::string> identifierKeptBy(const QSURL& url) {
+    if (url.cachedResourceValue(QSResourceKey::IsDirectory).index() == 0) return std::nullopt;
+    return itemIdentifier(url);
+}
+
+std::vector<QSURL> placesOf(const FSEvent& event) {
+    const auto& volume = Platform::current().volume();
+    return event.identifierKind == IdentifierKind::Document
+               ? volume.placesOfDocumentID(event.documentID)
+               : volume.placesOfFileID(event.fileID);
+}
+
+/// Whether the item's object has that file ID, whatever its identifier is made of.
+bool hasFileID(const LocalItem& item, std::uint64_t fileID) {
+    if (fileID == 0) return false;
+    if (item.docID()) {
+        const auto number = static_cast<std::uint32_t>(*item.docID());
+        return Platform::current().volume().fileIDForDocumentID(number) == fileID;
+    }
+    return item.itemIdentifier() == "fid=" + std::to_string(fileID);
+}
+
+}  // namespace
+
+FSChangesEnumerator::FSChangesEnumerator(const FSChangeToken& token, std::string container,
+                                         std::vector<QSURL> urls,
+                                         std::shared_ptr<QSFileProviderChangeObserver> observer)
+    : queue_("tidewell.changes-enumerator"),
+      cover_(std::move(container), notEmpty(std::move(urls))),
+      sinceFSEventID_(token.streamEventID),
+      currentToken_(withUsableOffset(token)),
+      numberOfChanges_(currentToken_.offset),
+      startupFSEventID_(currentFSEventID()),
+      observer_(std::move(observer)) {
+    // What happened while nobody watched comes behind the present ID and belongs to the answer.
+    if (!Platform::current().events().history->isCaughtUp()) startupFSEventID_ = everything;
+    const auto makeReader = [&](FSEventReader::Mode mode) {
+        return std::make_shared<FSEventReader>(cover_.urls(), sinceFSEventID_, mode, true);
+    };
+    docIDBased_.reader = makeReader(FSEventReader::Mode::docIDBased);
+    pathBased_.reader = makeReader(FSEventReader::Mode::pathBased);
+}
+
+void FSChangesEnumerator::start() {
+    startFeed(docIDBased_);
+    startFeed(pathBased_);
+}
+
+void FSChangesEnumerator::startFeed(Feed& feed) {
+    const auto passed = [weak = weak_from_this(), &feed] {
+        const auto self = weak.lock();
+        if (!self) return;
+        const auto position = feed.reader->position();
+        self->queue_.sync([&] { self->feedPassed(feed, position); });
+    };
+    const auto needsItem = [cover = cover_](const QSURL& url) {
+        return cover.placeOf(url).cover == Cover::Shown;
+    };
+    feed.reader->setHints({.needsItem = needsItem, .passed = passed});
+    feed.reader->setDelegate(weak_from_this());
+    feed.reader->start();
+}
+
+void FSChangesEnumerator::stop() {
+    queue_.async([self = shared_from_this()] {
+        if (self->isFinished()) return;
+        self->finishExpired();
+    });
+}
+
+FSChangesEnumerator::Feed& FSChangesEnumerator::feedOf(const FSEventReader& reader) {
+    return &reader == pathBased_.reader.get() ? pathBased_ : docIDBased_;
+}
+
+void FSChangesEnumerator::itemChanged(FSEventReader& reader, const QSURL& url,
+                                      std::shared_ptr<LocalItem> item) {
+    queue_.sync([&] {
+        queue_.assertOnQueue();
+        const auto& event = reader.currentEvent();
+        if (isFinished() || event.id > startupFSEventID_) return;
+        collect(event, url, item);
+        feedPassed(feedOf(reader), event.id);
+    });
+}
+
+void FSChangesEnumerator::historyDone(FSEventReader& reader) {
+    queue_.sync([&] {
+        auto& feed = feedOf(reader);
+        if (isFinished() || feed.hasCaughtUp) return;
+        feed.hasCaughtUp = true;
+        ++numberOfReaderCaughtUp_;
+        startupFSEventID_ = std::min(startupFSEventID_, reader.currentEvent().id);
+        if (&feed == &pathBased_) pathBasedReaderState_ = {startupFSEventID_, numberOfChanges_};
+        feedPassed(feed, everything);
+    });
+}
+
+void FSChangesEnumerator::eventsLost(FSEventReader& /*reader*/) {
+    queue_.sync([&] {
+        if (isFinished()) return;
+        logInfo("fetching changes did finish after reset");
+        finishExpired();
+    });
+}
+
+void FSChangesEnumerator::ignore(const QSURL& url, Cover cover) const {
+    logDebug([&] {
+        const auto reason = cover == Cover::Root ? std::string("; app library are not indexed")
+                            : cover == Cover::NotAFolder
+                                ? std::string("; item is not a directory")
+                                : "; item is not a directory of " + container();
+        return "ignore update of " + url.description() + reason;
+    });
+}
+
+void FSChangesEnumerator::collect(const FSEvent& event, const QSURL& url,
+                                  const std::shared_ptr<LocalItem>& item) {
+    const auto place = cover_.placeOf(url);
+    if (place.cover == Cover::Root || place.cover == Cover::Outside) {
+        return ignore(url, place.cover);
+    }
+    if (place.package) {
+        collectPackage(event.id, *place.package);
+        // What is in a package of the folder was never in the folder itself.
+        if (!cover_.isRecursive()) return;
+    }
+    const auto identifier = identifierKeptBy(url);
+    if (item && (!identifier || item->itemIdentifier() == *identifier)) {
+        const auto cover = cover_.coverOf(*item);
+        if (cover == Cover::Shown) {
+            if ((event.flags & fsEventMustScanSubDirs) != 0 && item->isFolder()) {
+                scan(event.id, url);
+            }
+            return add(event.id, item->itemIdentifier(), item);
+        }
+        if (cover == Cover::NotAFolder) return ignore(url, cover);
+    }
+    if (!identifier) return ignore(url, place.cover);
+    if (cover_.showsFoldersOnly() && event.identifierKind == IdentifierKind::Document) {
+        return ignore(url, Cover::NotAFolder);
+    }
+    collectElsewhere(event, url, *identifier);
+}
+
+/// The object is not at the URL, or not shown there.
+void FSChangesEnumerator::collectElsewhere(const FSEvent& event, const QSURL& url,
+                                           const std::string& identifier) {
+    bool indexIsBehind = false;
+    for (const auto& known : placesOf(event)) {
+        if (cover_.placeOf(known).cover != Cover::Shown) continue;
+        const auto place = QSURL::fileURLWithPath(known.path());
+        if (!Platform::current().files().attributes(place)) {
+            indexIsBehind = true;
+            continue;
+        }
+        const auto item = LocalItem::initWithURL(place);
+        if (!item) continue;
+        if (item->itemIdentifier() == identifier) {
+            if (cover_.coverOf(*item) == Cover::Shown) return add(event.id, identifier, item);
+        } else if (!hasFileID(*item, event.fileID)) {
+            indexIsBehind = true;
+        }
+    }
+    if (indexIsBehind) {
+        logDebug([&] { return "ignore update of " + url.description() + "; it is on the move"; });
+        return;
+    }
+    add(event.id, identifier, nullptr);
+}
+
+void FSChangesEnumerator::collectPackage(std::uint64_t eventID, const QSURL& url) {
+    if (!packages_.insert(url.path()).second) return;
+    const auto item = LocalItem::initWithURL(QSURL::fileURLWithPath(url.path()));
+    if (item && cover_.coverOf(*item) == Cover::Shown) {
+        add(eventID, item->itemIdentifier(), item);
+    }
+}
+
+/// Everything below a folder is an update. What does not fit a page fails there.
+void FSChangesEnumerator::scan(std::uint64_t eventID, const QSURL& folder) {
+    if (!cover_.isRecursive()) return;
+    logDebug([&] { return "scanning folder " + folder.path(); });
+    auto walk = cover_.makeWalk({{QSURL::fileURLWithPath(folder.path()), cover_.walkOptions()}});
+    ItemFactory factory;
+    const auto walked = walk.walk(0, pageSize + 1, [&](const QSURL& url) -> Result<void> {
+        auto item = factory.makeItem(url);
+        if (item && cover_.coverOf(*item) == Cover::Shown) {
+            add(eventID, item->itemIdentifier(), std::move(item));
+        }
+        return {};
+    });
+    if (!walked || *walked > pageSize) finishExpired();
+}
+
+void FSChangesEnumerator::add(std::uint64_t eventID, std::string identifier, ItemRef item) {
+    if (isFinished()) return;
+    auto position = Position(eventID, nextChange_++);
+    const auto known = positions_.find(identifier);
+    if (known != positions_.end()) {
+        position = std::min(position, known->second);
+        changes_.erase(known->second);
+    }
+    positions_[identifier] = position;
+    changes_[position] = {std::move(identifier), std::move(item)};
+}
+
+void FSChangesEnumerator::feedPassed(Feed& feed, std::uint64_t eventID) {
+    if (isFinished()) return;
+    feed.passed = std::max(feed.passed, eventID);
+    if (!feed.hasEnough && !feed.hasCaughtUp && countUpTo(feed.passed) >= pageSize) {
+        feed.hasEnough = true;
+        feed.reader->stop();
+    }
+    deliverWhatIsReady();
+}
+
+std::uint64_t FSChangesEnumerator::countUpTo(std::uint64_t eventID) const {
+    if (changes_.size() < pageSize) return changes_.size();
+    return static_cast<std::uint64_t>(
+        std::distance(changes_.begin(), changes_.upper_bound({eventID, everything})));
+}
+
+void FSChangesEnumerator::deliverWhatIsReady() {
+    const auto passedByBoth = std::min({docIDBased_.passed, pathBased_.passed, startupFSEventID_});
+    if (countUpTo(passedByBoth) >= pageSize) {
+        finishPage();
+    } else if (numberOfReaderCaughtUp_ == 2) {
+        finishCaughtUp();
+    }
+}
+
+bool FSChangesEnumerator::pageIsFull() const {
+    if (numberOfChanges_ < currentToken_.offset) return false;
+    const auto collected = numberOfChanges_ - currentToken_.offset;
+    if (collected > pageSize) {
+        logError([&] {
+            return "invalid number of changes (" + std::to_string(numberOfChanges_) + " - " +
+                   std::to_string(currentToken_.offset) + ") shouldn't be greater than " +
+                   std::to_string(pageSize) + ")";
+        });
+    }
+    return collected > pageSize - 1;
+}
+
+/// Takes whole events, so that the page ends with one.
+void FSChangesEnumerator::finishPage() {
+    std::vector<Change> page;
+    std::uint64_t lastEventID = 0;
+    for (auto next = changes_.begin(); next != changes_.end() && !pageIsFull();) {
+        const auto eventID = next->first.first;
+        const auto end = changes_.upper_bound({eventID, everything});
+        const auto size = static_cast<std::uint64_t>(std::distance(next, end));
+        if (numberOfChanges_ - currentToken_.offset + size > pageSize) break;
+        for (; next != end; ++next) page.push_back(std::move(next->second));
+        numberOfChanges_ += size;
+        lastEventID = eventID;
+    }
+    if (page.empty()) {
+        logInfo("one event has more changes than a page, need to restart from scratch");
+        return finishExpired();
+    }
+    pathBasedReaderState_ = {lastEventID, numberOfChanges_};
+    currentToken_.streamEventID = pathBasedReaderState_->eventID;
+    currentToken_.offset = pathBasedReaderState_->offset;
+    forward(std::move(page));
+    finish([&](QSFileProviderChangeObserver& observer) {
+        observer.finishEnumeratingChangesUpToSyncAnchor(currentToken_.data(), true);
+    });
+}
+
+void FSChangesEnumerator::finishCaughtUp() {
+    if (!pathBasedReaderState_) logError("path based reader bookmark is missing");
+    std::vector<Change> page;
+    const auto end = changes_.upper_bound({startupFSEventID_, everything});
+    for (auto next = changes_.begin(); next != end; ++next) {
+        page.push_back(std::move(next->second));
+        ++numberOfChanges_;
+    }
+    currentToken_.streamEventID = startupFSEventID_;
+    currentToken_.offset = numberOfChanges_;
+    logDebug([&] {
+        return "fetching changes did catch up (eventID:" +
+               std::to_string(currentToken_.streamEventID) + ")";
+    });
+    forward(std::move(page));
+    finish([&](QSFileProviderChangeObserver& observer) {
+        observer.finishEnumeratingChangesUpToSyncAnchor(currentToken_.data(), false);
+    });
+}
+
+void FSChangesEnumerator::forward(std::vector<Change> changes) {
+    std::vector<ItemRef> updates;
+    std::vector<QSFileProviderItemIdentifier> deletions;
+    for (auto& change : changes) {
+        if (change.item) {
+            updates.push_back(std::move(change.item));
+        } else {
+            deletions.push_back(std::move(change.identifier));
+        }
+    }
+    logDebug([&] { return "forward update of " + std::to_string(updates.size()) + " items"; });
+    if (!updates.empty()) observer_->didUpdateItems(std::move(updates));
+    logDebug([&] { return "forward deletion of " + std::to_string(deletions.size()) + " items"; });
+    if (!deletions.empty()) observer_->didDeleteItemsWithIdentifiers(std::move(deletions));
+}
+
+void FSChangesEnumerator::finish(
+    const std::function<void(QSFileProviderChangeObserver&)>& lastCall) {
+    stopReaders();
+    changes_.clear();
+    positions_.clear();
+    packages_.clear();
+    const auto observer = std::move(observer_);
+    observer_ = nullptr;
+    lastCall(*observer);
+}
+
+void FSChangesEnumerator::finishExpired() {
+    finish([](QSFileProviderChangeObserver& observer) {
+        observer.finishEnumeratingWithError(syncAnchorExpiredError());
+    });
+}
+
+void FSChangesEnumerator::stopReaders() {
+    for (auto* feed : {&docIDBased_, &pathBased_}) {
+        feed->reader->stop();
+        feed->reader->setDelegate({});
+    }
+}
+
+}  // namespace tidewell

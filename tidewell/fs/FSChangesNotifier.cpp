@@ -1,0 +1,88 @@
+#include "tidewell/fs/FSChangesNotifier.h"
+
+#include <chrono>
+#include <future>
+
+#include "platform/fileprovider/QSFileProviderManager.h"
+#include "platform/foundation/fatalError.h"
+#include "tidewell/common/Logging.h"
+#include "tidewell/fs/VolumeIdentity.h"
+
+namespace tidewell {
+
+namespace {
+
+constexpr auto longestWait = std::chrono::seconds(3);
+
+}  // namespace
+
+std::shared_ptr<FSChangesNotifier> FSChangesNotifier::make(std::string container,
+                                                           std::vector<QSURL> urls) {
+    if (urls.empty()) fatalError("require at least one URL to init a change notifier");
+    const auto volume = volumeUUID(urls.front());
+    if (!volume) {
+        logError([&] { return "can't get volume UUID for " + quoted(urls.front().path()); });
+        return nullptr;
+    }
+    return std::shared_ptr<FSChangesNotifier>(
+        new FSChangesNotifier(std::move(container), std::move(urls), *volume));
+}
+
+FSChangesNotifier::FSChangesNotifier(std::string container, std::vector<QSURL> urls,
+                                     QSUUID deviceUUID)
+    : container_(std::move(container)),
+      reader_(std::make_shared<FSEventReader>(std::move(urls), currentFSEventID(),
+                                              FSEventReader::Mode::pathBased, true)),
+      deviceUUID_(deviceUUID) {
+    reader_->setHints({.needsItem = [](const QSURL&) { return false; }});
+}
+
+void FSChangesNotifier::start() {
+    reader_->setDelegate(weak_from_this());
+    reader_->start();
+}
+
+void FSChangesNotifier::stop() {
+    reader_->stop();
+    reader_->setDelegate({});
+}
+
+void FSChangesNotifier::itemChanged(FSEventReader& reader, const QSURL& /*url*/,
+                                    std::shared_ptr<LocalItem> /*item*/) {
+    signalAfterBatch(reader);
+}
+
+void FSChangesNotifier::eventsLost(FSEventReader& reader) {
+    if (!reader.historyHasClosed()) signalAfterBatch(reader);
+}
+
+void FSChangesNotifier::signalAfterBatch(FSEventReader& reader) {
+    if (shouldSignalChange_) return;
+    shouldSignalChange_ = true;
+    reader.afterBatch([self = shared_from_this()] {
+        self->shouldSignalChange_ = false;
+        self->signal(self->reader_->lastProcessedFSEventID());
+    });
+}
+
+void FSChangesNotifier::signal(std::uint64_t upToEventID) const {
+    const LogSection section([&] { return "notifies changes on" + container_; });
+    const auto answered = std::make_shared<std::promise<void>>();
+    const auto answer = answered->get_future();
+    QSFileProviderManager::defaultManager().signalEnumeratorForContainerItemIdentifier(
+        container_, [answered, container = container_](const std::optional<QSError>& error) {
+            if (error) {
+                logError([&] {
+                    return "can't signal changes for " + quoted(container) + error->description();
+                });
+            }
+            answered->set_value();
+        });
+    const bool isTimely = answer.wait_for(longestWait) == std::future_status::ready;
+    logDebug([&] {
+        const auto upTo = " changes up to FSEventID " + std::to_string(upToEventID);
+        return isTimely ? "notified" + upTo : "notifying" + upTo + " timed out";
+    });
+}
+
+}  // namespace tidewell

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/foundation/QSUUID.h"
+#include "tidewell/fs/FSEventReader.h"
+
+namespace tidewell {
+
+/// Signals a container to the host when something happens in its folders from now on. What happened
+/// the host asks for itself.
+class FSChangesNotifier final : public FSEventReaderDelegate,
+                                public std::enable_shared_from_this<FSChangesNotifier> {
+  public:
+    /// Null, after an error line, where the volume of the first URL is not known. REQUIRES: `urls`
+    /// is not empty.
+    [[nodiscard]] static std::shared_ptr<FSChangesNotifier> make(std::string container,
+                                                                 std::vector<QSURL> urls);
+
+    /// Any thread, both.
+    void start();
+    void stop();
+
+    [[nodiscard]] const QSUUID& deviceUUID() const { return deviceUUID_; }
+
+    void itemChanged(FSEventReader& reader, const QSURL& url,
+                     std::shared_ptr<LocalItem> item) override;
+    void historyDone(FSEventReader& /*reader*/) override {}
+    void eventsLost(FSEventReader& reader) override;
+
+  private:
+    FSChangesNotifier(std::string container, std::vector<QSURL> urls, QSUUID deviceUUID);
+    void signalAfterBatch(FSEventReader& reader);
+    void signal(std::uint64_t upToEventID) const;
+
+    // Constant after construction.
+    std::string container_;
+    std::shared_ptr<FSEventReader> reader_;
+    QSUUID deviceUUID_;
+
+    bool shouldSignalChange_ = false;  // on the reader's queue; a block that signals is under way
+};
+
+}  // namespace tidewell

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tidewell/items/LocalItem.h"
+
+namespace tidewell {
+
+/// Builds items of one moment, a page or a batch of events: the identifier of a parent is looked up
+/// once for all of them. One thread at a time.
+class ItemFactory {
+  public:
+    /// Null as LocalItem says.
+    [[nodiscard]] std::shared_ptr<LocalItem> makeItem(const QSURL& url);
+
+  private:
+    std::map<std::string, std::optional<std::string>, std::less<>> parents_;
+};
+
+}  // namespace tidewell
