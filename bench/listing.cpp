@@ -74,7 +74,7 @@ std::unique_ptr<platform::Platform> makePlatform(const std::string& storage,
                        .state = state + "/state",
                        .cache = state + "/cache",
                        .applicationSupport = state + "/support"};
-    options.crawlAtStart = crawls;
+    options.followsAtStart = crawls;
     auto made = platform::Platform::make(std::move(options));
     if (!made) fail(made.error().description());
     return std::move(*made);
@@ -176,7 +176,7 @@ void benchCrawl(const std::string& storage, const std::string& state) {
     for (const char* name : {"first", "again"}) {
         const double start = bench::now();
         const auto made = makePlatform(storage, state, true);
-        made->volume().waitForCrawl();
+        (void)made->volume().waitUntilSeen();
         const double seconds = bench::now() - start;
         const auto statistics = made->volume().statistics();
         const auto objects = static_cast<double>(statistics.objects);

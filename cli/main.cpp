@@ -47,8 +47,8 @@ platform::Platform::Options platformOptions(const cli::Arguments& arguments,
         options.folders.applicationSupport = arguments.state + "/application-support";
     }
     // One command reads little of the storage; a look-up that needs the whole index waits for it.
-    options.crawlAtStart = false;
-    options.crawlProgress = [&progress](std::uint64_t objects) {
+    options.followsAtStart = false;
+    options.scanProgress = [&progress](std::uint64_t objects) {
         progress.update(std::to_string(objects) + " objects indexed");
     };
     return options;

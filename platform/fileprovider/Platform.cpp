@@ -89,8 +89,8 @@ Result<std::unique_ptr<Platform>> Platform::make(Options options) {
         .files = *platform->files_,
         .dataFolder = options.folders.data,
         .stateFolder = options.folders.state,
-        .progress = std::move(options.crawlProgress),
-        .followsAtStart = options.crawlAtStart,
+        .progress = std::move(options.scanProgress),
+        .followsAtStart = options.followsAtStart,
         .isPackageName =
             [&types = platform->types_](std::string_view name) {
                 return types.conforms(types.typeOfDirectory(name), packageTypeIdentifier);

@@ -33,8 +33,8 @@ class Platform {
 
     struct Options {
         Folders folders = {};
-        bool crawlAtStart = true;
-        std::function<void(std::uint64_t objects)> crawlProgress = {};
+        bool followsAtStart = true;
+        std::function<void(std::uint64_t entries)> scanProgress = {};
         /// Has the last word about how the volume is followed.
         std::function<void(VolumeService::Configuration&)> adjustVolume = {};
         /// Where event streams read instead of the volume's own history; must outlive the platform.
