@@ -75,8 +75,12 @@ FSChangesEnumerator::FSChangesEnumerator(const FSChangeToken& token, std::string
 }
 
 void FSChangesEnumerator::start() {
-    startFeed(docIDBased_);
-    startFeed(pathBased_);
+    // On the queue, so that the end, to which one reader may come at once, follows both starts.
+    queue_.async([self = shared_from_this()] {
+        if (self->isFinished()) return;
+        self->startFeed(self->docIDBased_);
+        self->startFeed(self->pathBased_);
+    });
 }
 
 void FSChangesEnumerator::startFeed(Feed& feed) {
