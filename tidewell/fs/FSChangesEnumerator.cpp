@@ -30,6 +30,12 @@ std::vector<QSURL> notEmpty(std::vector<QSURL> urls) {
     return urls;
 }
 
+/// No limit where what happened while nobody watched has still to be found: it will come behind the
+/// present ID, and belongs to the answer.
+std::uint64_t presentEventID() {
+    return Platform::current().events().history->isCaughtUp() ? currentFSEventID() : everything;
+}
+
 /// The identifier of the event's object; none where it never had one.
 std::optional<std::string> identifierKeptBy(const QSURL& url) {
     if (url.cachedResourceValue(QSResourceKey::IsDirectory).index() == 0) return std::nullopt;
@@ -63,10 +69,8 @@ FSChangesEnumerator::FSChangesEnumerator(const FSChangeToken& token, std::string
       sinceFSEventID_(token.streamEventID),
       currentToken_(withUsableOffset(token)),
       numberOfChanges_(currentToken_.offset),
-      startupFSEventID_(currentFSEventID()),
+      startupFSEventID_(presentEventID()),
       observer_(std::move(observer)) {
-    // What happened while nobody watched comes behind the present ID and belongs to the answer.
-    if (!Platform::current().events().history->isCaughtUp()) startupFSEventID_ = everything;
     const auto makeReader = [&](FSEventReader::Mode mode) {
         return std::make_shared<FSEventReader>(cover_.urls(), sinceFSEventID_, mode, true);
     };
@@ -75,8 +79,12 @@ FSChangesEnumerator::FSChangesEnumerator(const FSChangeToken& token, std::string
 }
 
 void FSChangesEnumerator::start() {
-    startFeed(docIDBased_);
-    startFeed(pathBased_);
+    // On the queue, so that the end, to which one reader may come at once, follows both starts.
+    queue_.async([self = shared_from_this()] {
+        if (self->isFinished()) return;
+        self->startFeed(self->docIDBased_);
+        self->startFeed(self->pathBased_);
+    });
 }
 
 void FSChangesEnumerator::startFeed(Feed& feed) {

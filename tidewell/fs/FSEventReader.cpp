@@ -86,6 +86,7 @@ FSEventReader::FSEventReader(std::vector<QSURL> urls, std::uint64_t sinceFSEvent
       urls_(std::move(urls)),
       mode_(mode),
       verbose_(verbose),
+      gate_(Platform::current().events().gate),
       lastProcessedFSEventID_(sinceFSEventID) {}
 
 FSEventReader::~FSEventReader() {
@@ -104,12 +105,11 @@ std::shared_ptr<FSEventReaderDelegate> FSEventReader::delegate() const {
 }
 
 void FSEventReader::start() {
-    // The platform may go before the block runs; its gate is shared and tells.
-    streamQueue_.async([self = shared_from_this(), gate = Platform::current().events().gate] {
+    streamQueue_.async([self = shared_from_this()] {
         self->isStopped_ = false;
         if (self->stream_) return;
-        self->gate_ = gate;
-        if (const auto pass = gate->enter()) {
+        // The platform may have gone meanwhile.
+        if (const auto pass = self->gate_->enter()) {
             self->createStream();
         } else {
             self->historyHasClosed_ = true;
@@ -197,6 +197,7 @@ std::vector<FSEventReader::Subject> FSEventReader::subjectsOf(
             subject.state = Subject::State::Unreadable;
         }
     }
+    if (present.empty()) return subjects;
     // In one durable step; what fails here fails again, and is logged, with the item concerned.
     const auto identified = prefetchIdentifiers(present);
     if (!identified) {

@@ -123,11 +123,11 @@ class FSEventReader : public std::enable_shared_from_this<FSEventReader> {
     std::vector<QSURL> urls_;
     Mode mode_;
     bool verbose_;
+    std::shared_ptr<UseGate> gate_;
     Hints hints_;
 
     // On streamQueue_.
     std::unique_ptr<FSEventStream> stream_;
-    std::shared_ptr<UseGate> gate_;
     FSEvent currentEvent_;
 
     std::atomic<std::uint64_t> lastProcessedFSEventID_;  ///< written on streamQueue_

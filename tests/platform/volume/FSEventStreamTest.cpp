@@ -1,0 +1,168 @@
+#include "platform/volume/FSEventStream.h"
+
+#include <gmock/gmock.h>
+
+#include <condition_variable>
+
+#include "tests/support/ScriptedHistory.h"
+
+namespace platform {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr auto everyFlag =
+    fsEventStreamUsesPathObjects | fsEventStreamFileEvents | fsEventStreamUsesExtendedData;
+constexpr auto dropped = fsEventKernelDropped | fsEventMustScanSubDirs;
+
+std::vector<std::string> paths(const std::vector<FSEvent>& events) {
+    std::vector<std::string> result;
+    for (const auto& event : events) result.push_back(event.path);
+    return result;
+}
+
+class FSEventStreamTest : public testing::Test {
+  protected:
+    void open(std::vector<std::string> paths, FSEventStream::Options options) {
+        stream = FSEventStream::create({&history, gate}, std::move(paths), std::move(options),
+                                       [this](std::span<const FSEvent> events) { take(events); });
+        stream->setDispatchQueue(queue);
+        stream->start();
+    }
+    ~FSEventStreamTest() override {
+        stream.reset();
+        queue.sync([] {});
+    }
+    void take(std::span<const FSEvent> events) {
+        queue.assertOnQueue();
+        const std::scoped_lock lock(mutex);
+        received.insert(received.end(), events.begin(), events.end());
+        if (!events.empty()) batches.push_back(events.size());
+        changed.notify_all();
+    }
+    /// All events from the beginning on, as soon as one has that flag.
+    std::vector<FSEvent> until(FSEventFlags flag, std::uint64_t id = 0) {
+        std::unique_lock lock(mutex);
+        EXPECT_TRUE(changed.wait_for(lock, 20s, [&] {
+            return std::ranges::any_of(received, [&](const FSEvent& event) {
+                return (event.flags & flag) == flag && event.id >= id;
+            });
+        }));
+        return received;
+    }
+
+    tests::ScriptedHistory history;
+    std::shared_ptr<UseGate> gate = std::make_shared<UseGate>();
+    SerialQueue queue{"test"};
+    std::unique_ptr<FSEventStream> stream;
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<FSEvent> received;
+    std::vector<std::size_t> batches;
+};
+
+TEST_F(FSEventStreamTest, ReplaysInOrderThenFollowsAfterTheLatency) {
+    for (int i = 0; i < 1700; ++i) {
+        history.append({.path = (i % 2 == 0 ? "/w/" : "/wx/") + std::to_string(i)});
+    }
+    open({"/w", "/missing"}, {.since = 1100, .latency = 300ms, .flags = everyFlag});
+    const auto replayed = until(fsEventHistoryDone);
+    EXPECT_THAT(replayed, SizeIs(800 + 1));
+    EXPECT_TRUE(std::ranges::is_sorted(replayed, {}, &FSEvent::id));
+    EXPECT_EQ(replayed.front().path, "/w/100");
+    EXPECT_EQ(replayed.back().id, 2700u);
+
+    batches.clear();
+    const auto begun = std::chrono::steady_clock::now();
+    std::uint64_t last = 0;
+    for (int i = 0; i < 5; ++i) last = history.append({.path = "/w", .fileID = 7});
+    EXPECT_THAT(until(0, last), SizeIs(801 + 5));
+    EXPECT_GE(std::chrono::steady_clock::now() - begun, 300ms);
+    EXPECT_THAT(batches, ElementsAre(5)) << "one wake-up for what came within the latency";
+}
+
+TEST_F(FSEventStreamTest, WaitsUntilTheHistoryHasCaughtUp) {
+    history.setCaughtUp(false);
+    open({"/w"}, {.since = 1000, .flags = everyFlag});
+    history.append({.path = "/w/while away"});
+    queue.sync([] {});
+    queue.sync([] {});
+    EXPECT_THAT(received, IsEmpty());
+    history.setCaughtUp(true);
+    EXPECT_THAT(paths(until(fsEventHistoryDone)), ElementsAre("/w/while away", "/"));
+}
+
+TEST_F(FSEventStreamTest, WhatCannotBeReplayedIsOneLoss) {
+    const auto last = history.append({.path = "/w/old"});
+    history.expire(last);
+    for (const std::uint64_t since : {std::uint64_t{0}, last - 1, last + 1, UINT64_MAX}) {
+        received.clear();
+        open({"/w"}, {.since = since, .flags = everyFlag});
+        const auto events = until(fsEventHistoryDone);
+        ASSERT_THAT(events, SizeIs(2)) << since;
+        EXPECT_EQ(events[0].flags, dropped);
+        EXPECT_EQ(events[0].id, last);
+    }
+    const auto next = history.append({.path = "/w/new"});
+    EXPECT_EQ(until(0, next).back().path, "/w/new") << "it goes on from the present";
+}
+
+TEST_F(FSEventStreamTest, GapsConcernWhatLiesAboveAndBelow) {
+    for (const auto* path : {"/w/sub", "/w", "/", "/x", "/wx", "/w/a/b"}) {
+        history.append({.flags = fsEventKernelDropped, .path = path});
+        history.append({.path = path});
+    }
+    open({"/w/a"}, {.since = 1000, .flags = everyFlag});
+    EXPECT_THAT(paths(until(fsEventHistoryDone)), ElementsAre("/w", "/", "/w/a/b", "/w/a/b", "/"));
+}
+
+TEST_F(FSEventStreamTest, CreationFlagsDecideWhatAnEventSays) {
+    for (const auto* path : {"/w/a/1", "/w/b/1", "/w/a/2", "/w/a"}) {
+        history.append({.flags = fsEventModified, .path = path, .fileID = 5, .documentID = 6});
+    }
+    const auto replay = [&](FSEventStreamCreateFlags flags) {
+        received.clear();
+        open({"/w"}, {.since = 1000, .flags = flags});
+        return until(fsEventHistoryDone);
+    };
+    const auto folders = replay(fsEventStreamUsesPathObjects);
+    EXPECT_THAT(paths(folders), ElementsAre("/w/b", "/w/a", "/w", "/"));
+    EXPECT_EQ(folders[1].id, 1003u);
+    EXPECT_EQ(replay(everyFlag)[0].documentID, 6u);
+    const auto bare = replay(fsEventStreamFileEvents | fsEventStreamUsesExtendedData);
+    EXPECT_THAT(bare, SizeIs(5));
+    EXPECT_EQ(bare[0].fileID + bare[0].documentID, 0u) << "extended data needs path objects";
+}
+
+TEST_F(FSEventStreamTest, LetsGoOfEverythingWhenItEnds) {
+    auto info = std::make_shared<int>();
+    const std::weak_ptr<int> watched = info;
+    open({"/w"}, {.since = 1000, .latency = 1h, .flags = everyFlag, .info = std::move(info)});
+    until(fsEventHistoryDone);
+    EXPECT_EQ(history.reads(), 0u) << "nothing happened";
+    EXPECT_FALSE(watched.expired());
+    queue.sync([&] { stream->stop(); });
+    history.append({.path = "/w/late"});
+    stream->invalidate();
+    queue.sync([] {});
+    EXPECT_THAT(received, SizeIs(1));
+    EXPECT_TRUE(watched.expired());
+    EXPECT_EQ(history.subscriberCount(), 0u);
+}
+
+TEST_F(FSEventStreamTest, TellsWhenTheHistoryCloses) {
+    history.setCaughtUp(false);
+    open({"/w"}, {.since = 1000, .flags = everyFlag});
+    gate->close();
+    history.tell();
+    EXPECT_THAT(until(fsEventHistoryClosed), SizeIs(1));
+    open({"/w"}, {.since = 1000, .flags = everyFlag});
+    until(fsEventHistoryClosed);
+    EXPECT_EQ(history.reads(), 0u);
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,122 @@
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <future>
+#include <map>
+#include <set>
+
+#include "platform/fileprovider/QSFileProviderError.h"
+#include "platform/fileprovider/URLOperations.h"
+#include "tests/support/InstalledPlatform.h"
+#include "tests/support/ScriptedHistory.h"
+#include "tidewell/enumeration/LocalFileEnumerator.h"
+#include "tidewell/fs/VolumeIdentity.h"
+#include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
+
+namespace tests {
+
+using namespace platform;
+using namespace tidewell;
+
+struct ChangeCollector final : QSFileProviderChangeObserver {
+    void didUpdateItems(std::vector<ItemRef> items) override {
+        EXPECT_TRUE(deleted.empty()) << "updates come first";
+        for (auto& item : items) {
+            auto identifier = item->itemIdentifier();
+            EXPECT_TRUE(updated.emplace(std::move(identifier), std::move(item)).second);
+        }
+    }
+    void didDeleteItemsWithIdentifiers(
+        std::vector<QSFileProviderItemIdentifier> identifiers) override {
+        for (auto& identifier : identifiers) {
+            EXPECT_FALSE(updated.contains(identifier));
+            EXPECT_TRUE(deleted.insert(std::move(identifier)).second);
+        }
+    }
+    void finishEnumeratingChangesUpToSyncAnchor(QSFileProviderSyncAnchor reached,
+                                                bool more) override {
+        anchor = std::move(reached);
+        moreComing = more;
+        end.set_value();
+    }
+    void finishEnumeratingWithError(QSError failure) override {
+        error = std::move(failure);
+        end.set_value();
+    }
+
+    std::map<std::string, ItemRef> updated;
+    std::set<std::string> deleted;
+    std::optional<QSFileProviderSyncAnchor> anchor;
+    bool moreComing = false;
+    std::optional<QSError> error;
+    std::promise<void> end;  ///< a second last call throws
+};
+
+struct PageCollector final : QSFileProviderEnumerationObserver {
+    void didEnumerateItems(std::vector<ItemRef> some) override {
+        items.insert(items.end(), some.begin(), some.end());
+    }
+    void finishEnumeratingUpToPage(std::optional<QSFileProviderPage>) override {}
+    void finishEnumeratingWithError(QSError failure) override { ADD_FAILURE() << failure.code; }
+
+    std::vector<ItemRef> items;
+};
+
+/// A platform whose streams read a scripted history; the files are real.
+class ChangesFixture : public InstalledPlatform {
+  protected:
+    ChangesFixture() {
+        history = &scripted;
+        restart();
+    }
+    void TearDown() override { installed.reset(); }
+
+    std::shared_ptr<LocalFileEnumerator> enumeratorOf(std::string_view container,
+                                                      const std::string& below = {}) const {
+        return std::make_shared<LocalFileEnumerator>(std::string(container),
+                                                     std::vector{url(below)});
+    }
+    FSChangeToken present() const {
+        return {.deviceUUID = volumeUUID(url()).value(), .streamEventID = currentFSEventID()};
+    }
+    static std::shared_ptr<ChangeCollector> changes(LocalFileEnumerator& enumerator,
+                                                    const FSChangeToken& since) {
+        auto collector = std::make_shared<ChangeCollector>();
+        enumerator.enumerateChangesForObserver(collector, since.data());
+        wait(*collector);
+        return collector;
+    }
+    static void wait(ChangeCollector& collector) {
+        ASSERT_EQ(collector.end.get_future().wait_for(std::chrono::seconds(20)),
+                  std::future_status::ready);
+    }
+
+    /// An event about what stands there, with its identity.
+    FSEvent eventAt(const std::string& below) const {
+        FSEvent event{.flags = fsEventMoved, .path = url(below).path()};
+        const auto identifier = itemIdentifier(url(below)).value();
+        const auto number = std::stoull(identifier.substr(4));
+        if (identifier.starts_with("fid=")) {
+            event.fileID = number;
+        } else {
+            event.identifierKind = IdentifierKind::Document;
+            event.documentID = static_cast<std::uint32_t>(number);
+            event.fileID = fileIDOfObject(url(below));
+        }
+        return event;
+    }
+    /// An event about a document that was never on the disk.
+    FSEvent goneEvent(std::uint32_t documentID) const {
+        return {.flags = fsEventRemoved,
+                .path = url("gone/" + std::to_string(documentID)).path(),
+                .fileID = std::uint64_t{5'000'000'000} + documentID,
+                .identifierKind = IdentifierKind::Document,
+                .documentID = documentID};
+    }
+
+    ScriptedHistory scripted;
+};
+
+}  // namespace tests

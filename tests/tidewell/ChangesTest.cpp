@@ -1,0 +1,396 @@
+#include <latch>
+
+#include "tests/tidewell/ChangesFixture.h"
+#include "tidewell/fs/DocIDPath.h"
+
+namespace tidewell {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+using testing::SizeIs;
+
+constexpr auto workingSet = QSFileProviderWorkingSetContainerItemIdentifier;
+constexpr auto allDirectories = QSFileProviderAllDirectoriesContainerItemIdentifier;
+
+TEST(DocIDPathTest, Grammar) {
+    using Numbers = std::vector<std::int64_t>;
+    const auto parsed = [](const char* path) -> std::optional<Numbers> {
+        std::int64_t document = -1, source = -1, destination = -1;
+        if (!parseDocIDPath(path, document, source, destination)) return std::nullopt;
+        return Numbers{document, source, destination};
+    };
+    for (const auto* path :
+         {"/.docid/3/changed/42/src=7,dst=9", "//.docid/3/changed/42/src=7,dst=9",
+          ".docid/3/changed/42/src=7,dst=9", "/.docid/changed/42/src=7,dst=9",
+          "/.docid/3/changed/ +42/src= 7,dst=+9"}) {
+        EXPECT_EQ(parsed(path), Numbers({42, 7, 9})) << path;
+    }
+    EXPECT_EQ(parsed("/.docid/changed//src=-5,dst="), Numbers({0, -5, 0}));
+    EXPECT_EQ(parsed("/.docid/changed/1/src=9223372036854775807,dst=2"),
+              Numbers({1, INT64_MAX, 2}));
+    for (const auto* path :
+         {"", "/", "/.docid", "/.docid/3/changed/42/src=7,dst=9/",
+          "/.docid/3x/changed/1/src=7,dst=9", "/.docid/3/changed/42/src=7,dst=9x",
+          "/.docid/-3/changed/42/src=7,dst=9", "/.docid/3changed/42/src=7,dst=9",
+          "/.docid/3/changed/42src=7,dst=9", "/.docid/99999999999999999999/changed/1/src=7,dst=9",
+          "/.docid/3/changed/1/src=7,dst=9223372036854775808", "/docid/3/changed/1/src=7,dst=9"}) {
+        EXPECT_FALSE(parsed(path)) << path;
+    }
+}
+
+class ChangesTest : public tests::ChangesFixture {
+  protected:
+    /// Documents d/0 and on, with their identifiers.
+    std::vector<FSEvent> documents(int count) {
+        std::vector<FSEvent> events;
+        for (int i = 0; i < count; ++i) {
+            const auto name = "d/" + std::to_string(i);
+            (void)file(name);
+            events.push_back(eventAt(name));
+        }
+        return events;
+    }
+    void appendDocIDChange(const FSEvent& document) {
+        scripted.append(
+            {.flags = fsEventDocumentIDChanged,
+             .path = "/.docid/1/changed/" + std::to_string(document.documentID) + "/src=1,dst=2",
+             .fileID = 2,
+             .documentID = document.documentID});
+    }
+    /// Every page from the token on, each by an enumerator of its own, as after a restart.
+    std::multiset<std::string> everyPage(FSChangeToken token, std::size_t pages) {
+        std::multiset<std::string> told;
+        const auto firstOffset = token.offset > INT64_MAX ? 0 : token.offset;
+        for (bool more = true; more; --pages) {
+            EXPECT_GT(pages, 0u);
+            const auto page = changes(*enumeratorOf(workingSet), token);
+            if (!page->anchor || pages == 0) return told;
+            for (const auto& [identifier, item] : page->updated) told.insert(identifier);
+            told.insert(page->deleted.begin(), page->deleted.end());
+            more = page->moreComing;
+            EXPECT_EQ(page->updated.size() + page->deleted.size(), more ? 100u : told.size() % 100);
+            const auto reached = FSChangeToken::fromData(page->anchor).value();
+            EXPECT_EQ(reached.offset, firstOffset + told.size());
+            EXPECT_TRUE(more ? reached.streamEventID > token.streamEventID
+                             : reached.streamEventID == scripted.currentEventID());
+            token = reached;
+        }
+        EXPECT_EQ(pages, 0u);
+        return told;
+    }
+};
+
+TEST_F(ChangesTest, EveryChangeOnceWhicheverReaderHasIt) {
+    const auto known = documents(500);
+    for (const std::uint64_t offset : {std::uint64_t{0}, std::uint64_t{99}, std::uint64_t{1} << 62,
+                                       std::uint64_t{1} << 63, UINT64_MAX - 50, UINT64_MAX}) {
+        auto token = present();
+        token.offset = offset;
+        for (std::uint32_t i = 0; i < 500; ++i) scripted.append(goneEvent(7000 + i));
+        auto told = everyPage(token, 6);
+        EXPECT_THAT(told, SizeIs(500)) << "paths alone, offset " << offset;
+        EXPECT_EQ(std::set(told.begin(), told.end()).size(), 500u);
+
+        token.streamEventID = currentFSEventID();
+        for (const auto& document : known) appendDocIDChange(document);
+        told = everyPage(token, 6);
+        EXPECT_THAT(told, SizeIs(500)) << "document IDs alone, offset " << offset;
+
+        token.streamEventID = currentFSEventID();
+        for (std::uint32_t i = 0; i < 250; ++i) {
+            scripted.append(goneEvent(9000 + i));
+            appendDocIDChange(known[i]);
+        }
+        told = everyPage(token, 6);
+        EXPECT_THAT(told, SizeIs(500)) << "in turn, offset " << offset;
+        EXPECT_EQ(std::set(told.begin(), told.end()).size(), 500u);
+    }
+}
+
+TEST_F(ChangesTest, PagesHoldAHundredAndRepeatedEventsCountOnce) {
+    const auto known = documents(99);
+    auto token = present();
+    for (int round = 0; round < 8; ++round) {
+        for (const auto& event : known) scripted.append(event);
+    }
+    const auto enumerator = enumeratorOf(workingSet);
+    EXPECT_FALSE(changes(*enumerator, token)->moreComing) << "99";
+    scripted.append(goneEvent(7000));
+    const auto full = changes(*enumerator, token);
+    EXPECT_TRUE(full->moreComing) << "100";
+    token = FSChangeToken::fromData(full->anchor).value();
+    const auto rest = changes(*enumerator, token);
+    EXPECT_THAT(rest->updated.size() + rest->deleted.size(), 0u);
+    EXPECT_FALSE(rest->moreComing);
+}
+
+TEST_F(ChangesTest, WhatIsLostExpiresTheAnchor) {
+    (void)folder("d");
+    const auto start = present();
+    const auto expires = [&](FSChangeToken token, const std::string& below) {
+        const auto enumerator = enumeratorOf("fid=1", below);
+        const auto answer = changes(*enumerator, token);
+        enumerator->stop();
+        EXPECT_THAT(answer->updated, IsEmpty());
+        return answer->error && answer->error->code == QSFileProviderErrorSyncAnchorExpired;
+    };
+    for (std::uint32_t i = 0; i < 50; ++i) scripted.append(goneEvent(7000 + i));
+    scripted.append({.flags = fsEventKernelDropped, .path = url("other").path()});
+    EXPECT_FALSE(expires(start, "d"));
+    scripted.append({.flags = fsEventKernelDropped, .path = url("d/deep").path()});
+    EXPECT_TRUE(expires(start, "d"));
+    EXPECT_FALSE(logged(LogLevel::Info, "fetching changes did finish after reset").empty());
+    EXPECT_FALSE(expires(present(), "d"));
+    auto token = present();
+    ++token.streamEventID;
+    EXPECT_TRUE(expires(token, "d")) << "from the future";
+    scripted.expire(start.streamEventID + 1);
+    EXPECT_TRUE(expires(start, "d")) << "one too old";
+    token = present();
+    token.deviceUUID = QSUUID::random();
+    EXPECT_TRUE(expires(token, "d"));
+}
+
+TEST_F(ChangesTest, AnswersWithWhatHappenedWhileNobodyWatched) {
+    const auto token = present();
+    scripted.setCaughtUp(false);
+    const auto enumerator = enumeratorOf(workingSet);
+    const auto collector = std::make_shared<tests::ChangeCollector>();
+    enumerator->enumerateChangesForObserver(collector, token.data());
+    const auto last = scripted.append(goneEvent(7000));
+    scripted.setCaughtUp(true);
+    wait(*collector);
+    EXPECT_THAT(collector->deleted, ElementsAre("did=7000"));
+    EXPECT_EQ(FSChangeToken::fromData(collector->anchor)->streamEventID, last);
+}
+
+TEST_F(ChangesTest, StoppingAndClosingAnswer) {
+    scripted.setCaughtUp(false);
+    for (const bool closes : {false, true}) {
+        auto enumerator = enumeratorOf(workingSet);
+        const auto collector = std::make_shared<tests::ChangeCollector>();
+        enumerator->enumerateChangesForObserver(collector, present().data());
+        auto resumed = std::async(std::launch::async, [urls = enumerator->urls(), closes] {
+            return closes ? FSEventReader::canResumeGatherPhase(urls, 0).first
+                          : FSEventReaderGatherPhaseResumeStatus::cantReplayHistoricalFSEvents;
+        });
+        if (closes) {
+            while (scripted.subscriberCount() < 3) std::this_thread::yield();
+            installed.reset();
+            scripted.tell();
+        } else {
+            enumerator->stop();
+        }
+        wait(*collector);
+        EXPECT_EQ(collector->error->code, QSFileProviderErrorSyncAnchorExpired);
+        while (!closes && scripted.subscriberCount() > 0) std::this_thread::yield();
+        EXPECT_EQ(resumed.get(),
+                  FSEventReaderGatherPhaseResumeStatus::cantReplayHistoricalFSEvents);
+    }
+}
+
+TEST_F(ChangesTest, EnumerationsLeaveNothingBehind) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    constexpr int count = 500;
+#else
+    constexpr int count = 10'000;
+#endif
+    const auto good = present();
+    auto expired = good;
+    expired.streamEventID = UINT64_MAX;
+    scripted.append(goneEvent(7000));
+    auto enumerator = enumeratorOf("fid=1");
+    std::weak_ptr<LocalFileEnumerator> watched = enumerator;
+    std::vector<std::weak_ptr<tests::ChangeCollector>> observers;
+    for (int i = 0; i < count; ++i) {
+        const auto answer = changes(*enumerator, i % 2 == 0 ? good : expired);
+        EXPECT_EQ(answer->error.has_value(), i % 2 != 0);
+        observers.push_back(answer);
+    }
+    enumerator->stop();
+    const auto isGone = [](const auto& pointer) { return pointer.expired(); };
+    // Readers end on their own queues.
+    while (scripted.subscriberCount() > 0 || !std::ranges::all_of(observers, isGone)) {
+        std::this_thread::yield();
+    }
+    enumerator.reset();
+    while (!watched.expired()) std::this_thread::yield();
+}
+
+/// A host's copy of a container, by identifier.
+using Replica = std::map<std::string, std::string>;
+
+class CoverTest : public tests::ChangesFixture {
+  protected:
+    static constexpr auto folderContainer = "folder";
+
+    std::shared_ptr<LocalFileEnumerator> enumeratorFor(std::string_view container) const {
+        return enumeratorOf(container, container == folderContainer ? "a" : "");
+    }
+    static std::string rowOf(const QSFileProviderItem& item) {
+        return item.filename() + " in " + item.parentItemIdentifier();
+    }
+    Replica listed(std::string_view container) const {
+        const auto collector = std::make_shared<tests::PageCollector>();
+        enumeratorFor(container)->enumerateItemsForObserver(
+            collector, dataFromString(QSFileProviderInitialPageSortedByName));
+        Replica rows;
+        for (const auto& item : collector->items) {
+            if (!item->isTrashed()) rows[item->itemIdentifier()] = rowOf(*item);
+        }
+        return rows;
+    }
+    /// Empties the storage; what was there lives on outside, so that its inode numbers do too.
+    void clearAway() {
+        const auto away = scratch.makeFolder("away" + std::to_string(++cleared_));
+        std::vector<std::filesystem::path> entries;
+        for (const auto& entry : std::filesystem::directory_iterator(storage())) {
+            entries.push_back(entry.path());
+        }
+        for (const auto& path : entries) std::filesystem::rename(path, away / path.filename());
+    }
+    /// What stands at and below a place, the place first.
+    std::vector<std::string> tree(const std::string& below) const {
+        std::vector<std::string> paths{below};
+        const std::filesystem::recursive_directory_iterator end;
+        if (!std::filesystem::is_directory(storage() / below)) return paths;
+        for (std::filesystem::recursive_directory_iterator entry(storage() / below); entry != end;
+             ++entry) {
+            paths.push_back(below +
+                            entry->path().string().substr((storage() / below).string().size()));
+        }
+        return paths;
+    }
+    /// Renames, and puts into the history what a history would say.
+    void move(const std::string& from, const std::string& to) {
+        std::vector<FSEvent> left;
+        const auto fromTree = tree(from);
+        for (const auto& path : fromTree) left.push_back(eventAt(path));
+        std::filesystem::rename(storage() / from, storage() / to);
+        scripted.append(left.front());
+        scripted.append(eventAt(to));
+        for (std::size_t i = 1; i < left.size(); ++i) {
+            (void)eventAt(to + fromTree[i].substr(from.size()));
+            left[i].path = url(to).path() + fromTree[i].substr(from.size());
+            scripted.append(left[i]);
+        }
+    }
+
+  private:
+    int cleared_ = 0;
+};
+
+TEST_F(CoverTest, ReplicasFollowEveryTransition) {
+    const std::vector<std::pair<std::string, std::string>> transitions = {
+        {"a/x", "a/.x"},       {"a/x", "a/p.lutebox/x"}, {"a/x", ".Trash/x"}, {"a/x", "b/x"},
+        {"a/x", "a/y"},        {"a/x", "a/x.lutebox"},   {"a/x", "a/b/x"},    {"a/x", "x"},
+        {"b/.hidden/x", "a/x"}};
+    const std::vector<std::string> contents[] = {{""}, {"/c", "/s/d"}};
+    for (const auto& content : contents) {
+        for (const auto& [here, there] : transitions) {
+            for (const std::string suffix : {"", ".quire"}) {
+                clearAway();
+                for (const auto* name : {"a/b", "a/p.lutebox", "b/.hidden", ".Trash"}) {
+                    (void)folder(name);
+                }
+                (void)file("a/p.lutebox/inner");
+                const auto first = here + suffix;
+                for (const auto& part : content) (void)file(first + part);
+                for (const bool back : {false, true}) {
+                    std::map<std::string_view, Replica> replicas;
+                    for (const auto container :
+                         {workingSet, allDirectories, std::string_view(folderContainer)}) {
+                        replicas[container] = listed(container);
+                    }
+                    const auto token = present();
+                    const auto second = there + suffix;
+                    move(back ? second : first, back ? first : second);
+                    for (auto& [container, replica] : replicas) {
+                        const auto told = changes(*enumeratorFor(container), token);
+                        for (const auto& identifier : told->deleted) replica.erase(identifier);
+                        for (const auto& [identifier, item] : told->updated) {
+                            replica[identifier] = rowOf(*item);
+                        }
+                        EXPECT_EQ(replica, listed(container))
+                            << container << ": " << first << (back ? " <- " : " -> ") << second
+                            << (content.size() > 1 ? ", with content" : "");
+                    }
+                }
+            }
+        }
+    }
+}
+
+TEST_F(CoverTest, WhatAnEventMeansIsSeenOnTheDisk) {
+    (void)file("a/kept");
+    (void)file("a/p.lutebox/deep/inner");
+    const auto kept = eventAt("a/kept");
+    const auto inner = eventAt("a/p.lutebox/deep/inner");
+    const auto package = eventAt("a/p.lutebox");
+    const auto document = [](const FSEvent& event) {
+        return "did=" + std::to_string(event.documentID);
+    };
+    auto token = present();
+    auto wrong = kept;
+    wrong.flags = fsEventRemoved;
+    scripted.append(wrong);
+    auto never = goneEvent(0);
+    never.fileID = 0;
+    scripted.append(never);
+    auto other = kept;
+    other.documentID = 4'000'000;
+    scripted.append(other);
+    scripted.append({.path = url().path()});
+    auto told = changes(*enumeratorFor(workingSet), token);
+    EXPECT_THAT(told->updated, ElementsAre(Pair(document(kept), testing::_)));
+    EXPECT_THAT(told->deleted, ElementsAre("did=4000000")) << "another object stands there now";
+
+    token = present();
+    scripted.append(inner);
+    told = changes(*enumeratorFor(folderContainer), token);
+    EXPECT_THAT(told->updated, ElementsAre(Pair(document(package), testing::_)));
+    EXPECT_THAT(told->deleted, IsEmpty());
+    EXPECT_THAT(changes(*enumeratorFor(allDirectories), token)->updated, IsEmpty());
+
+    token = present();
+    std::filesystem::create_hard_link(storage() / "a/kept", storage() / "a/second");
+    EXPECT_EQ(eventAt("a/second").documentID, kept.documentID);
+    std::filesystem::remove(storage() / "a/kept");
+    scripted.append(kept);
+    told = changes(*enumeratorFor(folderContainer), token);
+    EXPECT_THAT(told->updated, ElementsAre(Pair(document(kept), testing::_)));
+}
+
+TEST_F(ChangesTest, SignalsOnceForABatchAndWaitsThreeSecondsAtMost) {
+    using Clock = std::chrono::steady_clock;
+    std::vector<std::pair<Clock::time_point, QSFileProviderManager::CompletionHandler>> signals;
+    signals.reserve(10);
+    std::latch first(1);
+    std::latch second(1);
+    installed->manager().setSignalHandler(
+        [&](const QSFileProviderItemIdentifier& container, auto handler) {
+            EXPECT_EQ(container, "fid=1");
+            signals.emplace_back(Clock::now(), std::move(handler));
+            if (signals.size() == 1) first.count_down();
+            if (signals.size() == 2) second.count_down();
+        });
+    scripted.append(goneEvent(7000));
+    const auto watched = enumeratorOf("fid=1");
+    watched->start();
+    while (scripted.subscriberCount() == 0) std::this_thread::yield();
+    for (std::uint32_t i = 0; i < 300; ++i) scripted.append(goneEvent(8000 + i));
+    first.wait();
+    scripted.append(goneEvent(9000));
+    second.wait();
+    EXPECT_GE(signals[1].first - signals[0].first, std::chrono::seconds(3));
+    for (auto& [time, handler] : signals) handler(std::nullopt);
+    watched->stop();
+    while (scripted.subscriberCount() > 0) std::this_thread::yield();
+    EXPECT_THAT(signals, SizeIs(2)) << "one for the batch, one for what came during the wait";
+    EXPECT_THAT(logged(LogLevel::Debug, " timed out"), SizeIs(1));
+}
+
+}  // namespace
+}  // namespace tidewell
