@@ -121,6 +121,7 @@ TEST_F(ListingTest, WalkEndsOnErrorsOfTheCallbackAndOfTheFirstRootOnly) {
 }
 
 TEST_F(ListingTest, PagesOfTwoHundred) {
+    ASSERT_TRUE(installed->volume().waitUntilSeen());
     for (const int count : {0, 1, 199, 200, 201, 400}) {
         const auto name = "d" + std::to_string(count);
         (void)folder(name);

@@ -193,7 +193,7 @@ Result<std::optional<QSFileProviderPage>> LocalFileEnumerator::gather(
         reached.streamEventID = token->streamEventID;
     } else {
         logDebug("start gather phase");
-        reached.streamEventID = currentFSEventID();
+        reached.streamEventID = currentFSEventIDAfterCatchingUp();
         walk = newWalk();
     }
 

@@ -15,4 +15,11 @@ std::uint64_t currentFSEventID() {
     return Platform::current().events().history->currentEventID();
 }
 
+std::uint64_t currentFSEventIDAfterCatchingUp() {
+    // A failure shows where the history is read.
+    auto& volume = Platform::current().volume();
+    if (volume.isCaughtUp()) (void)volume.waitUntilSeen();
+    return currentFSEventID();
+}
+
 }  // namespace tidewell

@@ -17,4 +17,8 @@ using namespace platform;
 /// The last committed event ID of the history.
 [[nodiscard]] std::uint64_t currentFSEventID();
 
+/// The same once all that happened before the call is recorded, so that none of it looks like a
+/// change that came later. Does not wait for the comparison at the start.
+[[nodiscard]] std::uint64_t currentFSEventIDAfterCatchingUp();
+
 }  // namespace tidewell
