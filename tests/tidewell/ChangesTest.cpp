@@ -86,26 +86,18 @@ TEST_F(ChangesTest, EveryChangeOnceWhicheverReaderHasIt) {
     const auto known = documents(500);
     for (const std::uint64_t offset : {std::uint64_t{0}, std::uint64_t{99}, std::uint64_t{1} << 62,
                                        std::uint64_t{1} << 63, UINT64_MAX - 50, UINT64_MAX}) {
-        auto token = present();
-        token.offset = offset;
-        for (std::uint32_t i = 0; i < 500; ++i) scripted.append(goneEvent(7000 + i));
-        auto told = everyPage(token, 6);
-        EXPECT_THAT(told, SizeIs(500)) << "paths alone, offset " << offset;
-        EXPECT_EQ(std::set(told.begin(), told.end()).size(), 500u);
-
-        token.streamEventID = currentFSEventID();
-        for (const auto& document : known) appendDocIDChange(document);
-        told = everyPage(token, 6);
-        EXPECT_THAT(told, SizeIs(500)) << "document IDs alone, offset " << offset;
-
-        token.streamEventID = currentFSEventID();
-        for (std::uint32_t i = 0; i < 250; ++i) {
-            scripted.append(goneEvent(9000 + i));
-            appendDocIDChange(known[i]);
-        }
-        told = everyPage(token, 6);
-        EXPECT_THAT(told, SizeIs(500)) << "in turn, offset " << offset;
-        EXPECT_EQ(std::set(told.begin(), told.end()).size(), 500u);
+        const auto isWhole = [&](const std::function<void(std::uint32_t)>& append, int count) {
+            auto token = present();
+            token.offset = offset;
+            for (std::uint32_t i = 0; i < static_cast<std::uint32_t>(count); ++i) append(i);
+            const auto told = everyPage(token, 6);
+            return told.size() == 500 && std::set(told.begin(), told.end()).size() == 500;
+        };
+        const auto byPath = [&](std::uint32_t i) { scripted.append(goneEvent(7000 + i)); };
+        const auto byDocumentID = [&](std::uint32_t i) { appendDocIDChange(known[i]); };
+        EXPECT_TRUE(isWhole(byPath, 500)) << offset;
+        EXPECT_TRUE(isWhole(byDocumentID, 500)) << offset;
+        EXPECT_TRUE(isWhole([&](std::uint32_t i) { byPath(i), byDocumentID(i); }, 250)) << offset;
     }
 }
 
@@ -224,7 +216,7 @@ using Replica = std::map<std::string, std::string>;
 
 class CoverTest : public tests::ChangesFixture {
   protected:
-    static constexpr auto folderContainer = "folder";
+    static constexpr std::string_view folderContainer = "folder";
 
     std::shared_ptr<LocalFileEnumerator> enumeratorFor(std::string_view container) const {
         return enumeratorOf(container, container == folderContainer ? "a" : "");
@@ -353,6 +345,17 @@ TEST_F(CoverTest, WhatAnEventMeansIsSeenOnTheDisk) {
     EXPECT_THAT(told->updated, ElementsAre(Pair(document(package), testing::_)));
     EXPECT_THAT(told->deleted, IsEmpty());
     EXPECT_THAT(changes(*enumeratorFor(allDirectories), token)->updated, IsEmpty());
+
+    token = present();
+    scripted.append({.flags = fsEventMustScanSubDirs, .path = url("a").path()});
+    EXPECT_THAT(changes(*enumeratorFor(workingSet), token)->updated, SizeIs(3));
+    for (int i = 0; i < 100; ++i) (void)file("many/" + std::to_string(i));
+    for (const auto* path : {"many", "", "a"}) {
+        token = present();
+        scripted.append({.flags = fsEventMustScanSubDirs, .path = url(path).path()});
+        const auto container = path == std::string("many") ? workingSet : folderContainer;
+        EXPECT_TRUE(changes(*enumeratorFor(container), token)->error) << path;
+    }
 
     token = present();
     std::filesystem::create_hard_link(storage() / "a/kept", storage() / "a/second");

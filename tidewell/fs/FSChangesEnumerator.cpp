@@ -157,6 +157,10 @@ void FSChangesEnumerator::ignore(const QSURL& url, Cover cover) const {
 void FSChangesEnumerator::collect(const FSEvent& event, const QSURL& url,
                                   const std::shared_ptr<LocalItem>& item) {
     const auto place = cover_.placeOf(url);
+    if (place.cover == Cover::Root && (event.flags & fsEventMustScanSubDirs) != 0) {
+        logInfo("the whole container has to be scanned, need to restart from scratch");
+        return finishExpired();
+    }
     if (place.cover == Cover::Root || place.cover == Cover::Outside) {
         return ignore(url, place.cover);
     }
@@ -224,9 +228,9 @@ void FSChangesEnumerator::scan(std::uint64_t eventID, const QSURL& folder) {
     auto walk = cover_.makeWalk({{QSURL::fileURLWithPath(folder.path()), cover_.walkOptions()}});
     ItemFactory factory;
     const auto walked = walk.walk(0, pageSize + 1, [&](const QSURL& url) -> Result<void> {
-        auto item = factory.makeItem(url);
+        const auto item = factory.makeItem(url);
         if (item && cover_.coverOf(*item) == Cover::Shown) {
-            add(eventID, item->itemIdentifier(), std::move(item));
+            add(eventID, item->itemIdentifier(), item);
         }
         return {};
     });

@@ -264,7 +264,12 @@ void FSEventReader::handle(const FSEvent& event, const Subject& subject, ItemFac
         if (const auto receiver = delegate()) receiver->historyDone(*this);
         return;
     }
-    if (subject.url) handleObject(subject, factory);
+    if (subject.url) {
+        handleObject(subject, factory);
+    } else if ((event.flags & fsEventMustScanSubDirs) != 0) {
+        // Above the folders that are watched, hence about all of them.
+        reportLoss("fsevents require to scan everything");
+    }
 }
 
 void FSEventReader::handleObject(const Subject& subject, ItemFactory& factory) {
