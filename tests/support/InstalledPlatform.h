@@ -31,6 +31,7 @@ class InstalledPlatform : public testing::Test {
                                                           .state = scratch / "state",
                                                           .cache = scratch / "cache",
                                                           .applicationSupport = scratch / "apps"},
+                                              .followsAtStart = history == nullptr,
                                               .history = history});
         ASSERT_TRUE(made) << made.error().description();
         installed = std::move(*made);
@@ -62,7 +63,8 @@ class InstalledPlatform : public testing::Test {
         return found;
     }
 
-    /// Takes effect with the next restart; null is the volume's own.
+    /// Takes effect with the next restart; null is the volume's own. With another one the index
+    /// learns of places only from what asks for identifiers.
     platform::EventHistory* history = nullptr;
     ScratchFolder scratch;
     std::shared_ptr<platform::MemorySink> log;
