@@ -32,6 +32,7 @@ class InstalledPlatform : public testing::Test {
                                                           .cache = scratch / "cache",
                                                           .applicationSupport = scratch / "apps"},
                                               .followsAtStart = history == nullptr,
+                                              .adjustVolume = adjustVolume,
                                               .history = history});
         ASSERT_TRUE(made) << made.error().description();
         installed = std::move(*made);
@@ -66,6 +67,7 @@ class InstalledPlatform : public testing::Test {
     /// Takes effect with the next restart; null is the volume's own. With another one the index
     /// learns of places only from what asks for identifiers.
     platform::EventHistory* history = nullptr;
+    std::function<void(platform::VolumeService::Configuration&)> adjustVolume;
     ScratchFolder scratch;
     std::shared_ptr<platform::MemorySink> log;
     std::unique_ptr<platform::Platform> installed;

@@ -234,62 +234,33 @@ class CoverTest : public tests::ChangesFixture {
         }
         return rows;
     }
-    /// Empties the storage; what was there lives on outside, so that its inode numbers do too.
-    void clearAway() {
-        const auto away = scratch.makeFolder("away" + std::to_string(++cleared_));
-        std::vector<std::filesystem::path> entries;
-        for (const auto& entry : std::filesystem::directory_iterator(storage())) {
-            entries.push_back(entry.path());
-        }
-        for (const auto& path : entries) std::filesystem::rename(path, away / path.filename());
-    }
-    /// What stands at and below a place, the place first.
-    std::vector<std::string> tree(const std::string& below) const {
-        std::vector<std::string> paths{below};
-        const std::filesystem::recursive_directory_iterator end;
-        if (!std::filesystem::is_directory(storage() / below)) return paths;
-        for (std::filesystem::recursive_directory_iterator entry(storage() / below); entry != end;
-             ++entry) {
-            paths.push_back(below +
-                            entry->path().string().substr((storage() / below).string().size()));
-        }
-        return paths;
-    }
-    /// Renames, and puts into the history what a history would say.
-    void move(const std::string& from, const std::string& to) {
-        std::vector<FSEvent> left;
-        const auto fromTree = tree(from);
-        for (const auto& path : fromTree) left.push_back(eventAt(path));
-        std::filesystem::rename(storage() / from, storage() / to);
-        scripted.append(left.front());
-        scripted.append(eventAt(to));
-        for (std::size_t i = 1; i < left.size(); ++i) {
-            (void)eventAt(to + fromTree[i].substr(from.size()));
-            left[i].path = url(to).path() + fromTree[i].substr(from.size());
-            scripted.append(left[i]);
-        }
-    }
-
-  private:
-    int cleared_ = 0;
 };
 
 TEST_F(CoverTest, ReplicasFollowEveryTransition) {
+    using namespace std::chrono_literals;
+    history = nullptr;
+    adjustVolume = [](VolumeService::Configuration& configuration) {
+        configuration.windows = {.rest = 5ms, .successor = 20ms, .rename = 40ms};
+    };
+    restart();
     const std::vector<std::pair<std::string, std::string>> transitions = {
-        {"a/x", "a/.x"},       {"a/x", "a/p.lutebox/x"}, {"a/x", ".Trash/x"}, {"a/x", "b/x"},
-        {"a/x", "a/y"},        {"a/x", "a/x.lutebox"},   {"a/x", "a/b/x"},    {"a/x", "x"},
-        {"b/.hidden/x", "a/x"}};
+        {"a/x", "a/.x"},        {"a/x", "a/p.lutebox/x"}, {"a/x", ".Trash/x"}, {"a/x", "b/x"},
+        {"a/x", "a/y"},         {"a/x", "a/x.lutebox"},   {"a/x", "a/b/x"},    {"a/x", "x"},
+        {"b/.hidden/x", "a/x"}, {"a/x", "../outside"}};
     const std::vector<std::string> contents[] = {{""}, {"/c", "/s/d"}};
     for (const auto& content : contents) {
         for (const auto& [here, there] : transitions) {
             for (const std::string suffix : {"", ".quire"}) {
-                clearAway();
+                for (const auto& entry : std::filesystem::directory_iterator(storage())) {
+                    std::filesystem::remove_all(entry.path());
+                }
                 for (const auto* name : {"a/b", "a/p.lutebox", "b/.hidden", ".Trash"}) {
                     (void)folder(name);
                 }
                 (void)file("a/p.lutebox/inner");
                 const auto first = here + suffix;
                 for (const auto& part : content) (void)file(first + part);
+                ASSERT_TRUE(installed->volume().waitUntilSettled());
                 for (const bool back : {false, true}) {
                     std::map<std::string_view, Replica> replicas;
                     for (const auto container :
@@ -298,7 +269,9 @@ TEST_F(CoverTest, ReplicasFollowEveryTransition) {
                     }
                     const auto token = present();
                     const auto second = there + suffix;
-                    move(back ? second : first, back ? first : second);
+                    std::filesystem::rename(storage() / (back ? second : first),
+                                            storage() / (back ? first : second));
+                    ASSERT_TRUE(installed->volume().waitUntilSettled());
                     for (auto& [container, replica] : replicas) {
                         const auto told = changes(*enumeratorFor(container), token);
                         for (const auto& identifier : told->deleted) replica.erase(identifier);
