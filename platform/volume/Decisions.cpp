@@ -194,13 +194,7 @@ void Reconciler::decideDue(Time now, Time passStart) {
         const auto* departure = departures_.departure(node);
         if (departure && departure->at == at) finish(node);
     }
-    std::vector<Orphan> due;
-    std::erase_if(orphans_, [&](const Orphan& orphan) {
-        if (orphan.departure.at + window > now) return false;
-        due.push_back(orphan);
-        return true;
-    });
-    for (const auto& orphan : due) finishOrphan(orphan);
+    finishOrphans([&](const Orphan& orphan) { return orphan.departure.at + window <= now; });
 }
 
 void Reconciler::decideAfterScan(Time now) {
@@ -211,13 +205,7 @@ void Reconciler::decideAfterScan(Time now) {
     for (const auto node : departures_.departedNodes()) {
         if (departures_.departure(node)->isFromScan) finish(node);
     }
-    std::vector<Orphan> due;
-    std::erase_if(orphans_, [&](const Orphan& orphan) {
-        if (!orphan.departure.isFromScan) return false;
-        due.push_back(orphan);
-        return true;
-    });
-    for (const auto& orphan : due) finishOrphan(orphan);
+    finishOrphans([](const Orphan& orphan) { return orphan.departure.isFromScan; });
 }
 
 void Reconciler::decideFor(std::span<const VolumeService::IdentityRequest> requests, Time now) {
@@ -238,6 +226,11 @@ void Reconciler::decideFor(std::span<const VolumeService::IdentityRequest> reque
         }
     }
     for (const auto document : documents) decide(document, now, true);
+    finishOrphans([&](const Orphan& orphan) {
+        return std::ranges::any_of(requests, [&](const auto& request) {
+            return request.object->identity.inode == orphan.node.inode;
+        });
+    });
 }
 
 void Reconciler::finish(NodeNumber node) {
@@ -247,6 +240,7 @@ void Reconciler::finish(NodeNumber node) {
     const auto departure = departures_.takeDeparture(node);
     const std::unique_lock lock(state_.indexMutex);
     auto& index = state_.index;
+    index.setHeld(node, false);
     if (!departure || index.node(node).firstName != ObjectIndex::none) return;
     recordGone(index.node(node), departure->last);
     index.setUndecided(node, false);
@@ -255,9 +249,20 @@ void Reconciler::finish(NodeNumber node) {
     forgetBelow(node, departure->last.path);
 }
 
+void Reconciler::finishOrphans(const std::function<bool(const Orphan&)>& isDue) {
+    const auto due = std::partition(orphans_.begin(), orphans_.end(),
+                                    [&](const Orphan& orphan) { return !isDue(orphan); });
+    const std::vector<Orphan> taken(due, orphans_.end());
+    orphans_.erase(due, orphans_.end());
+    for (const auto& orphan : taken) finishOrphan(orphan);
+}
+
 void Reconciler::finishOrphan(const Orphan& orphan) {
     decide(orphan.documentID, now_, true);
     const std::unique_lock lock(state_.indexMutex);
+    const auto node = state_.index.findInode(orphan.node.inode);
+    state_.index.setHeld(node, false);
+    state_.index.setUndecided(node, false);
     if (state_.index.findDocumentID(orphan.documentID) != ObjectIndex::none) return;
     recordGone(orphan.node, orphan.departure.last);
 }

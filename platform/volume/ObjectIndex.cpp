@@ -245,17 +245,21 @@ std::optional<ObjectIndex::Path> ObjectIndex::path(NodeNumber number) const {
     return path;
 }
 
-std::vector<ObjectIndex::NodeNumber> ObjectIndex::takeDirty(std::size_t limit) {
+std::vector<ObjectIndex::NodeNumber> ObjectIndex::takeDirty() {
     std::vector<NodeNumber> taken;
-    taken.reserve(std::min(limit, dirty_.size()));
-    while (!dirty_.empty() && taken.size() < limit) {
-        const NodeNumber number = dirty_.back();
-        dirty_.pop_back();
-        if (!nodes_[number].isDirty) continue;
-        nodes_[number].isDirty = false;
+    taken.reserve(dirty_.size());
+    std::vector<NodeNumber> held;
+    for (const NodeNumber number : std::exchange(dirty_, {})) {
+        Node& node = nodes_[number];
+        if (!node.isDirty) continue;
+        if (node.isHeld) {
+            held.push_back(number);
+            continue;
+        }
+        node.isDirty = false;
         taken.push_back(number);
     }
-    if (dirty_.empty()) dirty_.shrink_to_fit();
+    dirty_ = std::move(held);
     return taken;
 }
 

@@ -60,6 +60,7 @@ class ObjectIndex {
         bool hasMoreNames : 1 = false;  ///< the store may hold further names of it
         bool isRacy : 1 = false;        ///< a later change may have left the stamp as it is
         bool isUndecided : 1 = false;   ///< its document ID may go to another object, or come
+        bool isHeld : 1 = false;        ///< its row waits for an event that is still to come
     };
     struct Entry {
         NodeNumber folder = none;
@@ -103,6 +104,8 @@ class ObjectIndex {
     void setState(NodeNumber number, ObjectKind kind, std::uint64_t stamp, bool isRacy);
     [[nodiscard]] const std::string& metadata(NodeNumber number) const;
     void setMetadata(NodeNumber number, std::string metadata);
+    /// A row that is held stays in the store as it was, so that after a crash the same is found.
+    void setHeld(NodeNumber number, bool isHeld) { nodes_[number].isHeld = isHeld; }
     void setUndecided(NodeNumber number, bool isUndecided) {
         nodes_[number].isUndecided = isUndecided;
     }
@@ -138,8 +141,8 @@ class ObjectIndex {
         }
     }
 
-    /// Up to `limit` nodes that differ from the store; they count as stored from now on.
-    [[nodiscard]] std::vector<NodeNumber> takeDirty(std::size_t limit);
+    /// The nodes that differ from the store and are not held; they count as stored from now on.
+    [[nodiscard]] std::vector<NodeNumber> takeDirty();
     void markDirty(NodeNumber number);
     void markStored(NodeNumber number) { nodes_[number].isDirty = false; }
     /// At least as many as there are.

@@ -179,6 +179,7 @@ void Reconciler::arrive(const FolderReading& reading, const Sighting& sighting) 
     const bool hadNames = node.firstName != ObjectIndex::none;
     const bool isFirstLook = node.stamp == 0;
     auto departure = departures_.takeDeparture(object);
+    if (departure) index.setHeld(object, false);
     const bool isSilentHere = isFirstLook && !departure && isSilent(reading, state);
     if (!isSilentHere) changeOf(reading.folder).isModified = true;
 
@@ -226,6 +227,7 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
         change->second = {};
     }
     if (departure) last = departure->last;
+    index.setHeld(object, old.documentID != 0);
     if (old.documentID != 0) {
         if (auto* vacancy = departures_.vacancy(old.documentID)) vacancy->owner = ObjectIndex::none;
         orphans_.push_back({old.documentID, old, {last, now_, occasion_ != Occasion::Live}});
@@ -244,7 +246,7 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
     index.setIdentity(object, identity);
     index.setMetadata(object, {});
     index.setState(object, ObjectKind::Other, 0, false);
-    index.setUndecided(object, false);
+    index.setUndecided(object, old.documentID != 0);
     index.markDirty(object);
 }
 
@@ -316,6 +318,7 @@ void Reconciler::recordBelow(NodeNumber folder, const std::string& path) {
 
 void Reconciler::depart(NodeNumber node, const FormerPlace& last) {
     departures_.depart(node, {last, now_, occasion_ != Occasion::Live});
+    state_.index.setHeld(node, true);
     expiry_.emplace_back(now_, node);
 }
 
@@ -354,10 +357,7 @@ void Reconciler::recordGone(const ObjectIndex::Node& node, const FormerPlace& la
 }
 
 void Reconciler::recordGap(std::string path, std::string why) {
-    EventRecord& made = events_.emplace_back();
-    made.event.flags = fsEventKernelDropped | fsEventMustScanSubDirs;
-    made.event.path = std::move(path);
-    made.time = std::time(nullptr);
+    events_.push_back(gapRecord(std::move(path)));
     state_.lastGap = std::move(why);
 }
 
@@ -368,7 +368,7 @@ Result<void> Reconciler::commit() {
         const std::unique_lock lock(state_.indexMutex);
         for (const auto node : std::exchange(changedInOrder_, {})) resolve(node, changes_[node]);
         changes_.clear();
-        taken = state_.index.takeDirty(~std::size_t{0});
+        taken = state_.index.takeDirty();
         rows.reserve(taken.size());
         for (const auto number : taken) rows.push_back(state_.index.row(number));
     }

@@ -35,8 +35,8 @@ class Reconciler {
     /// `scanStart`: seconds since 1970, for FirstScan.
     void apply(const FolderReading& reading, Occasion occasion, Time now, std::int64_t scanStart);
 
-    /// Works out the events of what was applied and writes all. On failure nothing is lost but the
-    /// events: a gap is recorded with the next commit that succeeds.
+    /// Works out the events of what was applied and writes all. What fails is written with the next
+    /// commit that succeeds.
     Result<void> commit();
 
     /// Records that something may have been missed below the path.
@@ -107,6 +107,7 @@ class Reconciler {
     void moveDocument(std::uint32_t document, const Departures::Vacancy& vacancy,
                       NodeNumber successor);
     void finish(NodeNumber node);
+    void finishOrphans(const std::function<bool(const Orphan&)>& isDue);
     void finishOrphan(const Orphan& orphan);
     void inheritMetadata(const std::string& metadata, const QSURL& url, const ObjectIdentity& heir);
     void captureMetadata();

@@ -47,7 +47,7 @@ VolumeService::~VolumeService() {
     const std::scoped_lock lock(state_->storeMutex);
     std::vector<EventRecord> noEvents;
     std::vector<ObjectRow> rows;
-    for (const auto node : state_->index.takeDirty(~std::size_t{0})) {
+    for (const auto node : state_->index.takeDirty()) {
         rows.push_back(state_->index.row(node));
     }
     (void)state_->write(rows, false, noEvents);

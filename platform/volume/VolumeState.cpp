@@ -11,6 +11,9 @@ namespace platform {
 
 namespace {
 
+/// Events that wait for a store that can be written to; more than these are a gap.
+constexpr std::size_t mostUnwritten = 100'000;
+
 bool hasPlace(const VolumeService::IdentityRequest& request) {
     return !request.name.empty() && request.object->parentInode != 0;
 }
@@ -44,6 +47,14 @@ VolumeService::State::State(Configuration given)
     : configuration(std::move(given)), follower(std::make_unique<Follower>(*this)) {}
 
 VolumeService::State::~State() = default;
+
+EventRecord gapRecord(std::string path) {
+    EventRecord gap;
+    gap.event.flags = fsEventKernelDropped | fsEventMustScanSubDirs;
+    gap.event.path = std::move(path);
+    gap.time = std::time(nullptr);
+    return gap;
+}
 
 void VolumeService::State::addRoot(const ObjectIdentity& identity, const QSURL& url) {
     const std::unique_lock lock(indexMutex);
@@ -140,8 +151,8 @@ bool VolumeService::State::needsDecision(std::span<const IdentityRequest> reques
         const auto number = index.findInode(identity.inode);
         const bool isKnown = number != ObjectIndex::none && index.node(number).fileID != 0;
         if (isKnown && index.node(number).generation != identity.generation) return true;
-        if (!request.wantsDocumentID || !hasPlace(request)) return false;
         if (isKnown && index.node(number).isUndecided) return true;
+        if (!request.wantsDocumentID || !hasPlace(request)) return false;
         const auto there =
             index.findObject(index.findInode(request.object->parentInode), request.name);
         const bool isAsKnown = there == number && number != ObjectIndex::none;
@@ -163,15 +174,11 @@ Result<std::uint64_t> VolumeService::State::newFileID(std::uint64_t inode) {
 
 Result<void> VolumeService::State::write(std::span<const ObjectRow> rows, bool isDurable,
                                          std::vector<EventRecord>& events) {
-    if (!pendingGap.empty()) {
-        const std::shared_lock lock(indexMutex);
-        for (const auto& root : roots) {
-            EventRecord gap;
-            gap.event.flags = fsEventKernelDropped | fsEventMustScanSubDirs;
-            gap.event.path = root.url.path();
-            gap.time = std::time(nullptr);
-            events.insert(events.begin(), std::move(gap));
-        }
+    // Rows must never be ahead of what they mean.
+    if (!unwritten.empty()) {
+        unwritten.insert(unwritten.end(), std::make_move_iterator(events.begin()),
+                         std::make_move_iterator(events.end()));
+        events = std::exchange(unwritten, {});
     }
     if (rows.empty() && events.empty() && !isDurable) return {};
     const bool hasEvents = !events.empty();
@@ -179,16 +186,17 @@ Result<void> VolumeService::State::write(std::span<const ObjectRow> rows, bool i
                               isDurable || hasEvents ? IdentityStore::Durability::Identities
                                                      : IdentityStore::Durability::Hints,
                               events);
-    if (!done) {
-        if (hasEvents) {
-            pendingGap = "events could not be written; " + done.error().description();
-            lastGap = pendingGap;
-        }
+    if (done) {
+        if (hasEvents) hasNews = true;
         return done;
     }
-    pendingGap.clear();
-    if (hasEvents) hasNews = true;
-    return {};
+    unwritten = std::move(events);
+    if (unwritten.size() <= mostUnwritten) return done;
+    lastGap = "events could not be written; " + done.error().description();
+    unwritten.clear();
+    const std::shared_lock lock(indexMutex);
+    for (const auto& root : roots) unwritten.push_back(gapRecord(root.url.path()));
+    return done;
 }
 
 FSEvent VolumeService::State::present(EventRecord record) const {

@@ -64,8 +64,9 @@ struct VolumeService::State {
 
     /// The file ID for an object whose inode number was never handed out. REQUIRES: storeMutex.
     [[nodiscard]] Result<std::uint64_t> newFileID(std::uint64_t inode);
-    /// One transaction, which also records a gap where events before it could not be written.
-    /// Events that cannot be written are such a gap. REQUIRES: storeMutex is held.
+    /// One transaction, which also writes the events of those before it that failed. Events that
+    /// cannot be written wait for the next one; too many become a gap. REQUIRES: storeMutex is
+    /// held.
     Result<void> write(std::span<const ObjectRow> rows, bool isDurable,
                        std::vector<EventRecord>& events);
     void putBackDirty(std::span<const ObjectIndex::NodeNumber> nodes);
@@ -90,7 +91,7 @@ struct VolumeService::State {
     ObjectIndex index;        // guarded by indexMutex
     std::vector<Root> roots;  // guarded by indexMutex
 
-    std::string pendingGap;                 // guarded by storeMutex; why events were not written
+    std::vector<EventRecord> unwritten;     // guarded by storeMutex; of commits that failed
     std::string lastGap;                    // guarded by storeMutex
     std::optional<QSError> storageTrouble;  // guarded by indexMutex
 
@@ -105,5 +106,8 @@ struct VolumeService::State {
     std::atomic<bool> hasNews = false;
     std::unique_ptr<Follower> follower;  // the first to go
 };
+
+/// The event that says that something may have been missed below the path.
+[[nodiscard]] EventRecord gapRecord(std::string path);
 
 }  // namespace platform

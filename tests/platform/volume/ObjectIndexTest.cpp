@@ -40,8 +40,8 @@ TEST(ObjectIndexTest, AgreesWithANaiveTwinAfterRandomChanges) {
     index.setRoot(index.ensure(1), true);
     std::uint64_t nextFresh = firstFreshFileID;
     std::uint32_t nextDocument = 1;
-    const auto takeDirty = [&](std::size_t limit) {
-        for (const auto taken : index.takeDirty(limit)) {
+    const auto takeDirty = [&] {
+        for (const auto taken : index.takeDirty()) {
             const auto written = index.row(taken);
             stored[written.inode] = written;
         }
@@ -81,9 +81,9 @@ TEST(ObjectIndexTest, AgreesWithANaiveTwinAfterRandomChanges) {
                 naive.names[place] = inode;
             }
         }
-        takeDirty(random() % 4);
+        if (random() % 4 == 0) takeDirty();
     }
-    takeDirty(100'000);
+    takeDirty();
 
     ObjectIndex reloaded;
     reloaded.setRoot(reloaded.ensure(1), true);
