@@ -31,7 +31,7 @@ done
 mv "$work/storage/a/b" "$work/storage/b"
 cp -a "$work/state" "$work/before"
 told > "$work/expected"
-[ "$(grep -c update "$work/expected")" -ge 25 ] && [ "$(grep -c delete "$work/expected")" -eq 5 ]
+[ "$(grep -c update "$work/expected")" -ge 25 ] && [ "$(grep -c delete "$work/expected")" -eq 5 ] # and no more
 
 sweep() { # FAULT
     local at=0 status=0

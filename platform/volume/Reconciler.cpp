@@ -322,13 +322,16 @@ void Reconciler::depart(NodeNumber node, const FormerPlace& last) {
     expiry_.emplace_back(now_, node);
 }
 
+bool Reconciler::isDocument(const ObjectIndex::Node& node, std::string_view path) const {
+    return node.kind == ObjectKind::RegularFile ||
+           (node.kind == ObjectKind::Directory &&
+            state_.configuration.isPackageName(path.substr(path.rfind('/') + 1)));
+}
+
 void Reconciler::record(FSEventFlags flags, NodeNumber node, std::string path, NodeNumber folder) {
     const auto& index = state_.index;
     const auto& object = index.node(node);
-    const auto name = std::string_view(path).substr(path.rfind('/') + 1);
-    const bool isDocument =
-        object.kind == ObjectKind::RegularFile ||
-        (object.kind == ObjectKind::Directory && state_.configuration.isPackageName(name));
+    const bool isDocument = this->isDocument(object, path);
     EventRecord& made = events_.emplace_back();
     made.event.flags = flags;
     made.event.fileID = object.fileID;
@@ -342,7 +345,8 @@ void Reconciler::record(FSEventFlags flags, NodeNumber node, std::string path, N
 }
 
 void Reconciler::recordGone(const ObjectIndex::Node& node, const FormerPlace& last) {
-    if (node.fileID == 0 && node.documentID == 0) return;
+    // Nobody was ever told of it.
+    if (node.documentID == 0 && (node.fileID == 0 || isDocument(node, last.path))) return;
     EventRecord& made = events_.emplace_back();
     made.event.flags = fsEventRemoved;
     made.event.fileID = node.fileID;

@@ -97,6 +97,7 @@ class Reconciler {
     void resolve(NodeNumber node, Change& change);
     void recordBelow(NodeNumber folder, const std::string& path);
     void depart(NodeNumber node, const FormerPlace& last);
+    [[nodiscard]] bool isDocument(const ObjectIndex::Node& node, std::string_view path) const;
     void record(FSEventFlags flags, NodeNumber node, std::string path, NodeNumber folder);
     void recordGone(const ObjectIndex::Node& node, const FormerPlace& last);
     [[nodiscard]] std::string coverOfPath(const std::string& path) const;
