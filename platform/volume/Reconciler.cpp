@@ -110,7 +110,8 @@ void Reconciler::notice(const FolderReading& reading, const Sighting& sighting, 
     if (sighting.generation != 0) index.setGeneration(object, sighting.generation);
     setState(object, *sighting.state);
     if (node.documentID != 0) toCapture_.push_back(object);
-    if (node.kind == ObjectKind::Directory && isFirstLook) newFolders_.push_back(object);
+    // Also one that changed by itself: it may have become readable.
+    if (node.kind == ObjectKind::Directory) newFolders_.push_back(object);
     if (isFirstLook && isSilent(reading, *sighting.state)) return;
     if (isFirstLook && node.kind == ObjectKind::Directory) loudFolders_.insert(object);
     changeOf(object).isModified = true;

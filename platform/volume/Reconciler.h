@@ -42,7 +42,7 @@ class Reconciler {
     /// Records that something may have been missed below the path.
     void recordGap(std::string path, std::string why);
 
-    /// Folders that came into sight since the last call and are to be looked at whole.
+    /// Folders that came into sight or changed since the last call, to be looked at whole.
     [[nodiscard]] std::vector<NodeNumber> takeNewFolders() {
         return std::exchange(newFolders_, {});
     }

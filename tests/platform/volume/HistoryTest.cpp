@@ -27,9 +27,12 @@ namespace fs = std::filesystem;
 class DistortedSource final : public KernelEventSource {
   public:
     using Distort = std::function<void(std::vector<KernelEvent>&)>;
-    DistortedSource(std::unique_ptr<KernelEventSource> real, const Distort& distort)
-        : real_(std::move(real)), distort_(distort) {}
-    Result<int> addWatch(int folder) override { return real_->addWatch(folder); }
+    DistortedSource(std::unique_ptr<KernelEventSource> real, const Distort& distort, int& watches)
+        : real_(std::move(real)), distort_(distort), watches_(watches) {}
+    Result<int> addWatch(int folder) override {
+        if (watches_-- <= 0) return std::unexpected(errorFromErrno(ENOSPC));
+        return real_->addWatch(folder);
+    }
     void removeWatch(int watch) override { real_->removeWatch(watch); }
     std::vector<KernelEvent> read() override {
         auto events = real_->read();
@@ -41,6 +44,7 @@ class DistortedSource final : public KernelEventSource {
   private:
     std::unique_ptr<KernelEventSource> real_;
     const Distort& distort_;
+    int& watches_;  // still to be had
 };
 
 class HistoryTest : public VolumeFixture {
@@ -55,7 +59,7 @@ class HistoryTest : public VolumeFixture {
             configuration.makeSource = [this]() -> Result<std::unique_ptr<KernelEventSource>> {
                 auto real = makeInotifySource();
                 if (!real) return real;
-                return std::make_unique<DistortedSource>(std::move(*real), distort);
+                return std::make_unique<DistortedSource>(std::move(*real), distort, watches);
             };
         };
     }
@@ -94,6 +98,7 @@ class HistoryTest : public VolumeFixture {
     std::uint32_t documentID(std::string_view path) const { return identify(path).documentID; }
 
     DistortedSource::Distort distort;
+    int watches = 1'000'000;
     std::uint64_t since = 0;
     std::set<std::uint64_t> gone;
     int gaps = 0;
@@ -279,6 +284,76 @@ TEST_F(HistoryTest, NothingIsReportedGoneWhileTheStorageItselfIs) {
     makeFile("while away");
     EXPECT_THAT(changes(), Contains("while away"));
     EXPECT_THAT(gone, IsEmpty());
+}
+
+TEST_F(HistoryTest, WhatTheKernelDoesNotReportIsFoundInTime) {
+    auto base = adjust;
+    adjust = [base](auto& configuration) {
+        base(configuration);
+        configuration.reconcileInterval = 20ms;
+        configuration.degradedInterval = 20ms;
+    };
+    distort = [](auto&) {};
+    watches = 1;  // the storage itself
+    makeFile("a/b/file");
+    makeFile("linked");
+    fs::create_hard_link(native("linked"), scratch / "outside");
+    start();
+    EXPECT_EQ(service->statistics().watches, 1u);
+    EXPECT_EQ(service->statistics().degradedFolderCount, 2u);
+    EXPECT_THAT(service->statistics().degradedFolders, Contains(native("a/b").string()));
+    makeFile("a/b/new");
+    std::ofstream(scratch / "outside") << "written behind its back";
+    std::set<std::string> found;
+    while (!found.contains("a/b/new") || !found.contains("linked")) found.merge(changes());
+    EXPECT_GT(watches, -100) << "asks again and again";
+}
+
+TEST_F(HistoryTest, AFolderThatCannotBeReadLosesNothing) {
+    if (geteuid() == 0) GTEST_SKIP() << "root reads everything";
+    makeFile("closed/file");
+    start();
+    documentID("closed/file");
+    fs::permissions(native("closed"), fs::perms::none);
+    service.reset();
+    open();
+    changes();
+    EXPECT_EQ(gaps, 1);
+    EXPECT_THAT(gone, IsEmpty());
+    EXPECT_THAT(service->statistics().degradedFolders, Contains(native("closed").string()));
+    fs::permissions(native("closed"), fs::perms::owner_all);
+    changes();
+    EXPECT_THAT(gone, IsEmpty());
+    makeFile("closed/new");
+    EXPECT_THAT(changes(), Contains("closed/new"));
+}
+
+TEST_F(HistoryTest, AStormIsTakenInWhole) {
+    constexpr int folders = 20;
+    constexpr int count = 1000;  // in each; with what is written and removed some 100,000 events
+    start();
+    for (int folder = 0; folder < folders; ++folder) {
+        const auto name = "s" + std::to_string(folder) + "/deep/er";
+        fs::create_directories(native(name));
+        for (int file = 0; file < count; ++file) {
+            const auto path = name + "/" + std::to_string(file);
+            write(path, "x");
+            if (file % 2 == 0) fs::remove(native(path));
+        }
+    }
+    const auto found = changes();
+    std::set<std::string> missing;
+    for (int folder = 0; folder < folders && gaps == 0; ++folder) {
+        for (int file = 1; file < count; file += 2) {
+            const auto path = "s" + std::to_string(folder) + "/deep/er/" + std::to_string(file);
+            if (!found.contains(path)) missing.insert(path);
+        }
+    }
+    EXPECT_THAT(missing, IsEmpty());
+    for (int folder = 0; folder < folders; ++folder) {
+        const auto at = attributes("s" + std::to_string(folder) + "/deep/er");
+        EXPECT_EQ(service->entryCount(*at), count / 2u) << folder;
+    }
 }
 
 TEST_F(HistoryTest, OldEventsGoAndTheEdgeIsExact) {
