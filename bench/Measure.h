@@ -1,11 +1,14 @@
 #pragma once
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace bench {
@@ -16,11 +19,27 @@ inline double now() {
         .count();
 }
 
+/// The value that `share` of the others are not above. REQUIRES: at least one value.
+inline double quantile(std::vector<double> values, double share) {
+    const auto place = static_cast<std::size_t>(share * static_cast<double>(values.size() - 1));
+    const auto at = values.begin() + static_cast<std::ptrdiff_t>(place);
+    std::nth_element(values.begin(), at, values.end());
+    return *at;
+}
+
 /// REQUIRES: at least one value.
 inline double median(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
+    return quantile(std::move(values), 0.5);
+}
+
+/// Seconds that the processor worked for this process, its children left out.
+inline double cpuSeconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval& time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
+    };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
 /// A figure of /proc/self/status in bytes, e.g. "VmRSS" now or "VmHWM" at the most so far; 0 where

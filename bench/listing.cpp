@@ -3,7 +3,9 @@
 //
 //   tidewell-bench-product list STORAGE CONTAINER STATE ROUNDS   first listing and later ones
 //   tidewell-bench-product pages STORAGE CONTAINER STATE ROUNDS  a page at 0, 50 and 95 %
-//   tidewell-bench-product crawl STORAGE STATE                   first crawl, and that of a restart
+//   tidewell-bench-product crawl STORAGE STATE                   first crawl, and those of a
+//   restart:
+//                                   with nothing changed, and with every hundredth file changed
 //
 // CONTAINER is a folder below STORAGE, or "working-set" for all of it. STATE is a folder that does
 // not exist yet. Times are microseconds, of a listing and a crawl per item.
@@ -13,128 +15,27 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
-#include <optional>
-#include <semaphore>
+#include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "bench/Measure.h"
-#include "platform/fileprovider/Platform.h"
-#include "platform/fileprovider/QSFileProviderEnumerator.h"
-#include "platform/fileprovider/QSFileProviderExtension.h"
-#include "tidewell/provider/LocalFileProvider.h"
+#include "bench/Product.h"
+#include "bench/Workload.h"
 
 namespace {
 
-[[noreturn]] void fail(const std::string& what) {
-    std::fprintf(stderr, "tidewell-bench-product: %s\n", what.c_str());
-    std::exit(1);
-}
-
-/// The bytes of every value that a host would pass on, so that none stays uncomputed.
-std::size_t consume(const platform::QSFileProviderItem& item) {
-    const auto tags = item.tagData();
-    const auto version = item.versionIdentifier();
-    return item.itemIdentifier().size() + item.parentItemIdentifier().size() +
-           item.filename().size() + item.typeIdentifier().size() + item.documentSize().value_or(0) +
-           item.capabilities() + item.childItemCount().value_or(0) +
-           item.favoriteRank().value_or(0) + std::size_t{item.creationDate().has_value()} +
-           std::size_t{item.contentModificationDate().has_value()} +
-           std::size_t{item.lastUsedDate().has_value()} + (tags ? tags->size() : 0) +
-           (version ? version->size() : 0) + std::size_t{item.isTrashed()};
-}
-
-class Observer final : public platform::QSFileProviderEnumerationObserver {
-  public:
-    void didEnumerateItems(std::vector<platform::ItemRef> items) override {
-        for (const platform::ItemRef& item : items) consumed_ = consumed_ + consume(*item);
-        count += items.size();
-    }
-    void finishEnumeratingUpToPage(std::optional<platform::QSFileProviderPage> page) override {
-        nextPage = std::move(page);
-        finished_.release();
-    }
-    void finishEnumeratingWithError(platform::QSError error) override { fail(error.description()); }
-    void wait() { finished_.acquire(); }
-
-    std::size_t count = 0;                                 // read after wait()
-    std::optional<platform::QSFileProviderPage> nextPage;  // read after wait()
-
-  private:
-    volatile std::size_t consumed_ = 0;
-    std::binary_semaphore finished_{0};
-};
-
-std::unique_ptr<platform::Platform> makePlatform(const std::string& storage,
-                                                 const std::string& state, bool crawls) {
-    platform::Platform::Options options;
-    options.folders = {.storage = storage,
-                       .data = state + "/data",
-                       .state = state + "/state",
-                       .cache = state + "/cache",
-                       .applicationSupport = state + "/support"};
-    options.followsAtStart = crawls;
-    auto made = platform::Platform::make(std::move(options));
-    if (!made) fail(made.error().description());
-    return std::move(*made);
-}
-
-/// The provider on a platform of its own that does not crawl, so that a listing is measured alone.
-class Provider {
-  public:
-    Provider(const std::string& storage, const std::string& container, const std::string& state)
-        : platform_(makePlatform(storage, state, false)) {
-        platform_->install();
-        provider_ = tidewell::makeLocalFileProvider();
-        if (container == "working-set") {
-            container_ = platform::QSFileProviderWorkingSetContainerItemIdentifier;
-            return;
-        }
-        const auto identifier = provider_->persistentIdentifierForItemAtURL(
-            platform_->files().URLForNativePath(storage + "/" + container));
-        if (!identifier) fail("no identifier for " + container);
-        container_ = *identifier;
-    }
-
-    [[nodiscard]] std::shared_ptr<platform::QSFileProviderEnumerator> enumerator() const {
-        auto made = provider_->enumeratorForContainerItemIdentifier(container_);
-        if (!made) fail(made.error().description());
-        return *made;
-    }
-
-  private:
-    std::unique_ptr<platform::Platform> platform_;
-    std::shared_ptr<platform::QSFileProviderExtension> provider_;
-    platform::QSFileProviderItemIdentifier container_;
-};
-
-struct Page {
-    double seconds = 0;
-    std::size_t items = 0;
-};
-
-/// Every page, as a host asks for them.
-std::vector<Page> list(platform::QSFileProviderEnumerator& enumerator) {
-    std::vector<Page> pages;
-    std::optional token = platform::dataFromString(platform::QSFileProviderInitialPageSortedByName);
-    while (token) {
-        auto observer = std::make_shared<Observer>();
-        const double start = bench::now();
-        enumerator.enumerateItemsForObserver(observer, *token);
-        observer->wait();
-        pages.push_back({bench::now() - start, observer->count});
-        token = std::move(observer->nextPage);
-    }
-    return pages;
-}
+using bench::fail;
+using bench::Page;
+using bench::Provider;
 
 /// Microseconds an item of one whole listing by a new enumerator.
 double listWhole(const Provider& provider) {
     const double start = bench::now();
     std::size_t items = 0;
     const auto enumerator = provider.enumerator();
-    for (const Page& page : list(*enumerator)) items += page.items;
+    for (const Page& page : bench::list(*enumerator)) items += page.items.size();
     if (items == 0) fail("the container is empty");
     const double seconds = bench::now() - start;
     enumerator->invalidate();
@@ -157,7 +58,7 @@ void benchPages(const Provider& provider, int rounds) {
     std::array<std::vector<double>, shares.size()> times;
     for (int round = 0; round < rounds; ++round) {
         const auto enumerator = provider.enumerator();
-        const std::vector<Page> pages = list(*enumerator);
+        const std::vector<Page> pages = bench::list(*enumerator);
         enumerator->invalidate();
         for (std::size_t place = 0; place < shares.size(); ++place) {
             const std::size_t first = pages.size() * shares[place] / 100;
@@ -171,22 +72,46 @@ void benchPages(const Provider& provider, int rounds) {
     }
 }
 
+/// Opens the volume and waits until everything was compared.
+std::unique_ptr<platform::Platform> catchUp(const std::string& storage, const std::string& state,
+                                            const char* name) {
+    const double start = bench::now();
+    auto made = bench::makePlatform(storage, state, true);
+    if (!made->volume().waitUntilSeen()) fail("the crawl was not finished");
+    const double seconds = bench::now() - start;
+    const auto objects = static_cast<double>(made->volume().statistics().objects);
+    bench::report(name, seconds * 1e6 / objects);
+    return made;
+}
+
+/// How many documents there are events of after that one.
+std::size_t documentsChangedAfter(const platform::VolumeService& volume, std::uint64_t event) {
+    const auto events = volume.eventsAfter(event, volume.currentEventID(), ~std::size_t{0});
+    if (!events) fail(events.error().description());
+    std::set<std::string> paths;
+    for (const auto& one : *events) {
+        if (one.path.ends_with(".txt")) paths.insert(one.path);
+    }
+    return paths.size();
+}
+
 void benchCrawl(const std::string& storage, const std::string& state) {
-    const double before = bench::memory("VmRSS");
-    for (const char* name : {"first", "again"}) {
-        const double start = bench::now();
-        const auto made = makePlatform(storage, state, true);
-        (void)made->volume().waitUntilSeen();
-        const double seconds = bench::now() - start;
+    std::uint64_t last = 0;
+    {
+        const double before = bench::memory("VmRSS");
+        const auto made = catchUp(storage, state, "first");
         const auto statistics = made->volume().statistics();
         const auto objects = static_cast<double>(statistics.objects);
-        bench::report(name, seconds * 1e6 / objects);
-        if (std::string(name) == "again") continue;
         bench::report("objects", objects);
         bench::report("indexBytes", static_cast<double>(statistics.indexBytes) / objects);
         bench::report("residentBytes", (bench::memory("VmRSS") - before) / objects);
         bench::report("peakMiB", (bench::memory("VmHWM") - before) / 1048576);
     }
+    last = catchUp(storage, state, "again")->volume().currentEventID();
+    const std::size_t changed = bench::touchEvery(100, storage);
+    const auto made = catchUp(storage, state, "changed");
+    bench::report("found", static_cast<double>(documentsChangedAfter(made->volume(), last)) /
+                               static_cast<double>(changed));
 }
 
 }  // namespace
