@@ -37,6 +37,7 @@ class Departures {
     struct Vacancy {
         NodeNumber owner = ObjectIndex::none;  ///< none: its number is another object's by now
         std::uint64_t fileID = 0;              ///< of the owner
+        ObjectKind kind = ObjectKind::Other;   ///< of the owner
         FormerPlace place;
         std::string metadata;  ///< that the owner was last seen with
         Time at;

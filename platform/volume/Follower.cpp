@@ -175,8 +175,10 @@ void Follower::take(const KernelEvent& event) {
     if (found == folders_.end()) return;
     const auto folder = found->second;
     if ((event.mask & IN_IGNORED) != 0) {
+        // The watch has ended, or an earlier one of that number has: looking will tell, and watch.
         folders_.erase(found);
         watches_.erase(folder);
+        marks_[folder].isWhole = true;
         return;
     }
     auto& mark = marks_[folder];
@@ -270,6 +272,10 @@ void Follower::watch(NodeNumber number, const Folder& folder) {
     const auto added =
         source_ ? source_->addWatch(folder.descriptor()) : std::unexpected(errorFromErrno(EMFILE));
     if (added) {
+        // Of a folder that has gone, if the number was used before.
+        if (const auto former = folders_.find(*added); former != folders_.end()) {
+            watches_.erase(former->second);
+        }
         folders_[*added] = number;
         watches_[number] = *added;
         unwatched_.erase(number);

@@ -117,16 +117,25 @@ void Reconciler::notice(const FolderReading& reading, const Sighting& sighting, 
     changeOf(object).isModified = true;
 }
 
-FormerPlace Reconciler::placeOf(ObjectIndex::EntryNumber entry) const {
+/// Where the folder is or, where it or one above it has gone, was last.
+std::string Reconciler::pathOfFolder(NodeNumber folder) const {
+    if (const auto url = state_.urlOf(folder)) return url->path();
     const auto& index = state_.index;
-    const auto& own = index.entry(entry);
-    std::string folder;
-    if (const auto url = state_.urlOf(own.folder)) {
-        folder = url->path();
-    } else if (const auto* gone = departures_.departure(own.folder)) {
-        folder = gone->last.path;
+    std::string below;
+    for (int depth = 0; depth < deepest; ++depth) {
+        if (const auto* gone = departures_.departure(folder)) return gone->last.path + below;
+        const auto entry = index.node(folder).firstName;
+        if (entry == ObjectIndex::none) break;
+        below = joined("", index.name(index.entry(entry))) + below;
+        folder = index.entry(entry).folder;
     }
-    return {own.folder, std::string(index.name(own)), joined(folder, index.name(own))};
+    return state_.roots.front().url.path() + below;
+}
+
+FormerPlace Reconciler::placeOf(ObjectIndex::EntryNumber entry) const {
+    const auto& own = state_.index.entry(entry);
+    const std::string name(state_.index.name(own));
+    return {own.folder, name, joined(pathOfFolder(own.folder), name)};
 }
 
 void Reconciler::leave(ObjectIndex::EntryNumber entry) {
@@ -136,8 +145,9 @@ void Reconciler::leave(ObjectIndex::EntryNumber entry) {
     index.removeName(entry);
     const auto& node = index.node(object);
     if (node.documentID != 0) {
-        departures_.vacate(node.documentID, {object, node.fileID, place, index.metadata(object),
-                                             now_, occasion_ != Occasion::Live, false});
+        departures_.vacate(node.documentID,
+                           {object, node.fileID, node.kind, place, index.metadata(object), now_,
+                            occasion_ != Occasion::Live, false});
         index.setUndecided(object, true);
     }
     changeOf(place.folder).isModified = true;
@@ -346,14 +356,14 @@ void Reconciler::record(FSEventFlags flags, NodeNumber node, std::string path, N
 }
 
 void Reconciler::recordGone(const ObjectIndex::Node& node, const FormerPlace& last) {
-    // Nobody was ever told of it.
-    if (node.documentID == 0 && (node.fileID == 0 || isDocument(node, last.path))) return;
+    // Nobody was ever told of it, or not under the identifier that it had there.
+    const bool wasDocument = isDocument(node, last.path);
+    if ((wasDocument ? node.documentID : node.fileID) == 0) return;
     EventRecord& made = events_.emplace_back();
     made.event.flags = fsEventRemoved;
     made.event.fileID = node.fileID;
     made.event.documentID = node.documentID;
-    made.event.identifierKind =
-        node.documentID != 0 ? IdentifierKind::Document : IdentifierKind::File;
+    made.event.identifierKind = wasDocument ? IdentifierKind::Document : IdentifierKind::File;
     made.event.path = last.path;
     made.time = std::time(nullptr);
     if (last.folder == ObjectIndex::none) return;

@@ -86,6 +86,7 @@ class Reconciler {
     void arrive(const FolderReading& reading, const Sighting& sighting);
     void leave(ObjectIndex::EntryNumber entry);
     void openCircle(NodeNumber node, NodeNumber folder);
+    [[nodiscard]] std::string pathOfFolder(NodeNumber folder) const;
     [[nodiscard]] FormerPlace placeOf(ObjectIndex::EntryNumber entry) const;
     void notice(const FolderReading& reading, const Sighting& sighting, NodeNumber object);
     void renew(NodeNumber node, std::uint64_t generation);

@@ -166,7 +166,8 @@ std::optional<std::uint64_t> VolumeService::entryCount(const FileAttributes& fol
     const auto number = state_->index.findInode(folder.identity.inode);
     if (number == ObjectIndex::none) return std::nullopt;
     const auto& node = state_->index.node(number);
-    // Once everything is followed, a change that the stamp does not tell has been seen all the same.
+    // Once everything is followed, a change that the stamp does not tell has been seen all the
+    // same.
     if (node.stamp != stampOf(folder) || (node.isRacy && !isCaughtUp())) return std::nullopt;
     return node.childCount;
 }
