@@ -14,11 +14,9 @@ namespace tests {
 /// it is not set, so that tests run on a real disk), gone afterwards.
 class ScratchFolder {
   public:
-    ScratchFolder() {
-        const char* chosen = std::getenv("TMPDIR");
-        std::string pattern =
-            (chosen ? std::filesystem::path(chosen) : std::filesystem::current_path()) /
-            "tidewell-XXXXXX";
+    ScratchFolder() : ScratchFolder(usualParent()) {}
+    explicit ScratchFolder(const std::filesystem::path& parent) {
+        std::string pattern = parent / "tidewell-XXXXXX";
         if (!mkdtemp(pattern.data())) std::abort();
         path_ = pattern;
     }
@@ -45,6 +43,11 @@ class ScratchFolder {
     }
 
   private:
+    static std::filesystem::path usualParent() {
+        const char* chosen = std::getenv("TMPDIR");
+        return chosen ? std::filesystem::path(chosen) : std::filesystem::current_path();
+    }
+
     std::filesystem::path path_;
 };
 

@@ -1,0 +1,297 @@
+#include "tests/convergence/Convergence.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <chrono>
+#include <filesystem>
+#include <sstream>
+#include <thread>
+
+#include "platform/volume/SQLite.h"
+#include "tests/convergence/Ledger.h"
+#include "tests/convergence/Product.h"
+#include "tests/convergence/Recipes.h"
+#include "tests/convergence/Replica.h"
+#include "tests/support/ScratchFolder.h"
+
+namespace tests {
+
+namespace {
+
+constexpr std::size_t operationsPerBarrier = 40;
+
+unsigned faultsOf(const RunOptions& options) {
+    if (options.faults) return *options.faults;
+    Random random(options.seed ^ 0xFA);
+    // Each with one chance in two; those that hide other faults are rarer.
+    auto faults = static_cast<unsigned>(random()) & 0x7FF;
+    if (below(random, 4) != 0) faults &= ~static_cast<unsigned>(faultWatchLimit);
+    if (below(random, 8) != 0) faults &= ~static_cast<unsigned>(faultStoreLoss);
+    return faults;
+}
+
+std::ptrdiff_t openDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+/// A difference without what depends on the run.
+std::string kindOf(const std::string& difference) {
+    std::istringstream words(difference);
+    std::string kind;
+    for (std::string word; words >> word;) {
+        if (std::ranges::all_of(word, [](unsigned char c) { return std::isalpha(c) != 0; })) {
+            kind += word + " ";
+        }
+    }
+    return kind;
+}
+
+class Run {
+  public:
+    explicit Run(const RunOptions& options)
+        : options_(options),
+          faults_(faultsOf(options)),
+          product_(base(), stores_.path().string(),
+                   std::make_shared<KernelMood>(faults_, options.seed), options.mode == 'D') {
+        for (const auto* folder : {"s/.Trash", "s/a/a", "s/a/b", "s/b/a", "out"}) {
+            scratch_.makeFolder(folder);
+        }
+    }
+
+    RunResult run() {
+        note(product_.start());
+        for (auto& replica : replicas_) {
+            if (!ok()) break;
+            replica.list(product_.service());
+            replica.keep();
+        }
+        if (ok()) barrier();
+        for (std::size_t next = 0; ok() && next < options_.operations;) {
+            const auto end = std::min(next + operationsPerBarrier, options_.operations);
+            product_.mood().setCalm(false);
+            looks_ = next / operationsPerBarrier % 3 > 0;
+            if (options_.mode == 'D') {
+                runInTurns(next, end);
+            } else {
+                runInThreads(next, end);
+            }
+            next = end;
+            if (ok()) barrier();
+        }
+        const auto store = product_.isRunning() ? product_.statistics().storePath : "";
+        product_.stop();
+        if (auto database = platform::SQLiteDatabase::open(store); ok() && database) {
+            const auto verdict = database->value("PRAGMA integrity_check").value_or("unreadable");
+            if (verdict != "ok") note("the store: " + verdict);
+        }
+        return {difference_, log_.tail(2 * operationsPerBarrier), ledger_.judgedSaves()};
+    }
+
+  private:
+    [[nodiscard]] std::string base() const { return scratch_.path().string(); }
+    [[nodiscard]] bool ok() const { return difference_.empty(); }
+    [[nodiscard]] bool has(Fault fault) const { return (faults_ & fault) != 0; }
+    void note(const std::string& difference) {
+        if (ok()) difference_ = difference;
+    }
+    [[nodiscard]] Random randomOf(std::size_t operation) const {
+        return Random(options_.seed * 1'000'003 + operation);
+    }
+
+    void begin(Actor& actor, std::size_t index) {
+        if (options_.only && !options_.only->contains(index)) return;
+        auto random = randomOf(index);
+        const auto operation = randomOperation(random);
+        if (operation.recipe && operation.recipe->replaces) {
+            const auto name = operation.document.substr(operation.document.rfind('/') + 1);
+            log_.add({.actor = 0, .operation = index, .call = "save " + name});
+        }
+        actor.begin(index, operation.script);
+    }
+
+    /// Both actors, call by call, and the product in between.
+    void runInTurns(std::size_t next, std::size_t end) {
+        Random random = randomOf(next + 1'000'000);
+        std::array<bool, 2> isBusy{};
+        while (ok() && (next < end || isBusy[0] || isBusy[1])) {
+            const auto turn = below(random, 2);
+            if (!isBusy.at(turn) && next < end) {
+                random = randomOf(next + 1'000'000);
+                begin(actors_.at(turn), next++);
+                isBusy.at(turn) = true;
+            }
+            if (!isBusy.at(turn)) continue;
+            isBusy.at(turn) = actors_.at(turn).step();
+            letProductRun(random);
+        }
+    }
+
+    void runInThreads(std::size_t first, std::size_t end) {
+        std::atomic<int> running = 2;
+        const auto work = [&](std::size_t number) {
+            Random random = randomOf(first + 1'000'000 + number);
+            for (auto index = first + number; index < end; index += 2) {
+                begin(actors_.at(number), index);
+                while (actors_.at(number).step()) {
+                    if (below(random, 20) > 0) continue;
+                    std::this_thread::sleep_for(std::chrono::microseconds(200));
+                }
+            }
+            --running;
+        };
+        std::jthread one(work, 0), other(work, 1);
+        Random random = randomOf(first + 2'000'000);
+        while (running > 0) letProductRun(random);
+    }
+
+    /// What clients, the clock and the product do between two calls of actors.
+    void letProductRun(Random& random) {
+        if (!product_.isRunning()) {
+            if (below(random, 20) > 0) return;
+            note(product_.start());
+            logDeed("the product begins");
+            return;
+        }
+        product_.advance(std::chrono::milliseconds(1));
+        const auto happens = [&](Fault fault, std::size_t oneIn) {
+            return has(fault) && below(random, oneIn) == 0;
+        };
+        if (happens(faultPauses, 40)) pause_ = below(random, 60);
+        if (pause_ > 0) {
+            --pause_;
+        } else if (below(random, 4) == 0) {
+            product_.step();
+        }
+        if (happens(faultClock, 40)) {
+            product_.advance(std::chrono::milliseconds(below(random, 6000)));
+            logDeed("time passes");
+        }
+        if (looks_ && below(random, 6) == 0) {
+            logDeed("look");
+            if (below(random, 2) == 0) {
+                letThirdRun(random);
+            } else if (product_.isSignalled()) {
+                replicas_[0].pull(product_.service());
+            }
+        }
+        if (happens(faultRestarts, 100)) stop();
+        for (const auto& replica : replicas_) note(replica.failure());
+    }
+
+    /// It lists step by step, loses what it has, and goes on from what it once kept.
+    void letThirdRun(Random& random) {
+        auto& replica = replicas_[2];
+        if (replica.isListing() || below(random, 10) == 0) {
+            replica.listStep(product_.service());
+        } else if (below(random, 4) == 0) {
+            replica.goBack();
+        } else {
+            replica.pull(product_.service());
+            if (below(random, 4) == 0) replica.keep();
+        }
+    }
+
+    void logDeed(const char* what) { log_.add({.call = what}); }
+
+    void stop() {
+        logDeed("the product ends");
+        if (has(faultKills) && options_.mode == 'D') return product_.kill();
+        product_.stop();
+        if (!has(faultStoreLoss)) return;
+        forgetsIdentifiers_ = true;
+        std::filesystem::remove_all(stores_ / "data");
+    }
+
+    void barrier() {
+        if (!product_.isRunning()) note(product_.start());
+        if (!ok()) return;
+        product_.mood().setCalm(true);
+        note(product_.settle());
+        Ledger::Barrier barrier{.deeds = log_.take(),
+                                .rows = walk(base(), Product::tagAttribute())};
+        barrier.forgetsIdentifiers = std::exchange(forgetsIdentifiers_, false);
+        replicas_[1].goBack();
+        while (replicas_[2].isListing()) replicas_[2].listStep(product_.service());
+        Replica fresh("a new listing");
+        fresh.list(product_.service());
+        for (auto* replica : {&replicas_[0], &replicas_[1], &replicas_[2], &fresh}) {
+            replica->pull(product_.service());
+            barrier.deleted.merge(replica->takeDeleted());
+            note(replica->compare(barrier.rows, barrier.identifiers));
+            if (replica->refusals() == 0 || product_.mood().overflows() > 0) continue;
+            if (!has(faultStoreLoss)) note("an anchor was refused although nothing was lost");
+        }
+        const auto isFolder = [](const WalkedRow& row) {
+            return row.kind == 'd' || row.kind == 'p';
+        };
+        const auto folders = std::ranges::count_if(barrier.rows, isFolder);
+        const auto watches = static_cast<std::ptrdiff_t>(product_.statistics().watches);
+        if (ok()) note(ledger_.check(std::move(barrier)));
+        if (watches == folders || has(faultWatchLimit)) return;
+        note(std::to_string(watches) + " watches for " + std::to_string(folders) + " folders");
+    }
+
+    const RunOptions& options_;
+    const unsigned faults_;
+    ScratchFolder scratch_;
+    // In memory: it is not the disk's patience that is tested.
+    ScratchFolder stores_{"/dev/shm"};
+    DeedLog log_;
+    const Actor::Place place_{base(), Product::tagAttribute(), Product::tagValue()};
+    std::array<Actor, 2> actors_{{{0, place_, log_}, {1, place_, log_}}};
+    Product product_;
+    std::array<Replica, 3> replicas_{Replica("R1"), Replica("R2"), Replica("R3")};
+    Ledger ledger_;
+    std::size_t pause_ = 0;
+    bool looks_ = true;  // whether anyone looks before the barrier
+    bool forgetsIdentifiers_ = false;
+    std::string difference_;
+};
+
+}  // namespace
+
+RunResult converge(const RunOptions& options) {
+    const auto before = openDescriptors();
+    RunResult result = Run(options).run();
+    const auto after = openDescriptors();
+    if (result.difference.empty() && after != before) {
+        result.difference = std::to_string(before) + " descriptors were open before the run, " +
+                            std::to_string(after) + " are afterwards";
+    }
+    return result;
+}
+
+std::string commandLine(const RunOptions& options) {
+    std::ostringstream line;
+    line << "converge --mode=" << options.mode << " --seed=" << options.seed
+         << " --ops=" << options.operations << " --faults=0x" << std::hex << faultsOf(options)
+         << std::dec;
+    if (options.only) {
+        line << " --only=";
+        for (const auto operation : *options.only) line << operation << ",";
+    }
+    return line.str();
+}
+
+RunOptions shrink(RunOptions options) {
+    const auto wanted = kindOf(converge(options).difference);
+    if (wanted.empty()) return options;
+    if (!options.only) {
+        options.only.emplace();
+        for (std::size_t i = 0; i < options.operations; ++i) options.only->insert(i);
+    }
+    for (std::size_t chunk = options.only->size() / 2; chunk > 0; chunk /= 2) {
+        const std::vector<std::size_t> all(options.only->begin(), options.only->end());
+        for (std::size_t begin = 0; begin < all.size(); begin += chunk) {
+            auto fewer = options;
+            for (auto i = begin; i < std::min(begin + chunk, all.size()); ++i) {
+                fewer.only->erase(all[i]);
+            }
+            if (kindOf(converge(fewer).difference) == wanted) options = std::move(fewer);
+        }
+    }
+    return options;
+}
+
+}  // namespace tests

@@ -1,0 +1,111 @@
+#include "tests/convergence/Product.h"
+
+#include <filesystem>
+
+#include "platform/dispatch/Queue.h"
+#include "platform/fileprovider/QSFileProviderItem.h"
+#include "platform/foundation/QSKeyedArchiver.h"
+#include "tidewell/provider/LocalFileProvider.h"
+
+namespace tests {
+
+using platform::KernelEventSource;
+using platform::Result;
+using platform::VolumeService;
+
+Product::Product(std::string base, std::string stores, std::shared_ptr<KernelMood> mood,
+                 bool isManual)
+    : base_(std::move(base)),
+      stores_(std::move(stores)),
+      mood_(std::move(mood)),
+      isManual_(isManual) {}
+
+std::string Product::start() {
+    const auto adjust = [this](VolumeService::Configuration& volume) {
+        volume.makeSource = [mood = mood_]() -> Result<std::unique_ptr<KernelEventSource>> {
+            auto kernel = platform::makeInotifySource();
+            if (!kernel) return kernel;
+            return std::make_unique<ScriptedKernel>(std::move(*kernel), mood);
+        };
+        volume.isManual = isManual_;
+        if (!isManual_) return;
+        volume.now = [this] {
+            return std::chrono::steady_clock::time_point(std::chrono::milliseconds(clock_));
+        };
+    };
+    auto made = platform::Platform::make({.folders = {.storage = base_ + "/s",
+                                                      .data = stores_ + "/data",
+                                                      .state = stores_ + "/state",
+                                                      .cache = stores_ + "/cache",
+                                                      .applicationSupport = stores_ + "/apps"},
+                                          .adjustVolume = adjust});
+    if (!made) return made.error().description();
+    platform_ = std::move(*made);
+    platform_->install();
+    service_ =
+        std::make_unique<host::DocumentService>([] { return tidewell::makeLocalFileProvider(); });
+    if (!isManual_) {
+        auto following = service_->follow(
+            std::string(platform::QSFileProviderWorkingSetContainerItemIdentifier));
+        if (!following) return following.error().description();
+        following_ = std::move(*following);
+    }
+    // Changes wait until the past is known.
+    for (int i = 0; isManual_ && !platform_->volume().isCaughtUp(); ++i) {
+        if (i == 10'000) return "it never catches up";
+        platform_->volume().step();
+    }
+    return {};
+}
+
+void Product::stop() {
+    following_.reset();
+    service_.reset();
+    platform::mainQueue().sync([] {});
+    platform_.reset();
+}
+
+void Product::kill() {
+    namespace fs = std::filesystem;
+    const fs::path now = stores_, copy = stores_ + ".killed";
+    fs::copy(now, copy, fs::copy_options::recursive);
+    stop();
+    fs::remove_all(now);
+    fs::rename(copy, now);
+}
+
+void Product::step() {
+    if (isManual_) platform_->volume().step();
+}
+
+bool Product::isSignalled() {
+    return isManual_ || following_->wait(std::chrono::milliseconds(1));
+}
+
+std::string Product::settle() {
+    auto& volume = platform_->volume();
+    if (!isManual_) {
+        const auto settled = volume.waitUntilSettled();
+        return settled ? std::string() : settled.error().description();
+    }
+    // Longer than any window, and than the time between two looks at what is not watched.
+    for (int seconds = 0; seconds < 70; ++seconds) {
+        advance(std::chrono::seconds(1));
+        for (int rounds = 0; volume.step(); ++rounds) {
+            if (rounds == 10'000) return "it never comes to rest";
+        }
+    }
+    return {};
+}
+
+std::string Product::tagAttribute() {
+    return "user.com.quenby.metadata:_kMDItemUserTags";
+}
+
+std::string Product::tagValue() {
+    const auto value = platform::archivedDataWithRootObject(
+        platform::QSPropertyList::Array{platform::QSPropertyList("late")});
+    return std::string(platform::stringFromData(*value));
+}
+
+}  // namespace tests

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "host/DocumentService.h"
+#include "host/Following.h"
+#include "platform/fileprovider/Platform.h"
+#include "tests/convergence/ScriptedKernel.h"
+
+namespace tests {
+
+/// The whole product on a storage, as one process would run it; it can end and begin again.
+class Product {
+  public:
+    /// `base` holds the storage "s"; the stores go to `stores`. One that `isManual` does nothing
+    /// but in step(), and its clock goes by advance() alone.
+    Product(std::string base, std::string stores, std::shared_ptr<KernelMood> mood, bool isManual);
+    ~Product() { stop(); }
+    Product(const Product&) = delete;
+    Product& operator=(const Product&) = delete;
+
+    /// Empty, or why it could not.
+    [[nodiscard]] std::string start();
+    void stop();
+    /// Ends it so that the stores are as they would be had it been killed before. REQUIRES: manual.
+    void kill();
+    [[nodiscard]] bool isRunning() const { return service_ != nullptr; }
+
+    /// REQUIRES: it runs, for all that follow.
+    [[nodiscard]] host::DocumentService& service() { return *service_; }
+    void step();
+    /// Whether clients were told that there is news; a manual one is not waited for.
+    [[nodiscard]] bool isSignalled();
+    void advance(std::chrono::milliseconds time) { clock_ += time.count(); }
+    /// Until all that has happened is known. Empty, or why not.
+    [[nodiscard]] std::string settle();
+    [[nodiscard]] platform::VolumeService::Statistics statistics() const {
+        return platform_->volume().statistics();
+    }
+
+    [[nodiscard]] KernelMood& mood() { return *mood_; }
+
+    /// The extended attribute that carries tags, and one that carries a tag.
+    [[nodiscard]] static std::string tagAttribute();
+    [[nodiscard]] static std::string tagValue();
+
+  private:
+    const std::string base_, stores_;
+    const std::shared_ptr<KernelMood> mood_;
+    const bool isManual_;
+    std::atomic<std::int64_t> clock_ = 1'000'000;  // ms
+    std::unique_ptr<platform::Platform> platform_;
+    std::unique_ptr<host::DocumentService> service_;
+    std::unique_ptr<host::Following> following_;
+};
+
+}  // namespace tests

@@ -1,0 +1,139 @@
+#include "tests/convergence/Replica.h"
+
+#include <sstream>
+
+#include "host/errors.h"
+#include "platform/fileprovider/QSFileProviderItem.h"
+
+namespace tests {
+
+namespace {
+
+const std::string root(platform::QSFileProviderRootContainerItemIdentifier);
+const std::string workingSet(platform::QSFileProviderWorkingSetContainerItemIdentifier);
+
+char kindOf(const host::ItemRecord& item) {
+    if (item.isFolder()) return 'd';
+    if (item.itemIdentifier.starts_with("fid=")) return 'l';
+    return item.typeIdentifier == "com.quenby.lutebox" ? 'p' : 'f';
+}
+
+/// What differs between an item and the walk's row.
+std::string difference(const host::ItemRecord& item, const WalkedRow& row) {
+    std::ostringstream text;
+    const auto compare = [&](const char* what, auto ours, auto onDisk) {
+        if (ours != onDisk) text << what << " " << ours << ", on disk " << onDisk << "; ";
+    };
+    compare("kind", kindOf(item), row.kind);
+    compare("size", item.documentSize.value_or(0), row.size);
+    compare("children", item.childItemCount.value_or(0), row.kind == 'd' ? row.entries : 0);
+    const auto modified = item.contentModificationDate.value_or(platform::QSDate{});
+    compare("modified", modified.seconds * 1'000'000'000 + modified.nanoseconds, row.modified);
+    compare("has tags", item.tags.has_value(), row.hasAttribute);
+    return text.str();
+}
+
+}  // namespace
+
+void Replica::begin(host::DocumentService& service) {
+    state_ = {};
+    pending_.clear();
+    auto anchor = service.anchor(workingSet);
+    if (!anchor) return fail(anchor.error());
+    state_.anchor = std::move(*anchor);
+}
+
+void Replica::list(host::DocumentService& service) {
+    begin(service);
+    const auto listed = service.list(workingSet, host::Order::ByName, [&](const auto& item) {
+        if (!item.isTrashed) state_.items[item.itemIdentifier] = item;
+        return true;
+    });
+    if (!listed) fail(listed.error());
+}
+
+void Replica::listStep(host::DocumentService& service) {
+    if (pending_.empty()) {
+        begin(service);
+        pending_.push_back({root});
+    }
+    auto next = std::move(pending_.front());
+    pending_.pop_front();
+    auto page = service.onePage(next.container, next.start);
+    for (const auto& item : page.items) {
+        state_.items[item.itemIdentifier] = item;
+        if (item.isFolder()) pending_.push_back({item.itemIdentifier});
+    }
+    if (page.next && *page.next) {
+        pending_.push_front({next.container, std::move(**page.next)});
+    } else if (!page.next && host::meansExpired(page.next.error())) {
+        pending_.push_front({next.container});  // it has changed between its pages
+    } else if (!page.next && !host::meansNoSuchItem(page.next.error())) {
+        fail(page.next.error());
+    }
+}
+
+void Replica::take(const host::ChangePage& page) {
+    if (page.updates.size() + page.deletions.size() > 100) failure_ = name_ + ": a page too large";
+    for (const auto& item : page.updates) {
+        if (item.isTrashed) failure_ = name_ + ": trashed, but updated: " + item.filename;
+        state_.items[item.itemIdentifier] = item;
+    }
+    for (const auto& identifier : page.deletions) {
+        state_.items.erase(identifier);
+        deleted_.insert(identifier);
+    }
+    state_.anchor = page.anchor;
+}
+
+void Replica::pull(host::DocumentService& service) {
+    const auto reached = service.changes(workingSet, state_.anchor, [&](const auto& page) {
+        take(page);
+        return true;
+    });
+    if (reached) return;
+    if (!host::meansExpired(reached.error())) return fail(reached.error());
+    ++refusals_;
+    list(service);
+    keep();
+}
+
+std::string Replica::pathOf(const host::ItemRecord& item) const {
+    std::string path = item.filename;
+    const auto* at = &item;
+    for (std::size_t depth = 0; at->parentItemIdentifier != root; ++depth) {
+        const auto parent = state_.items.find(at->parentItemIdentifier);
+        if (parent == state_.items.end() || depth > state_.items.size()) return {};
+        at = &parent->second;
+        path = at->filename + "/" + path;
+    }
+    return path;
+}
+
+std::string Replica::compare(const std::vector<WalkedRow>& rows,
+                             std::map<ObjectKey, std::string>& identifiers) const {
+    if (!failure_.empty()) return failure_;
+    std::map<std::string, const WalkedRow*> shown;
+    for (const auto& row : rows) {
+        if (row.isShown && row.path != "s") shown[row.path.substr(2)] = &row;
+    }
+    std::set<ObjectKey> found;
+    for (const auto& [identifier, item] : state_.items) {
+        const auto path = pathOf(item);
+        const auto label = name_ + ": " + identifier + " (" + path + ") ";
+        if (path.empty()) return label + item.filename + " is in no folder that is known";
+        const auto row = shown.find(path);
+        if (row == shown.end()) return label + "is not on disk";
+        const auto different = difference(item, *row->second);
+        if (!different.empty()) return label + different;
+        const auto& known = identifiers.emplace(row->second->object, identifier).first->second;
+        if (known != identifier) return label + "is also " + known;
+        found.insert(row->second->object);
+    }
+    for (const auto& [path, row] : shown) {
+        if (!found.contains(row->object)) return name_ + ": " + path + " is missing";
+    }
+    return {};
+}
+
+}  // namespace tests
