@@ -124,6 +124,7 @@ void Reconciler::moveDocument(std::uint32_t document, const Departures::Vacancy&
             owner.documentID = 0;
             index.setIdentity(vacancy.owner, owner);
             index.markDirty(vacancy.owner);
+            index.setHeld(vacancy.owner, false);
             index.setMetadata(vacancy.owner, {});
             index.forEachName(vacancy.owner, [&](ObjectIndex::EntryNumber at) {
                 record(fsEventModified, vacancy.owner, placeOf(at).path, index.entry(at).folder);
@@ -261,6 +262,7 @@ void Reconciler::finishOrphan(const Orphan& orphan) {
     decide(orphan.documentID, now_, true);
     const std::unique_lock lock(state_.indexMutex);
     const auto node = state_.index.findInode(orphan.node.inode);
+    orphaned_.erase(node);
     state_.index.setHeld(node, false);
     state_.index.setUndecided(node, false);
     if (state_.index.findDocumentID(orphan.documentID) != ObjectIndex::none) return;

@@ -62,6 +62,10 @@ void Follower::follow() {
     } else {
         source_ = std::move(*source);
     }
+    {
+        const std::scoped_lock store(state_.storeMutex);
+        reconciler_.takeUpDisplaced(now());
+    }
     scanEverything(Reconciler::Occasion::Scan);
     isFollowing_ = true;
     if (!state_.configuration.isManual) thread_ = std::thread([this] { run(); });
@@ -143,7 +147,8 @@ bool Follower::stepLocked() {
     lookAtMarks();
     if (marks_.empty() && isScanning_) scanSome();
     if (!isScanning_ && !hasFailed_) decide();
-    return (!marks_.empty() || isScanning_) && !hasFailed_;
+    const bool mayFind = isMoved_ && !detached_.empty();
+    return (!marks_.empty() || isScanning_ || mayFind) && !hasFailed_;
 }
 
 bool Follower::checkStorage() {
@@ -159,11 +164,22 @@ bool Follower::checkStorage() {
     return there.has_value();
 }
 
-bool Follower::drain() {
-    if (!source_) return false;
-    const auto events = source_->read();
-    for (const auto& event : events) take(event);
-    return !events.empty();
+void Follower::drain() {
+    takeSuspects();
+    if (!source_) return;
+    for (const auto& event : source_->read()) take(event);
+}
+
+void Follower::takeSuspects() {
+    const auto suspects = state_.takeSuspects();
+    if (suspects.empty()) return;
+    const std::scoped_lock store(state_.storeMutex);
+    for (const auto& suspect : suspects) {
+        const auto folder = reconciler_.expect(suspect, now());
+        if (folder == ObjectIndex::none) continue;
+        auto& mark = marks_[folder];
+        if (!mark.isWhole) mark.names.try_emplace(suspect.name, false);
+    }
 }
 
 void Follower::take(const KernelEvent& event) {
@@ -256,7 +272,9 @@ Result<FolderReading> Follower::lookAt(NodeNumber number, const QSURL& url, cons
         done = reader_.readAll(
             **folder,
             [this] {
-                drain();
+                if (source_) {
+                    for (const auto& event : source_->read()) take(event);
+                }
                 return !isStopped_;
             },
             *reading);

@@ -38,6 +38,9 @@ class Follower {
     /// A root came or goes.
     void rootsChanged();
 
+    /// There is news of another kind than the kernel's.
+    void wake();
+
     /// One round; true where there is more to do at once.
     bool step();
 
@@ -70,11 +73,11 @@ class Follower {
     static constexpr std::size_t foldersAtOnce = 512;
 
     void run();
-    void wake();
     void waitForNews();
     [[nodiscard]] bool stepLocked();
     [[nodiscard]] bool checkStorage();
-    bool drain();
+    void drain();
+    void takeSuspects();
     void take(const KernelEvent& event);
     void lose(std::string why);
     void lookAtMarks();

@@ -84,7 +84,11 @@ void ObjectIndex::load(const ObjectRow& row) {
     setIdentity(number, row);
     for (const auto& [folder, name] : row.names) {
         const auto holder = ensure(folder);
-        if (findEntry(holder, name) == none) addName(number, holder, name);
+        if (findEntry(holder, name) == none) {
+            addName(number, holder, name);
+        } else {
+            displaced_.push_back({number, holder, name});
+        }
     }
     if (!row.metadata.empty()) metadata_[number] = row.metadata;
     Node& node = nodes_[number];
@@ -126,6 +130,7 @@ void ObjectIndex::clear() {
     for (auto* table : {&byInode_, &byFreshFileID_, &byDocumentID_, &byName_}) table->clear();
     dirty_.clear();
     metadata_.clear();
+    displaced_.clear();
 }
 
 void ObjectIndex::setIdentity(NodeNumber number, const ObjectRow& identity) {

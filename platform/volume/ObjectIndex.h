@@ -95,6 +95,15 @@ class ObjectIndex {
     /// Takes over a row as it is in the store.
     void load(const ObjectRow& row);
     void loadFurtherName(std::uint64_t inode, const ObjectRow::Name& name);
+
+    /// Of two rows that claim one place one was held when the last run ended. The one that came
+    /// second has no name there now.
+    struct Displaced {
+        NodeNumber object = none;
+        NodeNumber folder = none;
+        std::string name;
+    };
+    [[nodiscard]] std::vector<Displaced> takeDisplaced() { return std::exchange(displaced_, {}); }
     void clear();
 
     /// Generation, file ID and document ID of the row.
@@ -184,6 +193,7 @@ class ObjectIndex {
     SlotTable byFreshFileID_;
     SlotTable byDocumentID_;
     SlotTable byName_;
+    std::vector<Displaced> displaced_;
     std::vector<NodeNumber> dirty_;  // may name a node twice, or one that was stored meanwhile
     std::unordered_map<NodeNumber, std::string> metadata_;  // never an empty one
 };

@@ -61,6 +61,40 @@ void Reconciler::apply(const FolderReading& reading, Occasion occasion, Time now
     noticeFolder(reading);
 }
 
+Reconciler::NodeNumber Reconciler::expect(const VolumeService::State::Suspect& suspect, Time now) {
+    const std::unique_lock lock(state_.indexMutex);
+    auto& index = state_.index;
+    const auto folder = index.findInode(suspect.folder);
+    const auto object = index.findInode(suspect.object.inode);
+    if (folder == ObjectIndex::none || object == ObjectIndex::none) return ObjectIndex::none;
+    const auto& node = index.node(object);
+    if (node.generation == suspect.object.generation && node.firstName == ObjectIndex::none &&
+        !node.isRoot && !departures_.departure(object)) {
+        occasion_ = Occasion::Live;
+        now_ = now;
+        depart(object, {folder, suspect.name, joined(pathOfFolder(folder), suspect.name)});
+    }
+    return folder;
+}
+
+void Reconciler::takeUpDisplaced(Time now) {
+    const std::unique_lock lock(state_.indexMutex);
+    auto& index = state_.index;
+    occasion_ = Occasion::Scan;
+    now_ = now;
+    for (auto& [object, folder, name] : index.takeDisplaced()) {
+        const auto& node = index.node(object);
+        if (node.firstName != ObjectIndex::none) continue;
+        FormerPlace place{folder, name, joined(pathOfFolder(folder), name)};
+        if (node.documentID != 0) {
+            departures_.vacate(node.documentID, {object, node.fileID, node.kind, place,
+                                                 index.metadata(object), now, true, false});
+            index.setUndecided(object, true);
+        }
+        depart(object, place);
+    }
+}
+
 void Reconciler::noticeAbsent(const FolderReading& reading) {
     if (!reading.names) return;
     auto& index = state_.index;
@@ -190,7 +224,7 @@ void Reconciler::arrive(const FolderReading& reading, const Sighting& sighting) 
     const bool hadNames = node.firstName != ObjectIndex::none;
     const bool isFirstLook = node.stamp == 0;
     auto departure = departures_.takeDeparture(object);
-    if (departure) index.setHeld(object, false);
+    index.setHeld(object, orphaned_.contains(object));
     const bool isSilentHere = isFirstLook && !departure && isSilent(reading, state);
     if (!isSilentHere) changeOf(reading.folder).isModified = true;
 
@@ -241,6 +275,7 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
     index.setHeld(object, old.documentID != 0);
     if (old.documentID != 0) {
         if (auto* vacancy = departures_.vacancy(old.documentID)) vacancy->owner = ObjectIndex::none;
+        orphaned_.insert(object);
         orphans_.push_back({old.documentID, old, {last, now_, occasion_ != Occasion::Live}});
     } else if (old.fileID != 0 && !last.path.empty()) {
         recordGone(old, last);

@@ -39,6 +39,13 @@ class Reconciler {
     /// commit that succeeds.
     Result<void> commit();
 
+    /// An object that got an identifier should be there; if it is not, it has gone unseen. Returns
+    /// the folder to look at, none where it is not known.
+    NodeNumber expect(const VolumeService::State::Suspect& suspect, Time now);
+
+    /// Takes up what waited for a decision when the last run ended. Before the first scan.
+    void takeUpDisplaced(Time now);
+
     /// Records that something may have been missed below the path.
     void recordGap(std::string path, std::string why);
 
@@ -124,7 +131,8 @@ class Reconciler {
     std::vector<NodeNumber> goneFolders_;
     std::vector<EventRecord> events_;
 
-    std::vector<Orphan> orphans_;  ///< documents whose inode number is another object's
+    std::unordered_set<NodeNumber> orphaned_;  ///< their nodes, now of other objects
+    std::vector<Orphan> orphans_;              ///< documents whose inode number is another object's
     std::deque<std::pair<Time, NodeNumber>> expiry_;  ///< of departures, in order
     std::vector<NodeNumber> toCapture_;               ///< documents whose metadata may be news
     bool tookNumbers_ = false;                        ///< file IDs; to be made durable

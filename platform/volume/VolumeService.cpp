@@ -143,8 +143,10 @@ Result<void> VolumeService::identify(std::span<IdentityRequest> requests) {
         if (request.object->identityIsWeak) state_->identityIsWeak = true;
     }
     if (state_->needsDecision(requests)) state_->follower->decideFor(requests);
-    if (state_->answerFromIndex(requests)) return {};
-    return state_->allocate(requests);
+    Result<void> done;
+    if (!state_->answerFromIndex(requests)) done = state_->allocate(requests);
+    if (done) state_->noteSuspects(requests);
+    return done;
 }
 
 Result<std::uint64_t> VolumeService::fileIDForDocumentID(std::uint32_t documentID) const {

@@ -213,6 +213,35 @@ FSEvent VolumeService::State::present(EventRecord record) const {
     return std::move(record.event);
 }
 
+void VolumeService::State::noteSuspects(std::span<const IdentityRequest> requests) {
+    const bool isFollowed = follower->isFollowing();
+    std::vector<Suspect> found;
+    {
+        const std::shared_lock lock(indexMutex);
+        for (const auto& request : requests) {
+            const auto number = index.findInode(request.object->identity.inode);
+            if (!hasPlace(request) || number == ObjectIndex::none) continue;
+            const auto& node = index.node(number);
+            // A place that was only told, and one where nothing is.
+            if (node.firstName != ObjectIndex::none && (node.stamp != 0 || !isFollowed)) continue;
+            found.push_back(
+                {request.object->parentInode, std::string(request.name), request.object->identity});
+        }
+    }
+    if (found.empty()) return;
+    {
+        const std::scoped_lock lock(suspectsMutex);
+        suspects.insert(suspects.end(), std::make_move_iterator(found.begin()),
+                        std::make_move_iterator(found.end()));
+    }
+    follower->wake();
+}
+
+std::vector<VolumeService::State::Suspect> VolumeService::State::takeSuspects() {
+    const std::scoped_lock lock(suspectsMutex);
+    return std::exchange(suspects, {});
+}
+
 void VolumeService::State::setStorageTrouble(const std::optional<QSError>& now) {
     const std::unique_lock lock(indexMutex);
     storageTrouble = now;
@@ -295,16 +324,15 @@ Result<void> VolumeService::State::allocate(std::span<IdentityRequest> requests)
         }
     }
     std::vector<ObjectRow> rows;
-    {
-        const std::shared_lock lock(indexMutex);
-        for (auto& [inode, entry] : staged) {
-            if (!entry.isNews) continue;
-            if (mayRemember(entry)) {
-                entry.row.names.push_back(
-                    {entry.request->object->parentInode, std::string(entry.request->name)});
-            }
-            rows.push_back(entry.row);
+    for (auto& [inode, entry] : staged) {
+        if (!entry.isNews) continue;
+        // Also where the index is to hear of it from the disk only: it is looked for there, now or
+        // after a restart.
+        if (entry.request && entry.row.names.empty()) {
+            entry.row.names.push_back(
+                {entry.request->object->parentInode, std::string(entry.request->name)});
         }
+        rows.push_back(entry.row);
     }
     if (auto done = write(rows, true, events); !done) return done;
     publish(staged);
@@ -351,14 +379,8 @@ void VolumeService::State::noteReplaced(const ObjectRow& gone,
     record.event.path = urls.empty() ? roots.front().url.path() : urls.front().path();
 }
 
-bool VolumeService::State::mayRemember(const StagedRow& staged) const {
-    // Once all is known, what is where is the follower's to say.
-    if (!staged.request || !staged.row.names.empty() || follower->isCaughtUp()) return false;
-    const auto folder = index.findInode(staged.request->object->parentInode);
-    return index.findEntry(folder, staged.request->name) == ObjectIndex::none;
-}
-
 void VolumeService::State::publish(const std::unordered_map<std::uint64_t, StagedRow>& staged) {
+    const bool isFollowed = follower->isCaughtUp();
     const std::unique_lock lock(indexMutex);
     for (const auto& [inode, entry] : staged) {
         if (!entry.isNews) continue;
@@ -367,14 +389,18 @@ void VolumeService::State::publish(const std::unordered_map<std::uint64_t, Stage
         if (index.node(number).kind != entry.row.kind) {
             index.setState(number, entry.row.kind, index.node(number).stamp, false);
         }
-        if (index.node(number).firstName == ObjectIndex::none && !entry.row.names.empty()) {
-            const auto& name = entry.row.names.front();
-            const auto folder = index.ensure(name.folder);
-            if (folder != number && index.findEntry(folder, name.name) == ObjectIndex::none) {
-                index.addName(number, folder, name.name);
-            }
-        }
         index.markStored(number);
+        if (index.node(number).firstName != ObjectIndex::none || entry.row.names.empty()) continue;
+        // Once all is known, what is where is the follower's to say.
+        const auto& name = entry.row.names.front();
+        const auto folder = index.ensure(name.folder);
+        if (!isFollowed && folder != number &&
+            index.findEntry(folder, name.name) == ObjectIndex::none) {
+            index.addName(number, folder, name.name);
+            index.markStored(number);
+        } else {
+            index.setHeld(number, true);
+        }
     }
 }
 

@@ -56,8 +56,6 @@ struct VolumeService::State {
     Result<Identity> settle(const IdentityRequest& request, StagedRow& staged);
     void publish(const std::unordered_map<std::uint64_t, StagedRow>& staged);
 
-    /// Whether the request may teach the index a place. REQUIRES: indexMutex is held.
-    [[nodiscard]] bool mayRemember(const StagedRow& staged) const;
     /// Remembers what user metadata documents had when they got their IDs.
     void captureMetadata(std::span<const IdentityRequest> requests);
     void noteReplaced(const ObjectRow& gone, std::vector<EventRecord>& events) const;
@@ -72,6 +70,15 @@ struct VolumeService::State {
     void putBackDirty(std::span<const ObjectIndex::NodeNumber> nodes);
     /// The event with its path as its folder is called now.
     [[nodiscard]] FSEvent present(EventRecord record) const;
+
+    /// An object that was given an identifier though the index has it nowhere.
+    struct Suspect {
+        std::uint64_t folder = 0;  ///< inode
+        std::string name;
+        ObjectIdentity object;
+    };
+    void noteSuspects(std::span<const IdentityRequest> requests);
+    [[nodiscard]] std::vector<Suspect> takeSuspects();
 
     void setStorageTrouble(const std::optional<QSError>& now);
     /// Tells the subscribers if there is something to tell. REQUIRES: no mutex is held.
@@ -99,6 +106,9 @@ struct VolumeService::State {
         std::mutex mutex;
         std::function<void()> news;  // guarded by mutex; empty once it let go
     };
+    std::mutex suspectsMutex;
+    std::vector<Suspect> suspects;  // guarded by suspectsMutex
+
     std::mutex subscribersMutex;
     std::vector<std::weak_ptr<Subscriber>> subscribers;  // guarded by subscribersMutex
 
