@@ -22,6 +22,7 @@ inline constexpr FSEventFlags fsEventRemoved = 0x200;
 inline constexpr FSEventFlags fsEventMoved = 0x400;  ///< came to the path, or left it
 inline constexpr FSEventFlags fsEventModified = 0x800;
 inline constexpr FSEventFlags fsEventDocumentIDChanged = 0x1000;
+inline constexpr FSEventFlags fsEventIsFolder = 0x2000;  ///< packages too
 
 /// Which of an object's numbers its identifier is made of.
 enum class IdentifierKind : std::uint8_t { File, Document };

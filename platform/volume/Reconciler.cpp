@@ -379,7 +379,7 @@ void Reconciler::record(FSEventFlags flags, NodeNumber node, std::string path, N
     const auto& object = index.node(node);
     const bool isDocument = this->isDocument(object, path);
     EventRecord& made = events_.emplace_back();
-    made.event.flags = flags;
+    made.event.flags = flags | (object.kind == ObjectKind::Directory ? fsEventIsFolder : 0);
     made.event.fileID = object.fileID;
     made.event.identifierKind = isDocument ? IdentifierKind::Document : IdentifierKind::File;
     made.event.documentID = object.documentID;

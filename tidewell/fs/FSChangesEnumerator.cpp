@@ -71,28 +71,36 @@ FSChangesEnumerator::FSChangesEnumerator(const FSChangeToken& token, std::string
       numberOfChanges_(currentToken_.offset),
       startupFSEventID_(presentEventID()),
       observer_(std::move(observer)) {
+    makeReaders();
+}
+
+void FSChangesEnumerator::makeReaders() {
     const auto makeReader = [&](FSEventReader::Mode mode) {
         return std::make_shared<FSEventReader>(cover_.urls(), sinceFSEventID_, mode, true);
     };
-    docIDBased_.reader = makeReader(FSEventReader::Mode::docIDBased);
-    pathBased_.reader = makeReader(FSEventReader::Mode::pathBased);
+    docIDBased_ = {.reader = makeReader(FSEventReader::Mode::docIDBased)};
+    pathBased_ = {.reader = makeReader(FSEventReader::Mode::pathBased)};
 }
 
 void FSChangesEnumerator::start() {
     // On the queue, so that the end, to which one reader may come at once, follows both starts.
     queue_.async([self = shared_from_this()] {
         if (self->isFinished()) return;
+        self->lookedSinceFSEventID_ = currentFSEventIDAfterCatchingUp();
         self->startFeed(self->docIDBased_);
         self->startFeed(self->pathBased_);
     });
 }
 
 void FSChangesEnumerator::startFeed(Feed& feed) {
-    const auto passed = [weak = weak_from_this(), &feed] {
+    const auto passed = [weak = weak_from_this(), reader = std::weak_ptr(feed.reader)] {
         const auto self = weak.lock();
-        if (!self) return;
-        const auto position = feed.reader->position();
-        self->queue_.sync([&] { self->feedPassed(feed, position); });
+        const auto source = reader.lock();
+        if (!self || !source) return;
+        const auto position = source->position();
+        self->queue_.sync([&] {
+            if (auto* own = self->feedOf(*source)) self->feedPassed(*own, position);
+        });
     };
     const auto needsItem = [cover = cover_](const QSURL& url) {
         return cover.placeOf(url).cover == Cover::Shown;
@@ -109,8 +117,11 @@ void FSChangesEnumerator::stop() {
     });
 }
 
-FSChangesEnumerator::Feed& FSChangesEnumerator::feedOf(const FSEventReader& reader) {
-    return &reader == pathBased_.reader.get() ? pathBased_ : docIDBased_;
+FSChangesEnumerator::Feed* FSChangesEnumerator::feedOf(const FSEventReader& reader) {
+    for (auto* feed : {&docIDBased_, &pathBased_}) {
+        if (feed->reader.get() == &reader) return feed;
+    }
+    return nullptr;
 }
 
 void FSChangesEnumerator::itemChanged(FSEventReader& reader, const QSURL& url,
@@ -118,27 +129,27 @@ void FSChangesEnumerator::itemChanged(FSEventReader& reader, const QSURL& url,
     queue_.sync([&] {
         queue_.assertOnQueue();
         const auto& event = reader.currentEvent();
-        if (isFinished() || event.id > startupFSEventID_) return;
+        if (isFinished() || event.id > startupFSEventID_ || !feedOf(reader)) return;
         collect(event, url, item);
-        feedPassed(feedOf(reader), event.id);
+        feedPassed(*feedOf(reader), event.id);
     });
 }
 
 void FSChangesEnumerator::historyDone(FSEventReader& reader) {
     queue_.sync([&] {
-        auto& feed = feedOf(reader);
-        if (isFinished() || feed.hasCaughtUp) return;
-        feed.hasCaughtUp = true;
+        auto* feed = feedOf(reader);
+        if (isFinished() || !feed || feed->hasCaughtUp) return;
+        feed->hasCaughtUp = true;
         ++numberOfReaderCaughtUp_;
         startupFSEventID_ = std::min(startupFSEventID_, reader.currentEvent().id);
-        if (&feed == &pathBased_) pathBasedReaderState_ = {startupFSEventID_, numberOfChanges_};
-        feedPassed(feed, everything);
+        if (feed == &pathBased_) pathBasedReaderState_ = {startupFSEventID_, numberOfChanges_};
+        feedPassed(*feed, everything);
     });
 }
 
-void FSChangesEnumerator::eventsLost(FSEventReader& /*reader*/) {
+void FSChangesEnumerator::eventsLost(FSEventReader& reader) {
     queue_.sync([&] {
-        if (isFinished()) return;
+        if (isFinished() || !feedOf(reader)) return;
         logInfo("fetching changes did finish after reset");
         finishExpired();
     });
@@ -267,11 +278,47 @@ std::uint64_t FSChangesEnumerator::countUpTo(std::uint64_t eventID) const {
 
 void FSChangesEnumerator::deliverWhatIsReady() {
     const auto passedByBoth = std::min({docIDBased_.passed, pathBased_.passed, startupFSEventID_});
-    if (countUpTo(passedByBoth) >= pageSize) {
+    const bool isFull = countUpTo(passedByBoth) >= pageSize;
+    if (!isFull && numberOfReaderCaughtUp_ != 2) return;
+    if (foldersHaveMoved()) {
+        beginAgain();
+    } else if (isFull) {
         finishPage();
-    } else if (numberOfReaderCaughtUp_ == 2) {
+    } else {
         finishCaughtUp();
     }
+}
+
+/// Whether a folder went elsewhere while places were looked at. What happened below it before then
+/// has no event at its new place, and may have been looked for at the old one in vain.
+bool FSChangesEnumerator::foldersHaveMoved() {
+    const auto now = currentFSEventIDAfterCatchingUp();
+    if (now == lookedSinceFSEventID_) return false;
+    const auto events =
+        Platform::current().events().history->eventsAfter(lookedSinceFSEventID_, now, everything);
+    constexpr auto folderMoved = fsEventMoved | fsEventIsFolder;
+    return events && std::ranges::any_of(*events, [](const FSEvent& event) {
+               return (event.flags & folderMoved) == folderMoved;
+           });
+}
+
+void FSChangesEnumerator::beginAgain() {
+    constexpr int mostBeginnings = 8;
+    if (beginnings_++ == mostBeginnings) {
+        logInfo("folders move all the time, need to restart from scratch");
+        return finishExpired();
+    }
+    logDebug("folders have moved meanwhile, looking again");
+    stopReaders();
+    changes_.clear();
+    positions_.clear();
+    packages_.clear();
+    numberOfChanges_ = currentToken_.offset;
+    numberOfReaderCaughtUp_ = 0;
+    pathBasedReaderState_.reset();
+    startupFSEventID_ = presentEventID();
+    makeReaders();
+    start();
 }
 
 bool FSChangesEnumerator::pageIsFull() const {

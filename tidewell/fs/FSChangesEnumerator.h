@@ -75,7 +75,11 @@ class FSChangesEnumerator final : public FSEventReaderDelegate,
 
     // All of these on queue_.
     void startFeed(Feed& feed);
-    [[nodiscard]] Feed& feedOf(const FSEventReader& reader);
+    /// Null for a reader from before the enumeration began again.
+    [[nodiscard]] Feed* feedOf(const FSEventReader& reader);
+    void makeReaders();
+    [[nodiscard]] bool foldersHaveMoved();
+    void beginAgain();
     [[nodiscard]] bool isFinished() const { return !observer_; }
     void collect(const FSEvent& event, const QSURL& url, const std::shared_ptr<LocalItem>& item);
     void collectPackage(std::uint64_t eventID, const QSURL& url);
@@ -105,6 +109,9 @@ class FSChangesEnumerator final : public FSEventReaderDelegate,
     std::uint64_t numberOfChanges_;
     std::uint64_t numberOfReaderCaughtUp_ = 0;
     std::uint64_t startupFSEventID_;
+    /// What was moved up to here was known when places were first looked at.
+    std::uint64_t lookedSinceFSEventID_ = 0;
+    int beginnings_ = 1;
     Feed docIDBased_;
     Feed pathBased_;
     std::optional<Bookmark> pathBasedReaderState_;
