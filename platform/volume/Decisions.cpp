@@ -54,11 +54,11 @@ Reconciler::Verdict Reconciler::judge(std::uint32_t document, const Departures::
         const auto window = isGone ? windows.successor : windows.rename;
         return mayWait && age < window ? Verdict::Wait : Verdict::Stays;
     }
-    const bool isPackage = state_.configuration.isPackageName(vacancy.place.name);
-    const bool mayInherit = successor.kind == ObjectKind::RegularFile ||
-                            (successor.kind == ObjectKind::Directory && isPackage);
-    // One that was given an identifier of its own keeps that.
-    if (!mayInherit || successor.documentID != 0) return Verdict::Stays;
+    // One that was given an identifier of its own keeps that; a folder may have been by its file
+    // ID.
+    const bool isReported = successor.documentID != 0 ||
+                            (successor.kind == ObjectKind::Directory && successor.fileID != 0);
+    if (successor.kind != vacancy.kind || isReported) return Verdict::Stays;
     if (isGone) {
         // Its other half may still be on its way.
         const bool isSure = vacancy.at < passStart && age >= windows.rest;
@@ -91,6 +91,8 @@ void Reconciler::decide(std::uint32_t document, Time passStart, bool mustDecide)
         }
     }
     if (verdict == Verdict::Moves) moveDocument(document, vacancy, successor);
+    // With that it is decided what became of an object whose number is another's, whose row waits.
+    finishOrphans([&](const Orphan& orphan) { return orphan.documentID == document; });
 }
 
 void Reconciler::moveDocument(std::uint32_t document, const Departures::Vacancy& vacancy,
