@@ -69,7 +69,9 @@ void Replica::listStep(host::DocumentService& service) {
     } else if (!page.next && host::meansExpired(page.next.error())) {
         pending_.push_front({next.container});  // it has changed between its pages
     } else if (!page.next && !host::meansNoSuchItem(page.next.error())) {
-        fail(page.next.error());
+        // Something else took the folder's path meanwhile; that cannot go on for ever.
+        if (++mishaps_ == 100) return fail(page.next.error());
+        pending_.push_back({next.container});
     }
 }
 

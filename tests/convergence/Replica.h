@@ -64,7 +64,7 @@ class Replica {
     State state_, kept_;
     std::deque<Pending> pending_;
     std::set<std::string> deleted_;
-    std::size_t refusals_ = 0;
+    std::size_t refusals_ = 0, mishaps_ = 0;
 };
 
 }  // namespace tests
