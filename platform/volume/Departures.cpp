@@ -30,6 +30,14 @@ void Departures::closeVacancy(std::uint32_t documentID) {
     vacancies_.erase(found);
 }
 
+void Departures::closeVacanciesIn(NodeNumber folder) {
+    for (auto at = byPlace_.lower_bound({folder, {}});
+         at != byPlace_.end() && at->first.first == folder;) {
+        vacancies_.erase(at->second);
+        at = byPlace_.erase(at);
+    }
+}
+
 Departures::Vacancy* Departures::vacancy(std::uint32_t documentID) {
     const auto found = vacancies_.find(documentID);
     return found == vacancies_.end() ? nullptr : &found->second;

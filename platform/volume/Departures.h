@@ -56,6 +56,8 @@ class Departures {
     /// The first name that the document left within the window stays the one that counts.
     void vacate(std::uint32_t documentID, Vacancy vacancy);
     void closeVacancy(std::uint32_t documentID);
+    /// The folder has gone, and its number is another one's.
+    void closeVacanciesIn(NodeNumber folder);
     [[nodiscard]] Vacancy* vacancy(std::uint32_t documentID);
     /// The document that left this name, 0 where none did.
     [[nodiscard]] std::uint32_t documentThatLeft(NodeNumber folder, std::string_view name) const;

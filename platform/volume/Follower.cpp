@@ -142,7 +142,7 @@ bool Follower::stepLocked() {
     if (!isScanning_ && passStart_ >= nextScan_) scanEverything(Reconciler::Occasion::Scan);
     if (!unwatched_.empty() && passStart_ >= nextDegradedScan_) {
         nextDegradedScan_ = passStart_ + state_.configuration.degradedInterval;
-        for (const auto folder : unwatched_) marks_[folder].isWhole = true;
+        lookAtUnwatched();
     }
     lookAtMarks();
     if (marks_.empty() && isScanning_) scanSome();
@@ -429,8 +429,15 @@ void Follower::afterCommit() {
     }
 }
 
+/// What is missing may be in a folder that the kernel does not report on.
+void Follower::lookAtUnwatched() {
+    for (const auto folder : unwatched_) marks_[folder].isWhole = true;
+    if (!unwatched_.empty()) lookAtMarks();
+}
+
 void Follower::decide() {
     if (reconciler_.isSettled() || passStart_ < nextDecision_) return;
+    lookAtUnwatched();
     {
         const std::scoped_lock store(state_.storeMutex);
         reconciler_.decideDue(passStart_, passStart_);
@@ -438,6 +445,9 @@ void Follower::decide() {
     }
     nextDecision_ = reconciler_.nextDecision(passStart_).value_or(Time::max());
     afterCommit();
+    // With folders that have to be looked at each time, not as often.
+    if (unwatched_.empty()) return;
+    nextDecision_ = std::max(nextDecision_, passStart_ + state_.configuration.windows.successor);
 }
 
 Result<void> Follower::wait(Barrier barrier) {
@@ -470,6 +480,7 @@ void Follower::decideFor(std::span<const VolumeService::IdentityRequest> request
     if (!wait(Barrier::Seen)) return;
     {
         const std::scoped_lock lock(mutex_);
+        lookAtUnwatched();
         const std::scoped_lock store(state_.storeMutex);
         reconciler_.decideFor(requests, now());
         noteCommit(reconciler_.commit());

@@ -81,6 +81,7 @@ class Follower {
     void take(const KernelEvent& event);
     void lose(std::string why);
     void lookAtMarks();
+    void lookAtUnwatched();
     void scanSome();
     void endScan();
     [[nodiscard]] Result<FolderReading> lookAt(NodeNumber number, const QSURL& url,

@@ -264,6 +264,7 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
     auto& index = state_.index;
     index.forEachChild(object, [&](auto at) { leave(at); });
     index.forEachName(object, [&](auto at) { leave(at); });
+    departures_.closeVacanciesIn(object);
     const ObjectIndex::Node old = index.node(object);
     const auto departure = departures_.takeDeparture(object);
     FormerPlace last;

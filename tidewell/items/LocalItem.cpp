@@ -6,9 +6,9 @@
 #include <charconv>
 #include <sstream>
 
-#include "platform/files/ExtendedAttributes.h"
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/URLOperations.h"
+#include "platform/files/ExtendedAttributes.h"
 #include "platform/foundation/fatalError.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/common/Utilities.h"
