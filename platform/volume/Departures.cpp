@@ -13,9 +13,9 @@ const Departures::Departure* Departures::departure(NodeNumber node) const {
     return found == departed_.end() ? nullptr : &found->second;
 }
 
-void Departures::vacate(std::uint32_t documentID, Vacancy vacancy) {
+void Departures::vacate(std::uint32_t documentID, const Vacancy& vacancy) {
     const std::pair place(vacancy.place.folder, vacancy.place.name);
-    if (!vacancies_.try_emplace(documentID, std::move(vacancy)).second) return;
+    if (!vacancies_.try_emplace(documentID, vacancy).second) return;
     // A document that left the name before has lost it for good.
     const auto [former, isNew] = byPlace_.try_emplace(place, documentID);
     if (isNew) return;

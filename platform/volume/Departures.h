@@ -54,7 +54,7 @@ class Departures {
     [[nodiscard]] const Departure* departure(NodeNumber node) const;
 
     /// The first name that the document left within the window stays the one that counts.
-    void vacate(std::uint32_t documentID, Vacancy vacancy);
+    void vacate(std::uint32_t documentID, const Vacancy& vacancy);
     void closeVacancy(std::uint32_t documentID);
     /// The folder has gone, and its number is another one's.
     void closeVacanciesIn(NodeNumber folder);

@@ -205,6 +205,7 @@ std::unique_ptr<FSEventStream> FSEventStream::createRelativeToDevice(
     Options options, Callback callback) {
     if (device == 0) return nullptr;
     std::vector<std::string> absolute;
+    absolute.reserve(paths.size());
     for (const auto& path : paths) absolute.push_back(path.starts_with('/') ? path : "/" + path);
     return create(std::move(source), std::move(absolute), std::move(options), std::move(callback));
 }

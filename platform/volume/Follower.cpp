@@ -354,6 +354,7 @@ void Follower::scanSome() {
         if (readings.size() > before) seen += readings.back().sightings.size();
     }
     std::vector<NodeNumber> folders;
+    folders.reserve(readings.size());
     for (const auto& reading : readings) folders.push_back(reading.folder);
     (void)reconcile(std::move(readings), scanOccasion_);
     {

@@ -17,7 +17,7 @@ namespace platform {
 /// whether a folder of that name is a package.
 template <typename IsPackageName>
 [[nodiscard]] std::string coverOf(std::string_view root, std::string_view below,
-                                  IsPackageName isPackageName) {
+                                  const IsPackageName& isPackageName) {
     std::string cover(root);
     bool isLast = false;
     while (!below.empty()) {

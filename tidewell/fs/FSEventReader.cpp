@@ -145,6 +145,7 @@ void FSEventReader::createStream() {
                                                         std::move(options), callback);
     } else {
         std::vector<std::string> paths;
+        paths.reserve(urls_.size());
         for (const auto& url : urls_) paths.push_back(url.path());
         stream_ = FSEventStream::create(source, std::move(paths), std::move(options), callback);
     }
