@@ -65,6 +65,24 @@ std::string attributeNames(int directory, const char* name) {
     return names;
 }
 
+std::uint32_t deviceOf(const struct statx& status) {
+    return foldedDevice(status.stx_dev_major, status.stx_dev_minor);
+}
+
+/// EXDEV for an object of another mount or device than `folder`, where that is given.
+Result<struct statx> statusOf(int directory, const char* name, const FolderFacts* folder) {
+    struct statx status {};
+    const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | static_cast<int>(emptyPath(name));
+    if (statx(directory, name, flags, STATX_BASIC_STATS | STATX_BTIME | STATX_MNT_ID, &status) !=
+        0) {
+        return std::unexpected(errorFromErrno(errno));
+    }
+    if (folder && (deviceOf(status) != folder->device || status.stx_mnt_id != folder->mount)) {
+        return std::unexpected(errorFromErrno(EXDEV));
+    }
+    return status;
+}
+
 std::uint64_t birthTimeFingerprint(const struct statx& status) {
     if ((status.stx_mask & STATX_BTIME) == 0) return 1;
     return (static_cast<std::uint64_t>(status.stx_btime.tv_sec) * 1'000'000'000 +
@@ -115,21 +133,14 @@ Result<FolderFacts> readFolderFacts(int folder) {
 Result<std::shared_ptr<FileAttributes>> readAttributes(int directory, const char* name,
                                                        const FolderFacts* folder,
                                                        const Credentials& credentials) {
-    struct statx status {};
-    const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | static_cast<int>(emptyPath(name));
-    if (statx(directory, name, flags, STATX_BASIC_STATS | STATX_BTIME | STATX_MNT_ID, &status) !=
-        0) {
-        return std::unexpected(errorFromErrno(errno));
-    }
-    const auto device = foldedDevice(status.stx_dev_major, status.stx_dev_minor);
-    if (folder && (device != folder->device || status.stx_mnt_id != folder->mount)) {
-        return std::unexpected(errorFromErrno(EXDEV));
-    }
+    const auto found = statusOf(directory, name, folder);
+    if (!found) return std::unexpected(found.error());
+    const struct statx& status = *found;
 
     auto attributes = std::make_shared<FileAttributes>();
     attributes->identity.inode = status.stx_ino;
     attributes->parentInode = folder ? folder->inode : 0;
-    attributes->device = device;
+    attributes->device = deviceOf(status);
     attributes->mode = status.stx_mode;
     attributes->size = status.stx_size;
     attributes->modification = dateOf(status.stx_mtime);
@@ -156,16 +167,9 @@ Result<std::shared_ptr<FileAttributes>> readAttributes(int directory, const char
 }
 
 Result<ObjectState> readState(int directory, const char* name, const FolderFacts* folder) {
-    struct statx status {};
-    const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | static_cast<int>(emptyPath(name));
-    if (statx(directory, name, flags, STATX_BASIC_STATS | STATX_BTIME | STATX_MNT_ID, &status) !=
-        0) {
-        return std::unexpected(errorFromErrno(errno));
-    }
-    const auto device = foldedDevice(status.stx_dev_major, status.stx_dev_minor);
-    if (folder && (device != folder->device || status.stx_mnt_id != folder->mount)) {
-        return std::unexpected(errorFromErrno(EXDEV));
-    }
+    const auto found = statusOf(directory, name, folder);
+    if (!found) return std::unexpected(found.error());
+    const struct statx& status = *found;
     FileAttributes facts;
     facts.identity.inode = status.stx_ino;
     facts.mode = status.stx_mode;
