@@ -14,7 +14,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto decisionStep = 50ms;
-constexpr std::int64_t youngest = 5;  // seconds since the birth of what a program just made
 
 }  // namespace
 
@@ -32,6 +31,7 @@ Reconciler::Verdict Reconciler::judge(std::uint32_t document, const Departures::
     ObjectIndex::Node successor;
     std::string ownerName;
     std::optional<QSURL> successorURL;
+    bool isYoung = false;
     {
         const std::shared_lock lock(state_.indexMutex);
         const auto& index = state_.index;
@@ -46,6 +46,8 @@ Reconciler::Verdict Reconciler::judge(std::uint32_t document, const Departures::
         if (heir != ObjectIndex::none && heir != vacancy.owner) {
             successor = index.node(heir);
             successorURL = state_.urlOf(heir);
+            const auto born = births_.find(heir);
+            isYoung = born != births_.end() && vacancy.at - born->second < windows.rename;
         }
     }
     const bool isGone = owner.firstName == ObjectIndex::none;
@@ -65,13 +67,7 @@ Reconciler::Verdict Reconciler::judge(std::uint32_t document, const Departures::
         return mayWait && !isSure ? Verdict::Wait : Verdict::Moves;
     }
     if (isBackupName(ownerName, vacancy.place.name)) return Verdict::Moves;
-    if (vacancy.isExchange) {
-        const auto attributes = state_.configuration.files.freshAttributes(*successorURL);
-        if (attributes && (*attributes)->creation &&
-            (*attributes)->creation->seconds + youngest >= QSDate::now().seconds) {
-            return Verdict::Moves;
-        }
-    }
+    if (vacancy.isExchange && isYoung) return Verdict::Moves;
     return mayWait && age < windows.rename ? Verdict::Wait : Verdict::Stays;
 }
 
@@ -190,6 +186,10 @@ void Reconciler::decideDue(Time now, Time passStart) {
     now_ = now;
     occasion_ = Occasion::Live;
     for (const auto document : departures_.openDocuments()) decide(document, passStart, false);
+    // An exchange is decided within the window, so what is older than two is too old for it.
+    std::erase_if(births_, [&](const auto& birth) {
+        return birth.second + 2 * state_.configuration.windows.rename < now;
+    });
     const auto window = state_.configuration.windows.successor;
     while (!expiry_.empty() && expiry_.front().first + window <= now) {
         const auto [at, node] = expiry_.front();

@@ -134,6 +134,7 @@ class Reconciler {
     std::unordered_set<NodeNumber> orphaned_;  ///< their nodes, now of other objects
     std::vector<Orphan> orphans_;              ///< documents whose inode number is another object's
     std::deque<std::pair<Time, NodeNumber>> expiry_;  ///< of departures, in order
+    std::unordered_map<NodeNumber, Time> births_;     ///< of what was seen to be made lately
     std::vector<NodeNumber> toCapture_;               ///< documents whose metadata may be news
     bool tookNumbers_ = false;                        ///< file IDs; to be made durable
     Occasion occasion_ = Occasion::Live;
