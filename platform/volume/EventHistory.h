@@ -61,7 +61,7 @@ class EventHistory {
                                                                    std::size_t limit) const = 0;
 
     /// Calls `news` after each commit of events, after catching up, and when the service closes,
-    /// until the returned handle goes; on the history's own thread, so it must hand over and
+    /// until the returned handle goes; on whichever thread did the work, so it must hand over and
     /// return. Letting the handle go waits for a call that runs.
     [[nodiscard]] virtual std::shared_ptr<void> subscribe(std::function<void()> news) = 0;
 };

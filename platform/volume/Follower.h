@@ -44,7 +44,7 @@ class Follower {
     /// One round; true where there is more to do at once.
     bool step();
 
-    /// See VolumeService. `upTo` of the two strengths.
+    /// The two strengths of barrier; see VolumeService. Works on the calling thread.
     enum class Barrier : std::uint8_t { Seen, Settled };
     Result<void> wait(Barrier barrier);
 

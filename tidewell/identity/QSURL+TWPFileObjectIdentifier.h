@@ -11,7 +11,7 @@
 
 // The way from a URL to its item identifier and back. Nothing here fails with an error: each
 // failure is logged once and becomes null (0 for a device number). Any thread; the look-ups block
-// for the disk and, for an object that moved behind the index, for a crawl.
+// for the disk and, for an object that moved behind the index, for the history to catch up.
 
 namespace tidewell {
 
