@@ -24,6 +24,9 @@ bool meansNoSuchItem(const platform::QSError& error) {
     if (error.domain == platform::QSFileProviderErrorDomain) {
         return error.code == platform::QSFileProviderErrorNoSuchItem;
     }
+    if (error.domain == platform::QPErrorDomain) {
+        return error.code == platform::QPItemNotFoundErrorCode;
+    }
     if (error.domain == localFileProviderErrorDomain) return error.code == lookupFailed;
     if (error.domain == platform::QSMochaErrorDomain) {
         return error.code == platform::QSFileNoSuchFileError;

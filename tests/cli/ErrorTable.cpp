@@ -40,9 +40,11 @@ TEST(ErrorTable, EveryErrorEndsTheCommandWithTheExitCodeThatTheManualPromises) {
         EXPECT_EQ(std::to_string(static_cast<int>(cli::exitCodeFor(error))), row[4]) << line;
         EXPECT_TRUE(known.emplace(error.domain, error.code).second) << "twice: " << line;
     }
-    for (const auto& raised : {platform::syncAnchorExpiredError(), cli::usageError("x"),
-                               platform::fileProviderErrorForNonExistentItemWithIdentifier("x"),
-                               platform::errorFromErrno(ENOENT), platform::errorFromErrno(EIO)}) {
+    for (const auto& raised :
+         {platform::syncAnchorExpiredError(), cli::usageError("x"),
+          platform::fileProviderErrorForNonExistentItemWithIdentifier("x"),
+          platform::QPItemNotFoundError("x"), platform::QPInvalidParameterError("x", "y"),
+          platform::errorFromErrno(ENOENT), platform::errorFromErrno(EIO)}) {
         EXPECT_TRUE(known.contains({raised.domain, raised.code})) << raised.description();
     }
 }
