@@ -68,8 +68,10 @@ inline std::unique_ptr<platform::Platform> makePlatform(const std::string& stora
                        .data = state + "/data",
                        .state = state + "/state",
                        .cache = state + "/cache",
+                       .config = state + "/config",
                        .applicationSupport = state + "/support"};
     options.followsAtStart = crawls;
+    options.applications = platform::RegistrySources{};
     auto made = platform::Platform::make(std::move(options));
     if (!made) fail(made.error().description());
     return std::move(*made);

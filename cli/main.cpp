@@ -44,6 +44,7 @@ platform::Platform::Options platformOptions(const cli::Arguments& arguments,
         options.folders.data = arguments.state + "/data";
         options.folders.state = arguments.state + "/state";
         options.folders.cache = arguments.state + "/cache";
+        options.folders.config = arguments.state + "/config";
         options.folders.applicationSupport = arguments.state + "/application-support";
     }
     // One command reads little of the storage; a look-up that needs the whole index waits for it.

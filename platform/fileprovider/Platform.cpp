@@ -53,6 +53,7 @@ void fillDefaults(Platform::Folders& folders) {
     fill(folders.data, "XDG_DATA_HOME", ".local/share");
     fill(folders.state, "XDG_STATE_HOME", ".local/state");
     fill(folders.cache, "XDG_CACHE_HOME", ".cache");
+    fill(folders.config, "XDG_CONFIG_HOME", ".config");
     if (folders.applicationSupport.empty()) {
         folders.applicationSupport = folders.data + "/applications";
     }
@@ -101,12 +102,32 @@ Result<std::unique_ptr<Platform>> Platform::make(Options options) {
     auto volume = VolumeService::open(std::move(configuration));
     if (!volume) return std::unexpected(volume.error());
     platform->volume_ = std::move(*volume);
+    platform->makeRegistry(options);
     platform->events_ = {options.history ? options.history : platform->volume_.get(),
                          std::make_shared<UseGate>()};
     return platform;
 }
 
+void Platform::makeRegistry(const Options& options) {
+    containers_ = std::make_unique<AppContainers>(*files_, *volume_);
+    QLApplicationWorkspace::Configuration configuration{
+        .sources = options.applications ? *options.applications : RegistrySources::ofUser(),
+        .presentContainer =
+            [this](std::string_view identifier, const std::string& path) {
+                return containers_->URLForContainer(identifier, path);
+            },
+        .report =
+            [](const std::string& trouble) { Log::platformLog().write(LogLevel::Error, trouble); },
+        .afterReading = [this] { containers_->lookAgain(); },
+        .notifications = notifications_};
+    configuration.sources.overrides = folders_.config + "/applications";
+    if (options.adjustRegistry) options.adjustRegistry(configuration);
+    workspace_ = std::make_unique<QLApplicationWorkspace>(std::move(configuration));
+    if (options.followsAtStart) workspace_->follow();
+}
+
 Platform::~Platform() {
+    if (workspace_) workspace_->stop();
     if (events_.gate) events_.gate->close();
     Platform* self = this;
     installedPlatform.compare_exchange_strong(self, nullptr);

@@ -2,8 +2,10 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "platform/fileprovider/AppContainers.h"
 #include "platform/fileprovider/QSFileProviderManager.h"
 #include "platform/files/FileSystem.h"
 #include "platform/foundation/QSError.h"
@@ -21,19 +23,24 @@ namespace platform {
 /// and the like) are views of the installed one.
 class Platform {
   public:
-    /// Native folders. Empty ones take the XDG defaults: "tidewell" below the data, state, cache
-    /// and data homes.
+    /// Native folders. Empty ones take the XDG defaults: "tidewell" below the data, state, cache,
+    /// configuration and data homes.
     struct Folders {
         std::string storage;  ///< must exist
         std::string data;
         std::string state;
         std::string cache;
+        std::string config;
         std::string applicationSupport;
     };
 
     struct Options {
         Folders folders = {};
         bool followsAtStart = true;
+        /// The user's where nothing is set. Overrides are in `config` in any case.
+        std::optional<RegistrySources> applications = {};
+        /// Has the last word about the registry.
+        std::function<void(QLApplicationWorkspace::Configuration&)> adjustRegistry = {};
         std::function<void(std::uint64_t entries)> scanProgress = {};
         /// Has the last word about how the volume is followed.
         std::function<void(VolumeService::Configuration&)> adjustVolume = {};
@@ -59,7 +66,8 @@ class Platform {
     /// block that is inside may use all of it.
     [[nodiscard]] const FSEventSource& events() const { return events_; }
     [[nodiscard]] QSFileProviderManager& manager() { return *manager_; }
-    [[nodiscard]] QLApplicationWorkspace& workspace() { return workspace_; }
+    [[nodiscard]] QLApplicationWorkspace& workspace() { return *workspace_; }
+    [[nodiscard]] AppContainers& containers() { return *containers_; }
     /// Shared, since observers may be removed after the platform is gone.
     [[nodiscard]] std::shared_ptr<QSDistributedNotificationCenter> notifications() const {
         return notifications_;
@@ -68,16 +76,18 @@ class Platform {
 
   private:
     Platform() = default;
+    void makeRegistry(const Options& options);
 
     // Constant after make(); each has its own synchronisation.
     Folders folders_;
     std::unique_ptr<FileSystem> files_;
     TypeRegistry types_;
     std::unique_ptr<CrashReports> crashReports_;
-    QLApplicationWorkspace workspace_;
     std::shared_ptr<QSDistributedNotificationCenter> notifications_;
     std::unique_ptr<QSFileProviderManager> manager_;
     std::unique_ptr<VolumeService> volume_;
+    std::unique_ptr<AppContainers> containers_;
+    std::unique_ptr<QLApplicationWorkspace> workspace_;  // reads what stands before it
     FSEventSource events_;
 };
 

@@ -71,6 +71,12 @@ Result<QSURL> FileSystem::addContainer(std::string_view identifier, std::string_
     return QSURL::fileURLWithPath(presented);
 }
 
+void FileSystem::removeContainer(std::string_view identifier) {
+    const auto presented = std::string(presentedContainersPath) + "/" + std::string(identifier);
+    const std::scoped_lock lock(mutex_);
+    std::erase_if(roots_, [&](const auto& known) { return known->presented == presented; });
+}
+
 Result<void> FileSystem::checkStorage() const {
     struct stat opened {};
     struct stat found {};

@@ -48,6 +48,8 @@ class FileSystem {
     /// Presents an application's data container (a native path, resolved now) and returns its URL,
     /// below presentedContainersPath. A second call for one identifier replaces the first.
     [[nodiscard]] Result<QSURL> addContainer(std::string_view identifier, std::string_view path);
+    /// From now on URLs below the container lead nowhere; what is open stays so.
+    void removeContainer(std::string_view identifier);
 
     /// The native path of any URL, for people and for tools; text only, nothing is checked.
     [[nodiscard]] std::string nativePath(const QSURL& url) const;

@@ -71,15 +71,6 @@ void Follower::follow() {
     if (!state_.configuration.isManual) thread_ = std::thread([this] { run(); });
 }
 
-void Follower::rootsChanged() {
-    if (!isFollowing_) return;
-    {
-        const std::scoped_lock lock(mutex_);
-        scanEverything(Reconciler::Occasion::Scan);
-    }
-    wake();
-}
-
 void Follower::scanEverything(Reconciler::Occasion occasion) {
     const std::shared_lock lock(state_.indexMutex);
     scan_.clear();
@@ -344,11 +335,21 @@ void Follower::lookAtMarks() {
 }
 
 void Follower::scanSome() {
+    (void)scanSomeOf(scan_, scanOccasion_);
+    constexpr std::uint64_t progressStep = 1000;
+    if (state_.configuration.progress && scanned_ - reported_ >= progressStep) {
+        reported_ = scanned_;
+        state_.configuration.progress(scanned_);
+    }
+    if (scan_.empty() && marks_.empty()) endScan();
+}
+
+Result<void> Follower::scanSomeOf(std::deque<NodeNumber>& toScan, Reconciler::Occasion occasion) {
     std::vector<FolderReading> readings;
     std::size_t seen = 0;
-    while (!scan_.empty() && seen < sightingsAtOnce && readings.size() < foldersAtOnce) {
-        const auto folder = scan_.back();
-        scan_.pop_back();
+    while (!toScan.empty() && seen < sightingsAtOnce && readings.size() < foldersAtOnce) {
+        const auto folder = toScan.back();
+        toScan.pop_back();
         const auto before = readings.size();
         look(folder, {}, true, readings);
         if (readings.size() > before) seen += readings.back().sightings.size();
@@ -356,22 +357,15 @@ void Follower::scanSome() {
     std::vector<NodeNumber> folders;
     folders.reserve(readings.size());
     for (const auto& reading : readings) folders.push_back(reading.folder);
-    (void)reconcile(std::move(readings), scanOccasion_);
-    {
-        const std::shared_lock lock(state_.indexMutex);
-        for (const auto folder : folders) {
-            state_.index.forEachChild(folder, [&](ObjectIndex::EntryNumber at) {
-                const auto child = state_.index.entry(at).object;
-                if (state_.index.node(child).kind == ObjectKind::Directory) scan_.push_back(child);
-            });
-        }
+    auto done = reconcile(std::move(readings), occasion);
+    const std::shared_lock lock(state_.indexMutex);
+    for (const auto folder : folders) {
+        state_.index.forEachChild(folder, [&](ObjectIndex::EntryNumber at) {
+            const auto child = state_.index.entry(at).object;
+            if (state_.index.node(child).kind == ObjectKind::Directory) toScan.push_back(child);
+        });
     }
-    constexpr std::uint64_t progressStep = 1000;
-    if (state_.configuration.progress && scanned_ - reported_ >= progressStep) {
-        reported_ = scanned_;
-        state_.configuration.progress(scanned_);
-    }
-    if (scan_.empty() && marks_.empty()) endScan();
+    return done;
 }
 
 void Follower::endScan() {

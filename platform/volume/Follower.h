@@ -35,8 +35,9 @@ class Follower {
     void follow();
     [[nodiscard]] bool isFollowing() const { return isFollowing_; }
     [[nodiscard]] bool isCaughtUp() const { return isCaughtUp_ && !isStopped_; }
-    /// A root came or goes.
-    void rootsChanged();
+    /// See VolumeService. The caller does the work, in steps.
+    Result<void> addRoot(const ObjectIdentity& identity, const QSURL& url);
+    Result<void> removeRoot(const QSURL& url);
 
     /// There is news of another kind than the kernel's.
     void wake();
@@ -83,6 +84,10 @@ class Follower {
     void lookAtMarks();
     void lookAtUnwatched();
     void scanSome();
+    /// Compares the last of the folders and puts what they hold in their place.
+    Result<void> scanSomeOf(std::deque<NodeNumber>& toScan, Reconciler::Occasion occasion);
+    Result<void> letGoOf(const QSURL& url);
+    Result<void> commitRoots();
     void endScan();
     [[nodiscard]] Result<FolderReading> lookAt(NodeNumber number, const QSURL& url,
                                                const Mark& mark);

@@ -46,6 +46,13 @@ class Reconciler {
     /// Takes up what waited for a decision when the last run ended. Before the first scan.
     void takeUpDisplaced(Time now);
 
+    /// Takes up a root, which is read next. The storage folder has changed if that is news.
+    /// REQUIRES: there is no root under that URL.
+    NodeNumber welcome(const ObjectIdentity& identity, const QSURL& url);
+    /// Records all below the root as gone, and the storage folder as changed. False where there is
+    /// none.
+    bool letGo(const QSURL& url);
+
     /// Records that something may have been missed below the path.
     void recordGap(std::string path, std::string why);
 

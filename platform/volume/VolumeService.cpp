@@ -59,9 +59,12 @@ Result<void> VolumeService::addRoot(const QSURL& root) {
     if ((*attributes)->device != state_->device) {
         return std::unexpected(errorFromErrno(EXDEV, root.path()));
     }
-    state_->addRoot((*attributes)->identity, root);
-    state_->follower->rootsChanged();
-    return {};
+    return state_->follower->addRoot((*attributes)->identity, root);
+}
+
+Result<void> VolumeService::removeRoot(const QSURL& root) {
+    if (root == state_->configuration.files.storageURL()) return {};
+    return state_->follower->removeRoot(root);
 }
 
 std::optional<QSUUID> VolumeService::UUIDForDevice(std::uint32_t device) const {

@@ -58,15 +58,15 @@ EventRecord gapRecord(std::string path) {
 
 void VolumeService::State::addRoot(const ObjectIdentity& identity, const QSURL& url) {
     const std::unique_lock lock(indexMutex);
-    std::erase_if(roots, [&](const Root& root) {
-        if (root.url != url) return false;
-        index.setRoot(root.node, false);
-        return true;
-    });
     const auto node = index.ensure(identity.inode);
     index.setGeneration(node, identity.generation);
     index.setRoot(node, true);
     roots.push_back({node, url});
+}
+
+ObjectIndex::NodeNumber VolumeService::State::rootAt(const QSURL& url) const {
+    const auto root = std::ranges::find(roots, url, &Root::url);
+    return root == roots.end() ? ObjectIndex::none : root->node;
 }
 
 std::optional<QSURL> VolumeService::State::urlOf(ObjectIndex::NodeNumber number) const {

@@ -28,8 +28,10 @@ struct VolumeService::State {
         ObjectIndex::NodeNumber node;
         QSURL url;
     };
-    /// A second root under the same URL replaces the first.
+    /// REQUIRES: there is no root under that URL.
     void addRoot(const ObjectIdentity& identity, const QSURL& url);
+    /// The root of that URL; none where there is none. REQUIRES: indexMutex is held.
+    [[nodiscard]] ObjectIndex::NodeNumber rootAt(const QSURL& url) const;
 
     /// The URL where the index locates the object, checked on the disk.
     [[nodiscard]] std::optional<QSURL> locate(std::uint64_t fileID) const;

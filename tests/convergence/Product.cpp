@@ -37,7 +37,9 @@ std::string Product::start() {
                                                       .data = stores_ + "/data",
                                                       .state = stores_ + "/state",
                                                       .cache = stores_ + "/cache",
+                                                      .config = stores_ + "/config",
                                                       .applicationSupport = stores_ + "/apps"},
+                                          .applications = platform::RegistrySources{},
                                           .adjustVolume = adjust});
     if (!made) return made.error().description();
     platform_ = std::move(*made);

@@ -30,8 +30,11 @@ class InstalledPlatform : public testing::Test {
                                                           .data = scratch / "data",
                                                           .state = scratch / "state",
                                                           .cache = scratch / "cache",
+                                                          .config = scratch / "config",
                                                           .applicationSupport = scratch / "apps"},
                                               .followsAtStart = history == nullptr,
+                                              .applications = applications(),
+                                              .adjustRegistry = adjustRegistry,
                                               .adjustVolume = adjustVolume,
                                               .history = history});
         ASSERT_TRUE(made) << made.error().description();
@@ -39,6 +42,24 @@ class InstalledPlatform : public testing::Test {
         installed->install();
     }
 
+    /// Only what is below the scratch folder.
+    [[nodiscard]] platform::RegistrySources applications() const {
+        return {.dataHome = scratch / "share",
+                .dataFolders = {scratch / "system/share"},
+                .flatpakUser = scratch / "share/flatpak",
+                .flatpakSystem = scratch / "flatpak",
+                .flatpakInstallations = scratch / "etc/flatpak",
+                .containers = scratch / "containers",
+                .overrides = {},
+                .languages = {}};
+    }
+    /// A desktop entry of the user's with these further lines; what follows the folder will notice.
+    std::filesystem::path installApplication(const std::string& identifier, const std::string& name,
+                                             std::string_view lines = {}) const {
+        return scratch.makeFile(
+            "share/applications/" + identifier + ".desktop",
+            "[Desktop Entry]\nType=Application\nName=" + name + "\n" + std::string(lines));
+    }
     [[nodiscard]] std::filesystem::path storage() const { return scratch / "storage"; }
     [[nodiscard]] std::filesystem::path file(const std::string& name) const {
         return scratch.makeFile("storage/" + name);
@@ -68,6 +89,7 @@ class InstalledPlatform : public testing::Test {
     /// learns of places only from what asks for identifiers.
     platform::EventHistory* history = nullptr;
     std::function<void(platform::VolumeService::Configuration&)> adjustVolume;
+    std::function<void(platform::QLApplicationWorkspace::Configuration&)> adjustRegistry;
     ScratchFolder scratch;
     std::shared_ptr<platform::MemorySink> log;
     std::unique_ptr<platform::Platform> installed;

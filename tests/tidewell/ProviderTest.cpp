@@ -71,14 +71,8 @@ TEST_F(ProviderTest, TemporaryFolderIsMadeOnDemandOrLogged) {
 }
 
 TEST_F(ProviderTest, RegistryNotificationsRefreshTheLibrariesUntilTheProviderIsGone) {
-    scratch.makeFolder("container/Documents");
-    const auto container =
-        installed->files().addContainer("org.a", (scratch / "container").string()).value();
-    installed->workspace().registerApplication(
-        std::make_shared<const QLBundleProxy>(QLBundleProxy{"org.a", container, "App"}));
-    const auto root = container.URLByAppendingPathComponent("Documents");
-    // The refresh at the start may run before or after the application was registered.
-    installed->notifications()->post("com.quenby.Registrar.applicationRegistered");
+    const auto root = QSURL::fileURLWithPath("/private/var/tidewell/Containers/org.a/Documents");
+    (void)installApplication("org.a", "App", "X-Quenby-SupportsDocumentBrowser=true\n");
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (!AppLibraryRootTable::shared().bundleAt(root)) {
         ASSERT_LT(std::chrono::steady_clock::now(), deadline);

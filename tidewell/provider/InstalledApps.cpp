@@ -8,9 +8,21 @@ namespace tidewell {
 
 void refreshInstalledApps() {
     const LogSection section("refreshing installed apps");
+    std::vector<BundleRef> kept;
+    for (const auto type : {QLApplicationType::User, QLApplicationType::System}) {
+        Platform::current().workspace().enumerateApplicationsOfType(
+            type, [&](const ApplicationRef& bundle) {
+                if (!bundle->dataContainerURL) return;
+                if (bundle->supportsDocumentBrowser ||
+                    (bundle->supportsOpenInPlace && bundle->fileSharingEnabled)) {
+                    kept.push_back(bundle);
+                }
+            });
+    }
+    const auto failures = Platform::current().containers().show(kept);
     AppLibraryRoots roots;
-    for (const auto& bundle : Platform::current().workspace().allBundles()) {
-        if (!bundle->dataContainerURL) continue;
+    for (const auto& bundle : kept) {
+        if (failures.contains(*bundle->bundleIdentifier)) continue;
         roots.emplace(bundle->dataContainerURL->URLByAppendingPathComponent("Documents"), bundle);
     }
     AppLibraryRootTable::shared().replace(std::move(roots));

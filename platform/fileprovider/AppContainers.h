@@ -1,0 +1,50 @@
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "platform/files/FileSystem.h"
+#include "platform/registry/QLBundleProxy.h"
+#include "platform/volume/VolumeService.h"
+
+namespace platform {
+
+/// The applications whose documents are part of the tree: presents their data containers and has
+/// the "Documents" folder in each followed as a root. Any thread, one change at a time; blocks for
+/// the disk.
+class AppContainers {
+  public:
+    /// Both must outlive it.
+    AppContainers(FileSystem& files, VolumeService& volume) : files_(files), volume_(volume) {}
+
+    /// The URL under which the container at that native path, which need not exist, would be
+    /// presented. EXDEV for one on another device or mount than the storage, EINVAL for one that
+    /// holds the storage or lies in it, ENOTDIR for what is no folder.
+    [[nodiscard]] Result<QSURL> URLForContainer(std::string_view identifier,
+                                                const std::string& path) const;
+
+    /// Lets in exactly these, and out all others. Folders that are missing are made (mode 0700). By
+    /// the time it returns, what has come and gone with them is in the volume's history. Yields
+    /// those that could not be let in, by identifier; they are not part of the tree. Records
+    /// without a container are passed over.
+    std::map<std::string, QSError> show(std::span<const BundleRef> bundles);
+
+    /// Looks for containers that were replaced on disk by others, or have come back. Makes none.
+    void lookAgain();
+
+  private:
+    [[nodiscard]] Result<void> letIn(const std::string& identifier, const std::string& path,
+                                     bool makesFolders);
+    void letOut(const std::string& identifier);
+
+    FileSystem& files_;
+    VolumeService& volume_;
+
+    std::mutex mutex_;
+    std::map<std::string, std::string> shown_;  // guarded by mutex_; native paths by identifier
+};
+
+}  // namespace platform

@@ -1,0 +1,110 @@
+// How roots come and go while the others are followed.
+#include <cerrno>
+#include <unordered_set>
+
+#include "platform/volume/Follower.h"
+
+namespace platform {
+
+Result<void> Follower::addRoot(const ObjectIdentity& identity, const QSURL& url) {
+    std::deque<NodeNumber> folders;
+    {
+        const std::scoped_lock lock(mutex_);
+        const auto [node, isSame] = [&] {
+            const std::shared_lock index(state_.indexMutex);
+            const auto known = state_.rootAt(url);
+            return std::pair(known, known != ObjectIndex::none &&
+                                        known == state_.index.findInode(identity.inode) &&
+                                        state_.index.node(known).generation == identity.generation);
+        }();
+        if (isSame) return {};
+        if (node != ObjectIndex::none) {
+            if (auto done = letGoOf(url); !done) return done;
+        }
+        {
+            const std::scoped_lock store(state_.storeMutex);
+            folders.push_back(reconciler_.welcome(identity, url));
+        }
+        if (auto done = commitRoots(); !done || !isFollowing_) return done;
+    }
+    Result<void> done;
+    while (!folders.empty() && done) {
+        const std::scoped_lock lock(mutex_);
+        if (isStopped_) return std::unexpected(errorFromErrno(ECANCELED));
+        drain();
+        done = scanSomeOf(folders, Reconciler::Occasion::Scan);
+    }
+    state_.announce();
+    wake();  // for what has come meanwhile
+    return done;
+}
+
+Result<void> Follower::removeRoot(const QSURL& url) {
+    Result<void> done;
+    {
+        const std::scoped_lock lock(mutex_);
+        done = letGoOf(url);
+    }
+    state_.announce();
+    wake();
+    return done;
+}
+
+Result<void> Follower::letGoOf(const QSURL& url) {
+    {
+        const std::scoped_lock store(state_.storeMutex);
+        if (!reconciler_.letGo(url)) return {};
+    }
+    return commitRoots();
+}
+
+Result<void> Follower::commitRoots() {
+    Result<void> done;
+    {
+        const std::scoped_lock store(state_.storeMutex);
+        done = reconciler_.commit();
+        noteCommit(done);
+    }
+    const auto gone = reconciler_.takeGoneFolders();
+    const std::unordered_set<NodeNumber> all(gone.begin(), gone.end());
+    std::erase_if(scan_, [&](NodeNumber folder) { return all.contains(folder); });
+    for (const auto folder : gone) unwatch(folder);
+    return done;
+}
+
+Reconciler::NodeNumber Reconciler::welcome(const ObjectIdentity& identity, const QSURL& url) {
+    occasion_ = Occasion::Scan;
+    {
+        const std::unique_lock lock(state_.indexMutex);
+        auto& index = state_.index;
+        const auto node = index.ensure(identity.inode);
+        const auto known = index.node(node).generation;
+        if (known != 0 && known != identity.generation) renew(node, identity.generation);
+    }
+    state_.addRoot(identity, url);
+    const std::unique_lock lock(state_.indexMutex);
+    const auto node = state_.rootAt(url);
+    const bool isNews = state_.index.node(node).stamp == 0;
+    if (isNews && node != state_.roots.front().node) {
+        changeOf(state_.roots.front().node).isModified = true;
+    }
+    return node;
+}
+
+bool Reconciler::letGo(const QSURL& url) {
+    const std::unique_lock lock(state_.indexMutex);
+    auto& index = state_.index;
+    const auto root = state_.rootAt(url);
+    if (root == ObjectIndex::none) return false;
+    occasion_ = Occasion::Live;
+    forgetBelow(root, url.path());
+    goneFolders_.push_back(root);
+    // Should it come back, that is news.
+    index.setState(root, index.node(root).kind, 0, false);
+    index.setRoot(root, false);
+    std::erase_if(state_.roots, [&](const auto& known) { return known.url == url; });
+    changeOf(state_.roots.front().node).isModified = true;
+    return true;
+}
+
+}  // namespace platform
