@@ -44,6 +44,7 @@ struct Parser {
     Arguments arguments;
     std::string page;
     std::string since;
+    std::string trashAge = "30d";
     bool byDate = false;
     bool takesItem = true;
     CLI::App app{"Browse the documents of this user as document browsers see them.", "tidewell"};
@@ -78,8 +79,24 @@ struct Parser {
         for (auto* sub : {&changes, &watch}) {
             sub->add_option("--since", since, "Begin at this anchor (base64)");
         }
+        watch
+            .add_option("--trash-age", trashAge,
+                        "Delete what has been in the trash for longer: 30d, or off")
+            ->envname("TIDEWELL_TRASH_AGE");
         add(Command::Sync, "sync", "Wait until all that happened is known", Takes::Nothing);
         add(Command::Doctor, "doctor", "Tell how the system is", Takes::Nothing);
+        addMutation(Command::MakeDirectory, "mkdir", "Make a folder");
+        addMutation(Command::Import, "import", "Copy files and folders into a folder");
+        addMutation(Command::Rename, "rename", "Give an item another name");
+        addMutation(Command::Move, "mv", "Move an item into another folder");
+        addMutation(Command::Trash, "trash", "Move items to the trash");
+        addMutation(Command::Untrash, "untrash", "Put an item from the trash back");
+        addMutation(Command::Remove, "rm", "Delete items for good");
+        addMutation(Command::EmptyTrash, "empty-trash", "Delete what was trashed long ago");
+    }
+
+    void addMutation(Command command, const char* name, const char* help) {
+        addMutationOptions(add(command, name, help, Takes::Nothing), arguments.mutation);
     }
 
     CLI::App& add(Command command, const char* name, const char* help, Takes takes) {
@@ -104,6 +121,10 @@ struct Parser {
             return usageError("tree draws folders; list " + arguments.item + " with ls");
         }
         if (!takesItem) arguments.item.clear();
+        if (trashAge != "off") {
+            arguments.trashAge = parseAge(trashAge);
+            if (!arguments.trashAge) return usageError(checkAge(trashAge));
+        }
         if (byDate) arguments.start = host::Order::ByDate;
         if (isGiven("ls", "--page")) {
             auto token = dataFromBase64(page);

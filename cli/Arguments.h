@@ -1,11 +1,13 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <variant>
 
 #include "cli/ExitCode.h"
+#include "cli/MutationArguments.h"
 #include "host/Page.h"
 
 namespace cli {
@@ -20,7 +22,15 @@ enum class Command : std::uint8_t {
     Changes,
     Watch,
     Sync,
-    Doctor
+    Doctor,
+    MakeDirectory,
+    Import,
+    Rename,
+    Move,
+    Trash,
+    Untrash,
+    Remove,
+    EmptyTrash
 };
 
 /// The command line and the environment, understood.
@@ -35,6 +45,9 @@ struct Arguments {
     bool onePage = false;
     host::PageStart start = host::Order::ByName;
     std::optional<host::Anchor> since;
+    MutationArguments mutation;
+    /// How long `watch` keeps what is in the trash; for ever where it is none.
+    std::optional<std::chrono::seconds> trashAge;
 };
 
 /// There is nothing to run: help was asked for, or the command line is wrong.

@@ -21,6 +21,10 @@ std::string reason(const platform::QSError& error) {
         // The GNU variant returns a pointer that need not be the buffer.
         return strerror_r(static_cast<int>(error.code), buffer, sizeof buffer);
     }
+    if (error.domain == platform::QSMochaErrorDomain &&
+        error.code == platform::QSFileWriteNoPermissionError) {
+        return "writing is not permitted there";
+    }
     if (host::meansNoSuchItem(error)) return "there is no such item";
     return error.description();
 }
@@ -45,6 +49,10 @@ platform::QSError usageError(std::string_view message) {
 ExitCode exitCodeFor(const platform::QSError& error) {
     if (error.domain == usageErrorDomain) return ExitCode::Usage;
     if (host::meansExpired(error)) return ExitCode::Expired;
+    if (error.domain == platform::QSMochaErrorDomain &&
+        error.code == platform::QSFileWriteNoPermissionError) {
+        return "writing is not permitted there";
+    }
     if (host::meansNoSuchItem(error)) return ExitCode::NoSuchItem;
     return ExitCode::Failed;
 }

@@ -8,6 +8,7 @@
 
 #include "cli/changes.h"
 #include "cli/format.h"
+#include "cli/mutations.h"
 #include "cli/text.h"
 #include "host/errors.h"
 
@@ -28,6 +29,9 @@ class Run {
         if (arguments_.command == Command::Resolve) return resolve();
         if (arguments_.command == Command::Sync) return sync();
         if (arguments_.command == Command::Doctor) return doctor();
+        if (isMutation(arguments_.command)) {
+            return runMutation(arguments_, service_, output_, progress_);
+        }
         auto identifier = itemIdentifier();
         if (!identifier) return std::unexpected(std::move(identifier.error()));
         switch (arguments_.command) {

@@ -65,7 +65,11 @@ cli::ExitCode run(const cli::Arguments& arguments) {
         return cli::ExitCode::Failed;
     }
     (*platform)->install();
-    host::DocumentService service([] { return tidewell::makeLocalFileProvider(); });
+    host::DocumentService::Options options;
+    // Only a service that stays looks after the trash.
+    if (arguments.command == cli::Command::Watch) options.trashAge = arguments.trashAge;
+    host::DocumentService service([] { return tidewell::makeLocalFileProvider(); },
+                                  std::move(options));
     cli::Output output(STDOUT_FILENO, progress);
     return cli::runCommand(arguments, service, output, progress);
 }

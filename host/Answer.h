@@ -30,6 +30,12 @@ class Answer {
         finished_.notify_all();
     }
 
+    /// Blocks for the end up to the deadline; whether it has come.
+    [[nodiscard]] bool waitFor(std::chrono::milliseconds deadline) {
+        std::unique_lock lock(mutex_);
+        return finished_.wait_for(lock, deadline, [this] { return end_.has_value(); });
+    }
+
     /// Blocks for the end; ETIMEDOUT with the parts so far when the deadline passes.
     /// REQUIRES: called once.
     [[nodiscard]] std::pair<Parts, platform::Result<End>> wait(std::chrono::milliseconds deadline) {

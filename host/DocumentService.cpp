@@ -21,7 +21,8 @@ DocumentService::DocumentService(const ExtensionFactory& makeExtension, Options 
                 : [](std::chrono::milliseconds pause) { std::this_thread::sleep_for(pause); }),
       manager_(options.manager ? *options.manager : platform::Platform::current().manager()),
       volume_(options.volume ? std::move(*options.volume) : VolumeAccess::ofPlatform()),
-      signals_(std::make_shared<SignalBoard>()) {
+      signals_(std::make_shared<SignalBoard>()),
+      mutations_(session_, options.stallDeadline) {
     // Connected first: an extension signals while it is being made. The board outlives the service
     // as long as a signal is on its way.
     manager_.setSignalHandler(
@@ -33,9 +34,15 @@ DocumentService::DocumentService(const ExtensionFactory& makeExtension, Options 
     session_ = std::make_unique<ExtensionSession>(
         makeExtension, options.paths ? std::move(*options.paths) : NativePaths::ofPlatform(),
         options.pageDeadline);
+    if (options.trashAge) {
+        trashKeeper_ = std::make_unique<TrashKeeper>(
+            *options.trashAge,
+            [this](const platform::QSDate& date) { (void)mutations_.emptyTrash(date); });
+    }
 }
 
 DocumentService::~DocumentService() {
+    trashKeeper_.reset();
     manager_.setSignalHandler({});
 }
 

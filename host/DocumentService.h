@@ -13,7 +13,9 @@
 #include "host/Following.h"
 #include "host/Health.h"
 #include "host/Listing.h"
+#include "host/Mutations.h"
 #include "host/Page.h"
+#include "host/TrashKeeper.h"
 
 namespace platform {
 class QSFileProviderManager;
@@ -33,6 +35,11 @@ class DocumentService {
         Waiter wait = {};
         /// How long a page, of a listing or of changes, or an anchor may take.
         std::chrono::milliseconds pageDeadline = std::chrono::seconds(30);
+        /// How long an operation that changes documents may go without getting any further.
+        std::chrono::milliseconds stallDeadline = std::chrono::minutes(10);
+        /// What was trashed longer ago than this is deleted at the start and once a day; not
+        /// where it is none.
+        std::optional<std::chrono::seconds> trashAge = {};
         /// The installed platform's where empty or null.
         std::optional<NativePaths> paths = {};
         std::optional<VolumeAccess> volume = {};
@@ -102,6 +109,9 @@ class DocumentService {
     /// uncertainty about what was replaced or deleted included.
     [[nodiscard]] platform::Result<void> settle() const { return volume_.waitUntilSettled(); }
 
+    /// What changes documents. Lives as long as the service.
+    [[nodiscard]] const Mutations& mutations() const { return mutations_; }
+
     [[nodiscard]] Health health() const { return volume_.health(); }
 
   private:
@@ -115,6 +125,8 @@ class DocumentService {
     VolumeAccess volume_;
     std::shared_ptr<SignalBoard> signals_;
     std::unique_ptr<ExtensionSession> session_;
+    Mutations mutations_;
+    std::unique_ptr<TrashKeeper> trashKeeper_;  // null where the trash is kept for ever
 
     std::mutex mutex_;
     std::weak_ptr<void> everywhere_;  // guarded; the watch that all who follow something share

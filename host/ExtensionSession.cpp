@@ -102,6 +102,10 @@ Result<ItemRecord> ExtensionSession::item(const std::string& identifier) const {
     return makeRecord(**item, paths_);
 }
 
+ItemRecord ExtensionSession::record(const platform::QSFileProviderItem& item) const {
+    return makeRecord(item, paths_);
+}
+
 Result<std::string> ExtensionSession::identifierForPath(std::string_view path) const {
     // The extension answers a miss without a reason; the path itself knows a better one.
     const std::string native(path);

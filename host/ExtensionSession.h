@@ -66,6 +66,12 @@ class ExtensionSession {
     [[nodiscard]] platform::Result<std::shared_ptr<void>> startWatch(
         const std::string& container) const;
 
+    /// For calls that have no wrapper here; lives as long as the session.
+    [[nodiscard]] platform::QSFileProviderExtension& extension() const { return *extension_; }
+    [[nodiscard]] const NativePaths& paths() const { return paths_; }
+    [[nodiscard]] ItemRecord record(const platform::QSFileProviderItem& item) const;
+    [[nodiscard]] platform::QSError withNativePath(platform::QSError error) const;
+
     /// One page, waited for up to the deadline (then ETIMEDOUT; so are anchors and changes), also
     /// where the extension answers on other threads. An initial page begins with a new enumerator,
     /// so that a folder that was renamed is found at its new place; a token goes to the container's
@@ -83,7 +89,6 @@ class ExtensionSession {
         const std::string& container) const;
     [[nodiscard]] std::vector<ItemRecord> records(
         const std::vector<platform::ItemRef>& items) const;
-    [[nodiscard]] platform::QSError withNativePath(platform::QSError error) const;
 
     // Constant after construction.
     NativePaths paths_;

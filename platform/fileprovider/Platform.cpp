@@ -11,6 +11,7 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/dispatch/Queue.h"
 #include "platform/files/ExtendedAttributes.h"
 #include "platform/foundation/fatalError.h"
 #include "platform/log/Log.h"
@@ -85,6 +86,8 @@ Result<std::unique_ptr<Platform>> Platform::make(Options options) {
     }
     platform->crashReports_ = std::make_unique<CrashReports>(options.folders.state + "/crashes");
     platform->notifications_ = std::make_shared<QSDistributedNotificationCenter>();
+    platform->unfinished_ =
+        std::make_unique<UnfinishedWork>(*platform->files_, options.folders.state + "/unfinished");
     platform->manager_ = std::make_unique<QSFileProviderManager>(platform->files_->storageURL());
     VolumeService::Configuration configuration{
         .files = *platform->files_,
@@ -105,6 +108,9 @@ Result<std::unique_ptr<Platform>> Platform::make(Options options) {
     platform->makeRegistry(options);
     platform->events_ = {options.history ? options.history : platform->volume_.get(),
                          std::make_shared<UseGate>()};
+    // The store is ours, so whatever is recorded is an earlier process's. It may be a large tree.
+    dispatchConcurrently([pass = platform->events_.gate->enter(),
+                          &unfinished = *platform->unfinished_] { unfinished.finish(); });
     return platform;
 }
 

@@ -7,6 +7,7 @@
 
 #include "platform/fileprovider/AppContainers.h"
 #include "platform/fileprovider/QSFileProviderManager.h"
+#include "platform/fileprovider/UnfinishedWork.h"
 #include "platform/files/FileSystem.h"
 #include "platform/foundation/QSError.h"
 #include "platform/log/CrashReports.h"
@@ -60,6 +61,7 @@ class Platform {
 
     [[nodiscard]] const Folders& folders() const { return folders_; }
     [[nodiscard]] FileSystem& files() { return *files_; }
+    [[nodiscard]] UnfinishedWork& unfinished() { return *unfinished_; }
     [[nodiscard]] const TypeRegistry& types() const { return types_; }
     [[nodiscard]] VolumeService& volume() { return *volume_; }
     /// What event streams read from. Its gate closes before anything of the platform goes, so a
@@ -81,6 +83,7 @@ class Platform {
     // Constant after make(); each has its own synchronisation.
     Folders folders_;
     std::unique_ptr<FileSystem> files_;
+    std::unique_ptr<UnfinishedWork> unfinished_;
     TypeRegistry types_;
     std::unique_ptr<CrashReports> crashReports_;
     std::shared_ptr<QSDistributedNotificationCenter> notifications_;

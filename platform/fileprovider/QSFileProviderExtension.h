@@ -3,10 +3,13 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/fileprovider/QSFileProviderEnumerator.h"
 #include "platform/fileprovider/QSFileProviderItem.h"
+#include "platform/foundation/QSProgress.h"
 
 namespace platform {
 
@@ -15,6 +18,8 @@ namespace platform {
 class QSFileProviderExtension {
   public:
     using CompletionHandler = std::move_only_function<void(std::optional<QSError>)>;
+
+    using ItemCompletionHandler = std::move_only_function<void(Result<ItemRef>)>;
 
     virtual ~QSFileProviderExtension() = default;
 
@@ -31,6 +36,38 @@ class QSFileProviderExtension {
     virtual void startProvidingItemAtURL(const QSURL& url, CompletionHandler completionHandler) = 0;
     virtual void stopProvidingItemAtURL(const QSURL& url) = 0;
     virtual void itemChangedAtURL(const QSURL& url) = 0;
+
+    // What changes the tree. Each may return before it is done and calls the completion handler
+    // once, on a thread of its choice, with the item as it is then. A progress, where there is one,
+    // is of that call. Extensions that do not say otherwise do none of it (ENOTSUP).
+    virtual std::shared_ptr<QSProgress> importDocumentAtURL(
+        const QSURL& url, const QSFileProviderItemIdentifier& toParentItemIdentifier,
+        ItemCompletionHandler completionHandler);
+    virtual void createDirectoryWithName(std::string_view name,
+                                         const QSFileProviderItemIdentifier& inParentItemIdentifier,
+                                         ItemCompletionHandler completionHandler);
+    virtual void renameItemWithIdentifier(const QSFileProviderItemIdentifier& identifier,
+                                          std::string_view toName,
+                                          ItemCompletionHandler completionHandler);
+    virtual void reparentItemWithIdentifier(
+        const QSFileProviderItemIdentifier& identifier,
+        const QSFileProviderItemIdentifier& toParentItemWithIdentifier,
+        const std::optional<std::string>& newName, ItemCompletionHandler completionHandler);
+    virtual void trashItemWithIdentifier(const QSFileProviderItemIdentifier& identifier,
+                                         ItemCompletionHandler completionHandler);
+    virtual void untrashItemWithIdentifier(
+        const QSFileProviderItemIdentifier& identifier,
+        const std::optional<QSFileProviderItemIdentifier>& toParentItemIdentifier,
+        ItemCompletionHandler completionHandler);
+    virtual std::shared_ptr<QSProgress> deleteItemWithIdentifier(
+        const QSFileProviderItemIdentifier& identifier, CompletionHandler completionHandler);
+
+    /// Deletes what was trashed before the date, and gives what has no trash date the present one.
+    /// The handler is called when every deletion has ended, be it that some failed.
+    virtual void _removeTrashedItemsOlderThanDate(
+        const QSDate& date, std::move_only_function<void()> completionHandler);
+    /// What that would delete now; changes nothing.
+    [[nodiscard]] virtual std::vector<ItemRef> itemsTrashedBeforeDate(const QSDate& date);
 };
 
 }  // namespace platform

@@ -166,6 +166,22 @@ Result<std::shared_ptr<FileAttributes>> readAttributes(int directory, const char
     return attributes;
 }
 
+Result<ObjectIdentity> readIdentity(int directory, const char* name, const FolderFacts* folder,
+                                    const Credentials& credentials) {
+    const auto fingerprint = handleFingerprint(directory, name);
+    if (fingerprint == 0) {
+        auto attributes = readAttributes(directory, name, folder, credentials);
+        if (!attributes) return std::unexpected(attributes.error());
+        return (*attributes)->identity;
+    }
+    struct stat status {};
+    const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | AT_EMPTY_PATH;
+    if (fstatat(directory, name, &status, flags) != 0) {
+        return std::unexpected(errorFromErrno(errno));
+    }
+    return ObjectIdentity{status.st_ino, fingerprint};
+}
+
 Result<ObjectState> readState(int directory, const char* name, const FolderFacts* folder) {
     const auto found = statusOf(directory, name, folder);
     if (!found) return std::unexpected(found.error());

@@ -36,6 +36,11 @@ struct FolderFacts {
 [[nodiscard]] Result<std::shared_ptr<FileAttributes>> readAttributes(
     int directory, const char* name, const FolderFacts* folder, const Credentials& credentials);
 
+/// The object's inode and generation alone. `name` as above.
+[[nodiscard]] Result<ObjectIdentity> readIdentity(int directory, const char* name,
+                                                  const FolderFacts* folder,
+                                                  const Credentials& credentials);
+
 /// The little that a comparison needs, in one call. `name` and `folder` as above.
 [[nodiscard]] Result<ObjectState> readState(int directory, const char* name,
                                             const FolderFacts* folder);

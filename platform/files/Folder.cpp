@@ -96,28 +96,12 @@ Result<std::shared_ptr<FileAttributes>> Folder::childAttributes(std::string_view
     return readAttributes(fd_.get(), text.c_str(), &facts_, files_.credentials());
 }
 
-Result<ObjectIdentity> Folder::identityOf(const char* name) const {
-    const auto fingerprint = handleFingerprint(fd_.get(), name);
-    if (fingerprint == 0) {
-        auto attributes = readAttributes(fd_.get(), name, name[0] == '\0' ? nullptr : &facts_,
-                                         files_.credentials());
-        if (!attributes) return std::unexpected(attributes.error());
-        return (*attributes)->identity;
-    }
-    struct stat status {};
-    const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | AT_EMPTY_PATH;
-    if (fstatat(fd_.get(), name, &status, flags) != 0) {
-        return std::unexpected(errorFromErrno(errno));
-    }
-    return ObjectIdentity{status.st_ino, fingerprint};
-}
-
 Result<ObjectIdentity> Folder::childIdentity(std::string_view name) const {
-    return identityOf(std::string(name).c_str());
+    return readIdentity(fd_.get(), std::string(name).c_str(), &facts_, files_.credentials());
 }
 
 Result<ObjectIdentity> Folder::ownIdentity() const {
-    return identityOf("");
+    return readIdentity(fd_.get(), "", nullptr, files_.credentials());
 }
 
 Result<ObjectState> Folder::childState(std::string_view name) const {

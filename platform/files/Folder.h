@@ -59,8 +59,6 @@ class Folder {
     [[nodiscard]] Result<ObjectIdentity> childIdentity(std::string_view name) const;
 
   private:
-    [[nodiscard]] Result<ObjectIdentity> identityOf(const char* name) const;
-
     Folder(const FileSystem& files, QSURL url, FileDescriptor fd, FolderFacts facts);
 
     // Constant after construction.

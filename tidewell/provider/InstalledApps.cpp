@@ -25,7 +25,10 @@ void refreshInstalledApps() {
         if (failures.contains(*bundle->bundleIdentifier)) continue;
         roots.emplace(bundle->dataContainerURL->URLByAppendingPathComponent("Documents"), bundle);
     }
+    const bool hasLibraries = !roots.empty();
     AppLibraryRootTable::shared().replace(std::move(roots));
+    // What lies in a library could not be reached before it was known.
+    if (hasLibraries) Platform::current().unfinished().finish();
 }
 
 }  // namespace tidewell

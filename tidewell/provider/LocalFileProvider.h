@@ -36,6 +36,32 @@ class LocalFileProvider final : public QSFileProviderExtension {
     void stopProvidingItemAtURL(const QSURL& url) override;
     void itemChangedAtURL(const QSURL& url) override;
 
+    std::shared_ptr<QSProgress> importDocumentAtURL(
+        const QSURL& url, const QSFileProviderItemIdentifier& toParentItemIdentifier,
+        ItemCompletionHandler completionHandler) override;
+    void createDirectoryWithName(std::string_view name,
+                                 const QSFileProviderItemIdentifier& inParentItemIdentifier,
+                                 ItemCompletionHandler completionHandler) override;
+    void renameItemWithIdentifier(const QSFileProviderItemIdentifier& identifier,
+                                  std::string_view toName,
+                                  ItemCompletionHandler completionHandler) override;
+    void reparentItemWithIdentifier(const QSFileProviderItemIdentifier& identifier,
+                                    const QSFileProviderItemIdentifier& toParentItemWithIdentifier,
+                                    const std::optional<std::string>& newName,
+                                    ItemCompletionHandler completionHandler) override;
+    void trashItemWithIdentifier(const QSFileProviderItemIdentifier& identifier,
+                                 ItemCompletionHandler completionHandler) override;
+    void untrashItemWithIdentifier(
+        const QSFileProviderItemIdentifier& identifier,
+        const std::optional<QSFileProviderItemIdentifier>& toParentItemIdentifier,
+        ItemCompletionHandler completionHandler) override;
+    std::shared_ptr<QSProgress> deleteItemWithIdentifier(
+        const QSFileProviderItemIdentifier& identifier,
+        CompletionHandler completionHandler) override;
+    void _removeTrashedItemsOlderThanDate(
+        const QSDate& date, std::move_only_function<void()> completionHandler) override;
+    [[nodiscard]] std::vector<ItemRef> itemsTrashedBeforeDate(const QSDate& date) override;
+
   private:
     /// What the notification centre knows as the observer, so that it never holds the provider.
     struct InstalledAppsProxy {
@@ -49,8 +75,16 @@ class LocalFileProvider final : public QSFileProviderExtension {
     [[nodiscard]] Result<QSURL> throwingURLForItem(const QSFileProviderItemIdentifier& identifier);
     [[nodiscard]] std::optional<QSURL> _urlForItemWithPersistentIdentifier(
         const QSFileProviderItemIdentifier& identifier);
-    [[nodiscard]] std::optional<QSFileProviderItemIdentifier> _persistentIdentifierForItemAt(
+    [[nodiscard]] static std::optional<QSFileProviderItemIdentifier> _persistentIdentifierForItemAt(
         const QSURL& url);
+    /// The item at the URL that an operation arrived at; logs where there is none.
+    [[nodiscard]] static Result<ItemRef> itemForResult(const QSURL& url);
+    /// What the operation is to be handed: completes with the item, or with the error as the host
+    /// expects it. `identifier` is of the item that the call was about, empty where there was none.
+    [[nodiscard]] static std::move_only_function<void(Result<QSURL>)> completingWithItem(
+        std::string identifier, ItemCompletionHandler completionHandler);
+    [[nodiscard]] std::optional<QSURL> untrashDestination(
+        const LocalItem& item, const std::optional<QSFileProviderItemIdentifier>& parentIdentifier);
 
     // Constant after construction.
     SerialQueue appRefreshQueue_;

@@ -1,0 +1,190 @@
+#include "cli/mutations.h"
+
+#include <fmt/format.h>
+
+#include <utility>
+
+#include "cli/Interruption.h"
+#include "cli/commands.h"
+#include "cli/format.h"
+#include "cli/text.h"
+#include "platform/fileprovider/QSFileProviderError.h"
+
+namespace cli {
+
+using host::ItemRecord;
+using platform::Result;
+
+namespace {
+
+/// One run of one command.
+class Run {
+  public:
+    Run(const Arguments& arguments, host::DocumentService& service, Output& output,
+        Progress& progress)
+        : arguments_(arguments),
+          given_(arguments.mutation),
+          service_(service),
+          output_(output),
+          progress_(progress) {}
+
+    [[nodiscard]] Result<ExitCode> command() {
+        if (arguments_.command == Command::EmptyTrash) return emptyTrash();
+        if (given_.to) {
+            auto to = identifierOf(*given_.to);
+            if (!to) return std::unexpected(std::move(to.error()));
+            folder_ = std::move(*to);
+        }
+        if (arguments_.command == Command::MakeDirectory) {
+            return print(service_.mutations().makeDirectory(*given_.name, folder_), *given_.name);
+        }
+        auto code = ExitCode::Done;
+        for (const auto& item : given_.items) {
+            const auto done = print(change(item), item);
+            if (code == ExitCode::Done) code = done;
+            if (interruption_.hasCome()) break;
+        }
+        return code;
+    }
+
+  private:
+    [[nodiscard]] Result<std::string> identifierOf(const std::string& item) const {
+        auto name = parseItem(item);
+        if (!name) return std::unexpected(std::move(name.error()));
+        return name->isPath ? service_.resolve(name->text) : std::move(name->text);
+    }
+
+    [[nodiscard]] host::Mutations::ProgressHandler drawn(std::string_view verb) {
+        return [this, verb](const host::Mutations::Progress& reached) {
+            auto text = fmt::format("{} items {}", reached.items, verb);
+            if (reached.bytes > 0) text += ", " + humanSize(reached.bytes);
+            progress_.update(text);
+            return !interruption_.hasCome();
+        };
+    }
+
+    [[nodiscard]] Result<ItemRecord> change(const std::string& item) {
+        const auto& mutations = service_.mutations();
+        if (arguments_.command == Command::Import) {
+            const auto path = absolutePath(item);
+            if (!path) return std::unexpected(path.error());
+            return mutations.import(*path, folder_, drawn("copied"));
+        }
+        const auto identifier = identifierOf(item);
+        if (!identifier) return std::unexpected(identifier.error());
+        switch (arguments_.command) {
+            case Command::Rename:
+                return mutations.rename(*identifier, *given_.name);
+            case Command::Move:
+                return mutations.move(*identifier, folder_, given_.name);
+            case Command::Trash:
+                return mutations.trash(*identifier);
+            case Command::Untrash:
+                return untrash(*identifier);
+            default:
+                return remove(*identifier);
+        }
+    }
+
+    [[nodiscard]] Result<ItemRecord> untrash(const std::string& identifier) {
+        auto done = service_.mutations().untrash(identifier,
+                                                 given_.to ? std::optional(folder_) : std::nullopt);
+        const bool isRefused = !done && done.error().domain == platform::QPErrorDomain &&
+                               done.error().code == platform::QPInvalidParameterErrorCode;
+        if (!isRefused) return done;
+        const auto item = service_.item(identifier);
+        done.error().userInfo.insert_or_assign(
+            std::string(platform::QSDescriptionErrorKey),
+            item && item->isTrashed ? "nothing tells where it was before it was trashed; give --to"
+                                    : "it is not in the trash");
+        return done;
+    }
+
+    [[nodiscard]] Result<ItemRecord> remove(const std::string& identifier) {
+        auto item = service_.item(identifier);
+        if (!item) return item;
+        const auto removed = service_.mutations().remove(identifier, drawn("deleted"));
+        if (!removed) return std::unexpected(removed.error());
+        return item;
+    }
+
+    [[nodiscard]] Result<ExitCode> emptyTrash() {
+        const auto now = platform::QSDate::now();
+        const platform::QSDate date{now.seconds - given_.age.count(), now.nanoseconds};
+        const auto items = service_.mutations().trashedBefore(date);
+        if (!given_.isDryRun) {
+            const auto done = service_.mutations().emptyTrash(date);
+            if (!done) return std::unexpected(done.error());
+        }
+        auto code = ExitCode::Done;
+        for (const auto& item : items) {
+            if (!given_.isDryRun && service_.item(item.itemIdentifier)) {
+                auto error = platform::errorFromErrno(EIO, item.path.value_or(item.filename));
+                error.userInfo.emplace(platform::QSDescriptionErrorKey,
+                                       "it could not be deleted; the log says why");
+                code = report(error, item.filename, arguments_.json);
+                continue;
+            }
+            printRow(item);
+        }
+        return code;
+    }
+
+    void printRow(const ItemRecord& item) {
+        if (arguments_.json) {
+            appendJson(output_.text(), item);
+        } else {
+            appendRow(output_.text(), item, output_.style());
+        }
+        (void)output_.pace();
+    }
+
+    [[nodiscard]] ExitCode print(const Result<ItemRecord>& item, std::string_view subject) {
+        if (!item) {
+            progress_.end();
+            return report(item.error(), subject, arguments_.json);
+        }
+        const bool isOneOnly = arguments_.command != Command::Import &&
+                               arguments_.command != Command::Trash &&
+                               arguments_.command != Command::Remove;
+        if (isOneOnly && !arguments_.json) {
+            appendFields(output_.text(), *item, output_.style());
+        } else {
+            printRow(*item);
+        }
+        return ExitCode::Done;
+    }
+
+    const Arguments& arguments_;
+    const MutationArguments& given_;
+    host::DocumentService& service_;
+    Output& output_;
+    Progress& progress_;
+    Interruption interruption_;
+    std::string folder_;
+};
+
+}  // namespace
+
+bool isMutation(Command command) {
+    switch (command) {
+        case Command::MakeDirectory:
+        case Command::Import:
+        case Command::Rename:
+        case Command::Move:
+        case Command::Trash:
+        case Command::Untrash:
+        case Command::Remove:
+        case Command::EmptyTrash:
+            return true;
+        default:
+            return false;
+    }
+}
+
+Result<ExitCode> runMutation(const Arguments& arguments, host::DocumentService& service,
+                             Output& output, Progress& progress) {
+    return Run(arguments, service, output, progress).command();
+}
+
+}  // namespace cli

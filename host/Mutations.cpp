@@ -1,0 +1,160 @@
+#include "host/Mutations.h"
+
+#include <cerrno>
+#include <utility>
+
+#include "host/Answer.h"
+#include "host/ExtensionSession.h"
+#include "platform/fileprovider/QSFileProviderExtension.h"
+
+namespace host {
+
+using platform::QSProgress;
+using platform::Result;
+
+namespace {
+
+constexpr std::chrono::milliseconds betweenLooks{100};
+
+struct Nothing {};
+using ItemAnswer = Answer<Nothing, platform::ItemRef>;
+
+/// What has to be handed to the extension for an answer.
+template <typename End>
+auto finishing(std::shared_ptr<Answer<Nothing, End>> answer) {
+    if constexpr (std::is_same_v<End, Nothing>) {
+        return [answer](std::optional<platform::QSError> error) {
+            answer->finish(error ? Result<Nothing>(std::unexpected(std::move(*error))) : Nothing{});
+        };
+    } else {
+        return [answer](Result<End> end) { answer->finish(std::move(end)); };
+    }
+}
+
+}  // namespace
+
+template <typename End, typename Start>
+Result<End> Mutations::run(const Start& start, const ProgressHandler& progress) const {
+    const auto answer = std::make_shared<Answer<Nothing, End>>();
+    const std::shared_ptr<QSProgress> work = start(session_->extension(), finishing(answer));
+    auto last = Progress{};
+    auto moved = std::chrono::steady_clock::now();
+    while (!answer->waitFor(betweenLooks)) {
+        const auto now = std::chrono::steady_clock::now();
+        const auto reached =
+            work ? Progress{work->completedItems(), work->completedBytes()} : Progress{};
+        if (reached.items != last.items || reached.bytes != last.bytes) moved = now;
+        last = reached;
+        if (progress && !progress(reached) && work) work->cancel();
+        if (now - moved >= stallDeadline_) break;
+    }
+    auto end = answer->wait(std::chrono::milliseconds(0)).second;
+    if (!end) return std::unexpected(session_->withNativePath(std::move(end.error())));
+    return end;
+}
+
+namespace {
+
+/// A start that tells of no progress.
+template <typename Call>
+auto plain(Call call) {
+    return [call = std::move(call)](platform::QSFileProviderExtension& extension, auto handler) {
+        call(extension, std::move(handler));
+        return std::shared_ptr<QSProgress>();
+    };
+}
+
+Result<ItemRecord> recordOf(const ExtensionSession& session,
+                            const Result<platform::ItemRef>& item) {
+    if (!item) return std::unexpected(item.error());
+    return session.record(**item);
+}
+
+}  // namespace
+
+Result<ItemRecord> Mutations::makeDirectory(std::string_view name,
+                                            const std::string& parent) const {
+    return recordOf(*session_, run<platform::ItemRef>(plain([&](auto& extension, auto handler) {
+                                                          extension.createDirectoryWithName(
+                                                              name, parent, std::move(handler));
+                                                      }),
+                                                      {}));
+}
+
+Result<ItemRecord> Mutations::import(std::string_view path, const std::string& parent,
+                                     const ProgressHandler& progress) const {
+    const auto url = session_->paths().URLForNativePath(path);
+    return recordOf(*session_, run<platform::ItemRef>(
+                                   [&](auto& extension, auto handler) {
+                                       return extension.importDocumentAtURL(url, parent,
+                                                                            std::move(handler));
+                                   },
+                                   progress));
+}
+
+Result<ItemRecord> Mutations::rename(const std::string& identifier, std::string_view name) const {
+    return recordOf(*session_, run<platform::ItemRef>(plain([&](auto& extension, auto handler) {
+                                                          extension.renameItemWithIdentifier(
+                                                              identifier, name, std::move(handler));
+                                                      }),
+                                                      {}));
+}
+
+Result<ItemRecord> Mutations::move(const std::string& identifier, const std::string& parent,
+                                   const std::optional<std::string>& name) const {
+    return recordOf(*session_, run<platform::ItemRef>(plain([&](auto& extension, auto handler) {
+                                                          extension.reparentItemWithIdentifier(
+                                                              identifier, parent, name,
+                                                              std::move(handler));
+                                                      }),
+                                                      {}));
+}
+
+Result<ItemRecord> Mutations::trash(const std::string& identifier) const {
+    return recordOf(*session_, run<platform::ItemRef>(plain([&](auto& extension, auto handler) {
+                                                          extension.trashItemWithIdentifier(
+                                                              identifier, std::move(handler));
+                                                      }),
+                                                      {}));
+}
+
+Result<ItemRecord> Mutations::untrash(const std::string& identifier,
+                                      const std::optional<std::string>& parent) const {
+    return recordOf(*session_, run<platform::ItemRef>(plain([&](auto& extension, auto handler) {
+                                                          extension.untrashItemWithIdentifier(
+                                                              identifier, parent,
+                                                              std::move(handler));
+                                                      }),
+                                                      {}));
+}
+
+Result<void> Mutations::remove(const std::string& identifier,
+                               const ProgressHandler& progress) const {
+    const auto removed = run<Nothing>(
+        [&](auto& extension, auto handler) {
+            return extension.deleteItemWithIdentifier(identifier, std::move(handler));
+        },
+        progress);
+    if (!removed) return std::unexpected(removed.error());
+    return {};
+}
+
+Result<void> Mutations::emptyTrash(const platform::QSDate& date) const {
+    const auto done = run<Nothing>(plain([&](auto& extension, auto handler) {
+                                       extension._removeTrashedItemsOlderThanDate(
+                                           date, [handler]() mutable { handler(std::nullopt); });
+                                   }),
+                                   {});
+    if (!done) return std::unexpected(done.error());
+    return {};
+}
+
+std::vector<ItemRecord> Mutations::trashedBefore(const platform::QSDate& date) const {
+    std::vector<ItemRecord> records;
+    for (const auto& item : session_->extension().itemsTrashedBeforeDate(date)) {
+        records.push_back(session_->record(*item));
+    }
+    return records;
+}
+
+}  // namespace host

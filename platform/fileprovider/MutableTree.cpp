@@ -1,0 +1,334 @@
+#include "platform/fileprovider/MutableTree.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+#include "platform/fileprovider/Mutations.h"
+#include "platform/fileprovider/QSFileProviderError.h"
+#include "platform/files/Folder.h"
+#include "platform/files/ItemNames.h"
+#include "platform/files/SystemCalls.h"
+#include "platform/files/TreeCopy.h"
+#include "platform/files/TreeRemoval.h"
+
+namespace platform {
+
+namespace {
+
+constexpr std::uint64_t beneath = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV;
+
+/// The path below the library root that holds the URL, empty for the root itself; none outside.
+std::optional<std::string_view> pathInLibrary(const QSURL& url) {
+    std::string_view path = url.path();
+    if (path.starts_with(presentedStoragePath)) {
+        path.remove_prefix(presentedStoragePath.size());
+    } else if (path.starts_with(presentedContainersPath)) {
+        constexpr std::string_view library = "Documents";
+        path.remove_prefix(presentedContainersPath.size());
+        const auto end = path.find('/', 1);
+        if (!path.starts_with('/') || end == std::string_view::npos) return std::nullopt;
+        path.remove_prefix(end + 1);
+        if (!path.starts_with(library)) return std::nullopt;
+        path.remove_prefix(library.size());
+    } else {
+        return std::nullopt;
+    }
+    if (!path.empty() && path.front() != '/') return std::nullopt;
+    return path;
+}
+
+bool isProtected(const QSURL& url) {
+    const auto path = pathInLibrary(url);
+    return !path || path->empty() || *path == "/.Trash" ||
+           url.path() == std::string(presentedStoragePath) + "/.TemporaryLocalFolder";
+}
+
+QSError notPermitted(std::string_view why, const std::string& path) {
+    auto error = mochaError(QSFileWriteNoPermissionError, why);
+    error.userInfo.emplace(QSFilePathErrorKey, path);
+    return error;
+}
+
+/// What says that an object is not where it was.
+bool meansGone(int code) {
+    return code == ENOENT || code == ENOTDIR || code == ELOOP || code == EXDEV;
+}
+
+QSError goneError(const std::string& path) {
+    auto error = QPItemNotFoundError(path);
+    error.userInfo.insert_or_assign(std::string(QSDescriptionErrorKey),
+                                    "the item is not there any more");
+    error.userInfo.emplace(QSFilePathErrorKey, path);
+    return error;
+}
+
+}  // namespace
+
+QSError MutableTree::failure(int code, const QSURL& url) const {
+    auto error = errorFromErrno(code, files_.nativePath(url));
+    const auto tell = [&](std::string_view why) {
+        error.userInfo.emplace(QSDescriptionErrorKey, why);
+    };
+    if (code == EINVAL) tell("a folder cannot be moved or copied into itself");
+    if (code == ENOTSUP) tell("only files, folders and links can be imported");
+    if (code == E2BIG) tell("the extended attributes do not fit the file system");
+    return error;
+}
+
+Result<MutableTree::OpenFolder> MutableTree::openFolder(const QSURL& url) const {
+    if (!pathInLibrary(url)) {
+        return std::unexpected(notPermitted("not a folder of documents", files_.nativePath(url)));
+    }
+    auto fd = files_.openObject(url, O_PATH | O_DIRECTORY);
+    if (fd) return OpenFolder{url, std::move(*fd)};
+    const auto code = static_cast<int>(fd.error().code);
+    if (code == ENOTDIR) return std::unexpected(failure(code, url));
+    if (meansGone(code)) return std::unexpected(goneError(files_.nativePath(url)));
+    return std::unexpected(std::move(fd.error()));
+}
+
+Result<MutableTree::HeldItem> MutableTree::hold(const QSURL& url) const {
+    const auto native = files_.nativePath(url);
+    if (isProtected(url)) {
+        return std::unexpected(notPermitted("this one has to stay where it is", native));
+    }
+    const auto expected = std::static_pointer_cast<const FileAttributes>(url.attachment());
+    const auto parentURL = url.URLByDeletingLastPathComponent();
+    auto parent = files_.openObject(parentURL, O_PATH | O_DIRECTORY);
+    std::string name(url.lastPathComponent());
+    FileDescriptor object;
+    int code = parent ? 0 : static_cast<int>(parent.error().code);
+    if (parent) {
+        object.reset(openBeneath(parent->get(), name.c_str(), O_PATH, beneath));
+        if (!object) code = errno;
+    }
+    if (meansGone(code)) return std::unexpected(goneError(native));
+    if (code != 0) return std::unexpected(failure(code, url));
+    const auto identity = readIdentity(object.get(), "", nullptr, files_.credentials());
+    if (!identity) return std::unexpected(identity.error());
+    if (expected && expected->identity != *identity) return std::unexpected(goneError(native));
+    struct stat status {};
+    if (fstat(object.get(), &status) != 0) return std::unexpected(failure(errno, url));
+    return HeldItem{{parentURL, std::move(*parent)},
+                    std::move(name),
+                    std::move(object),
+                    *identity,
+                    status.st_mode};
+}
+
+bool MutableTree::is(const ObjectIdentity& object, int folder, const std::string& name) const {
+    const auto found = readIdentity(folder, name.c_str(), nullptr, files_.credentials());
+    return found && *found == object;
+}
+
+QSURL MutableTree::made(const OpenFolder& folder, const std::string& name) const {
+    return folder.url.URLByAppendingPathComponent(name);
+}
+
+/// Renames to the first name that is free, which the kernel decides.
+Result<std::string> MutableTree::renameInto(int from, const std::string& name, const OpenFolder& to,
+                                            const std::string& wanted, Naming naming) const {
+    auto candidate = wanted;
+    for (std::uint64_t attempt = 1;; ++attempt) {
+        if (renameat2(from, name.c_str(), to.fd.get(), candidate.c_str(), RENAME_NOREPLACE) == 0) {
+            return candidate;
+        }
+        const auto url = made(to, candidate);
+        if (errno != EEXIST) return std::unexpected(failure(errno, url));
+        if (naming == Naming::Exact) {
+            auto taken = mochaError(QSFileWriteFileExistsError, "the name is taken");
+            taken.userInfo.emplace(QSFilePathErrorKey, files_.nativePath(url));
+            taken.userInfo.emplace(qp_collidingURLKey, url.path());
+            return std::unexpected(std::move(taken));
+        }
+        candidate = numberedName(wanted, nextNumber(attempt));
+    }
+}
+
+/// A stranger that was moved instead of the item, or an item that stays after all, goes back to
+/// where it was; under a free name should that be taken by now.
+bool MutableTree::putBack(int from, const std::string& hidden, const HeldItem& item) const {
+    return renameInto(from, hidden, item.parent, item.name, Naming::Free).has_value();
+}
+
+Result<QSURL> MutableTree::moveHeld(const HeldItem& item, const OpenFolder& folder,
+                                    const std::string& name, Naming naming) const {
+    const auto itemURL = made(item.parent, item.name);
+    if (name == item.name) {
+        const auto here = readIdentity(item.parent.fd.get(), "", nullptr, files_.credentials());
+        const auto there = readIdentity(folder.fd.get(), "", nullptr, files_.credentials());
+        if (here && there && *here == *there) return made(folder, name);
+    }
+    const auto reached = renameInto(item.parent.fd.get(), item.name, folder, name, naming);
+    if (!reached) {
+        const auto code = reached.error().domain == QSPOSIXErrorDomain ? reached.error().code : 0;
+        if (code == EXDEV) return copyAcross(item, folder, name, naming);
+        if (code == ENOENT) return std::unexpected(goneError(files_.nativePath(itemURL)));
+        return std::unexpected(reached.error());
+    }
+    if (!is(item.identity, folder.fd.get(), *reached)) {
+        (void)putBack(folder.fd.get(), *reached, item);
+        return std::unexpected(goneError(files_.nativePath(itemURL)));
+    }
+    return made(folder, *reached);
+}
+
+Result<QSURL> MutableTree::copyAcross(const HeldItem& item, const OpenFolder& folder,
+                                      const std::string& name, Naming naming) const {
+    QSProgress progress;
+    auto copied = copyInto(item.parent.fd.get(), item.name, folder, name, naming, progress);
+    if (!copied) return copied;
+    const auto removed = removeHeld(item, progress);
+    if (removed) return copied;
+    // The item is still there, or another one is that may not even be what was copied.
+    const std::string copy(copied->lastPathComponent());
+    (void)removeTree(folder.fd.get(), copy, progress);
+    return std::unexpected(removed.error());
+}
+
+Result<QSURL> MutableTree::copyInto(int source, const std::string& sourceName,
+                                    const OpenFolder& folder, const std::string& name,
+                                    Naming naming, QSProgress& progress) const {
+    const auto url = made(folder, name);
+    auto record = unfinished_.begin(UnfinishedWork::Kind::Copy, url, {});
+    if (!record) return std::unexpected(record.error());
+    const auto& hidden = (*record)->name();
+    TreeCopy copy(progress);
+    auto done = copy.copy(source, sourceName, folder.fd.get(), hidden);
+    if (done) done = copy.sync(folder.fd.get());
+    const auto reached = !done ? std::unexpected(done.error())
+                         : progress.isCancelled()
+                             ? std::unexpected(errorFromErrno(ECANCELED))
+                             : renameInto(folder.fd.get(), hidden, folder, name, naming);
+    if (!reached) {
+        QSProgress removal;
+        if (!removeTree(folder.fd.get(), hidden, removal)) (*record)->keep();
+        if (reached.error().domain != QSPOSIXErrorDomain) return std::unexpected(reached.error());
+        return std::unexpected(failure(static_cast<int>(reached.error().code), url));
+    }
+    const FileDescriptor readable(openat(folder.fd.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (readable && fsync(readable.get()) != 0) {
+        const auto code = errno;
+        QSProgress removal;
+        (void)renameat2(folder.fd.get(), reached->c_str(), folder.fd.get(), hidden.c_str(),
+                        RENAME_NOREPLACE);
+        if (!removeTree(folder.fd.get(), hidden, removal)) (*record)->keep();
+        return std::unexpected(failure(code, url));
+    }
+    return made(folder, *reached);
+}
+
+/// Walks up from the folder: none of the folders on the way to the top may be the object.
+Result<void> MutableTree::checkNotInside(const FileDescriptor& object,
+                                         const OpenFolder& folder) const {
+    struct stat source {};
+    if (fstat(object.get(), &source) != 0) return std::unexpected(failure(errno, folder.url));
+    FileDescriptor above(openat(folder.fd.get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    for (struct stat last{}, now{}; above && fstat(above.get(), &now) == 0; last = now) {
+        if (now.st_ino == source.st_ino && now.st_dev == source.st_dev) {
+            return std::unexpected(failure(EINVAL, folder.url));
+        }
+        if (now.st_ino == last.st_ino && now.st_dev == last.st_dev) break;  // the top
+        above.reset(openat(above.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    }
+    return {};
+}
+
+Result<QSURL> MutableTree::makeFolder(const QSURL& folderURL, const std::string& name) const {
+    if (auto checked = checkName(name); !checked) return std::unexpected(checked.error());
+    const auto folder = openFolder(folderURL);
+    if (!folder) return std::unexpected(folder.error());
+    auto candidate = name;
+    for (std::uint64_t attempt = 1;; ++attempt) {
+        if (mkdirat(folder->fd.get(), candidate.c_str(), 0777) == 0) {
+            return made(*folder, candidate);
+        }
+        if (errno != EEXIST) return std::unexpected(failure(errno, made(*folder, candidate)));
+        candidate = numberedName(name, nextNumber(attempt));
+    }
+}
+
+Result<QSURL> MutableTree::import(const QSURL& source, const QSURL& folderURL,
+                                  QSProgress& progress) const {
+    const std::string name(source.lastPathComponent());
+    if (auto checked = checkName(name); !checked) return std::unexpected(checked.error());
+    const auto folder = openFolder(folderURL);
+    if (!folder) return std::unexpected(folder.error());
+    const auto parent =
+        files_.openObject(source.URLByDeletingLastPathComponent(), O_PATH | O_DIRECTORY);
+    if (!parent) return std::unexpected(parent.error());
+    const FileDescriptor object(
+        openat(parent->get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!object) return std::unexpected(errorFromErrno(errno, files_.nativePath(source)));
+    if (auto checked = checkNotInside(object, *folder); !checked) {
+        return std::unexpected(checked.error());
+    }
+    return copyInto(parent->get(), name, *folder, name, Naming::Free, progress);
+}
+
+Result<QSURL> MutableTree::move(const QSURL& url, const QSURL& folderURL,
+                                const std::optional<std::string>& name, Naming naming) const {
+    if (name) {
+        if (auto checked = checkName(*name); !checked) return std::unexpected(checked.error());
+    }
+    const auto item = hold(url);
+    if (!item) return std::unexpected(item.error());
+    const auto folder = openFolder(folderURL);
+    if (!folder) return std::unexpected(folder.error());
+    return moveHeld(*item, *folder, name.value_or(item->name), naming);
+}
+
+Result<QSURL> MutableTree::trash(const QSURL& url, const QSURL& trashURL) const {
+    const auto item = hold(url);
+    if (!item) return std::unexpected(item.error());
+    const auto refused = [&](std::string_view why) {
+        return std::unexpected(notPermitted(why, files_.nativePath(trashURL)));
+    };
+    auto fd = files_.openObject(trashURL, O_PATH | O_DIRECTORY);
+    if (!fd && meansGone(static_cast<int>(fd.error().code))) {
+        return refused("the trash is not a folder");
+    }
+    if (!fd) return std::unexpected(fd.error());
+    struct stat status {};
+    if (fstat(fd->get(), &status) != 0) return std::unexpected(failure(errno, trashURL));
+    if (status.st_uid != geteuid()) return refused("the trash belongs to another user");
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        return refused("the trash can be written by others");
+    }
+    return moveHeld(*item, {trashURL, std::move(*fd)}, item->name, Naming::Free);
+}
+
+Result<void> MutableTree::remove(const QSURL& url, QSProgress& progress) const {
+    const auto item = hold(url);
+    if (!item) return std::unexpected(item.error());
+    return removeHeld(*item, progress);
+}
+
+Result<void> MutableTree::removeHeld(const HeldItem& item, QSProgress& progress) const {
+    const auto url = made(item.parent, item.name);
+    const int folder = item.parent.fd.get();
+    auto record = unfinished_.begin(UnfinishedWork::Kind::Removal, url, item.identity);
+    if (!record) return std::unexpected(record.error());
+    const auto& hidden = (*record)->name();
+    if (renameat2(folder, item.name.c_str(), folder, hidden.c_str(), RENAME_NOREPLACE) != 0) {
+        return std::unexpected(errno == ENOENT ? goneError(files_.nativePath(url))
+                                               : failure(errno, url));
+    }
+    if (!is(item.identity, folder, hidden)) {
+        if (!putBack(folder, hidden, item)) (*record)->keep();
+        return std::unexpected(goneError(files_.nativePath(url)));
+    }
+    const auto removed = removeTree(folder, hidden, progress);
+    if (removed) return {};
+    if (!putBack(folder, hidden, item)) (*record)->keep();
+    return std::unexpected(failure(static_cast<int>(removed.error().code), url));
+}
+
+}  // namespace platform

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "platform/fileprovider/UnfinishedWork.h"
+#include "platform/files/FileDescriptor.h"
+#include "platform/files/FileSystem.h"
+#include "platform/foundation/QSProgress.h"
+
+namespace platform {
+
+/// What the operations of Mutations.h do, on the calling thread. Any thread.
+class MutableTree {
+  public:
+    MutableTree(const FileSystem& files, UnfinishedWork& unfinished)
+        : files_(files), unfinished_(unfinished) {}
+
+    /// What to do where a name is taken.
+    enum class Naming : std::uint8_t { Exact, Free };
+
+    [[nodiscard]] Result<QSURL> makeFolder(const QSURL& folder, const std::string& name) const;
+    [[nodiscard]] Result<QSURL> import(const QSURL& source, const QSURL& folder,
+                                       QSProgress& progress) const;
+    /// Into `folder`, under `name` or its own.
+    [[nodiscard]] Result<QSURL> move(const QSURL& url, const QSURL& folder,
+                                     const std::optional<std::string>& name, Naming naming) const;
+    [[nodiscard]] Result<QSURL> trash(const QSURL& url, const QSURL& trash) const;
+    Result<void> remove(const QSURL& url, QSProgress& progress) const;
+
+  private:
+    struct OpenFolder {
+        QSURL url;
+        FileDescriptor fd;
+    };
+    /// An object that is held open, and where it stood.
+    struct HeldItem {
+        OpenFolder parent;
+        std::string name;
+        FileDescriptor object;
+        ObjectIdentity identity;
+        std::uint32_t mode = 0;
+    };
+
+    [[nodiscard]] Result<OpenFolder> openFolder(const QSURL& url) const;
+    [[nodiscard]] Result<HeldItem> hold(const QSURL& url) const;
+    [[nodiscard]] Result<QSURL> moveHeld(const HeldItem& item, const OpenFolder& folder,
+                                         const std::string& name, Naming naming) const;
+    [[nodiscard]] Result<QSURL> copyAcross(const HeldItem& item, const OpenFolder& folder,
+                                           const std::string& name, Naming naming) const;
+    [[nodiscard]] Result<QSURL> copyInto(int source, const std::string& sourceName,
+                                         const OpenFolder& folder, const std::string& name,
+                                         Naming naming, QSProgress& progress) const;
+    Result<void> removeHeld(const HeldItem& item, QSProgress& progress) const;
+    Result<void> checkNotInside(const FileDescriptor& object, const OpenFolder& folder) const;
+    [[nodiscard]] Result<std::string> renameInto(int from, const std::string& name,
+                                                 const OpenFolder& to, const std::string& wanted,
+                                                 Naming naming) const;
+    [[nodiscard]] bool is(const ObjectIdentity& object, int folder, const std::string& name) const;
+    /// False where it stays hidden.
+    bool putBack(int from, const std::string& hidden, const HeldItem& item) const;
+    [[nodiscard]] QSURL made(const OpenFolder& folder, const std::string& name) const;
+    [[nodiscard]] QSError failure(int code, const QSURL& url) const;
+
+    const FileSystem& files_;
+    UnfinishedWork& unfinished_;
+};
+
+}  // namespace platform

@@ -1,0 +1,109 @@
+#include "platform/fileprovider/Mutations.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "platform/dispatch/Queue.h"
+#include "platform/fileprovider/MutableTree.h"
+#include "platform/fileprovider/Platform.h"
+
+namespace platform {
+
+namespace {
+
+using Naming = MutableTree::Naming;
+
+/// Runs `work` on some worker. The platform waits for operations that have begun; one that comes
+/// too late is cancelled.
+template <typename Work, typename Handler>
+void start(Work work, Handler handler) {
+    dispatchConcurrently([gate = Platform::current().events().gate, work = std::move(work),
+                          handler = std::move(handler)]() mutable {
+        const auto pass = gate->enter();
+        if (!pass) return handler(std::unexpected(errorFromErrno(ECANCELED)));
+        auto& platform = Platform::current();
+        handler(work(MutableTree(platform.files(), platform.unfinished())));
+    });
+}
+
+/// A result's URL keeps the object's attributes, so that whoever gets it can tell it from others.
+qp_URLHandler withAttributes(qp_URLHandler handler) {
+    return [handler = std::move(handler)](Result<QSURL> result) mutable {
+        if (result) (void)Platform::current().files().attributes(*result);
+        handler(std::move(result));
+    };
+}
+
+}  // namespace
+
+void qp_createSubFolder(const QSURL& folder, std::string_view name,
+                        qp_URLHandler completionHandler) {
+    start([folder, name = std::string(name)](
+              const MutableTree& tree) { return tree.makeFolder(folder, name); },
+          withAttributes(std::move(completionHandler)));
+}
+
+std::shared_ptr<QSProgress> qp_importUnderFolder(const QSURL& source, const QSURL& folder,
+                                                 qp_URLHandler completionHandler) {
+    auto progress = std::make_shared<QSProgress>();
+    start([source, folder,
+           progress](const MutableTree& tree) { return tree.import(source, folder, *progress); },
+          withAttributes(std::move(completionHandler)));
+    return progress;
+}
+
+void qp_renameWithNewName(const QSURL& url, std::string_view newName,
+                          qp_URLHandler completionHandler) {
+    qp_reparentUnderFolder(url, url.URLByDeletingLastPathComponent(), std::string(newName),
+                           std::move(completionHandler));
+}
+
+void qp_reparentUnderFolder(const QSURL& url, const QSURL& folder,
+                            const std::optional<std::string>& newName,
+                            qp_URLHandler completionHandler) {
+    start(
+        [url, folder, newName](const MutableTree& tree) {
+            return tree.move(url, folder, newName, newName ? Naming::Exact : Naming::Free);
+        },
+        withAttributes(std::move(completionHandler)));
+}
+
+void qp_reparentUnderFolder(const QSURL& url, const QSURL& folder, bool allowBouncing,
+                            qp_URLHandler completionHandler) {
+    start([url, folder, naming = allowBouncing ? Naming::Free : Naming::Exact](
+              const MutableTree& tree) { return tree.move(url, folder, std::nullopt, naming); },
+          withAttributes(std::move(completionHandler)));
+}
+
+void qp_trashUnderFolder(const QSURL& url, const QSURL& trash, qp_URLHandler completionHandler) {
+    start([url, trash](const MutableTree& tree) { return tree.trash(url, trash); },
+          withAttributes(std::move(completionHandler)));
+}
+
+std::shared_ptr<QSProgress> qp_deleteWithCompletionHandler(const QSURL& url,
+                                                           qp_ErrorHandler completionHandler) {
+    auto progress = std::make_shared<QSProgress>();
+    start([url, progress](const MutableTree& tree) { return tree.remove(url, *progress); },
+          [handler = std::move(completionHandler)](Result<void> result) mutable {
+              handler(result ? std::nullopt : std::optional(std::move(result.error())));
+          });
+    return progress;
+}
+
+Result<FileDescriptor> openSameObject(const QSURL& url) {
+    const auto& files = Platform::current().files();
+    auto object = files.openObject(url, O_RDONLY);
+    if (!object) return object;
+    const auto meant = std::static_pointer_cast<const FileAttributes>(url.attachment());
+    if (!meant) return object;
+    const auto found = readIdentity(object->get(), "", nullptr, files.credentials());
+    if (!found) return std::unexpected(found.error());
+    if (*found != meant->identity) {
+        return std::unexpected(errorFromErrno(ESTALE, files.nativePath(url)));
+    }
+    return object;
+}
+
+}  // namespace platform

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/files/FileDescriptor.h"
+#include "platform/foundation/QSError.h"
+#include "platform/foundation/QSProgress.h"
+#include "platform/foundation/QSURL.h"
+
+// The operations on URLs that change the tree. Each begins at once on a thread of its own choosing
+// and calls the completion handler there, once, under no lock; what goes wrong first ends it, with
+// everything as it was. They run beside one another, so one that takes long holds up nobody.
+//
+// An operation acts on the object that the URL's attributes are of, where the URL keeps any, and on
+// nothing that took its place: QPItemNotFoundError then. Names are checked once, here (see
+// checkName). A name that is taken is decided by the kernel, never by looking first; nothing is
+// ever replaced. Where no other name may be picked, the error is QSMochaErrorDomain 516 with the
+// path of the object that has it under qp_collidingURLKey. The roots, what is outside the
+// libraries, ".Trash" and the temporary folder are refused with 513. All paths in errors are
+// native.
+
+namespace platform {
+
+/// Presented path, in the userInfo of the error for a taken name.
+inline constexpr std::string_view qp_collidingURLKey = "qp_collidingURL";
+
+/// The URL of what came of it; it keeps the object's attributes as they were then.
+using qp_URLHandler = std::move_only_function<void(Result<QSURL>)>;
+using qp_ErrorHandler = std::move_only_function<void(std::optional<QSError>)>;
+
+/// Makes a folder in `folder`, under a free name like `name` where that is taken.
+void qp_createSubFolder(const QSURL& folder, std::string_view name,
+                        qp_URLHandler completionHandler);
+
+/// Copies what is at `source` (any URL) into the folder, with all that is below it, under a free
+/// name. Durable when it completes, and whole or absent whatever happens meanwhile. ENOTSUP for
+/// what is neither file, folder nor link.
+std::shared_ptr<QSProgress> qp_importUnderFolder(const QSURL& source, const QSURL& folder,
+                                                 qp_URLHandler completionHandler);
+
+/// Gives the object that name or none.
+void qp_renameWithNewName(const QSURL& url, std::string_view newName,
+                          qp_URLHandler completionHandler);
+
+/// Moves the object into the folder: under `newName` or not at all; without one under a free name
+/// like its own.
+void qp_reparentUnderFolder(const QSURL& url, const QSURL& folder,
+                            const std::optional<std::string>& newName,
+                            qp_URLHandler completionHandler);
+/// The same under its own name; under a free name like it only where `allowBouncing`.
+void qp_reparentUnderFolder(const QSURL& url, const QSURL& folder, bool allowBouncing,
+                            qp_URLHandler completionHandler);
+
+/// Moves the object into a trash folder, under a free name. One that is already directly in it
+/// stays. A folder that is a link, another user's or writable for others is refused with 513.
+void qp_trashUnderFolder(const QSURL& url, const QSURL& trash, qp_URLHandler completionHandler);
+
+/// Removes the object with all that is below it. After a failure or a cancel, what is left of it is
+/// back in its place; after the end of the process, the next one goes on with it.
+std::shared_ptr<QSProgress> qp_deleteWithCompletionHandler(const QSURL& url,
+                                                           qp_ErrorHandler completionHandler);
+
+/// Opens the object for reading; ESTALE where it is not the one that the attributes are of which
+/// the URL keeps. Blocks for the file system.
+[[nodiscard]] Result<FileDescriptor> openSameObject(const QSURL& url);
+
+}  // namespace platform

@@ -1,0 +1,68 @@
+#include "platform/fileprovider/QSFileProviderExtension.h"
+
+#include <cerrno>
+
+namespace platform {
+
+namespace {
+
+void refuse(QSFileProviderExtension::ItemCompletionHandler& handler) {
+    handler(std::unexpected(errorFromErrno(ENOTSUP)));
+}
+
+}  // namespace
+
+std::shared_ptr<QSProgress> QSFileProviderExtension::importDocumentAtURL(
+    const QSURL& /*url*/, const QSFileProviderItemIdentifier& /*toParentItemIdentifier*/,
+    ItemCompletionHandler completionHandler) {
+    refuse(completionHandler);
+    return nullptr;
+}
+
+void QSFileProviderExtension::createDirectoryWithName(
+    std::string_view /*name*/, const QSFileProviderItemIdentifier& /*inParentItemIdentifier*/,
+    ItemCompletionHandler completionHandler) {
+    refuse(completionHandler);
+}
+
+void QSFileProviderExtension::renameItemWithIdentifier(
+    const QSFileProviderItemIdentifier& /*identifier*/, std::string_view /*toName*/,
+    ItemCompletionHandler completionHandler) {
+    refuse(completionHandler);
+}
+
+void QSFileProviderExtension::reparentItemWithIdentifier(
+    const QSFileProviderItemIdentifier& /*identifier*/,
+    const QSFileProviderItemIdentifier& /*toParentItemWithIdentifier*/,
+    const std::optional<std::string>& /*newName*/, ItemCompletionHandler completionHandler) {
+    refuse(completionHandler);
+}
+
+void QSFileProviderExtension::trashItemWithIdentifier(
+    const QSFileProviderItemIdentifier& /*identifier*/, ItemCompletionHandler completionHandler) {
+    refuse(completionHandler);
+}
+
+void QSFileProviderExtension::untrashItemWithIdentifier(
+    const QSFileProviderItemIdentifier& /*identifier*/,
+    const std::optional<QSFileProviderItemIdentifier>& /*toParentItemIdentifier*/,
+    ItemCompletionHandler completionHandler) {
+    refuse(completionHandler);
+}
+
+std::shared_ptr<QSProgress> QSFileProviderExtension::deleteItemWithIdentifier(
+    const QSFileProviderItemIdentifier& /*identifier*/, CompletionHandler completionHandler) {
+    completionHandler(errorFromErrno(ENOTSUP));
+    return nullptr;
+}
+
+void QSFileProviderExtension::_removeTrashedItemsOlderThanDate(
+    const QSDate& /*date*/, std::move_only_function<void()> completionHandler) {
+    completionHandler();
+}
+
+std::vector<ItemRef> QSFileProviderExtension::itemsTrashedBeforeDate(const QSDate& /*date*/) {
+    return {};
+}
+
+}  // namespace platform

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "platform/files/FileDescriptor.h"
+#include "platform/foundation/QSError.h"
+#include "platform/foundation/QSProgress.h"
+
+namespace platform {
+
+/// Copies of whole trees: contents (shared with the source where the file system can, holes kept),
+/// permissions, times and extended attributes; symbolic links as links. Owners are this process's,
+/// hard links become files of their own, and what is below a folder and neither file, folder nor
+/// link is left out. Blocks for the file systems; one thread.
+class TreeCopy {
+  public:
+    explicit TreeCopy(QSProgress& progress) : progress_(progress) {}
+
+    /// Copies the object `sourceName` in `source` to the new entry `targetName` in `target`; both
+    /// directories may be O_PATH, and no link is followed. ENOTSUP for a source that is neither
+    /// file, folder nor link, EEXIST where the entry exists, ECANCELED once the progress is
+    /// cancelled. After a failure, what was made so far is the caller's to remove.
+    Result<void> copy(int source, const std::string& sourceName, int target,
+                      const std::string& targetName);
+
+    /// Makes what was copied durable. `target` is the folder given to copy().
+    Result<void> sync(int target);
+
+  private:
+    struct Side {
+        int folder;
+        const char* name;
+    };
+    Result<void> copyObject(Side source, Side target, unsigned depth);
+    Result<void> copyFile(const FileDescriptor& source, Side target);
+    Result<void> copyFolder(FileDescriptor source, Side target, unsigned depth);
+    Result<void> copyLink(Side source, Side target);
+    Result<void> copyContent(int source, int target, std::uint64_t size);
+    Result<void> copyRange(int source, int target, std::int64_t begin, std::int64_t end);
+
+    QSProgress& progress_;
+    bool canClone_ = true;
+    bool canCopyInKernel_ = true;
+    std::uint64_t files_ = 0;
+    FileDescriptor lastFile_;
+};
+
+}  // namespace platform

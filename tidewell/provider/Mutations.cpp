@@ -1,0 +1,119 @@
+// Creating, importing, renaming and moving items.
+#include "platform/fileprovider/Mutations.h"
+
+#include "platform/fileprovider/QSFileProviderError.h"
+#include "tidewell/common/LocalFileProviderError.h"
+#include "tidewell/common/Logging.h"
+#include "tidewell/common/Utilities.h"
+#include "tidewell/items/LocalItem.h"
+#include "tidewell/provider/LocalFileProvider.h"
+#include "tidewell/provider/OperationErrors.h"
+
+namespace tidewell {
+
+QSError normalisedError(QSError error, const std::string& identifier) {
+    if (error.domain == QPErrorDomain && error.code == QPItemNotFoundErrorCode &&
+        !identifier.empty()) {
+        return QPItemNotFoundError(identifier);
+    }
+    if (error.domain != QSMochaErrorDomain || error.code != QSFileWriteFileExistsError) {
+        return error;
+    }
+    const auto colliding = error.userInfo.find(qp_collidingURLKey);
+    if (colliding == error.userInfo.end()) return error;
+    const auto item = LocalItem::initWithURL(QSURL::fileURLWithPath(colliding->second));
+    return item ? fileProviderErrorForCollisionWithItem(*item) : error;
+}
+
+Result<ItemRef> LocalFileProvider::itemForResult(const QSURL& url) {
+    const auto identifier = _persistentIdentifierForItemAt(url);
+    if (!identifier) {
+        logError([&] { return "identifier lookup failed for URL " + quoted(url.description()); });
+        return std::unexpected(makeError(LocalFileProviderError::itemLookupFailed));
+    }
+    auto item = LocalItem::initWithURL(url, {.itemID = identifier});
+    if (!item) {
+        logError([&] { return "can't create item for URL " + quoted(url.description()); });
+        return std::unexpected(makeError(LocalFileProviderError::itemLookupFailed));
+    }
+    return item;
+}
+
+std::move_only_function<void(Result<QSURL>)> LocalFileProvider::completingWithItem(
+    std::string identifier, ItemCompletionHandler completionHandler) {
+    return [identifier = std::move(identifier),
+            handler = std::move(completionHandler)](Result<QSURL> url) mutable {
+        if (url) return handler(itemForResult(*url));
+        handler(std::unexpected(normalisedError(std::move(url.error()), identifier)));
+    };
+}
+
+std::shared_ptr<QSProgress> LocalFileProvider::importDocumentAtURL(
+    const QSURL& url, const QSFileProviderItemIdentifier& toParentItemIdentifier,
+    ItemCompletionHandler completionHandler) {
+    const LogSection section([&] {
+        return "import document at " + quoted(url.description()) + " to parent " +
+               quoted(toParentItemIdentifier);
+    });
+    if (toParentItemIdentifier == QSFileProviderRootContainerItemIdentifier) {
+        completionHandler(std::unexpected(errorFileWriteNoPermission()));
+        return nullptr;
+    }
+    const auto parent = throwingURLForItem(toParentItemIdentifier);
+    if (!parent) {
+        completionHandler(std::unexpected(parent.error()));
+        return nullptr;
+    }
+    return qp_importUnderFolder(
+        url, *parent, completingWithItem(toParentItemIdentifier, std::move(completionHandler)));
+}
+
+void LocalFileProvider::createDirectoryWithName(
+    std::string_view name, const QSFileProviderItemIdentifier& inParentItemIdentifier,
+    ItemCompletionHandler completionHandler) {
+    const LogSection section([&] {
+        return "create directory with name " + quoted(name) + " in parent " +
+               quoted(inParentItemIdentifier);
+    });
+    if (inParentItemIdentifier == QSFileProviderRootContainerItemIdentifier) {
+        return completionHandler(std::unexpected(errorFileWriteNoPermission()));
+    }
+    const auto parent = throwingURLForItem(inParentItemIdentifier);
+    if (!parent) return completionHandler(std::unexpected(parent.error()));
+    qp_createSubFolder(*parent, name,
+                       completingWithItem(inParentItemIdentifier, std::move(completionHandler)));
+}
+
+void LocalFileProvider::renameItemWithIdentifier(const QSFileProviderItemIdentifier& identifier,
+                                                 std::string_view toName,
+                                                 ItemCompletionHandler completionHandler) {
+    const LogSection section(
+        [&] { return "rename item " + quoted(identifier) + " to name " + quoted(toName); });
+    const auto url = throwingURLForItem(identifier);
+    if (!url) return completionHandler(std::unexpected(url.error()));
+    qp_renameWithNewName(*url, toName,
+                         completingWithItem(identifier, std::move(completionHandler)));
+}
+
+void LocalFileProvider::reparentItemWithIdentifier(
+    const QSFileProviderItemIdentifier& identifier,
+    const QSFileProviderItemIdentifier& toParentItemWithIdentifier,
+    const std::optional<std::string>& newName, ItemCompletionHandler completionHandler) {
+    const LogSection section([&] {
+        return "move item " + quoted(identifier) + " to parent " +
+               quoted(toParentItemWithIdentifier);
+    });
+    if (toParentItemWithIdentifier == QSFileProviderRootContainerItemIdentifier) {
+        return completionHandler(std::unexpected(errorFileWriteNoPermission()));
+    }
+    const auto url = _urlForItemWithPersistentIdentifier(identifier);
+    if (!url) return completionHandler(std::unexpected(QPItemNotFoundError(identifier)));
+    const auto parent = _urlForItemWithPersistentIdentifier(toParentItemWithIdentifier);
+    if (!parent) {
+        return completionHandler(std::unexpected(QPItemNotFoundError(toParentItemWithIdentifier)));
+    }
+    qp_reparentUnderFolder(*url, *parent, newName,
+                           completingWithItem(identifier, std::move(completionHandler)));
+}
+
+}  // namespace tidewell

@@ -1,0 +1,134 @@
+// Trashing, putting back and deleting items.
+#include "platform/fileprovider/Mutations.h"
+#include "platform/fileprovider/Platform.h"
+#include "platform/fileprovider/QSFileProviderError.h"
+#include "tidewell/common/Logging.h"
+#include "tidewell/common/Utilities.h"
+#include "tidewell/items/LocalAppLibraryItem.h"
+#include "tidewell/items/LocalItem.h"
+#include "tidewell/provider/LocalFileProvider.h"
+#include "tidewell/provider/OperationErrors.h"
+#include "tidewell/provider/TrashRecords.h"
+
+namespace tidewell {
+
+namespace {
+
+/// A URL that keeps nothing of what was before.
+QSURL fresh(const QSURL& url) {
+    return QSURL::fileURLWithPath(url.path());
+}
+
+bool isReachableFolder(const QSURL& url) {
+    const auto attributes = Platform::current().files().freshAttributes(url);
+    return attributes && (*attributes)->isDirectory();
+}
+
+}  // namespace
+
+void LocalFileProvider::trashItemWithIdentifier(const QSFileProviderItemIdentifier& identifier,
+                                                ItemCompletionHandler completionHandler) {
+    const LogSection section([&] { return "trash item " + quoted(identifier); });
+    const auto url = _urlForItemWithPersistentIdentifier(identifier);
+    if (!url) return completionHandler(std::unexpected(QPItemNotFoundError(identifier)));
+    const auto trash = trashFolderFor(*url);
+    if (!trash) return completionHandler(std::unexpected(trash.error()));
+    if (auto made = Platform::current().files().makeFolder(*trash); !made) {
+        return completionHandler(std::unexpected(made.error()));
+    }
+    qp_trashUnderFolder(*url, *trash,
+                        [identifier, formerURL = *url,
+                         handler = std::move(completionHandler)](Result<QSURL> newURL) mutable {
+                            if (!newURL) {
+                                return handler(std::unexpected(
+                                    normalisedError(std::move(newURL.error()), identifier)));
+                            }
+                            // One that lay in the trash already keeps the record of where it came
+                            // from.
+                            if (!(*newURL == formerURL)) {
+                                setTrashDate(*newURL, QSDate::now());
+                                setPutBackString(formerURL, *newURL);
+                            }
+                            handler(itemForResult(fresh(*newURL)));
+                        });
+}
+
+std::optional<QSURL> LocalFileProvider::untrashDestination(
+    const LocalItem& item, const std::optional<QSFileProviderItemIdentifier>& parentIdentifier) {
+    const auto parent =
+        parentIdentifier ? _urlForItemWithPersistentIdentifier(*parentIdentifier) : std::nullopt;
+    if (parent && !isInsideTrash(*parent)) return parent;
+    if (parent) {
+        logDebug([&] {
+            return "can't use provided parent item " + *parentIdentifier +
+                   " because it's trashed; " + parent->path();
+        });
+    }
+    const auto putBack = item.putBackURL();
+    if (!putBack) {
+        logDebug("no putback url");
+    } else if (isInsideTrash(*putBack) || !isReachableFolder(*putBack)) {
+        logDebug([&] { return "putback url is not reachable; " + putBack->description(); });
+    } else {
+        logDebug([&] { return "putback url is " + putBack->description(); });
+        return putBack;
+    }
+    const auto library = item.fetchAppLibraryItem();
+    if (!library) return std::nullopt;
+    logDebug([&] { return "use " + library->itemIdentifier() + "'s root as recover location"; });
+    return library->fileURL();
+}
+
+void LocalFileProvider::untrashItemWithIdentifier(
+    const QSFileProviderItemIdentifier& identifier,
+    const std::optional<QSFileProviderItemIdentifier>& toParentItemIdentifier,
+    ItemCompletionHandler completionHandler) {
+    const LogSection section([&] { return "untrash item " + quoted(identifier); });
+    const auto refuse = [&](QSError error) {
+        completionHandler(std::unexpected(std::move(error)));
+    };
+    const auto url = _urlForItemWithPersistentIdentifier(identifier);
+    if (!url) return refuse(QPItemNotFoundError(identifier));
+    const auto found = itemForIdentifier(identifier);
+    if (!found) return refuse(found.error());
+    if (!(*found)->isTrashed()) {
+        logDebug("item is not in trash");
+        return refuse(QPInvalidParameterError("itemIdentifier", identifier));
+    }
+    // Every item of this provider is a LocalItem.
+    const auto& item = static_cast<const LocalItem&>(**found);
+    const auto destination = untrashDestination(item, toParentItemIdentifier);
+    if (!destination) {
+        logDebug([&] { return "can't compute valid parent URL for " + identifier; });
+        return refuse(QPInvalidParameterError("itemIdentifier", identifier));
+    }
+    qp_reparentUnderFolder(
+        *url, *destination, true,
+        [identifier, handler = std::move(completionHandler)](Result<QSURL> newURL) mutable {
+            if (!newURL) {
+                return handler(
+                    std::unexpected(normalisedError(std::move(newURL.error()), identifier)));
+            }
+            logDebug("removing trash date xattr");
+            setTrashDate(*newURL, std::nullopt);
+            handler(itemForResult(fresh(*newURL)));
+        });
+}
+
+std::shared_ptr<QSProgress> LocalFileProvider::deleteItemWithIdentifier(
+    const QSFileProviderItemIdentifier& identifier, CompletionHandler completionHandler) {
+    const LogSection section([&] { return "delete item " + quoted(identifier); });
+    const auto url = _urlForItemWithPersistentIdentifier(identifier);
+    if (!url) {
+        completionHandler(QPItemNotFoundError(identifier));
+        return nullptr;
+    }
+    return qp_deleteWithCompletionHandler(
+        *url,
+        [identifier, handler = std::move(completionHandler)](std::optional<QSError> error) mutable {
+            if (error) error = normalisedError(std::move(*error), identifier);
+            handler(std::move(error));
+        });
+}
+
+}  // namespace tidewell
