@@ -49,10 +49,6 @@ platform::QSError usageError(std::string_view message) {
 ExitCode exitCodeFor(const platform::QSError& error) {
     if (error.domain == usageErrorDomain) return ExitCode::Usage;
     if (host::meansExpired(error)) return ExitCode::Expired;
-    if (error.domain == platform::QSMochaErrorDomain &&
-        error.code == platform::QSFileWriteNoPermissionError) {
-        return "writing is not permitted there";
-    }
     if (host::meansNoSuchItem(error)) return ExitCode::NoSuchItem;
     return ExitCode::Failed;
 }

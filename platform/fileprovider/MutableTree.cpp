@@ -202,7 +202,7 @@ Result<QSURL> MutableTree::copyInto(int source, const std::string& sourceName,
     const auto& hidden = (*record)->name();
     TreeCopy copy(progress);
     auto done = copy.copy(source, sourceName, folder.fd.get(), hidden);
-    if (done) done = copy.sync(folder.fd.get());
+    if (done) done = copy.sync(folder.fd.get(), hidden);
     const auto reached = !done ? std::unexpected(done.error())
                          : progress.isCancelled()
                              ? std::unexpected(errorFromErrno(ECANCELED))

@@ -24,8 +24,10 @@ class TreeCopy {
     Result<void> copy(int source, const std::string& sourceName, int target,
                       const std::string& targetName);
 
-    /// Makes what was copied durable. `target` is the folder given to copy().
-    Result<void> sync(int target);
+    /// Makes what was copied durable, the entry in `target` itself excepted. Each object is synced
+    /// by itself, not the file system, which may have gigabytes of others' to write; the first one
+    /// takes most of the others with it.
+    Result<void> sync(int target, const std::string& targetName) const;
 
   private:
     struct Side {
@@ -42,8 +44,6 @@ class TreeCopy {
     QSProgress& progress_;
     bool canClone_ = true;
     bool canCopyInKernel_ = true;
-    std::uint64_t files_ = 0;
-    FileDescriptor lastFile_;
 };
 
 }  // namespace platform

@@ -1,0 +1,135 @@
+#pragma once
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <iterator>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "platform/dispatch/Queue.h"
+#include "platform/fileprovider/QSFileProviderError.h"
+#include "tests/support/InstalledPlatform.h"
+#include "tidewell/applibraries/TWPAppLibraryManager.h"
+#include "tidewell/provider/LocalFileProvider.h"
+
+namespace tests {
+
+using platform::ItemRef;
+using platform::QSError;
+using platform::Result;
+namespace fs = std::filesystem;
+
+inline std::string contentOf(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// Paths relative to the folder, hidden ones too.
+inline std::set<std::string> pathsBelow(const fs::path& folder) {
+    std::set<std::string> paths;
+    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+        paths.insert(entry.path().lexically_relative(folder));
+    }
+    return paths;
+}
+
+inline std::pair<std::string, std::int64_t> codeOf(const QSError& error) {
+    return {error.domain, error.code};
+}
+template <typename T>
+std::pair<std::string, std::int64_t> codeOf(const Result<T>& result) {
+    return result ? std::pair<std::string, std::int64_t>("", 0) : codeOf(result.error());
+}
+
+/// A provider on an installed platform with a folder "in" and, below Containers, the library of
+/// "org.a". Each verb waits for its completion.
+class MutationsFixture : public InstalledPlatform {
+  protected:
+    MutationsFixture() {
+        (void)folder("in");
+        scratch.makeFolder("container/Documents");
+        start();
+    }
+    ~MutationsFixture() override {
+        end();
+        tidewell::AppLibraryRootTable::shared().replace({});
+    }
+
+    void start() {
+        const auto container =
+            installed->files().addContainer("org.a", (scratch / "container").string());
+        installed->workspace().registerApplication(std::make_shared<const platform::QLBundleProxy>(
+            platform::QLBundleProxy{"org.a", container.value(), "App"}));
+        ASSERT_TRUE(installed->volume().addRoot(libraryURL()));
+        provider = tidewell::LocalFileProvider::init();
+        tidewell::AppLibraryRootTable::shared().replace(
+            {{libraryURL(), installed->workspace().bundleProxyForIdentifier("org.a")}});
+    }
+    void end() {
+        provider.reset();
+        platform::mainQueue().sync([] {});
+    }
+
+    static platform::QSURL libraryURL(const std::string& below = {}) {
+        return platform::QSURL::fileURLWithPath(
+            "/private/var/tidewell/Containers/org.a/Documents/" + below);
+    }
+    fs::path library() const { return scratch / "container/Documents"; }
+
+    std::string id(const std::string& below) {
+        return provider->persistentIdentifierForItemAtURL(url(below)).value_or("none");
+    }
+    std::string libraryID(const std::string& below) {
+        return provider->persistentIdentifierForItemAtURL(libraryURL(below)).value_or("none");
+    }
+    /// The item's URL; "gone" below the root where there is none.
+    platform::QSURL place(const std::string& identifier) {
+        return provider->URLForItemWithPersistentIdentifier(identifier).value_or(url("gone"));
+    }
+
+    template <typename Call>
+    static Result<ItemRef> waitFor(Call call) {
+        std::promise<Result<ItemRef>> done;
+        call([&done](Result<ItemRef> item) { done.set_value(std::move(item)); });
+        return done.get_future().get();
+    }
+    Result<ItemRef> create(const std::string& name, const std::string& parent) {
+        return waitFor([&](auto h) { provider->createDirectoryWithName(name, parent, h); });
+    }
+    Result<ItemRef> import(const fs::path& path, const std::string& parent) {
+        return waitFor([&](auto h) {
+            provider->importDocumentAtURL(installed->files().URLForNativePath(path.string()),
+                                          parent, h);
+        });
+    }
+    Result<ItemRef> rename(const std::string& identifier, const std::string& name) {
+        return waitFor([&](auto h) { provider->renameItemWithIdentifier(identifier, name, h); });
+    }
+    Result<ItemRef> move(const std::string& identifier, const std::string& parent,
+                         const std::optional<std::string>& name = {}) {
+        return waitFor(
+            [&](auto h) { provider->reparentItemWithIdentifier(identifier, parent, name, h); });
+    }
+    Result<ItemRef> trash(const std::string& identifier) {
+        return waitFor([&](auto h) { provider->trashItemWithIdentifier(identifier, h); });
+    }
+    Result<ItemRef> untrash(const std::string& identifier,
+                            const std::optional<std::string>& parent = {}) {
+        return waitFor([&](auto h) { provider->untrashItemWithIdentifier(identifier, parent, h); });
+    }
+    std::optional<QSError> remove(const std::string& identifier) {
+        std::promise<std::optional<QSError>> done;
+        provider->deleteItemWithIdentifier(identifier,
+                                           [&](auto error) { done.set_value(std::move(error)); });
+        return done.get_future().get();
+    }
+
+    std::shared_ptr<tidewell::LocalFileProvider> provider;
+};
+
+}  // namespace tests

@@ -1,0 +1,233 @@
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+#include "platform/fileprovider/MutableTree.h"
+#include "platform/files/ItemNames.h"
+#include "tests/tidewell/MutationsFixture.h"
+
+namespace tidewell {
+namespace {
+
+using testing::Contains;
+using testing::Pair;
+using tests::codeOf;
+using tests::contentOf;
+using tests::pathsBelow;
+namespace fs = std::filesystem;
+
+const std::string root(QSFileProviderRootContainerItemIdentifier);
+const auto refused = Pair(QSMochaErrorDomain, 513);
+const auto notFound = Pair(QPErrorDomain, QPItemNotFoundErrorCode);
+const auto noSuchItem = Pair(QSFileProviderErrorDomain, QSFileProviderErrorNoSuchItem);
+
+using MutationsTest = tests::MutationsFixture;
+
+TEST_F(MutationsTest, FailuresAreTheOnesOfTheTable) {
+    const auto item = id("in");
+    (void)file("in/a");
+    (void)file("in/b");
+    const auto before = pathsBelow(scratch.path() / "storage");
+    EXPECT_THAT(codeOf(create("x", root)), refused);
+    EXPECT_THAT(codeOf(import(scratch.makeFile("x"), root)), refused);
+    EXPECT_THAT(codeOf(move(id("in/a"), root)), refused);
+    EXPECT_THAT(codeOf(create("x", "fid=9999")), noSuchItem);
+    EXPECT_THAT(codeOf(import(scratch.makeFile("x"), "did=9999")), noSuchItem);
+    EXPECT_THAT(codeOf(rename("did=9999", "x")), noSuchItem);
+    for (const auto& [moved, parent, named] :
+         {std::tuple{std::string("did=9999"), item, "did=9999"},
+          std::tuple{id("in/a"), std::string("fid=9999"), "fid=9999"}}) {
+        const auto failed = move(moved, parent);
+        EXPECT_EQ(failed.error(), QPItemNotFoundError(named));
+    }
+    for (const auto& taken : {rename(id("in/a"), "b"), move(id("in/a"), item, "b")}) {
+        EXPECT_THAT(codeOf(taken),
+                    Pair(QSFileProviderErrorDomain, QSFileProviderErrorFilenameCollision));
+        EXPECT_EQ(
+            taken.error().userInfo.at(std::string(QSFileProviderErrorCollidingItemIdentifierKey)),
+            id("in/b"));
+    }
+    EXPECT_THAT(codeOf(import(scratch / "missing", item)), Pair(QSPOSIXErrorDomain, ENOENT));
+    mkfifo((scratch / "fifo").c_str(), 0600);
+    EXPECT_THAT(codeOf(import(scratch / "fifo", item)), Pair(QSPOSIXErrorDomain, ENOTSUP));
+    EXPECT_EQ(pathsBelow(scratch.path() / "storage"), before);
+}
+
+TEST_F(MutationsTest, NamesOfClientsAreCheckedBeforeAnythingIsTouched) {
+    (void)file("in/a");
+    const auto before = pathsBelow(scratch.path());
+    for (const auto& [name, code] : {std::pair{std::string(), EINVAL},
+                                     {".", EINVAL},
+                                     {"..", EINVAL},
+                                     {"../x", EINVAL},
+                                     {"/x", EINVAL},
+                                     {std::string("a\0b", 3), EINVAL},
+                                     {".tidewell-x", EINVAL},
+                                     {std::string(256, 'n'), ENAMETOOLONG}}) {
+        for (const auto& result :
+             {create(name, id("in")), rename(id("in/a"), name), move(id("in/a"), id("in"), name)}) {
+            EXPECT_THAT(codeOf(result), Pair(QSPOSIXErrorDomain, code)) << name;
+        }
+    }
+    EXPECT_EQ(pathsBelow(scratch.path()), before);
+    for (const auto& name :
+         {std::string("\xff\xfe"), std::string("line\nfeed"), std::string("\u202Etxt.exe"),
+          std::string(" x "), std::string(255, 'n'), std::string("..."), std::string("\"")}) {
+        const auto made = create(name, id("in"));
+        ASSERT_TRUE(made) << made.error().description();
+        EXPECT_EQ((*made)->filename(), name);
+    }
+}
+
+TEST_F(MutationsTest, FreeNamesAreNumberedAndFit) {
+    EXPECT_EQ(numberedName("a.txt", 2), "a 2.txt");
+    EXPECT_EQ(numberedName("v1.2", 2), "v1.2 2");
+    EXPECT_EQ(numberedName(".hidden", 2), ".hidden 2");
+    std::string umlauts;
+    while (umlauts.size() < 250) umlauts += "ä";
+    const auto cut = numberedName(umlauts + ".txt", 12);
+    EXPECT_LE(cut.size(), 255U);
+    EXPECT_EQ(cut, umlauts.substr(0, 248) + " 12.txt");
+
+    const auto source = scratch.makeFile("source/doc.txt", "new");
+    (void)file("in/doc.txt");
+    EXPECT_EQ(import(source, id("in")).value()->filename(), "doc 2.txt");
+    EXPECT_EQ(import(source, id("in")).value()->filename(), "doc 3.txt");
+    EXPECT_EQ(contentOf(storage() / "in/doc.txt"), "x");
+    EXPECT_EQ(create("doc.txt", id("in")).value()->filename(), "doc 4.txt");
+    (void)file("doc.txt");
+    EXPECT_EQ(move(id("doc.txt"), id("in")).value()->filename(), "doc 5.txt");
+}
+
+TEST_F(MutationsTest, ItemsKeepTheirIdentifiersAndAreFoundAtOnce) {
+    (void)file("in/a.txt");
+    (void)file("in/folder/below");
+    for (const auto* below : {"in/a.txt", "in/folder"}) {
+        const auto identifier = id(below);
+        const auto renamed = rename(identifier, "new");
+        EXPECT_EQ(renamed.value()->itemIdentifier(), identifier);
+        EXPECT_EQ(place(identifier), url("in/new"));
+        EXPECT_EQ(rename(identifier, "new").value()->itemIdentifier(), identifier);
+        EXPECT_EQ(move(identifier, "#org.a", "named").value()->itemIdentifier(), identifier);
+        EXPECT_EQ(place(identifier), libraryURL("named"));
+        EXPECT_EQ(move(identifier, id("in")).value()->parentItemIdentifier(), id("in"));
+        EXPECT_EQ(trash(identifier).value()->itemIdentifier(), identifier);
+        EXPECT_EQ(untrash(identifier, root).value()->itemIdentifier(), identifier);
+        EXPECT_EQ(place(identifier), url("named"));
+        EXPECT_FALSE(remove(identifier));
+        EXPECT_THAT(codeOf(provider->itemForIdentifier(identifier)),
+                    Pair("Tidewell.LocalFileProviderError", 0));
+    }
+    EXPECT_EQ(pathsBelow(storage()), (std::set<std::string>{".Trash", "in"}));
+}
+
+TEST_F(MutationsTest, ProtectedPlacesStay) {
+    (void)provider->itemForIdentifier(
+        std::string(QSFileProviderTemporaryLocalFolderItemIdentifier));
+    (void)file(".Trash/x");
+    for (const auto& identifier : {root, std::string("#org.a"), id(".Trash"),
+                                   std::string(QSFileProviderTemporaryLocalFolderItemIdentifier)}) {
+        EXPECT_THAT(codeOf(rename(identifier, "x")), refused) << identifier;
+        EXPECT_THAT(codeOf(move(identifier, id("in"))), refused) << identifier;
+        EXPECT_THAT(codeOf(trash(identifier)), refused) << identifier;
+        EXPECT_THAT(codeOf(remove(identifier).value()), refused) << identifier;
+    }
+    (void)folder("in/sub");
+    EXPECT_THAT(codeOf(move(id("in"), id("in/sub"))), Pair(QSPOSIXErrorDomain, EINVAL));
+    EXPECT_THAT(codeOf(import(storage() / "in", id("in/sub"))), Pair(QSPOSIXErrorDomain, EINVAL));
+}
+
+TEST_F(MutationsTest, AnImportIsAWholeCopy) {
+    const auto source = scratch.makeFolder("source/tree");
+    scratch.makeFile("source/tree/a/b/file", std::string(100'000, 'z'));
+    scratch.makeFile("source/tree/empty", "");
+    fs::create_symlink("/etc/passwd", source / "a/link");
+    fs::create_symlink("nowhere", source / "dangling");
+    mkfifo((source / "a/fifo").c_str(), 0600);
+    setxattr((source / "a/b/file").c_str(), "user.tag", "red", 3, 0);
+    setxattr((source / "a").c_str(), "user.tag", "blue", 4, 0);
+    chmod((source / "a/b/file").c_str(), 04751);
+    chmod((source / "a").c_str(), 0750);
+    {  // a hole, data, and a hole
+        std::ofstream sparse(source / "sparse", std::ios::binary);
+        sparse.seekp(512 << 10) << "data";
+    }
+    fs::resize_file(source / "sparse", 1 << 20);
+    for (const auto* path : {"a/b/file", "a/b", "a"}) {
+        const std::array times{timespec{1000, 5}, timespec{2000, 7}};
+        utimensat(AT_FDCWD, (source / path).c_str(), times.data(), 0);
+    }
+    const auto item = import(source, id("in"));
+    ASSERT_TRUE(item) << item.error().description();
+    const auto copy = storage() / "in/tree";
+    auto expected = pathsBelow(source);
+    expected.erase("a/fifo");
+    EXPECT_EQ(pathsBelow(copy), expected);
+    EXPECT_EQ(contentOf(copy / "a/b/file"), contentOf(source / "a/b/file"));
+    EXPECT_EQ(contentOf(copy / "sparse"), contentOf(source / "sparse"));
+    EXPECT_EQ(fs::read_symlink(copy / "a/link"), "/etc/passwd");
+    struct stat status {};
+    stat((copy / "sparse").c_str(), &status);
+    EXPECT_LT(status.st_blocks, 512);
+    for (const auto& [path, mode] : {std::pair{"a/b/file", 0751U}, std::pair{"a", 0750U}}) {
+        stat((copy / path).c_str(), &status);
+        EXPECT_EQ(status.st_mode & 07777U, mode) << path;
+        EXPECT_EQ(status.st_mtim.tv_sec, 2000) << path;
+        char value[8] = {};
+        EXPECT_GT(getxattr((copy / path).c_str(), "user.tag", value, sizeof value), 0) << path;
+    }
+    EXPECT_TRUE(fs::is_empty(scratch / "state/unfinished"));
+}
+
+TEST_F(MutationsTest, ACancelledOperationLeavesNothingAndTakesNothing) {
+    scratch.makeFile("source/a/b");
+    const MutableTree tree(installed->files(), installed->unfinished());
+    QSProgress progress;
+    progress.cancel();
+    const auto source = QSURL::fileURLWithPath((scratch / "source").string());
+    EXPECT_THAT(codeOf(tree.import(source, url("in"), progress)),
+                Pair(QSPOSIXErrorDomain, ECANCELED));
+    EXPECT_TRUE(fs::is_empty(storage() / "in"));
+    ASSERT_TRUE(import(scratch / "source", id("in")));
+    EXPECT_THAT(codeOf(tree.remove(url("in/source"), progress)),
+                Pair(QSPOSIXErrorDomain, ECANCELED));
+    EXPECT_EQ(pathsBelow(storage() / "in"),
+              (std::set<std::string>{"source", "source/a", "source/a/b"}));
+    EXPECT_TRUE(fs::is_empty(scratch / "state/unfinished"));
+}
+
+TEST_F(MutationsTest, WhatAKilledProcessLeftIsFinishedOrPutBack) {
+    const auto recordFor = [&](char kind, const std::string& object, const std::string& place,
+                               const std::string& token) {
+        (void)scratch.makeFolder("state/unfinished");
+        const auto attributes = installed->files().freshAttributes(url(object)).value();
+        char name[128];
+        std::snprintf(name, sizeof name, "%c.%lx.%lx.%s", kind, attributes->identity.inode,
+                      attributes->identity.generation, token.c_str());
+        fs::create_symlink(url(place).path(), scratch / "state/unfinished" / name);
+    };
+    (void)file("in/doomed/below");
+    (void)file("in/stranger");
+    (void)file("in/copy/incomplete");
+    (void)file("in/bystander");
+    fs::create_symlink(url("in/bystander").path(),
+                       scratch.makeFolder("state/unfinished") / "not a record");
+    recordFor('r', "in/doomed", "in/doomed", std::string(20, 'd'));
+    recordFor('r', "in/doomed", "in/taken", std::string(20, 's'));  // meant another object
+    recordFor('c', "in/copy", "in/copy", std::string(20, 'c'));
+    fs::rename(storage() / "in/doomed", storage() / ("in/.tidewell-" + std::string(20, 'd')));
+    fs::rename(storage() / "in/stranger", storage() / ("in/.tidewell-" + std::string(20, 's')));
+    fs::rename(storage() / "in/copy", storage() / ("in/.tidewell-" + std::string(20, 'c')));
+    (void)file("in/taken");
+    end();
+    restart();
+    start();
+    end();
+    installed.reset();  // waits for what has begun
+    EXPECT_EQ(pathsBelow(storage() / "in"),
+              (std::set<std::string>{"bystander", "taken", "taken 2"}));
+    EXPECT_THAT(pathsBelow(scratch / "state/unfinished"), testing::ElementsAre("not a record"));
+}
+
+}  // namespace
+}  // namespace tidewell

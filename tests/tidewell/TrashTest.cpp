@@ -1,0 +1,195 @@
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+#include "platform/foundation/QSKeyedArchiver.h"
+#include "platform/foundation/QSKeyedUnarchiver.h"
+#include "tests/tidewell/MutationsFixture.h"
+
+namespace tidewell {
+namespace {
+
+using testing::Pair;
+using testing::SizeIs;
+using tests::codeOf;
+using tests::contentOf;
+using tests::pathsBelow;
+namespace fs = std::filesystem;
+
+const auto notFound = Pair(QPErrorDomain, QPItemNotFoundErrorCode);
+const auto invalid = Pair(QPErrorDomain, QPInvalidParameterErrorCode);
+
+class TrashTest : public tests::MutationsFixture {
+  protected:
+    static std::optional<QSPropertyList> attribute(const fs::path& path, const std::string& name) {
+        QSData bytes(4096);
+        const auto size =
+            lgetxattr(path.c_str(), ("user." + name).c_str(), bytes.data(), bytes.size());
+        if (size < 0) return std::nullopt;
+        bytes.resize(static_cast<std::size_t>(size));
+        auto root = unarchivedObjectOfClasses({ArchiveClass::Date, ArchiveClass::String}, bytes);
+        return root ? std::optional(*root) : std::nullopt;
+    }
+    static void setAttribute(const fs::path& path, const std::string& name, const QSData& bytes) {
+        ASSERT_EQ(setxattr(path.c_str(), ("user." + name).c_str(), bytes.data(), bytes.size(), 0),
+                  0);
+    }
+    static void setAttribute(const fs::path& path, const std::string& name,
+                             const QSPropertyList& root) {
+        setAttribute(path, name, archivedDataWithRootObject(root).value());
+    }
+    void removeOlderThan(const QSDate& reference) {
+        std::promise<void> done;
+        provider->_removeTrashedItemsOlderThanDate(reference, [&] { done.set_value(); });
+        done.get_future().get();
+    }
+
+    const std::string date = "com.quenby.trash.time#PS";
+    const std::string putBack = "com.quenby.trash.putback#PS";
+};
+
+TEST_F(TrashTest, RecordsWhenAndFromWhereAndPutsBack) {
+    scratch.makeFile("container/Documents/a/b/doc.txt", "mine");
+    const auto identifier = libraryID("a/b/doc.txt");
+    const auto before = QSDate::now();
+    const auto trashed = trash(identifier);
+    ASSERT_TRUE(trashed) << trashed.error().description();
+    EXPECT_TRUE((*trashed)->isTrashed());
+    const auto place = library() / ".Trash/doc.txt";
+    EXPECT_EQ(*attribute(place, putBack).value().asString(), "a/b/doc.txt");
+    const auto when = *attribute(place, date).value().asDate();
+    EXPECT_NEAR(static_cast<double>(when.seconds), static_cast<double>(before.seconds), 60);
+    EXPECT_TRUE(trash(identifier));  // again: it keeps its record
+    EXPECT_EQ(*attribute(place, putBack).value().asString(), "a/b/doc.txt");
+
+    scratch.makeFile("container/Documents/a/b/doc.txt", "another");
+    const auto back = untrash(identifier);
+    ASSERT_TRUE(back) << back.error().description();
+    EXPECT_EQ((*back)->filename(), "doc 2.txt");
+    EXPECT_EQ((*back)->itemIdentifier(), identifier);
+    EXPECT_EQ(contentOf(library() / "a/b/doc 2.txt"), "mine");
+    EXPECT_EQ(contentOf(library() / "a/b/doc.txt"), "another");
+    EXPECT_FALSE(attribute(library() / "a/b/doc 2.txt", date));
+    EXPECT_TRUE(attribute(library() / "a/b/doc 2.txt", putBack));
+}
+
+TEST_F(TrashTest, FailuresAreTheOnesOfTheTable) {
+    EXPECT_THAT(codeOf(trash("did=9999")), notFound);
+    EXPECT_THAT(codeOf(untrash("did=9999")), notFound);
+    EXPECT_THAT(codeOf(remove("did=9999").value()), notFound);
+    (void)file("in/a");
+    const auto item = id("in/a");
+    EXPECT_EQ(untrash(item).error(), QPInvalidParameterError("itemIdentifier", item));
+    EXPECT_THAT(logged(LogLevel::Debug, "item is not in trash"), SizeIs(1));
+    ASSERT_TRUE(trash(item));
+    EXPECT_THAT(logged(LogLevel::Error, "couldn't find app library for "), SizeIs(1));
+    // From the storage: nothing tells where it was, and a trashed parent is none.
+    (void)file(".Trash/folder/x");
+    EXPECT_EQ(untrash(item, id(".Trash/folder")).error(),
+              QPInvalidParameterError("itemIdentifier", item));
+    EXPECT_THAT(logged(LogLevel::Debug, "because it's trashed; "), SizeIs(1));
+    EXPECT_THAT(logged(LogLevel::Debug, "can't compute valid parent URL for " + item), SizeIs(1));
+    EXPECT_TRUE(untrash(item, id("in")));
+    EXPECT_EQ(place(item), url("in/a"));
+}
+
+TEST_F(TrashTest, AnUnsafeTrashIsRefused) {
+    (void)file("in/a");
+    const auto item = id("in/a");
+    const auto outside = scratch.makeFolder("outside");
+    fs::create_directory_symlink(outside, storage() / ".Trash");
+    EXPECT_THAT(codeOf(trash(item)), Pair(QSPOSIXErrorDomain, ENOTDIR));
+    fs::remove(storage() / ".Trash");
+    (void)folder(".Trash");
+    chmod((storage() / ".Trash").c_str(), 01777);
+    EXPECT_THAT(codeOf(trash(item)), Pair(QSMochaErrorDomain, 513));
+    if (geteuid() == 0) {
+        chmod((storage() / ".Trash").c_str(), 0700);
+        ASSERT_EQ(chown((storage() / ".Trash").c_str(), 65534, 65534), 0);
+        EXPECT_THAT(codeOf(trash(item)), Pair(QSMochaErrorDomain, 513));
+    }
+    EXPECT_EQ(contentOf(storage() / "in/a"), "x");
+    EXPECT_TRUE(fs::is_empty(outside));
+}
+
+TEST_F(TrashTest, APutBackRecordNeverLeadsOutOfTheLibrary) {
+    scratch.makeFile("container/secret", "untouched");
+    scratch.makeFile("container/Documents/file");
+    scratch.makeFile("container/Documents/.Trash/other/x");
+    fs::create_directory_symlink(scratch.path(), library() / "escape");
+    const auto before = pathsBelow(scratch / "container");
+    QSData garbage(60'000, 0x61);
+    const std::vector<QSPropertyList> hostile{"../../x",
+                                              "/../x",
+                                              "/etc/x",
+                                              "missing/parent/x",
+                                              "file/x",
+                                              "escape/x",
+                                              ".Trash/other/x",
+                                              "",
+                                              ".",
+                                              std::string(5000, 'n') + "/x",
+                                              QSDate::now()};
+    for (std::size_t i = 0; i <= hostile.size(); ++i) {
+        scratch.makeFile("container/Documents/victim", "victim");
+        const auto item = libraryID("victim");
+        ASSERT_TRUE(trash(item));
+        const auto trashed = library() / ".Trash/victim";
+        if (i < hostile.size()) {
+            const auto bytes = archivedDataWithRootObject(hostile[i]).value();
+            if (setxattr(trashed.c_str(), ("user." + putBack).c_str(), bytes.data(), bytes.size(),
+                         0) != 0) {
+                fs::remove(trashed);
+                continue;  // more than the file system takes
+            }
+        } else {
+            setAttribute(trashed, putBack, QSData(2000, 0x61));
+        }
+        const auto back = untrash(item);
+        ASSERT_TRUE(back) << i << back.error().description();
+        EXPECT_EQ(contentOf(library() / "victim"), "victim") << i;
+        fs::remove(library() / "victim");
+        EXPECT_EQ(pathsBelow(scratch / "container"), before) << i;
+    }
+    EXPECT_EQ(contentOf(scratch / "container/secret"), "untouched");
+}
+
+TEST_F(TrashTest, OldTrashIsRemovedAndWhatHasNoDateGetsOne) {
+    const QSDate reference{1'700'000'000, 0};
+    for (const auto* where : {"storage", "container/Documents"}) {
+        const auto trashFolder = scratch.makeFolder(std::string(where) + "/.Trash");
+        for (const auto* name :
+             {"older/below", "equal", "newer", "undated", "garbage", ".hidden"}) {
+            scratch.makeFile(std::string(where) + "/.Trash/" + name);
+        }
+        setAttribute(trashFolder / "older", date, QSPropertyList(QSDate{1'699'999'999, 0}));
+        setAttribute(trashFolder / ".hidden", date, QSPropertyList(QSDate{1'699'999'999, 0}));
+        setAttribute(trashFolder / "equal", date, QSPropertyList(reference));
+        setAttribute(trashFolder / "newer", date, QSPropertyList(QSDate{1'700'000'001, 0}));
+        setAttribute(trashFolder / "garbage", date, QSData{1, 2, 3});
+    }
+    const auto eligible = provider->itemsTrashedBeforeDate(reference);
+    EXPECT_THAT(eligible, SizeIs(2));
+    EXPECT_FALSE(attribute(storage() / ".Trash/undated", date));
+    removeOlderThan(reference);
+    for (const auto& trashFolder : {storage() / ".Trash", library() / ".Trash"}) {
+        EXPECT_EQ(pathsBelow(trashFolder),
+                  (std::set<std::string>{"equal", "newer", "undated", "garbage", ".hidden"}));
+        EXPECT_TRUE(attribute(trashFolder / "undated", date).value().asDate());
+        EXPECT_TRUE(attribute(trashFolder / "garbage", date).value().asDate());
+    }
+    EXPECT_THAT(logged(LogLevel::Debug, "; set current date"), SizeIs(4));
+    EXPECT_THAT(logged(LogLevel::Debug, "was trashed before reference date, let's remove it"),
+                SizeIs(2));
+    removeOlderThan(reference);
+    EXPECT_THAT(logged(LogLevel::Debug, "wait until all deletions are complete"), SizeIs(2));
+}
+
+TEST_F(TrashTest, TheFirstDocumentsOfAPathHasTheTrash) {
+    (void)file("Documents/inner.txt");
+    ASSERT_TRUE(trash(id("Documents/inner.txt")));
+    EXPECT_TRUE(fs::exists(storage() / ".Trash/inner.txt"));
+}
+
+}  // namespace
+}  // namespace tidewell
