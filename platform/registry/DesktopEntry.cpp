@@ -55,19 +55,22 @@ std::vector<std::string> listOf(GKeyFile* file, const char* key) {
     return values;
 }
 
+/// Whether the line gives one of our keys, in one of the languages if it is in any.
+bool isOfUse(std::string_view line, const std::vector<std::string>& languages) {
+    constexpr std::array<std::string_view, 10> keys = {
+        "Type",         "Hidden",          "NoDisplay",    "Name",
+        "Icon",         "X-Flatpak",       fileSharingKey, "X-Flatpak-RenamedFrom",
+        openInPlaceKey, documentBrowserKey};
+    const auto end = std::min(line.find_first_of("=[ \t"), line.size());
+    if (std::ranges::find(keys, line.substr(0, end)) == keys.end()) return false;
+    if (end == line.size() || line[end] != '[') return true;
+    const auto locale = line.substr(end + 1, line.find(']', end) - end - 1);
+    return std::ranges::find(languages, locale) != languages.end();
+}
+
 /// The lines of the group that are of use. Most of an entry is translations into other languages,
 /// which would take most of the time and memory.
-std::string linesOfUse(std::string_view text) {
-    constexpr std::array<std::string_view, 10> keys = {"Type",
-                                                       "Hidden",
-                                                       "NoDisplay",
-                                                       "Name",
-                                                       "Icon",
-                                                       "X-Flatpak",
-                                                       "X-Flatpak-RenamedFrom",
-                                                       documentBrowserKey,
-                                                       openInPlaceKey,
-                                                       fileSharingKey};
+std::string linesOfUse(std::string_view text, const std::vector<std::string>& languages) {
     std::string lines;
     bool isInGroup = false;
     while (!text.empty()) {
@@ -77,8 +80,7 @@ std::string linesOfUse(std::string_view text) {
         if (line.starts_with('[')) {
             if (isInGroup) break;  // the group comes first, and once
             isInGroup = line.starts_with("[Desktop Entry]");
-        } else if (std::ranges::find(keys, line.substr(0, line.find_first_of("=[ \t"))) ==
-                   keys.end()) {
+        } else if (!isOfUse(line, languages)) {
             continue;
         }
         lines.append(line).append("\n");
@@ -90,7 +92,7 @@ std::string linesOfUse(std::string_view text) {
 
 Result<DesktopEntry> parseDesktopEntry(std::string_view text,
                                        const std::vector<std::string>& languages) {
-    const auto lines = linesOfUse(text);
+    const auto lines = linesOfUse(text, languages);
     const KeyFile holder(g_key_file_new());
     auto* file = holder.get();
     GError* raw = nullptr;

@@ -1,0 +1,180 @@
+#include <gmock/gmock.h>
+
+#include <fstream>
+#include <thread>
+
+#include "tests/platform/volume/VolumeFixture.h"
+
+namespace tests {
+namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
+using testing::AllOf;
+using testing::Contains;
+using testing::Each;
+using testing::IsEmpty;
+using testing::IsSupersetOf;
+using testing::Not;
+using testing::UnorderedElementsAre;
+namespace fs = std::filesystem;
+
+/// A library "L" beside the storage "S", which a volume service follows.
+class RootsTest : public VolumeFixture {
+  protected:
+    RootsTest() {
+        follows = true;
+        adjust = [](VolumeService::Configuration& configuration) {
+            configuration.windows = {5ms, 40ms, 200ms};
+        };
+        scratch.makeFile("container/Documents/note");
+        scratch.makeFile("container/Documents/deep/er/note");
+        makeFile("mine");
+        open();
+        root = present();
+        EXPECT_TRUE(service->waitUntilSettled());
+        since = service->currentEventID();
+    }
+    QSURL present() const {
+        const auto container = files->addContainer("org.a", (scratch / "container").string());
+        return container.value().URLByAppendingPathComponent("Documents");
+    }
+    /// Since the last call: what happened, a letter for the kind before each path.
+    std::vector<std::string> events() {
+        std::vector<std::string> all;
+        const auto found = service->eventsAfter(since, service->currentEventID(), 100'000);
+        if (!found) throw std::runtime_error(found.error().description());
+        for (const auto& event : *found) {
+            since = event.id;
+            auto path = event.path;
+            if (path.starts_with(root.path())) path.replace(0, root.path().size(), "L");
+            if (path.starts_with(presentedStoragePath)) {
+                path.replace(0, presentedStoragePath.size(), "S");
+            }
+            const auto has = [&](FSEventFlags flag) { return (event.flags & flag) != 0; };
+            all.push_back((has(fsEventCreated) ? "+" : has(fsEventRemoved) ? "-" : "~") + path);
+        }
+        return all;
+    }
+    Identity identifyInLibrary(const std::string& path) const {
+        auto at = root;
+        std::string_view name = path;
+        for (auto slash = name.find('/'); slash != std::string_view::npos; slash = name.find('/')) {
+            at = at.URLByAppendingPathComponent(name.substr(0, slash));
+            name.remove_prefix(slash + 1);
+        }
+        const auto object = files->freshAttributes(at.URLByAppendingPathComponent(name)).value();
+        std::vector<VolumeService::IdentityRequest> request{
+            {.object = object.get(),
+             .name = name,
+             .wantsDocumentID = !object->isDirectory(),
+             .result = {}}};
+        const auto done = service->identify(request);
+        if (!done) throw std::runtime_error(done.error().description());
+        return request.front().result;
+    }
+
+    QSURL root = QSURL::fileURLWithPath("/");
+    std::uint64_t since = 0;
+};
+
+TEST_F(RootsTest, WhatComesAndGoesWithARootIsRecordedObjectByObject) {
+    ASSERT_TRUE(service->addRoot(root));
+    EXPECT_THAT(events(), AllOf(Contains("~S"), IsSupersetOf({"+L/note", "+L/deep", "+L/deep/er",
+                                                              "+L/deep/er/note"})));
+    ASSERT_TRUE(service->addRoot(root));
+    EXPECT_THAT(events(), IsEmpty());
+    const auto note = identifyInLibrary("note");
+    const auto deep = identifyInLibrary("deep/er/note");
+    const auto folder = identifyInLibrary("deep");
+
+    // Watched from now on.
+    scratch.makeFile("container/Documents/deep/er/late");
+    ASSERT_TRUE(service->waitUntilSettled());
+    EXPECT_THAT(events(), Contains("+L/deep/er/late"));
+
+    ASSERT_TRUE(service->removeRoot(root));
+    EXPECT_THAT(events(), UnorderedElementsAre("~S", "-L/note", "-L/deep", "-L/deep/er/note"));
+    EXPECT_TRUE(fs::exists(scratch / "container/Documents/deep/er/note"));
+    EXPECT_THAT(service->placesOfDocumentID(note.documentID), IsEmpty());
+    EXPECT_EQ(service->statistics().roots.size(), 1U);
+    // Its folders are not listened to any more.
+    scratch.makeFile("container/Documents/deep/unheard");
+    makeFile("heard");
+    ASSERT_TRUE(service->waitUntilSettled());
+    EXPECT_THAT(events(), Each(testing::AnyOf("~S", "+S/heard", "~S/heard")));
+    ASSERT_TRUE(service->removeRoot(root));
+    ASSERT_TRUE(service->removeRoot(files->storageURL()));
+    EXPECT_THAT(events(), IsEmpty());
+
+    ASSERT_TRUE(service->addRoot(root));
+    EXPECT_THAT(events(), IsSupersetOf({"~S", "+L/note", "+L/deep", "+L/deep/er/note",
+                                        "+L/deep/er/late", "+L/deep/unheard"}));
+    EXPECT_EQ(identifyInLibrary("note").documentID, note.documentID);
+    EXPECT_EQ(identifyInLibrary("deep/er/note").documentID, deep.documentID);
+    EXPECT_EQ(identifyInLibrary("deep").fileID, folder.fileID);
+}
+
+TEST_F(RootsTest, ARootThatIsKnownFromTheLastRunIsNoNews) {
+    ASSERT_TRUE(service->addRoot(root));
+    const auto note = identifyInLibrary("note");
+    ASSERT_TRUE(service->waitUntilSettled());
+    service.reset();
+    fs::remove(scratch / "container/Documents/note");
+    open();
+    (void)events();
+    ASSERT_TRUE(service->addRoot(root));
+    ASSERT_TRUE(service->waitUntilSettled());
+    const auto now = events();
+    EXPECT_THAT(now, Contains("-L/note"));
+    EXPECT_THAT(now, AllOf(Not(Contains("~S")), Not(Contains("+L/deep")),
+                           Not(Contains("+L/deep/er/note"))));
+    EXPECT_THAT(service->placesOfDocumentID(note.documentID), IsEmpty());
+}
+
+TEST_F(RootsTest, AFolderThatTakesARootsPlaceIsAnotherOne) {
+    ASSERT_TRUE(service->addRoot(root));
+    (void)identifyInLibrary("note");
+    (void)events();
+    fs::rename(scratch / "container/Documents", scratch / "container/Old");
+    scratch.makeFile("container/Documents/other");
+    ASSERT_TRUE(service->addRoot(root));
+    EXPECT_THAT(events(), IsSupersetOf({"-L/note", "+L/other", "~S"}));
+    EXPECT_EQ(service->statistics().roots.size(), 2U);
+}
+
+TEST_F(RootsTest, DocumentsThatMoveBetweenRootsKeepTheirIdentifiers) {
+    ASSERT_TRUE(service->addRoot(root));
+    const auto note = identifyInLibrary("note");
+    fs::rename(scratch / "container/Documents/note", native("note"));
+    ASSERT_TRUE(service->waitUntilSettled());
+    EXPECT_EQ(identify("note").documentID, note.documentID);
+    ASSERT_TRUE(service->removeRoot(root));
+    EXPECT_EQ(service->placesOfDocumentID(note.documentID), std::vector{url("note")});
+}
+
+TEST_F(RootsTest, RootsComeAndGoWhileAllElseGoesOn) {
+    std::jthread writer([&](const std::stop_token& stop) {
+        for (int i = 0; !stop.stop_requested(); i = (i + 1) % 50) {
+            scratch.makeFile("container/Documents/deep/" + std::to_string(i));
+            makeFile(std::to_string(i));
+            fs::remove(scratch / ("container/Documents/deep/" + std::to_string((i + 25) % 50)));
+        }
+    });
+    for (int round = 0; round < 20; ++round) {
+        ASSERT_TRUE(service->addRoot(root));
+        (void)identifyInLibrary("note");
+        ASSERT_TRUE(service->removeRoot(root));
+    }
+    ASSERT_TRUE(service->addRoot(root));
+    writer = {};
+    ASSERT_TRUE(service->waitUntilSettled());
+    const auto folder = root.URLByAppendingPathComponent("deep");
+    const auto entries = std::distance(fs::directory_iterator(scratch / "container/Documents/deep"),
+                                       fs::directory_iterator());
+    EXPECT_EQ(service->entryCount(*files->freshAttributes(folder).value()),
+              static_cast<std::uint64_t>(entries));
+}
+
+}  // namespace
+}  // namespace tests
