@@ -52,7 +52,6 @@ class MutationsFixture : public InstalledPlatform {
   protected:
     MutationsFixture() {
         (void)folder("in");
-        scratch.makeFolder("container/Documents");
         start();
     }
     ~MutationsFixture() override {
@@ -61,14 +60,12 @@ class MutationsFixture : public InstalledPlatform {
     }
 
     void start() {
-        const auto container =
-            installed->files().addContainer("org.a", (scratch / "container").string());
-        installed->workspace().registerApplication(std::make_shared<const platform::QLBundleProxy>(
-            platform::QLBundleProxy{"org.a", container.value(), "App"}));
-        ASSERT_TRUE(installed->volume().addRoot(libraryURL()));
+        (void)installApplication("org.a", "App", "X-Quenby-SupportsDocumentBrowser=true\n");
+        installed->workspace().refresh();
+        const std::vector shown{installed->workspace().bundleProxyForIdentifier("org.a")};
+        ASSERT_TRUE(installed->containers().show(shown).empty());
         provider = tidewell::LocalFileProvider::init();
-        tidewell::AppLibraryRootTable::shared().replace(
-            {{libraryURL(), installed->workspace().bundleProxyForIdentifier("org.a")}});
+        tidewell::AppLibraryRootTable::shared().replace({{libraryURL(), shown.front()}});
     }
     void end() {
         provider.reset();
@@ -79,7 +76,7 @@ class MutationsFixture : public InstalledPlatform {
         return platform::QSURL::fileURLWithPath(
             "/private/var/tidewell/Containers/org.a/Documents/" + below);
     }
-    fs::path library() const { return scratch / "container/Documents"; }
+    fs::path library() const { return scratch / "containers/org.a/Documents"; }
 
     std::string id(const std::string& below) {
         return provider->persistentIdentifierForItemAtURL(url(below)).value_or("none");

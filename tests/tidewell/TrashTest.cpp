@@ -49,7 +49,7 @@ class TrashTest : public tests::MutationsFixture {
 };
 
 TEST_F(TrashTest, RecordsWhenAndFromWhereAndPutsBack) {
-    scratch.makeFile("container/Documents/a/b/doc.txt", "mine");
+    scratch.makeFile("containers/org.a/Documents/a/b/doc.txt", "mine");
     const auto identifier = libraryID("a/b/doc.txt");
     const auto before = QSDate::now();
     const auto trashed = trash(identifier);
@@ -62,7 +62,7 @@ TEST_F(TrashTest, RecordsWhenAndFromWhereAndPutsBack) {
     EXPECT_TRUE(trash(identifier));  // again: it keeps its record
     EXPECT_EQ(*attribute(place, putBack).value().asString(), "a/b/doc.txt");
 
-    scratch.makeFile("container/Documents/a/b/doc.txt", "another");
+    scratch.makeFile("containers/org.a/Documents/a/b/doc.txt", "another");
     const auto back = untrash(identifier);
     ASSERT_TRUE(back) << back.error().description();
     EXPECT_EQ((*back)->filename(), "doc 2.txt");
@@ -113,11 +113,11 @@ TEST_F(TrashTest, AnUnsafeTrashIsRefused) {
 }
 
 TEST_F(TrashTest, APutBackRecordNeverLeadsOutOfTheLibrary) {
-    scratch.makeFile("container/secret", "untouched");
-    scratch.makeFile("container/Documents/file");
-    scratch.makeFile("container/Documents/.Trash/other/x");
+    scratch.makeFile("containers/org.a/secret", "untouched");
+    scratch.makeFile("containers/org.a/Documents/file");
+    scratch.makeFile("containers/org.a/Documents/.Trash/other/x");
     fs::create_directory_symlink(scratch.path(), library() / "escape");
-    const auto before = pathsBelow(scratch / "container");
+    const auto before = pathsBelow(scratch / "containers/org.a");
     QSData garbage(60'000, 0x61);
     const std::vector<QSPropertyList> hostile{"../../x",
                                               "/../x",
@@ -131,7 +131,7 @@ TEST_F(TrashTest, APutBackRecordNeverLeadsOutOfTheLibrary) {
                                               std::string(5000, 'n') + "/x",
                                               QSDate::now()};
     for (std::size_t i = 0; i <= hostile.size(); ++i) {
-        scratch.makeFile("container/Documents/victim", "victim");
+        scratch.makeFile("containers/org.a/Documents/victim", "victim");
         const auto item = libraryID("victim");
         ASSERT_TRUE(trash(item));
         const auto trashed = library() / ".Trash/victim";
@@ -149,14 +149,14 @@ TEST_F(TrashTest, APutBackRecordNeverLeadsOutOfTheLibrary) {
         ASSERT_TRUE(back) << i << back.error().description();
         EXPECT_EQ(contentOf(library() / "victim"), "victim") << i;
         fs::remove(library() / "victim");
-        EXPECT_EQ(pathsBelow(scratch / "container"), before) << i;
+        EXPECT_EQ(pathsBelow(scratch / "containers/org.a"), before) << i;
     }
-    EXPECT_EQ(contentOf(scratch / "container/secret"), "untouched");
+    EXPECT_EQ(contentOf(scratch / "containers/org.a/secret"), "untouched");
 }
 
 TEST_F(TrashTest, OldTrashIsRemovedAndWhatHasNoDateGetsOne) {
     const QSDate reference{1'700'000'000, 0};
-    for (const auto* where : {"storage", "container/Documents"}) {
+    for (const auto* where : {"storage", "containers/org.a/Documents"}) {
         const auto trashFolder = scratch.makeFolder(std::string(where) + "/.Trash");
         for (const auto* name :
              {"older/below", "equal", "newer", "undated", "garbage", ".hidden"}) {
