@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <set>
 
 #include "platform/log/Log.h"
@@ -27,33 +29,41 @@ QSURL rootURL(std::string_view identifier) {
     return containerURL(identifier).URLByAppendingPathComponent("Documents");
 }
 
-/// The state of the folder, or of the nearest one above it that there is.
-Result<struct stat> nearestState(fs::path path) {
+/// A folder, or the nearest one above it that there is.
+struct Nearest {
+    std::string path;
     struct stat status {};
-    while (stat(path.c_str(), &status) != 0) {
-        if (errno != ENOENT || !path.has_relative_path()) {
-            return std::unexpected(errorFromErrno(errno, path.native()));
+};
+
+Result<Nearest> nearestTo(const std::string& wanted) {
+    Nearest nearest{wanted};
+    while (stat(nearest.path.c_str(), &nearest.status) != 0) {
+        const auto slash = nearest.path.rfind('/');
+        if (errno != ENOENT || slash == std::string::npos || nearest.path == "/") {
+            return std::unexpected(errorFromErrno(errno, wanted));
         }
-        path = path.parent_path();
+        nearest.path.resize(slash == 0 ? 1 : slash);
     }
-    if (!S_ISDIR(status.st_mode)) return std::unexpected(errorFromErrno(ENOTDIR, path.native()));
-    return status;
+    if (!S_ISDIR(nearest.status.st_mode)) return std::unexpected(errorFromErrno(ENOTDIR, wanted));
+    return nearest;
 }
 
 }  // namespace
 
 Result<QSURL> AppContainers::URLForContainer(std::string_view identifier,
                                              const std::string& path) const {
-    const auto state = nearestState(path);
-    if (!state) return std::unexpected(state.error());
+    const auto nearest = nearestTo(path);
+    if (!nearest) return std::unexpected(nearest.error());
     const auto& storage = files_.nativeStoragePath();
     struct stat own {};
-    if (stat(storage.c_str(), &own) == 0 && own.st_dev != state->st_dev) {
+    if (stat(storage.c_str(), &own) == 0 && own.st_dev != nearest->status.st_dev) {
         return std::unexpected(errorFromErrno(EXDEV, path));
     }
-    std::error_code error;
-    const auto resolved = fs::weakly_canonical(path, error).native();
-    if (!error && (liesIn(resolved, storage) || liesIn(storage, resolved))) {
+    const std::unique_ptr<char, void (*)(void*)> real(realpath(nearest->path.c_str(), nullptr),
+                                                      std::free);
+    if (!real) return std::unexpected(errorFromErrno(errno, path));
+    const bool holdsStorage = nearest->path == path && liesIn(storage, real.get());
+    if (holdsStorage || liesIn(real.get(), storage)) {
         return std::unexpected(errorFromErrno(EINVAL, path));
     }
     return containerURL(identifier);
