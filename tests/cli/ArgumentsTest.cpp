@@ -34,7 +34,16 @@ TEST(ArgumentsTest, WhatMakesNoSenseIsAUsageError) {
                                                       {"changes"},
                                                       {"changes", "x", "--since", "?"},
                                                       {"watch", "x", "--one-page"},
-                                                      {"sync", "x"}};
+                                                      {"sync", "x"},
+                                                      {"mkdir", "x"},
+                                                      {"import", "--to", "x"},
+                                                      {"rename", "x"},
+                                                      {"mv", "x"},
+                                                      {"trash"},
+                                                      {"empty-trash"},
+                                                      {"empty-trash", "--older-than", "30"},
+                                                      {"empty-trash", "--older-than", "-1d"},
+                                                      {"watch", "x", "--trash-age", "never"}};
     for (auto line : lines) {
         const auto shown = testing::PrintToString(line);
         const auto plain = parse(line);

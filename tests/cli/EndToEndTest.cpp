@@ -234,6 +234,58 @@ TEST_F(TidewellTest, TheStorageMayHaveAnyNameAndPlace) {
     }
 }
 
+TEST_F(TidewellTest, DocumentsAreChangedAndErrorsAreExact) {
+    scratch.makeFile("Dokumente/in/a", "a");
+    scratch.makeFile("Dokumente/in/b", "b");
+    scratch.makeFile("import/deep/file", "content");
+    const auto in = (storage / "in").string();
+    const auto document = identifierOf(storage / "in/a");
+    const auto succeeds = [&](std::vector<std::string> words, const fs::path& place) {
+        const auto outcome = runJson(words);
+        EXPECT_EQ(outcome.exitCode, 0) << testing::PrintToString(words) << outcome.error;
+        EXPECT_EQ(valuesOf(outcome.lines(), "path"), std::vector<std::string>{place});
+    };
+    succeeds({"mkdir", "new", "--in", in}, storage / "in/new");
+    succeeds({"import", scratch / "import", "--to", in}, storage / "in/import");
+    EXPECT_EQ(contentOf(storage / "in/import/deep/file"), "content");
+    succeeds({"rename", document, "c"}, storage / "in/c");
+    succeeds({"mv", document, "--to", storage / "in/new", "--name", "d"}, storage / "in/new/d");
+    succeeds({"trash", document}, storage / ".Trash/d");
+    succeeds({"empty-trash", "--older-than", "0s", "--dry-run"}, storage / ".Trash/d");
+    succeeds({"untrash", document, "--to", "root"}, storage / "d");
+    succeeds({"trash", document}, storage / ".Trash/d");
+    succeeds({"empty-trash", "--older-than", "0s"}, storage / ".Trash/d");
+    EXPECT_FALSE(fs::exists(storage / ".Trash/d"));
+    succeeds({"rm", storage / "in/import"}, storage / "in/import");
+    EXPECT_FALSE(fs::exists(storage / "in/import"));
+
+    const auto fails = [&](std::vector<std::string> words, const char* domain, int code, int exit) {
+        const auto outcome = runJson(words);
+        const auto error = json::parse(outcome.error, nullptr, false);
+        ASSERT_TRUE(error.is_object()) << testing::PrintToString(words) << outcome.error;
+        EXPECT_EQ(error["error"]["domain"], domain) << outcome.error;
+        EXPECT_EQ(error["error"]["code"], code) << outcome.error;
+        EXPECT_EQ(outcome.exitCode, exit);
+    };
+    const auto b = identifierOf(storage / "in/b");
+    fails({"mkdir", "x", "--in", "root"}, "QSMochaErrorDomain", 513, 1);
+    fails({"import", scratch / "import", "--to", "root"}, "QSMochaErrorDomain", 513, 1);
+    fails({"mv", b, "--to", "root"}, "QSMochaErrorDomain", 513, 1);
+    fails({"rm", "root"}, "QSMochaErrorDomain", 513, 1);
+    fails({"rename", document, "x"}, "QSFileProviderErrorDomain", -1005, 3);
+    fails({"mkdir", "x", "--in", document}, "QSFileProviderErrorDomain", -1005, 3);
+    fails({"rename", b, "new"}, "QSFileProviderErrorDomain", -1001, 1);
+    fails({"mv", document, "--to", in}, "QPErrorDomain", 1, 3);
+    fails({"mv", b, "--to", "fid=1"}, "QPErrorDomain", 1, 3);
+    fails({"trash", document}, "QPErrorDomain", 1, 3);
+    fails({"untrash", document}, "QPErrorDomain", 1, 3);
+    fails({"untrash", b}, "QPErrorDomain", 2, 1);
+    fails({"rename", b, "../x"}, "QSPOSIXErrorDomain", EINVAL, 1);
+    succeeds({"trash", b}, storage / ".Trash/b");
+    const auto untrashed = run({"untrash", b});
+    EXPECT_NE(untrashed.error.find("give --to"), std::string::npos) << untrashed.error;
+}
+
 TEST_F(TidewellTest, AReaderThatGoesAwayEndsItQuietly) {
     for (int i = 0; i < 400; ++i) scratch.makeFile("Dokumente/" + std::to_string(i));
     const auto pipe = (scratch / "pipe").string();
