@@ -83,7 +83,9 @@ void Reconciler::decide(std::uint32_t document, Time passStart, bool mustDecide)
         const std::unique_lock lock(state_.indexMutex);
         successor = state_.index.findObject(vacancy.place.folder, vacancy.place.name);
         for (const auto node : {vacancy.owner, successor}) {
-            if (node != ObjectIndex::none) state_.index.setUndecided(node, false);
+            if (node == ObjectIndex::none) continue;
+            state_.index.setUndecided(node, false);
+            updateHold(node);
         }
     }
     if (verdict == Verdict::Moves) moveDocument(document, vacancy, successor);
@@ -122,7 +124,6 @@ void Reconciler::moveDocument(std::uint32_t document, const Departures::Vacancy&
             owner.documentID = 0;
             index.setIdentity(vacancy.owner, owner);
             index.markDirty(vacancy.owner);
-            index.setHeld(vacancy.owner, false);
             index.setMetadata(vacancy.owner, {});
             index.forEachName(vacancy.owner, [&](ObjectIndex::EntryNumber at) {
                 record(fsEventModified, vacancy.owner, placeOf(at).path, index.entry(at).folder);
@@ -243,7 +244,7 @@ void Reconciler::finish(NodeNumber node) {
     const auto departure = departures_.takeDeparture(node);
     const std::unique_lock lock(state_.indexMutex);
     auto& index = state_.index;
-    index.setHeld(node, false);
+    updateHold(node);
     if (!departure || index.node(node).firstName != ObjectIndex::none) return;
     recordGone(index.node(node), departure->last);
     index.setUndecided(node, false);
@@ -264,9 +265,8 @@ void Reconciler::finishOrphan(const Orphan& orphan) {
     decide(orphan.documentID, now_, true);
     const std::unique_lock lock(state_.indexMutex);
     const auto node = state_.index.findInode(orphan.node.inode);
-    orphaned_.erase(node);
-    state_.index.setHeld(node, false);
-    state_.index.setUndecided(node, false);
+    if (node != ObjectIndex::none) state_.index.setUndecided(node, false);
+    orphanChanges_.push_back({orphan.documentID, std::nullopt});
     if (state_.index.findDocumentID(orphan.documentID) != ObjectIndex::none) return;
     recordGone(orphan.node, orphan.departure.last);
 }

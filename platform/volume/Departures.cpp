@@ -13,14 +13,15 @@ const Departures::Departure* Departures::departure(NodeNumber node) const {
     return found == departed_.end() ? nullptr : &found->second;
 }
 
-void Departures::vacate(std::uint32_t documentID, const Vacancy& vacancy) {
+Departures::NodeNumber Departures::vacate(std::uint32_t documentID, const Vacancy& vacancy) {
     const std::pair place(vacancy.place.folder, vacancy.place.name);
-    if (!vacancies_.try_emplace(documentID, vacancy).second) return;
+    if (!vacancies_.try_emplace(documentID, vacancy).second) return ObjectIndex::none;
     // A document that left the name before has lost it for good.
     const auto [former, isNew] = byPlace_.try_emplace(place, documentID);
-    if (isNew) return;
-    vacancies_.erase(former->second);
+    if (isNew) return ObjectIndex::none;
+    const auto ended = vacancies_.extract(former->second);
     former->second = documentID;
+    return ended.empty() ? ObjectIndex::none : ended.mapped().owner;
 }
 
 void Departures::closeVacancy(std::uint32_t documentID) {
@@ -30,12 +31,17 @@ void Departures::closeVacancy(std::uint32_t documentID) {
     vacancies_.erase(found);
 }
 
-void Departures::closeVacanciesIn(NodeNumber folder) {
+std::vector<Departures::NodeNumber> Departures::closeVacanciesIn(NodeNumber folder) {
+    std::vector<NodeNumber> owners;
     for (auto at = byPlace_.lower_bound({folder, {}});
          at != byPlace_.end() && at->first.first == folder;) {
-        vacancies_.erase(at->second);
+        const auto ended = vacancies_.extract(at->second);
+        if (!ended.empty() && ended.mapped().owner != ObjectIndex::none) {
+            owners.push_back(ended.mapped().owner);
+        }
         at = byPlace_.erase(at);
     }
+    return owners;
 }
 
 Departures::Vacancy* Departures::vacancy(std::uint32_t documentID) {

@@ -53,11 +53,12 @@ class Departures {
     std::optional<Departure> takeDeparture(NodeNumber node);
     [[nodiscard]] const Departure* departure(NodeNumber node) const;
 
-    /// The first name that the document left within the window stays the one that counts.
-    void vacate(std::uint32_t documentID, const Vacancy& vacancy);
+    /// The first name that the document left within the window stays the one that counts. Returns
+    /// the owner of a vacancy that this one ends, none where there is none.
+    NodeNumber vacate(std::uint32_t documentID, const Vacancy& vacancy);
     void closeVacancy(std::uint32_t documentID);
-    /// The folder has gone, and its number is another one's.
-    void closeVacanciesIn(NodeNumber folder);
+    /// The folder has gone, and its number is another one's. Returns the owners.
+    std::vector<NodeNumber> closeVacanciesIn(NodeNumber folder);
     [[nodiscard]] Vacancy* vacancy(std::uint32_t documentID);
     /// The document that left this name, 0 where none did.
     [[nodiscard]] std::uint32_t documentThatLeft(NodeNumber folder, std::string_view name) const;

@@ -64,7 +64,7 @@ void Follower::follow() {
     }
     {
         const std::scoped_lock store(state_.storeMutex);
-        reconciler_.takeUpDisplaced(now());
+        reconciler_.takeUpUndecided(now());
     }
     scanEverything(Reconciler::Occasion::Scan);
     isFollowing_ = true;
@@ -371,6 +371,10 @@ Result<void> Follower::scanSomeOf(std::deque<NodeNumber>& toScan, Reconciler::Oc
 void Follower::endScan() {
     {
         const std::scoped_lock store(state_.storeMutex);
+        if (scanOccasion_ == Reconciler::Occasion::Scan) {
+            reconciler_.leaveLostFolders(now());
+            noteCommit(reconciler_.commit());
+        }
         reconciler_.decideAfterScan(now());
         for (const auto& root : state_.roots) {
             const auto folder = state_.configuration.files.openFolder(root.url);

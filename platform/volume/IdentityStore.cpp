@@ -17,7 +17,7 @@ namespace platform {
 namespace {
 
 constexpr const char* schema = R"(
-PRAGMA user_version = 2;
+PRAGMA user_version = 3;
 CREATE TABLE state (
     id INTEGER PRIMARY KEY CHECK (id = 1),
     store TEXT NOT NULL, history TEXT NOT NULL,
@@ -26,7 +26,7 @@ CREATE TABLE state (
     volume TEXT NOT NULL, root_inode INTEGER NOT NULL, root_generation INTEGER NOT NULL,
     trouble TEXT NOT NULL, sum INTEGER NOT NULL) STRICT;
 )";
-constexpr std::string_view schemaVersion = "2";
+constexpr std::string_view schemaVersion = "3";
 
 struct CounterRule {
     std::uint64_t step;  ///< reserved ahead
@@ -139,7 +139,10 @@ Result<std::unique_ptr<IdentityStore>> IdentityStore::open(const std::string& da
             return store->path_ + ": " + decision.state.trouble + "; going on with a new history";
         });
     }
-    if (decision.dropsObjects) index.clear();
+    if (decision.dropsObjects) {
+        index.clear();
+        store->orphansFound_.clear();
+    }
     if (decision.isNews) {
         if (auto done = store->adopt(decision.state, decision.dropsObjects); !done) {
             return std::unexpected(done.error());
@@ -170,11 +173,14 @@ Result<StoreState> IdentityStore::readExisting(ObjectIndex& index) {
     if (*check != "ok") return std::unexpected(damage(*check));
     auto state = readState(database_);
     if (!state) return state;
-    if (auto loaded = objects_.load(database_, index); !loaded) {
-        return std::unexpected(loaded.error().code == EUCLEAN
-                                   ? damage("a row does not match its checksum")
-                                   : loaded.error());
+    const auto loaded = objects_.load(database_, index);
+    auto orphans = orphans_.load(database_);
+    if (!loaded || !orphans) {
+        const auto& error = loaded ? orphans.error() : loaded.error();
+        return std::unexpected(error.code == EUCLEAN ? damage("a row does not match its checksum")
+                                                     : error);
     }
+    orphansFound_ = std::move(*orphans);
     if (auto ready = prepareStatements(); !ready) return std::unexpected(ready.error());
     return state;
 }
@@ -190,6 +196,7 @@ Result<void> IdentityStore::openDatabase() {
 Result<void> IdentityStore::prepareStatements() {
     if (auto done = objects_.prepare(database_); !done) return done;
     if (auto done = events_.prepare(database_); !done) return done;
+    if (auto done = orphans_.prepare(database_); !done) return done;
     auto state = database_.prepare(
         "INSERT OR REPLACE INTO state VALUES(1, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
     if (!state) return std::unexpected(state.error());
@@ -201,7 +208,7 @@ Result<void> IdentityStore::create() {
     if (auto opened = openDatabase(); !opened) return opened;
     SQLiteTransaction transaction(database_);
     if (auto begun = transaction.begin(); !begun) return begun;
-    for (const char* sql : {schema, ObjectTable::schema, EventTable::schema}) {
+    for (const char* sql : {schema, ObjectTable::schema, EventTable::schema, OrphanTable::schema}) {
         if (auto made = database_.execute(sql); !made) return made;
     }
     if (auto committed = transaction.commit(); !committed) return committed;
@@ -211,6 +218,7 @@ Result<void> IdentityStore::create() {
 void IdentityStore::closeDatabase() {
     objects_.close();
     events_.close();
+    orphans_.close();
     insertState_ = {};
     database_ = {};
 }
@@ -233,11 +241,13 @@ Result<void> IdentityStore::adopt(StoreState state, bool dropsObjects) {
     const std::uint64_t known = witness_.record() ? witness_.record()->marks.sequence : 0;
     state.marks.sequence = std::max(state.marks.sequence, known) + 1;
     if (dropsObjects) {
-        if (auto done = database_.execute("DELETE FROM objects; DELETE FROM names"); !done) {
+        if (auto done =
+                database_.execute("DELETE FROM objects; DELETE FROM names; DELETE FROM orphans");
+            !done) {
             return std::unexpected(reported(done.error()));
         }
     }
-    if (auto written = writeTransaction({}, &state, {}); !written) {
+    if (auto written = writeTransaction({}, &state, {}, {}); !written) {
         return std::unexpected(reported(written.error()));
     }
     if (auto seen = witness_.write({state.store, state.history, state.marks}); !seen) return seen;
@@ -256,7 +266,8 @@ Result<std::uint64_t> IdentityStore::take(Counter counter) {
 }
 
 Result<void> IdentityStore::commit(std::span<const ObjectRow> rows, Durability durability,
-                                   std::span<EventRecord> events) {
+                                   std::span<EventRecord> events,
+                                   std::span<const OrphanChange> orphans) {
     for (auto& record : events) {
         const auto id = take(Counter::Event);
         if (!id) return std::unexpected(id.error());
@@ -278,7 +289,7 @@ Result<void> IdentityStore::commit(std::span<const ObjectRow> rows, Durability d
             if (last) next.floor = std::max(next.floor, *last);
         }
     }
-    auto done = writeTransaction(rows, isDurable ? &next : nullptr, events);
+    auto done = writeTransaction(rows, isDurable ? &next : nullptr, events, orphans);
     if (done && isDurable) {
         // What follows must never repeat a sequence number that the store may hold already.
         state_.marks = next.marks;
@@ -309,10 +320,12 @@ Result<std::vector<EventRecord>> IdentityStore::events(std::uint64_t after, std:
 
 Result<void> IdentityStore::writeTransaction(std::span<const ObjectRow> rows,
                                              const StoreState* state,
-                                             std::span<const EventRecord> events) {
+                                             std::span<const EventRecord> events,
+                                             std::span<const OrphanChange> orphans) {
     SQLiteTransaction transaction(database_);
     if (auto begun = transaction.begin(); !begun) return begun;
     if (auto written = objects_.write(rows); !written) return written;
+    if (auto written = orphans_.write(orphans); !written) return written;
     if (auto written = events_.append(events); !written) return written;
     if (state) {
         if (state->floor > state_.floor) {

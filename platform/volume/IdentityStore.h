@@ -12,6 +12,7 @@
 #include "platform/foundation/QSUUID.h"
 #include "platform/volume/EventTable.h"
 #include "platform/volume/ObjectTable.h"
+#include "platform/volume/OrphanTable.h"
 #include "platform/volume/SQLite.h"
 #include "platform/volume/StoreLock.h"
 #include "platform/volume/VolumeFingerprint.h"
@@ -71,7 +72,10 @@ class IdentityStore {
     /// Writes whole rows in one transaction, all or nothing; fails with ENOSPC or EIO.
     /// Events get their IDs here, and need to be durable.
     Result<void> commit(std::span<const ObjectRow> rows, Durability durability,
-                        std::span<EventRecord> events = {});
+                        std::span<EventRecord> events = {},
+                        std::span<const OrphanChange> orphans = {});
+    /// Those that the last run left undecided; once.
+    [[nodiscard]] std::vector<OrphanRow> takeOrphans() { return std::exchange(orphansFound_, {}); }
 
     /// after < ID <= upTo, at most `limit`. ESTALE where the history does not reach back to
     /// `after`, never came as far, or is damaged there.
@@ -93,7 +97,8 @@ class IdentityStore {
     void closeDatabase();
     void setAside();
     Result<void> writeTransaction(std::span<const ObjectRow> rows, const StoreState* state,
-                                  std::span<const EventRecord> events);
+                                  std::span<const EventRecord> events,
+                                  std::span<const OrphanChange> orphans);
     Result<void> writeState(const StoreState& state);
     Result<void> adopt(StoreState state, bool dropsObjects);
     [[nodiscard]] QSError reported(const QSError& error);
@@ -106,9 +111,12 @@ class IdentityStore {
     std::array<std::uint64_t, counterCount> committed_{};
     std::atomic<std::uint64_t> lastEvent_ = 0;
 
+    std::vector<OrphanRow> orphansFound_;
+
     SQLiteDatabase database_;  // outlives its statements
     ObjectTable objects_;
     EventTable events_;
+    OrphanTable orphans_;
     SQLiteStatement insertState_;
 };
 

@@ -268,6 +268,18 @@ std::vector<ObjectIndex::NodeNumber> ObjectIndex::takeDirty() {
     return taken;
 }
 
+std::vector<ObjectIndex::EntryNumber> ObjectIndex::entriesInNoFolder() const {
+    std::vector<EntryNumber> found;
+    for (EntryNumber number = 0; number < entries_.size(); ++number) {
+        const auto folder = entry(number).folder;
+        if (folder == none) continue;
+        const Node& holder = node(folder);
+        const bool isFolder = holder.stamp == 0 || holder.kind == ObjectKind::Directory;
+        if (!isFolder || (holder.firstName == none && !holder.isRoot)) found.push_back(number);
+    }
+    return found;
+}
+
 void ObjectIndex::markDirty(NodeNumber number) {
     if (nodes_[number].isDirty) return;
     nodes_[number].isDirty = true;

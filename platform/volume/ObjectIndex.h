@@ -152,6 +152,9 @@ class ObjectIndex {
 
     /// The nodes that differ from the store and are not held; they count as stored from now on.
     [[nodiscard]] std::vector<NodeNumber> takeDirty();
+
+    /// Entries in what has no name itself and is no root, or is no folder. Looks at every entry.
+    [[nodiscard]] std::vector<EntryNumber> entriesInNoFolder() const;
     void markDirty(NodeNumber number);
     void markStored(NodeNumber number) { nodes_[number].isDirty = false; }
     /// At least as many as there are.

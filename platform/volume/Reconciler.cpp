@@ -77,21 +77,45 @@ Reconciler::NodeNumber Reconciler::expect(const VolumeService::State::Suspect& s
     return folder;
 }
 
-void Reconciler::takeUpDisplaced(Time now) {
+void Reconciler::takeUpUndecided(Time now) {
     const std::unique_lock lock(state_.indexMutex);
     auto& index = state_.index;
     occasion_ = Occasion::Scan;
     now_ = now;
+    for (const auto& row : state_.store->takeOrphans()) {
+        ObjectIndex::Node node;
+        node.inode = row.inode;
+        node.fileID = row.fileID;
+        node.documentID = row.documentID;
+        node.kind = row.kind;
+        const auto folder = row.folder == 0 ? ObjectIndex::none : index.ensure(row.folder);
+        const FormerPlace last{folder, row.path.substr(row.path.rfind('/') + 1), row.path};
+        if (row.vacantFolder != 0) {
+            const FormerPlace vacant{index.ensure(row.vacantFolder), row.vacantName, row.path};
+            vacate(row.documentID,
+                   {ObjectIndex::none, row.fileID, row.kind, vacant, {}, now, true, false});
+        }
+        orphans_.push_back({row.documentID, node, {last, now, true}});
+    }
     for (auto& [object, folder, name] : index.takeDisplaced()) {
         const auto& node = index.node(object);
         if (node.firstName != ObjectIndex::none) continue;
         FormerPlace place{folder, name, joined(pathOfFolder(folder), name)};
         if (node.documentID != 0) {
-            departures_.vacate(node.documentID, {object, node.fileID, node.kind, place,
-                                                 index.metadata(object), now, true, false});
-            index.setUndecided(object, true);
+            vacate(node.documentID, {object, node.fileID, node.kind, place, index.metadata(object),
+                                     now, true, false});
         }
         depart(object, place);
+    }
+}
+
+void Reconciler::leaveLostFolders(Time now) {
+    const std::unique_lock lock(state_.indexMutex);
+    occasion_ = Occasion::Scan;
+    now_ = now;
+    for (const auto entry : state_.index.entriesInNoFolder()) {
+        // A folder that may come back comes with all that is in it.
+        if (!departures_.departure(state_.index.entry(entry).folder)) leave(entry);
     }
 }
 
@@ -179,10 +203,8 @@ void Reconciler::leave(ObjectIndex::EntryNumber entry) {
     index.removeName(entry);
     const auto& node = index.node(object);
     if (node.documentID != 0) {
-        departures_.vacate(node.documentID,
-                           {object, node.fileID, node.kind, place, index.metadata(object), now_,
-                            occasion_ != Occasion::Live, false});
-        index.setUndecided(object, true);
+        vacate(node.documentID, {object, node.fileID, node.kind, place, index.metadata(object),
+                                 now_, occasion_ != Occasion::Live, false});
     }
     changeOf(place.folder).isModified = true;
     auto& change = changeOf(object);
@@ -191,6 +213,22 @@ void Reconciler::leave(ObjectIndex::EntryNumber entry) {
     });
     if (came != change.came.end()) change.came.erase(came);
     change.left.push_back(std::move(place));
+}
+
+void Reconciler::vacate(std::uint32_t document, const Departures::Vacancy& vacancy) {
+    const auto former = departures_.vacate(document, vacancy);
+    if (former != ObjectIndex::none) updateHold(former);
+    if (vacancy.owner == ObjectIndex::none) return;
+    state_.index.setUndecided(vacancy.owner, true);
+    updateHold(vacancy.owner);
+}
+
+/// While it is open what becomes of an object, its row stays as it was before: so the next run, if
+/// this one is killed, finds the same question.
+void Reconciler::updateHold(NodeNumber node) {
+    const auto document = state_.index.node(node).documentID;
+    const auto* vacancy = document == 0 ? nullptr : departures_.vacancy(document);
+    state_.index.setHeld(node, departures_.departure(node) || (vacancy && vacancy->owner == node));
 }
 
 /// An index that lags behind two moves may have `folder` below `node`: then that link is out of
@@ -224,7 +262,7 @@ void Reconciler::arrive(const FolderReading& reading, const Sighting& sighting) 
     const bool hadNames = node.firstName != ObjectIndex::none;
     const bool isFirstLook = node.stamp == 0;
     auto departure = departures_.takeDeparture(object);
-    index.setHeld(object, orphaned_.contains(object));
+    updateHold(object);
     const bool isSilentHere = isFirstLook && !departure && isSilent(reading, state);
     if (!isSilentHere) changeOf(reading.folder).isModified = true;
 
@@ -254,6 +292,7 @@ void Reconciler::arrive(const FolderReading& reading, const Sighting& sighting) 
     if (vacancy.owner == object && node.documentID == document) {
         departures_.closeVacancy(document);
         index.setUndecided(object, false);
+        updateHold(object);
         return;
     }
     index.setUndecided(object, true);
@@ -267,7 +306,7 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
     auto& index = state_.index;
     index.forEachChild(object, [&](auto at) { leave(at); });
     index.forEachName(object, [&](auto at) { leave(at); });
-    departures_.closeVacanciesIn(object);
+    for (const auto owner : departures_.closeVacanciesIn(object)) updateHold(owner);
     const ObjectIndex::Node old = index.node(object);
     const auto departure = departures_.takeDeparture(object);
     FormerPlace last;
@@ -276,11 +315,8 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
         change->second = {};
     }
     if (departure) last = departure->last;
-    index.setHeld(object, old.documentID != 0);
     if (old.documentID != 0) {
-        if (auto* vacancy = departures_.vacancy(old.documentID)) vacancy->owner = ObjectIndex::none;
-        orphaned_.insert(object);
-        orphans_.push_back({old.documentID, old, {last, now_, occasion_ != Occasion::Live}});
+        orphan(old, last);
     } else if (old.fileID != 0 && !last.path.empty()) {
         recordGone(old, last);
     }
@@ -294,10 +330,26 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
         tookNumbers_ = true;
     }
     index.setIdentity(object, identity);
+    updateHold(object);
     index.setMetadata(object, {});
     index.setState(object, ObjectKind::Other, 0, false);
     index.setUndecided(object, old.documentID != 0);
     index.markDirty(object);
+}
+
+void Reconciler::orphan(const ObjectIndex::Node& gone, const FormerPlace& last) {
+    const auto inodeOf = [&](NodeNumber folder) {
+        return folder == ObjectIndex::none ? 0 : state_.index.node(folder).inode;
+    };
+    OrphanRow row{gone.documentID, gone.inode,           gone.fileID,
+                  gone.kind,       inodeOf(last.folder), last.path};
+    if (auto* vacancy = departures_.vacancy(gone.documentID)) {
+        vacancy->owner = ObjectIndex::none;
+        row.vacantFolder = inodeOf(vacancy->place.folder);
+        row.vacantName = vacancy->place.name;
+    }
+    orphans_.push_back({gone.documentID, gone, {last, now_, occasion_ != Occasion::Live}});
+    orphanChanges_.push_back({gone.documentID, std::move(row)});
 }
 
 std::string Reconciler::coverOfPath(const std::string& path) const {
@@ -368,7 +420,7 @@ void Reconciler::recordBelow(NodeNumber folder, const std::string& path) {
 
 void Reconciler::depart(NodeNumber node, const FormerPlace& last) {
     departures_.depart(node, {last, now_, occasion_ != Occasion::Live});
-    state_.index.setHeld(node, true);
+    updateHold(node);
     expiry_.emplace_back(now_, node);
 }
 
@@ -429,11 +481,13 @@ Result<void> Reconciler::commit() {
     // In the order of the table's tree, so that few pages are touched.
     std::ranges::sort(rows, {}, &ObjectRow::inode);
     auto events = std::exchange(events_, {});
-    const bool isDurable = std::exchange(tookNumbers_, false) || !events.empty();
-    if (auto done = state_.write(rows, isDurable, events); !done) {
+    const bool isDurable =
+        std::exchange(tookNumbers_, false) || !events.empty() || !orphanChanges_.empty();
+    if (auto done = state_.write(rows, isDurable, events, orphanChanges_); !done) {
         state_.putBackDirty(taken);
         return done;
     }
+    orphanChanges_.clear();
     captureMetadata();
     return {};
 }

@@ -44,7 +44,7 @@ class Reconciler {
     NodeNumber expect(const VolumeService::State::Suspect& suspect, Time now);
 
     /// Takes up what waited for a decision when the last run ended. Before the first scan.
-    void takeUpDisplaced(Time now);
+    void takeUpUndecided(Time now);
 
     /// Takes up a root, which is read next. The storage folder has changed if that is news.
     /// REQUIRES: there is no root under that URL.
@@ -67,6 +67,9 @@ class Reconciler {
 
     /// Decides what can be decided now. What happened before `passStart` has been looked at.
     void decideDue(Time now, Time passStart);
+    /// A scan has seen every folder: what lies in others has left them. To be committed before
+    /// what waits for the scan's end is decided.
+    void leaveLostFolders(Time now);
     /// A scan has ended: what it did not find has gone.
     void decideAfterScan(Time now);
     /// Decides at once what concerns these objects, since an identifier of one is asked for.
@@ -99,10 +102,13 @@ class Reconciler {
     Change& changeOf(NodeNumber node);
     void arrive(const FolderReading& reading, const Sighting& sighting);
     void leave(ObjectIndex::EntryNumber entry);
+    void vacate(std::uint32_t document, const Departures::Vacancy& vacancy);
+    void updateHold(NodeNumber node);
     void openCircle(NodeNumber node, NodeNumber folder);
     [[nodiscard]] std::string pathOfFolder(NodeNumber folder) const;
     [[nodiscard]] FormerPlace placeOf(ObjectIndex::EntryNumber entry) const;
     void notice(const FolderReading& reading, const Sighting& sighting, NodeNumber object);
+    void orphan(const ObjectIndex::Node& gone, const FormerPlace& last);
     void renew(NodeNumber node, std::uint64_t generation);
     void noticeFolder(const FolderReading& reading);
     void noticeAbsent(const FolderReading& reading);
@@ -138,8 +144,8 @@ class Reconciler {
     std::vector<NodeNumber> goneFolders_;
     std::vector<EventRecord> events_;
 
-    std::unordered_set<NodeNumber> orphaned_;  ///< their nodes, now of other objects
     std::vector<Orphan> orphans_;              ///< documents whose inode number is another object's
+    std::vector<OrphanChange> orphanChanges_;  ///< not in the store yet
     std::deque<std::pair<Time, NodeNumber>> expiry_;  ///< of departures, in order
     std::unordered_map<NodeNumber, Time> births_;     ///< of what was seen to be made lately
     std::vector<NodeNumber> toCapture_;               ///< documents whose metadata may be news

@@ -173,7 +173,8 @@ Result<std::uint64_t> VolumeService::State::newFileID(std::uint64_t inode) {
 }
 
 Result<void> VolumeService::State::write(std::span<const ObjectRow> rows, bool isDurable,
-                                         std::vector<EventRecord>& events) {
+                                         std::vector<EventRecord>& events,
+                                         std::span<const OrphanChange> orphans) {
     // Rows must never be ahead of what they mean.
     if (!unwritten.empty()) {
         unwritten.insert(unwritten.end(), std::make_move_iterator(events.begin()),
@@ -185,7 +186,7 @@ Result<void> VolumeService::State::write(std::span<const ObjectRow> rows, bool i
     auto done = store->commit(rows,
                               isDurable || hasEvents ? IdentityStore::Durability::Identities
                                                      : IdentityStore::Durability::Hints,
-                              events);
+                              events, orphans);
     if (done) {
         if (hasEvents) hasNews = true;
         return done;

@@ -68,7 +68,8 @@ struct VolumeService::State {
     /// cannot be written wait for the next one; too many become a gap. REQUIRES: storeMutex is
     /// held.
     Result<void> write(std::span<const ObjectRow> rows, bool isDurable,
-                       std::vector<EventRecord>& events);
+                       std::vector<EventRecord>& events,
+                       std::span<const OrphanChange> orphans = {});
     void putBackDirty(std::span<const ObjectIndex::NodeNumber> nodes);
     /// The event with its path as its folder is called now.
     [[nodiscard]] FSEvent present(EventRecord record) const;
