@@ -149,16 +149,18 @@ void Actor::sight(Deed& deed, const std::string& path, const ObjectKey& folder) 
     const bool isOutside = !path.starts_with(root);
     bool isHidden = isOutside || path.find("/.", root.size() - 1) != std::string::npos;
     for (const auto& part : split(path, '/')) isHidden = isHidden || isPackageName(part);
-    if (!isHidden) return;
     const auto note = [&](const ObjectKey& key) {
-        deed.hidden.push_back(key);
+        if (isHidden) deed.hidden.push_back(key);
         if (isOutside) deed.left.push_back(key);
     };
     note(object);  // a package too: it has an identifier of another kind
     std::error_code error;
     for (fs::recursive_directory_iterator it(path, error), end; !error && it != end;
          it.increment(error)) {
-        note(objectKey(it->path().string()));
+        const auto key = objectKey(it->path().string());
+        const auto parent = objectKey(it->path().parent_path().string());
+        deed.sightings.push_back({placeOf(parent, it->path().filename().string()), key});
+        note(key);
     }
 }
 
@@ -188,8 +190,10 @@ bool Actor::step() {
     deed.error = call(words[0], words[1], words[2]);
     if (deed.error == 0) {
         if (!moved.empty()) {
-            const auto name = words[2].substr(words[2].rfind('/') + 1);
-            deed.sightings.push_back({placeOf(folders[2], name), moved});
+            for (std::size_t i = 1; i <= 2; ++i) {
+                const auto name = words[i].substr(words[i].rfind('/') + 1);
+                deed.sightings.push_back({placeOf(folders[i], name), moved});
+            }
         }
         for (std::size_t i = 1; i < words.size(); ++i) {
             if (!words[i].empty()) sight(deed, words[i], folders[i]);

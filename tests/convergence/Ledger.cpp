@@ -64,12 +64,15 @@ void Ledger::readInterval() {
             for (const auto& seen : deed.sightings) doubtful_.insert(seen.object);
         }
     }
-    noteKin(objectsAtPlaces);
-    for (const auto& deed : now_.deeds) {
-        for (const auto& object : deed.left) {
-            // What has left the tree looks like what was deleted.
-            if (kin_[object].size() > 1) doubtful_.insert(object);
-        }
+    // Twice: a document may have gone over two times in between.
+    for (int i = 0; i < 2; ++i) noteKin(objectsAtPlaces);
+    // What has left the tree looks like what was deleted.
+    const auto goes = [&](const ObjectKey& object) {
+        if (kin_[object].size() > 1) doubtful_.insert(object);
+    };
+    for (const auto& deed : now_.deeds) std::ranges::for_each(deed.left, goes);
+    for (const auto& [object, identifier] : before_.identifiers) {
+        if (!now_.identifiers.contains(object)) goes(object);
     }
 }
 

@@ -56,6 +56,7 @@ void Replica::listStep(host::DocumentService& service) {
     if (pending_.empty()) {
         begin(service);
         pending_.push_back({root});
+        isListed_ = true;
     }
     auto next = std::move(pending_.front());
     pending_.pop_front();
@@ -68,7 +69,12 @@ void Replica::listStep(host::DocumentService& service) {
         pending_.push_front({next.container, std::move(**page.next)});
     } else if (!page.next && host::meansExpired(page.next.error())) {
         pending_.push_front({next.container});  // it has changed between its pages
-    } else if (!page.next && !host::meansNoSuchItem(page.next.error())) {
+    } else if (!page.next && host::meansNoSuchItem(page.next.error())) {
+        // Of a rename the kernel may have told half so far: only then is it found later.
+        constexpr int mostRefusals = 4;
+        if (++next.refusals == mostRefusals) return;
+        pending_.push_back({next.container, host::Order::ByName, next.refusals});
+    } else if (!page.next) {
         // Something else took the folder's path meanwhile; that cannot go on for ever.
         if (++mishaps_ == 100) return fail(page.next.error());
         pending_.push_back({next.container});
@@ -93,7 +99,16 @@ void Replica::pull(host::DocumentService& service) {
         take(page);
         return true;
     });
-    if (reached) return;
+    if (reached) {
+        // It may have listed a folder that was about to go out of sight with all that is in it.
+        if (!pending_.empty() || !std::exchange(isListed_, false)) return;
+        std::erase_if(state_.items, [&](const auto& entry) {
+            const auto parent = state_.items.find(entry.second.parentItemIdentifier);
+            const bool isInPackage = parent != state_.items.end() && !parent->second.isFolder();
+            return isInPackage || pathOf(entry.second).empty();
+        });
+        return;
+    }
     if (!host::meansExpired(reached.error())) return fail(reached.error());
     ++refusals_;
     list(service);

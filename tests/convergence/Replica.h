@@ -49,6 +49,7 @@ class Replica {
     struct Pending {
         std::string container;
         host::PageStart start = host::Order::ByName;
+        int refusals = 0;
     };
 
     void begin(host::DocumentService& service);
@@ -65,6 +66,7 @@ class Replica {
     std::deque<Pending> pending_;
     std::set<std::string> deleted_;
     std::size_t refusals_ = 0, mishaps_ = 0;
+    bool isListed_ = false;  ///< folder by folder, and no change was taken over since
 };
 
 }  // namespace tests
