@@ -18,6 +18,14 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   target_compile_options(tidewell_flags INTERFACE -Wno-restrict -Wno-stringop-overread)
 endif()
 target_link_libraries(tidewell_flags INTERFACE Threads::Threads)
+
+# The same without sanitizers, for a program that limits its own memory.
+add_library(tidewell_plain_flags INTERFACE)
+foreach(property INTERFACE_INCLUDE_DIRECTORIES INTERFACE_COMPILE_OPTIONS)
+  get_target_property(value tidewell_flags ${property})
+  set_target_properties(tidewell_plain_flags PROPERTIES ${property} "${value}")
+endforeach()
+
 if(TIDEWELL_SANITIZE)
   target_compile_options(tidewell_flags INTERFACE
     -fsanitize=${TIDEWELL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
