@@ -83,6 +83,7 @@ struct Parser {
             .add_option("--trash-age", trashAge,
                         "Delete what has been in the trash for longer: 30d, or off")
             ->envname("TIDEWELL_TRASH_AGE");
+        addMetadataCommands();
         add(Command::Sync, "sync", "Wait until all that happened is known", Takes::Nothing);
         add(Command::Doctor, "doctor", "Tell how the system is", Takes::Nothing);
         addMutation(Command::MakeDirectory, "mkdir", "Make a folder");
@@ -114,6 +115,20 @@ struct Parser {
         return sub;
     }
 
+    void addMetadataCommands() {
+        auto& given = arguments.metadata;
+        addTagOptions(add(Command::Tag, "tag", "Give an item these tags alone", Takes::OneItem),
+                      given);
+        addRankOptions(add(Command::Favorite, "favorite", "Give an item a rank", Takes::OneItem),
+                       given);
+        addDateOptions(add(Command::Used, "used", "Say when an item was used", Takes::OneItem),
+                       given);
+        add(Command::Cat, "cat", "Write the content of a document", Takes::OneItem);
+        addThumbnailOptions(add(Command::Thumbnail, "thumbnail",
+                                "Write the thumbnails of items into a folder", Takes::Nothing),
+                            given);
+    }
+
     [[nodiscard]] std::optional<platform::QSError> complete() {
         const bool isWide = arguments.item == "working-set" || arguments.item == "all-directories";
         if (arguments.item.empty()) return usageError("an empty item names nothing");
@@ -121,6 +136,12 @@ struct Parser {
             return usageError("tree draws folders; list " + arguments.item + " with ls");
         }
         if (!takesItem) arguments.item.clear();
+        const bool isMetadata = arguments.command == Command::Tag ||
+                                arguments.command == Command::Favorite ||
+                                arguments.command == Command::Used;
+        if (isMetadata && arguments.metadata.hasValue() == arguments.metadata.clear) {
+            return usageError("say what the item is to have, or --clear, and not both");
+        }
         if (trashAge != "off") {
             arguments.trashAge = parseAge(trashAge);
             if (!arguments.trashAge) return usageError(checkAge(trashAge));

@@ -7,6 +7,7 @@
 #include <variant>
 
 #include "cli/ExitCode.h"
+#include "cli/MetadataArguments.h"
 #include "cli/MutationArguments.h"
 #include "host/Page.h"
 
@@ -21,6 +22,11 @@ enum class Command : std::uint8_t {
     Anchor,
     Changes,
     Watch,
+    Tag,
+    Favorite,
+    Used,
+    Thumbnail,
+    Cat,
     Sync,
     Doctor,
     MakeDirectory,
@@ -48,6 +54,7 @@ struct Arguments {
     MutationArguments mutation;
     /// How long `watch` keeps what is in the trash; for ever where it is none.
     std::optional<std::chrono::seconds> trashAge;
+    MetadataArguments metadata;
 };
 
 /// There is nothing to run: help was asked for, or the command line is wrong.

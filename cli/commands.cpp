@@ -8,8 +8,10 @@
 
 #include "cli/changes.h"
 #include "cli/format.h"
+#include "cli/metadata.h"
 #include "cli/mutations.h"
 #include "cli/text.h"
+#include "cli/thumbnails.h"
 #include "host/errors.h"
 
 namespace cli {
@@ -29,6 +31,9 @@ class Run {
         if (arguments_.command == Command::Resolve) return resolve();
         if (arguments_.command == Command::Sync) return sync();
         if (arguments_.command == Command::Doctor) return doctor();
+        if (arguments_.command == Command::Thumbnail) {
+            return writeThumbnails(arguments_, service_, output_);
+        }
         if (isMutation(arguments_.command)) {
             return runMutation(arguments_, service_, output_, progress_);
         }
@@ -47,6 +52,12 @@ class Run {
                 return printChanges(arguments_, service_, output_, *identifier);
             case Command::Watch:
                 return watchChanges(arguments_, service_, output_, progress_, *identifier);
+            case Command::Tag:
+            case Command::Favorite:
+            case Command::Used:
+                return setMetadata(arguments_, service_, output_, *identifier);
+            case Command::Cat:
+                return writeContent(service_, output_, *identifier);
             default:
                 return list(*identifier);
         }
@@ -105,11 +116,7 @@ class Run {
     [[nodiscard]] Result<ExitCode> stat(const std::string& identifier) {
         const auto item = service_.item(identifier);
         if (!item) return std::unexpected(item.error());
-        if (arguments_.json) {
-            appendJson(output_.text(), *item);
-        } else {
-            appendFields(output_.text(), *item, output_.style());
-        }
+        printItem(arguments_, output_, *item);
         return ExitCode::Done;
     }
 

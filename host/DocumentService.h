@@ -59,6 +59,35 @@ class DocumentService {
     /// The native path of an item, as it is now.
     [[nodiscard]] platform::Result<std::string> path(const std::string& identifier) const;
 
+    // What the user keeps with an item; none clears it. They answer with the item as it is then.
+    /// A date that cannot be kept is no error: the answer does not have it. An application's
+    /// library has none (QPErrorDomain, invalid parameter).
+    [[nodiscard]] platform::Result<ItemRecord> setLastUsedDate(
+        const std::string& identifier, const std::optional<platform::QSDate>& date) const;
+    /// In that order. E2BIG where they are too many or too long. REQUIRES: the labels are UTF-8.
+    [[nodiscard]] platform::Result<ItemRecord> setTags(
+        const std::string& identifier, const std::vector<std::string>& labels) const;
+    [[nodiscard]] platform::Result<ItemRecord> setFavoriteRank(
+        const std::string& identifier, std::optional<std::uint64_t> rank) const;
+
+    /// A picture that stands for an item.
+    struct Thumbnail {
+        std::string itemIdentifier;
+        std::optional<platform::QSData> picture;  ///< the bytes of a file; none: it has no such
+        std::optional<std::string> type;          ///< of that file
+    };
+    /// One for each identifier, in that order. What has no thumbnail is no error, be it that there
+    /// is no such item. ETIMEDOUT where an extension takes more than ten seconds for each.
+    [[nodiscard]] platform::Result<std::vector<Thumbnail>> thumbnails(
+        const std::vector<std::string>& identifiers) const;
+
+    /// Receives a document's bytes in pieces; false ends it.
+    using ContentHandler = std::function<bool(platform::QSDataView)>;
+    /// The content of a file, as it is while it is read. EISDIR for folders and packages, ELOOP for
+    /// symbolic links, EINVAL for special files.
+    [[nodiscard]] platform::Result<void> readContent(const std::string& identifier,
+                                                     const ContentHandler& handler) const;
+
     /// One page as the extension gives it; a refused token is the caller's to deal with.
     [[nodiscard]] Page onePage(const std::string& container, const PageStart& start);
 

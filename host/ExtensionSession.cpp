@@ -126,6 +126,16 @@ Result<std::string> ExtensionSession::pathForIdentifier(const std::string& ident
     return std::unexpected(platform::fileProviderErrorForNonExistentItemWithIdentifier(identifier));
 }
 
+Result<ItemRecord> ExtensionSession::itemAfter(const ItemRequest& request) const {
+    struct None {};
+    const auto answer = std::make_shared<Answer<None, platform::ItemRef>>();
+    request(*extension_,
+            [answer](Result<platform::ItemRef> item) { answer->finish(std::move(item)); });
+    auto item = answer->wait(pageDeadline_).second;
+    if (!item) return std::unexpected(withNativePath(std::move(item.error())));
+    return makeRecord(**item, paths_);
+}
+
 Page ExtensionSession::page(const std::string& container, const PageStart& start) {
     auto lease = std::holds_alternative<PageToken>(start) ? keptLease(container) : nullptr;
     if (!lease) {

@@ -71,6 +71,13 @@ class ExtensionSession {
     [[nodiscard]] const NativePaths& paths() const { return paths_; }
     [[nodiscard]] ItemRecord record(const platform::QSFileProviderItem& item) const;
     [[nodiscard]] platform::QSError withNativePath(platform::QSError error) const;
+    /// A request that the extension answers with an item: how to make it, given where the answer
+    /// goes.
+    using ItemRequest =
+        std::function<void(platform::QSFileProviderExtension&,
+                           std::move_only_function<void(platform::Result<platform::ItemRef>)>)>;
+    /// Makes the request and waits for its item; ETIMEDOUT when the deadline passes.
+    [[nodiscard]] platform::Result<ItemRecord> itemAfter(const ItemRequest& request) const;
 
     /// One page, waited for up to the deadline (then ETIMEDOUT; so are anchors and changes), also
     /// where the extension answers on other threads. An initial page begins with a new enumerator,

@@ -34,13 +34,20 @@ std::string baseFolder(const char* variable, std::string_view below) {
     return homeFolder() + "/" + std::string(below);
 }
 
-std::vector<std::string> typeDeclarationFolders(const std::string& dataFolder) {
-    std::vector<std::string> folders;
-    const char* system = std::getenv("XDG_DATA_DIRS");
-    std::istringstream list(system && *system ? system : "/usr/local/share:/usr/share");
-    for (std::string folder; std::getline(list, folder, ':');) {
-        if (folder.starts_with('/')) folders.push_back(folder + "/tidewell/types.d");
+/// The absolute ones of paths between colons; others are passed over, as XDG says.
+std::vector<std::string> absolutePaths(const char* list) {
+    std::vector<std::string> paths;
+    std::istringstream rest(list);
+    for (std::string path; std::getline(rest, path, ':');) {
+        if (path.starts_with('/')) paths.push_back(path);
     }
+    return paths;
+}
+
+std::vector<std::string> typeDeclarationFolders(const std::string& dataFolder) {
+    const char* system = std::getenv("XDG_DATA_DIRS");
+    auto folders = absolutePaths(system && *system ? system : "/usr/local/share:/usr/share");
+    for (auto& folder : folders) folder += "/tidewell/types.d";
     // The first folder named wins, so it is read last.
     std::ranges::reverse(folders);
     folders.push_back(dataFolder + "/types.d");
@@ -84,6 +91,7 @@ Result<std::unique_ptr<Platform>> Platform::make(Options options) {
     for (const auto& error : platform->types_.load(typeDeclarationFolders(options.folders.data))) {
         Log::platformLog().write(LogLevel::Error, [&] { return error.description(); });
     }
+    platform->readConfiguration(options);
     platform->crashReports_ = std::make_unique<CrashReports>(options.folders.state + "/crashes");
     platform->notifications_ = std::make_shared<QSDistributedNotificationCenter>();
     platform->unfinished_ =
@@ -112,6 +120,21 @@ Result<std::unique_ptr<Platform>> Platform::make(Options options) {
     dispatchConcurrently([pass = platform->events_.gate->enter(),
                           &unfinished = *platform->unfinished_] { unfinished.finish(); });
     return platform;
+}
+
+void Platform::readConfiguration(const Options& options) {
+    constexpr const char* name = "/tidewell.conf";
+    auto configuration = KeyFile::read(folders_.config + name);
+    const char* system = std::getenv("XDG_CONFIG_DIRS");
+    for (const auto& folder : absolutePaths(system && *system ? system : "/etc/xdg")) {
+        configuration.addMissing(KeyFile::read(folder + "/tidewell" + name));
+    }
+    device_ = DeviceAnswers::ofConfiguration(configuration);
+    icons_ = options.icons;
+    if (icons_) return;
+    const auto theme = configuration.value("Icons", "Theme").value_or("");
+    icons_ =
+        makeIconLibrary({.themes = IconThemes::ofUser(theme), .helper = installedIconHelper()});
 }
 
 void Platform::makeRegistry(const Options& options) {

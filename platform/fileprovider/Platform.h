@@ -5,11 +5,13 @@
 #include <optional>
 #include <string>
 
+#include "platform/device/DeviceAnswers.h"
 #include "platform/fileprovider/AppContainers.h"
 #include "platform/fileprovider/QSFileProviderManager.h"
 #include "platform/fileprovider/UnfinishedWork.h"
 #include "platform/files/FileSystem.h"
 #include "platform/foundation/QSError.h"
+#include "platform/icons/IconLibrary.h"
 #include "platform/log/CrashReports.h"
 #include "platform/registry/QLApplicationWorkspace.h"
 #include "platform/registry/QSDistributedNotificationCenter.h"
@@ -43,6 +45,8 @@ class Platform {
         /// Has the last word about the registry.
         std::function<void(QLApplicationWorkspace::Configuration&)> adjustRegistry = {};
         std::function<void(std::uint64_t entries)> scanProgress = {};
+        /// Where icons come from instead of this user's icon themes.
+        std::shared_ptr<const IconLibrary> icons = {};
         /// Has the last word about how the volume is followed.
         std::function<void(VolumeService::Configuration&)> adjustVolume = {};
         /// Where event streams read instead of the volume's own history; must outlive the platform.
@@ -70,6 +74,9 @@ class Platform {
     [[nodiscard]] QSFileProviderManager& manager() { return *manager_; }
     [[nodiscard]] QLApplicationWorkspace& workspace() { return *workspace_; }
     [[nodiscard]] AppContainers& containers() { return *containers_; }
+    [[nodiscard]] const IconLibrary& icons() const { return *icons_; }
+    /// What was found when the platform was made.
+    [[nodiscard]] const DeviceAnswers& device() const { return device_; }
     /// Shared, since observers may be removed after the platform is gone.
     [[nodiscard]] std::shared_ptr<QSDistributedNotificationCenter> notifications() const {
         return notifications_;
@@ -79,12 +86,15 @@ class Platform {
   private:
     Platform() = default;
     void makeRegistry(const Options& options);
+    void readConfiguration(const Options& options);
 
     // Constant after make(); each has its own synchronisation.
     Folders folders_;
     std::unique_ptr<FileSystem> files_;
     std::unique_ptr<UnfinishedWork> unfinished_;
     TypeRegistry types_;
+    DeviceAnswers device_;
+    std::shared_ptr<const IconLibrary> icons_;
     std::unique_ptr<CrashReports> crashReports_;
     std::shared_ptr<QSDistributedNotificationCenter> notifications_;
     std::unique_ptr<QSFileProviderManager> manager_;

@@ -9,6 +9,10 @@ namespace {
 
 constexpr std::uint64_t lastColor = 7;
 
+/// Far more than an attribute holds, so that too long a list is refused where it would be kept.
+constexpr QSPropertyListLimits limits = {
+    .bytes = 1 << 20, .objects = 1 << 16, .expandedBytes = 8 << 20};
+
 std::optional<QPTag> tagFromPropertyList(const QSPropertyList& entry) {
     const auto* label = entry.find("label");
     const auto* color = entry.find("color");
@@ -31,7 +35,7 @@ QSData QPGetTagsDataForTags(const std::vector<QPTag>& tags) {
 }
 
 std::optional<std::vector<QPTag>> QPGetTagsForTagsData(QSDataView data) {
-    const auto list = propertyListWithBinaryData(data, {});
+    const auto list = propertyListWithBinaryData(data, limits);
     const auto* entries = list ? list->asArray() : nullptr;
     if (!entries) return std::nullopt;
     std::vector<QPTag> tags;

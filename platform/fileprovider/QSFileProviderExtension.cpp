@@ -65,4 +65,46 @@ std::vector<ItemRef> QSFileProviderExtension::itemsTrashedBeforeDate(const QSDat
     return {};
 }
 
+void QSFileProviderExtension::setLastUsedDate(
+    const std::optional<QSDate>& /*date*/,
+    const QSFileProviderItemIdentifier& /*forItemIdentifier*/,
+    ItemCompletionHandler completionHandler) {
+    refuse(completionHandler);
+}
+
+void QSFileProviderExtension::setTagData(const std::optional<QSData>& /*tagData*/,
+                                         const QSFileProviderItemIdentifier& /*forItemIdentifier*/,
+                                         ItemCompletionHandler completionHandler) {
+    refuse(completionHandler);
+}
+
+void QSFileProviderExtension::setFavoriteRank(
+    std::optional<std::uint64_t> /*rank*/,
+    const QSFileProviderItemIdentifier& /*forItemIdentifier*/,
+    ItemCompletionHandler completionHandler) {
+    refuse(completionHandler);
+}
+
+std::shared_ptr<QSProgress> QSFileProviderExtension::fetchThumbnailsForItemIdentifiers(
+    const std::vector<QSFileProviderItemIdentifier>& identifiers, QSSize /*requestedSize*/,
+    const PerThumbnailCompletionHandler& perThumbnailCompletionHandler,
+    CompletionHandler completionHandler) {
+    for (const auto& identifier : identifiers) {
+        perThumbnailCompletionHandler(identifier, std::nullopt, std::nullopt);
+    }
+    completionHandler(std::nullopt);
+    return std::make_shared<QSProgress>();
+}
+
+std::shared_ptr<QSProgress> QSFileProviderExtension::fetchThumbnailsForItemIdentifiers(
+    const std::vector<QSFileProviderItemIdentifier>& identifiers, QSSize /*requestedSize*/,
+    const PerThumbnailCompletionHandlerWithType& perThumbnailCompletionHandlerWithType,
+    CompletionHandler completionHandler) {
+    for (const auto& identifier : identifiers) {
+        perThumbnailCompletionHandlerWithType(identifier, std::nullopt, std::nullopt, std::nullopt);
+    }
+    completionHandler(std::nullopt);
+    return std::make_shared<QSProgress>();
+}
+
 }  // namespace platform

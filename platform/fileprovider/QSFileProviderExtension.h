@@ -13,12 +13,18 @@
 
 namespace platform {
 
+/// Of a picture, in points.
+struct QSSize {
+    double width = 0;
+    double height = 0;
+};
+
 /// What the host instantiates and calls for every request. The host calls on threads of its own,
 /// several at a time; every operation may block for the file system and the volume service.
 class QSFileProviderExtension {
   public:
     using CompletionHandler = std::move_only_function<void(std::optional<QSError>)>;
-
+    /// Called once, on any thread, maybe before the operation returns: the item as it is now.
     using ItemCompletionHandler = std::move_only_function<void(Result<ItemRef>)>;
 
     virtual ~QSFileProviderExtension() = default;
@@ -68,6 +74,37 @@ class QSFileProviderExtension {
         const QSDate& date, std::move_only_function<void()> completionHandler);
     /// What that would delete now; changes nothing.
     [[nodiscard]] virtual std::vector<ItemRef> itemsTrashedBeforeDate(const QSDate& date);
+
+    // What the user keeps with an item; no value clears it. As above.
+    virtual void setLastUsedDate(const std::optional<QSDate>& date,
+                                 const QSFileProviderItemIdentifier& forItemIdentifier,
+                                 ItemCompletionHandler completionHandler);
+    /// The bytes of QPGetTagsDataForTags; the labels are kept.
+    virtual void setTagData(const std::optional<QSData>& tagData,
+                            const QSFileProviderItemIdentifier& forItemIdentifier,
+                            ItemCompletionHandler completionHandler);
+    virtual void setFavoriteRank(std::optional<std::uint64_t> rank,
+                                 const QSFileProviderItemIdentifier& forItemIdentifier,
+                                 ItemCompletionHandler completionHandler);
+
+    /// One thumbnail: the bytes of a picture file, none where the item has no thumbnail of its own.
+    using PerThumbnailCompletionHandler =
+        std::function<void(const QSFileProviderItemIdentifier&, const std::optional<QSData>&,
+                           const std::optional<QSError>&)>;
+    /// The same with the type of the picture behind the bytes, none where these are none.
+    using PerThumbnailCompletionHandlerWithType =
+        std::function<void(const QSFileProviderItemIdentifier&, const std::optional<QSData>&,
+                           const std::optional<std::string>&, const std::optional<QSError>&)>;
+    /// Calls the handler once for each identifier, in that order, then the completion handler. May
+    /// do so before it returns. Extensions that do not say otherwise have no thumbnails.
+    virtual std::shared_ptr<QSProgress> fetchThumbnailsForItemIdentifiers(
+        const std::vector<QSFileProviderItemIdentifier>& identifiers, QSSize requestedSize,
+        const PerThumbnailCompletionHandler& perThumbnailCompletionHandler,
+        CompletionHandler completionHandler);
+    virtual std::shared_ptr<QSProgress> fetchThumbnailsForItemIdentifiers(
+        const std::vector<QSFileProviderItemIdentifier>& identifiers, QSSize requestedSize,
+        const PerThumbnailCompletionHandlerWithType& perThumbnailCompletionHandlerWithType,
+        CompletionHandler completionHandler);
 };
 
 }  // namespace platform

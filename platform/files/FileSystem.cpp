@@ -160,6 +160,28 @@ Result<FileDescriptor> FileSystem::openObject(const QSURL& url, int flags) const
     return fd;
 }
 
+Result<FileDescriptor> FileSystem::openForExtendedAttributes(const QSURL& url) const {
+    const auto failure = [&](int code) {
+        return std::unexpected(errorFromErrno(code, nativePath(url)));
+    };
+    const auto meant = attributes(url);
+    if (!meant) return std::unexpected(meant.error());
+    const auto object = openObject(url, O_PATH);
+    if (!object) return std::unexpected(object.error());
+    const auto found = readAttributes(object->get(), "", nullptr, credentials_);
+    if (!found) return failure(static_cast<int>(found.error().code));
+    if ((*found)->identity != (*meant)->identity) return failure(ESTALE);
+    const bool isFile = (*found)->kind() == ObjectKind::RegularFile;
+    if (!isFile && !(*found)->isDirectory()) return failure(EOPNOTSUPP);
+    const auto path = descriptorPath(object->get(), "");
+    constexpr int flags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    FileDescriptor opened(::open(path.c_str(), O_RDONLY | flags));
+    // To write attributes takes the right to write, not to read.
+    if (!opened && errno == EACCES && isFile) opened.reset(::open(path.c_str(), O_WRONLY | flags));
+    if (!opened) return failure(errno);
+    return opened;
+}
+
 Result<std::shared_ptr<Folder>> FileSystem::openFolder(const QSURL& url) const {
     auto fd = openObject(url, O_RDONLY | O_DIRECTORY);
     if (!fd) return std::unexpected(fd.error());

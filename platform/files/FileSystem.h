@@ -61,6 +61,11 @@ class FileSystem {
     /// symbolic link itself is opened. Opening for reading never blocks on a special file.
     [[nodiscard]] Result<FileDescriptor> openObject(const QSURL& url, int flags) const;
 
+    /// The object opened so that its extended attributes can be written, also where it cannot be
+    /// read. EOPNOTSUPP for an object that has none (a link, a special file), ESTALE where the name
+    /// has come to mean another object than the one whose attributes the URL keeps.
+    [[nodiscard]] Result<FileDescriptor> openForExtendedAttributes(const QSURL& url) const;
+
     /// The folder, opened for reading entries and for calls relative to it.
     [[nodiscard]] Result<std::shared_ptr<Folder>> openFolder(const QSURL& url) const;
 

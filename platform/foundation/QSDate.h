@@ -2,7 +2,9 @@
 
 #include <compare>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 
 namespace platform {
 
@@ -23,6 +25,11 @@ struct QSDate {
 
     /// RFC 3339 in UTC with nine fraction digits: "2026-01-31T09:15:00.000000000Z".
     [[nodiscard]] std::string rfc3339() const;
+
+    /// The way back, from any form that RFC 3339 allows ("2026-01-31T10:15:00+01:00"; "t", "z" and
+    /// a blank between date and time too). Digits beyond nanoseconds are dropped. Nothing for any
+    /// other text, a day that does not exist or a leap second.
+    [[nodiscard]] static std::optional<QSDate> dateFromRFC3339(std::string_view text);
 
     friend auto operator<=>(const QSDate&, const QSDate&) = default;
 };

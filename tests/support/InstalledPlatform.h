@@ -35,6 +35,7 @@ class InstalledPlatform : public testing::Test {
                                               .followsAtStart = history == nullptr,
                                               .applications = applications(),
                                               .adjustRegistry = adjustRegistry,
+                                              .icons = icons,
                                               .adjustVolume = adjustVolume,
                                               .history = history});
         ASSERT_TRUE(made) << made.error().description();
@@ -89,6 +90,7 @@ class InstalledPlatform : public testing::Test {
     /// learns of places only from what asks for identifiers.
     platform::EventHistory* history = nullptr;
     std::function<void(platform::VolumeService::Configuration&)> adjustVolume;
+    std::shared_ptr<const platform::IconLibrary> icons;
     std::function<void(platform::QLApplicationWorkspace::Configuration&)> adjustRegistry;
     ScratchFolder scratch;
     std::shared_ptr<platform::MemorySink> log;

@@ -49,6 +49,10 @@ Result<void> setOrRemoveXattr(int descriptor, std::string_view name,
                              : removeExtendedAttribute(descriptor, name);
     if (result == 0 || (!bytes && errno == ENODATA)) return {};
     auto error = errorWithPOSIXCode(errno);
+    if (error.code == E2BIG) {
+        error.userInfo.emplace(QSDescriptionErrorKey,
+                               "the value is too large to be kept with the item");
+    }
     const auto message = [&] {
         return (bytes ? "can't set xattr " : "can't remove xattr ") + quoted(name) + "; " +
                error.description();

@@ -61,6 +61,25 @@ class LocalFileProvider final : public QSFileProviderExtension {
     void _removeTrashedItemsOlderThanDate(
         const QSDate& date, std::move_only_function<void()> completionHandler) override;
     [[nodiscard]] std::vector<ItemRef> itemsTrashedBeforeDate(const QSDate& date) override;
+    void setLastUsedDate(const std::optional<QSDate>& date,
+                         const QSFileProviderItemIdentifier& forItemIdentifier,
+                         ItemCompletionHandler completionHandler) override;
+    void setTagData(const std::optional<QSData>& tagData,
+                    const QSFileProviderItemIdentifier& forItemIdentifier,
+                    ItemCompletionHandler completionHandler) override;
+    void setFavoriteRank(std::optional<std::uint64_t> rank,
+                         const QSFileProviderItemIdentifier& forItemIdentifier,
+                         ItemCompletionHandler completionHandler) override;
+
+    // Done when they return.
+    std::shared_ptr<QSProgress> fetchThumbnailsForItemIdentifiers(
+        const std::vector<QSFileProviderItemIdentifier>& identifiers, QSSize requestedSize,
+        const PerThumbnailCompletionHandler& perThumbnailCompletionHandler,
+        CompletionHandler completionHandler) override;
+    std::shared_ptr<QSProgress> fetchThumbnailsForItemIdentifiers(
+        const std::vector<QSFileProviderItemIdentifier>& identifiers, QSSize requestedSize,
+        const PerThumbnailCompletionHandlerWithType& perThumbnailCompletionHandlerWithType,
+        CompletionHandler completionHandler) override;
 
   private:
     /// What the notification centre knows as the observer, so that it never holds the provider.

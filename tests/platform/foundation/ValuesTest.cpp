@@ -107,5 +107,24 @@ TEST(QSUnicode, AcceptsOnlyWellFormedText) {
     }
 }
 
+TEST(QSDate, ReadsWhatItWritesAndTheOtherFormsOfRFC3339) {
+    for (const QSDate date : {QSDate{0, 0}, QSDate{-62'167'219'200, 1}, QSDate{951'782'400, 5},
+                              QSDate{253'402'300'799, 999'999'999}}) {
+        EXPECT_EQ(QSDate::dateFromRFC3339(date.rfc3339()), date);
+    }
+    const QSDate half{1'769'850'900, 500'000'000};
+    for (const auto* text : {"2026-01-31T09:15:00.5Z", "2026-01-31t10:15:00.500000000999+01:00",
+                             "2026-01-31 04:45:00.50-04:30", "2026-02-01T08:14:00.5+22:59"}) {
+        EXPECT_EQ(QSDate::dateFromRFC3339(text), half) << text;
+    }
+    for (const auto* text : {"", "2026", "2026-01-31", "2026-02-29T00:00:00Z",
+                             "2026-13-01T00:00:00Z", "2026-01-31T24:00:00Z", "2026-01-31T00:00:60Z",
+                             "2026-01-31T00:00:00", "2026-01-31T00:00Z", "2026-01-31T00:00:00.Z",
+                             "2026-01-31T00:00:00Zx", "2026-01-31T00:00:00+1:00",
+                             "+026-01-31T00:00:00Z", "2026-01-31T00:00:00.99999999999999999999"}) {
+        EXPECT_EQ(QSDate::dateFromRFC3339(text), std::nullopt) << text;
+    }
+}
+
 }  // namespace
 }  // namespace platform

@@ -1,0 +1,32 @@
+#include "cli/metadata.h"
+
+#include "cli/format.h"
+
+namespace cli {
+
+using platform::Result;
+
+Result<ExitCode> setMetadata(const Arguments& arguments, const host::DocumentService& service,
+                             Output& output, const std::string& identifier) {
+    const auto item = [&] {
+        if (arguments.command == Command::Tag)
+            return service.setTags(identifier, arguments.metadata.labels);
+        if (arguments.command == Command::Favorite) {
+            return service.setFavoriteRank(identifier, arguments.metadata.rank);
+        }
+        return service.setLastUsedDate(identifier, arguments.metadata.date);
+    }();
+    if (!item) return std::unexpected(item.error());
+    printItem(arguments, output, *item);
+    return ExitCode::Done;
+}
+
+void printItem(const Arguments& arguments, Output& output, const host::ItemRecord& item) {
+    if (arguments.json) {
+        appendJson(output.text(), item);
+    } else {
+        appendFields(output.text(), item, output.style());
+    }
+}
+
+}  // namespace cli

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+#include "cli/Arguments.h"
+#include "cli/ExitCode.h"
+#include "cli/Output.h"
+#include "host/DocumentService.h"
+
+namespace cli {
+
+/// Sets what the arguments say, or takes it away, and prints the item as it is then.
+[[nodiscard]] platform::Result<ExitCode> setMetadata(const Arguments& arguments,
+                                                     const host::DocumentService& service,
+                                                     Output& output, const std::string& identifier);
+
+/// Every field of the item, or its JSON object.
+void printItem(const Arguments& arguments, Output& output, const host::ItemRecord& item);
+
+}  // namespace cli
