@@ -21,7 +21,7 @@ using ItemAnswer = Answer<Nothing, platform::ItemRef>;
 
 /// What has to be handed to the extension for an answer.
 template <typename End>
-auto finishing(std::shared_ptr<Answer<Nothing, End>> answer) {
+auto finishing(const std::shared_ptr<Answer<Nothing, End>>& answer) {
     if constexpr (std::is_same_v<End, Nothing>) {
         return [answer](std::optional<platform::QSError> error) {
             answer->finish(error ? Result<Nothing>(std::unexpected(std::move(*error))) : Nothing{});
@@ -140,9 +140,9 @@ Result<void> Mutations::remove(const std::string& identifier,
 }
 
 Result<void> Mutations::emptyTrash(const platform::QSDate& date) const {
-    const auto done = run<Nothing>(plain([&](auto& extension, auto handler) {
+    const auto done = run<Nothing>(plain([&](auto& extension, const auto& handler) {
                                        extension._removeTrashedItemsOlderThanDate(
-                                           date, [handler]() mutable { handler(std::nullopt); });
+                                           date, [handler] { handler(std::nullopt); });
                                    }),
                                    {});
     if (!done) return std::unexpected(done.error());
