@@ -27,12 +27,14 @@ class Bench {
     }
 
     void start() {
-        auto made = platform::Platform::make(
-            {.folders = {.storage = scratch_ / "storage",
-                         .data = scratch_ / "state/data",
-                         .state = scratch_ / "state/state",
-                         .cache = scratch_ / "state/cache",
-                         .applicationSupport = scratch_ / "state/application-support"}});
+        platform::Platform::Options options;
+        options.folders.storage = scratch_ / "storage";
+        options.folders.data = scratch_ / "state/data";
+        options.folders.state = scratch_ / "state/state";
+        options.folders.cache = scratch_ / "state/cache";
+        options.folders.config = scratch_ / "state/config";
+        options.folders.applicationSupport = scratch_ / "state/application-support";
+        auto made = platform::Platform::make(options);
         if (!made) bench::fail(made.error().description());
         platform_ = std::move(*made);
         platform_->install();
