@@ -22,6 +22,7 @@ namespace platform {
 namespace {
 
 constexpr unsigned deepestTree = 2048;  // a path cannot be longer
+constexpr std::uint64_t syncedByThemselves = 32;
 constexpr std::size_t bufferSize = 1 << 20;
 constexpr std::int64_t rangeAtOnce = 16 << 20;  // between two looks at the progress
 
@@ -133,8 +134,7 @@ Result<void> TreeCopy::copyFile(const FileDescriptor& source, Side target) {
     const auto size = static_cast<std::uint64_t>(status.st_size);
     if (auto copied = copyContent(source.get(), file.get(), size); !copied) return copied;
     if (auto copied = copyMetadata(source.get(), status, file.get()); !copied) return copied;
-    // So that its blocks are given out and on their way before anybody waits for them.
-    (void)sync_file_range(file.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+    ++objects_;
     return {};
 }
 
@@ -146,6 +146,7 @@ Result<void> TreeCopy::copyFolder(FileDescriptor source, Side target, unsigned d
     const FileDescriptor folder(
         openat(target.folder, target.name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!folder) return failure(errno);
+    ++objects_;
     const auto entries = directoryStream(source.get());
     if (!entries) return failure(errno);
     for (;;) {
@@ -221,6 +222,10 @@ Result<void> TreeCopy::copyRange(int source, int target, std::int64_t begin, std
 
 Result<void> TreeCopy::sync(int target, const std::string& targetName) const {
     if (progress_.isCancelled()) return failure(ECANCELED);
+    if (objects_ > syncedByThemselves) {
+        const FileDescriptor folder(openat(target, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        return folder && syncfs(folder.get()) == 0 ? Result<void>() : failure(errno);
+    }
     const FileDescriptor object(
         openat(target, targetName.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!object && errno == ELOOP) return {};  // a link lives in its folder

@@ -24,9 +24,8 @@ class TreeCopy {
     Result<void> copy(int source, const std::string& sourceName, int target,
                       const std::string& targetName);
 
-    /// Makes what was copied durable, the entry in `target` itself excepted. Each object is synced
-    /// by itself, not the file system, which may have gigabytes of others' to write; the first one
-    /// takes most of the others with it.
+    /// Makes what was copied durable, the entry in `target` itself excepted: a few objects by
+    /// themselves, since others may have gigabytes to write, many with all of the file system.
     Result<void> sync(int target, const std::string& targetName) const;
 
   private:
@@ -44,6 +43,7 @@ class TreeCopy {
     QSProgress& progress_;
     bool canClone_ = true;
     bool canCopyInKernel_ = true;
+    std::uint64_t objects_ = 0;  ///< files and folders made
 };
 
 }  // namespace platform
