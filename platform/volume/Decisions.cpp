@@ -124,6 +124,8 @@ void Reconciler::moveDocument(std::uint32_t document, const Departures::Vacancy&
             owner.documentID = 0;
             index.setIdentity(vacancy.owner, owner);
             index.markDirty(vacancy.owner);
+            // Also of one that has gone: no two rows may name the document.
+            index.setHeld(vacancy.owner, false);
             index.setMetadata(vacancy.owner, {});
             index.forEachName(vacancy.owner, [&](ObjectIndex::EntryNumber at) {
                 record(fsEventModified, vacancy.owner, placeOf(at).path, index.entry(at).folder);

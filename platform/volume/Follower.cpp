@@ -407,6 +407,8 @@ Result<void> Follower::reconcile(std::vector<FolderReading> readings,
     for (const auto folder : reconciler_.takeNewFolders()) {
         isMoved_ = true;
         if (isLive) marks_[folder].isWhole = true;
+        // It may have come from where the scan is still to pass to where it has been.
+        if (isLive && isScanning_) scan_.push_back(folder);
     }
     isMoved_ |= !detached_.empty() && std::ranges::any_of(readings, [](const auto& reading) {
         return std::ranges::any_of(reading.sightings, [](const Sighting& sighting) {

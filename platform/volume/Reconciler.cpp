@@ -267,16 +267,15 @@ void Reconciler::arrive(const FolderReading& reading, const Sighting& sighting) 
     if (!isSilentHere) changeOf(reading.folder).isModified = true;
 
     auto& change = changeOf(object);
+    if (isDirectory) newFolders_.push_back(object);
     if (departure) {
         change.left.push_back(std::move(departure->last));
-        if (isDirectory) newFolders_.push_back(object);
     } else if (!hadNames && change.left.empty()) {
         change.isNew = true;
         constexpr std::size_t mostBirths = 10'000;  // a storm is no save
         if (births_.size() == mostBirths) births_.clear();
         if (occasion_ == Occasion::Live) births_[object] = now_;
         change.isSilent = isSilentHere;
-        if (isDirectory) newFolders_.push_back(object);
         if (isDirectory && !isSilentHere) loudFolders_.insert(object);
     }
     change.came.push_back(
