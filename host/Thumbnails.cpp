@@ -24,7 +24,7 @@ struct None {};
 
 /// What an extension's completion handler without a value is to be.
 template <typename Parts>
-auto finishing(std::shared_ptr<Answer<Parts, None>> answer) {
+auto finishing(const std::shared_ptr<Answer<Parts, None>>& answer) {
     return [answer](std::optional<platform::QSError> error) {
         answer->finish(error ? Result<None>(std::unexpected(std::move(*error))) : None{});
     };

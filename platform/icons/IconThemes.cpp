@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstdlib>
 #include <iterator>
+#include <map>
 #include <sstream>
 #include <string_view>
 
@@ -116,12 +117,11 @@ struct IconThemes::Search {
         auto names = index.list("Icon Theme", "Directories");
         std::ranges::copy(index.list("Icon Theme", "ScaledDirectories"), std::back_inserter(names));
         names.resize(std::min(names.size(), mostFolders));
-        std::vector<std::pair<long, std::string>> ranked;
+        std::multimap<long, std::string> ranked;  // equal ones as the theme names them
         for (const auto& folder : names) {
             const auto facts = iconFolder(index, folder);
-            if (facts) ranked.emplace_back(distance(*facts, points, scale), folder);
+            if (facts) ranked.emplace(distance(*facts, points, scale), folder);
         }
-        std::ranges::stable_sort(ranked, {}, &std::pair<long, std::string>::first);
         for (const auto& [far, folder] : ranked) {
             for (const auto& base : folders) {
                 auto found = fileIn(base + "/" + theme + "/" + folder, name);

@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -15,6 +17,7 @@
 #include <sstream>
 #include <thread>
 
+#include "tests/support/Pictures.h"
 #include "tests/support/ScratchFolder.h"
 
 // Runs the built program as a shell would.
@@ -284,6 +287,65 @@ TEST_F(TidewellTest, DocumentsAreChangedAndErrorsAreExact) {
     succeeds({"trash", b}, storage / ".Trash/b");
     const auto untrashed = run({"untrash", b});
     EXPECT_NE(untrashed.error.find("give --to"), std::string::npos) << untrashed.error;
+}
+
+TEST_F(TidewellTest, MetadataIsKeptAndRefusedWithDomainAndCode) {
+    const auto file = scratch.makeFile("Dokumente/file", "content").string();
+    fs::create_symlink("file", storage / "link");
+    EXPECT_EQ(run({"cat", file}).output, "content");
+    EXPECT_EQ(runJson({"tag", file, "b", "a"}).lines().at(0)["tags"], json({"b", "a"}));
+    EXPECT_EQ(runJson({"favorite", file, "7"}).lines().at(0)["favoriteRank"], 7);
+    const auto used = runJson({"used", file, "2026-01-31T10:15:00+01:00"}).lines().at(0);
+    EXPECT_EQ(used["lastUsedDate"], "2026-01-31T09:15:00.000000000Z");
+    for (const auto* verb : {"tag", "favorite", "used"}) {
+        EXPECT_EQ(run({verb, file, "--clear"}).exitCode, 0) << verb;
+    }
+    const auto cleared = runJson({"stat", file}).lines().at(0);
+    EXPECT_EQ(cleared["tags"], json::array());
+    EXPECT_TRUE(cleared["favoriteRank"].is_null() && cleared["lastUsedDate"].is_null());
+
+    const auto link = (storage / "link").string();
+    const std::vector<std::tuple<std::vector<std::string>, std::string, int>> refused{
+        {{"used", "#org.none", "now"}, "QPErrorDomain", 2},
+        {{"tag", "did=4000000", "a"}, "QPErrorDomain", 1},
+        {{"favorite", "did=4000000", "1"}, "QSFileProviderErrorDomain", -1005},
+        {{"cat", "did=4000000"}, "QSFileProviderErrorDomain", -1005},
+        {{"tag", link, "a"}, "QSPOSIXErrorDomain", EOPNOTSUPP},
+        {{"tag", file, std::string(100'000, 'x')}, "QSPOSIXErrorDomain", E2BIG},
+        {{"cat", storage.string()}, "QSPOSIXErrorDomain", EISDIR},
+        {{"cat", link}, "QSPOSIXErrorDomain", ELOOP}};
+    for (const auto& [words, domain, code] : refused) {
+        const auto error = json::parse(runJson(words).error)["error"];
+        EXPECT_EQ(error["domain"], domain) << words[0] << words[1];
+        EXPECT_EQ(error["code"], code) << words[0] << words[1];
+    }
+}
+
+TEST_F(TidewellTest, AnApplicationsIconComesOutInTheSizeOfTheDevice) {
+    const auto icon = scratch.makeFile("icon.svg", tests::svg("#ff0000")).string();
+    scratch.makeFile("share/applications/org.good.desktop",
+                     "[Desktop Entry]\nType=Application\nName=Good\nExec=x\nIcon=" + icon + "\n");
+    const auto bad = scratch.makeFile("bad.svg", tests::entityBomb()).string();
+    scratch.makeFile("share/applications/org.bad.desktop",
+                     "[Desktop Entry]\nType=Application\nName=Bad\nExec=x\nIcon=" + bad + "\n");
+    const auto out = scratch.makeFolder("out").string();
+    setenv("XDG_DATA_HOME", (scratch / "share").c_str(), 1);
+    setenv("TIDEWELL_SCREEN_SCALE", "2", 1);
+    for (const auto& [deviceClass, side] : {std::pair{"1", 120}, {"3", 152}}) {
+        setenv("TIDEWELL_DEVICE_CLASS", deviceClass, 1);
+        const auto lines =
+            runJson({"thumbnail", "#org.bad", "root", "#org.good", "-o", out}).lines();
+        ASSERT_EQ(lines.size(), 3);
+        EXPECT_TRUE(lines[0]["thumbnail"].is_null() && lines[1]["thumbnail"].is_null());
+        EXPECT_EQ(lines[2]["typeIdentifier"], "image/png");
+        const auto png = contentOf(lines[2]["thumbnail"].get<std::string>());
+        ASSERT_GT(png.size(), 24);
+        EXPECT_EQ(static_cast<std::uint8_t>(png[19]), side);
+        EXPECT_EQ(static_cast<std::uint8_t>(png[23]), side);
+    }
+    for (const auto* name : {"XDG_DATA_HOME", "TIDEWELL_SCREEN_SCALE", "TIDEWELL_DEVICE_CLASS"}) {
+        unsetenv(name);
+    }
 }
 
 TEST_F(TidewellTest, AReaderThatGoesAwayEndsItQuietly) {
