@@ -270,6 +270,7 @@ void Reconciler::arrive(const FolderReading& reading, const Sighting& sighting) 
     if (isDirectory) newFolders_.push_back(object);
     if (departure) {
         change.left.push_back(std::move(departure->last));
+        change.wasAway = true;
     } else if (!hadNames && change.left.empty()) {
         change.isNew = true;
         constexpr std::size_t mostBirths = 10'000;  // a storm is no save
@@ -395,8 +396,9 @@ void Reconciler::resolve(NodeNumber node, Change& change) {
         if (!folder) return;
         auto path = joined(folder->path(), index.name(entry));
         const bool isMove = came && !change.left.empty();
+        // Who listed while it was away has seen nothing of what is in it.
         if (isMove && object.kind == ObjectKind::Directory &&
-            coverOfPath(change.left.front().path) != coverOfPath(path)) {
+            (change.wasAway || coverOfPath(change.left.front().path) != coverOfPath(path))) {
             whole = path;
         }
         const auto flags = isMove ? fsEventMoved : came ? fsEventCreated : fsEventModified;

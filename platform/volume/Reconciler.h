@@ -90,6 +90,7 @@ class Reconciler {
         std::vector<FormerPlace> came;
         bool isNew = false;
         bool isModified = false;
+        bool wasAway = false;   ///< for a while it was nowhere
         bool isSilent = false;  ///< was there before anybody could ask
     };
     struct Orphan {
