@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -27,10 +26,8 @@ std::vector<std::string> cells(const std::string& line) {
 }
 
 TEST(ErrorTable, EveryErrorEndsTheCommandWithTheExitCodeThatTheManualPromises) {
-    const auto page = std::filesystem::path(__FILE__).parent_path().parent_path().parent_path() /
-                      "docs/errors.md";
-    std::ifstream text(page);
-    ASSERT_TRUE(text) << page;
+    std::ifstream text(ERRORS_PAGE);
+    ASSERT_TRUE(text) << ERRORS_PAGE;
     std::set<std::pair<std::string, std::int64_t>> known;
     for (std::string line; std::getline(text, line);) {
         const auto row = cells(line);
