@@ -86,6 +86,7 @@ void ObjectIndex::load(const ObjectRow& row) {
         const auto holder = ensure(folder);
         if (findEntry(holder, name) == none) {
             addName(number, holder, name);
+            nodes_[holder].isListed = true;  // entries are stored all at once
         } else {
             displaced_.push_back({number, holder, name});
         }

@@ -60,6 +60,7 @@ class ObjectIndex {
         bool hasMoreNames : 1 = false;  ///< the store may hold further names of it
         bool isRacy : 1 = false;        ///< a later change may have left the stamp as it is
         bool isUndecided : 1 = false;   ///< its document ID may go to another object, or come
+        bool isListed : 1 = false;      ///< a folder all of whose entries are known
         bool isHeld : 1 = false;        ///< its row waits for an event that is still to come
     };
     struct Entry {
@@ -114,6 +115,7 @@ class ObjectIndex {
     [[nodiscard]] const std::string& metadata(NodeNumber number) const;
     void setMetadata(NodeNumber number, std::string metadata);
     /// A row that is held stays in the store as it was, so that after a crash the same is found.
+    void setListed(NodeNumber number, bool isListed) { nodes_[number].isListed = isListed; }
     void setHeld(NodeNumber number, bool isHeld) { nodes_[number].isHeld = isHeld; }
     void setUndecided(NodeNumber number, bool isUndecided) {
         nodes_[number].isUndecided = isUndecided;

@@ -122,6 +122,7 @@ void Reconciler::leaveLostFolders(Time now) {
 void Reconciler::noticeAbsent(const FolderReading& reading) {
     if (!reading.names) return;
     auto& index = state_.index;
+    index.setListed(reading.folder, true);
     std::vector<ObjectIndex::EntryNumber> absent;
     index.forEachChild(reading.folder, [&](ObjectIndex::EntryNumber entry) {
         const auto name = index.name(index.entry(entry));
@@ -333,6 +334,7 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
     updateHold(object);
     index.setMetadata(object, {});
     index.setState(object, ObjectKind::Other, 0, false);
+    index.setListed(object, false);
     index.setUndecided(object, old.documentID != 0);
     index.markDirty(object);
 }

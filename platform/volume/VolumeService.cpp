@@ -173,7 +173,8 @@ std::optional<std::uint64_t> VolumeService::entryCount(const FileAttributes& fol
     const auto& node = state_->index.node(number);
     // Once everything is followed, a change that the stamp does not tell has been seen all the
     // same.
-    if (node.stamp != stampOf(folder) || (node.isRacy && !isCaughtUp())) return std::nullopt;
+    if (!node.isListed || node.stamp != stampOf(folder) || (node.isRacy && !isCaughtUp()))
+        return std::nullopt;
     return node.childCount;
 }
 
