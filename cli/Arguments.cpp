@@ -45,6 +45,8 @@ struct Parser {
     std::string page;
     std::string since;
     std::string trashAge = "30d";
+    std::string application;
+    std::vector<std::string> words;
     bool byDate = false;
     bool takesItem = true;
     CLI::App app{"Browse the documents of this user as document browsers see them.", "tidewell"};
@@ -94,10 +96,32 @@ struct Parser {
         addMutation(Command::Untrash, "untrash", "Put an item from the trash back");
         addMutation(Command::Remove, "rm", "Delete items for good");
         addMutation(Command::EmptyTrash, "empty-trash", "Delete what was trashed long ago");
+        addApps();
+        auto& search =
+            add(Command::Search, "search", "Find items by words of their names", Takes::Nothing);
+        search.add_option("WORD", words, "Words that the name has, or beginnings of them")
+            ->option_text(" ")
+            ->required();
     }
 
     void addMutation(Command command, const char* name, const char* help) {
         addMutationOptions(add(command, name, help, Takes::Nothing), arguments.mutation);
+    }
+
+    void addApps() {
+        using Override = host::AppRegistry::Override;
+        auto& apps = add(Command::Apps, "apps", "Print the app libraries", Takes::Nothing);
+        apps.require_subcommand(0, 1);
+        apps.add_flag("--all", arguments.all, "Also installed applications that are not shown");
+        const auto addDecision = [&](const char* name, const char* help, Override decision) {
+            auto& sub = *apps.add_subcommand(name, help);
+            sub.add_option("ID", application, "The identifier of an installed application")
+                ->option_text(" ")
+                ->required();
+            sub.callback([this, decision] { arguments.decision = decision; });
+        };
+        addDecision("allow", "Show the documents of an application", Override::Allow);
+        addDecision("deny", "Show them no longer; they stay on the disk", Override::Deny);
     }
 
     CLI::App& add(Command command, const char* name, const char* help, Takes takes) {
@@ -135,7 +159,10 @@ struct Parser {
         if (arguments.command == Command::Tree && isWide) {
             return usageError("tree draws folders; list " + arguments.item + " with ls");
         }
-        if (!takesItem) arguments.item.clear();
+        if (!takesItem) arguments.item = application;
+        for (const auto& word : words) {
+            arguments.item += (arguments.item.empty() ? "" : " ") + word;
+        }
         const bool isMetadata = arguments.command == Command::Tag ||
                                 arguments.command == Command::Favorite ||
                                 arguments.command == Command::Used;

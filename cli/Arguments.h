@@ -9,6 +9,7 @@
 #include "cli/ExitCode.h"
 #include "cli/MetadataArguments.h"
 #include "cli/MutationArguments.h"
+#include "host/Apps.h"
 #include "host/Page.h"
 
 namespace cli {
@@ -36,7 +37,9 @@ enum class Command : std::uint8_t {
     Trash,
     Untrash,
     Remove,
-    EmptyTrash
+    EmptyTrash,
+    Apps,
+    Search
 };
 
 /// The command line and the environment, understood.
@@ -46,7 +49,8 @@ struct Arguments {
     bool json = false;
     int verbosity = 0;
     Command command = Command::List;
-    /// As typed: an identifier, a word or a path; empty for a command that takes none.
+    /// As typed: an identifier, a word or a path, or words to search for; empty for a command that
+    /// takes none.
     std::string item = "root";
     bool onePage = false;
     host::PageStart start = host::Order::ByName;
@@ -55,6 +59,8 @@ struct Arguments {
     /// How long `watch` keeps what is in the trash; for ever where it is none.
     std::optional<std::chrono::seconds> trashAge;
     MetadataArguments metadata;
+    bool all = false;
+    std::optional<host::AppRegistry::Override> decision;  ///< about the application `item`
 };
 
 /// There is nothing to run: help was asked for, or the command line is wrong.

@@ -79,7 +79,7 @@ Result<ExitCode> watchChanges(const Arguments& arguments, host::DocumentService&
     bool isWorthTelling = true;  // the first anchor says that the watch has begun
     while (reached) {
         bool moreComing = false;
-        reached = service.changes(container, *reached, [&](const host::ChangePage& page) {
+        reached = service.changes(**following, *reached, [&](const host::ChangePage& page) {
             moreComing = page.moreComing;
             isWorthTelling = isWorthTelling || !page.updates.empty() || !page.deletions.empty();
             appendPage(output, page, arguments.json);

@@ -24,8 +24,12 @@ namespace {
 class Run {
   public:
     Run(const Arguments& arguments, host::DocumentService& service, Output& output,
-        Progress& progress)
-        : arguments_(arguments), service_(service), output_(output), progress_(progress) {}
+        Progress& progress, const Helpers& helpers)
+        : arguments_(arguments),
+          service_(service),
+          output_(output),
+          progress_(progress),
+          helpers_(helpers) {}
 
     [[nodiscard]] Result<ExitCode> command() {
         if (arguments_.command == Command::Resolve) return resolve();
@@ -36,6 +40,12 @@ class Run {
         }
         if (isMutation(arguments_.command)) {
             return runMutation(arguments_, service_, output_, progress_);
+        }
+        if (arguments_.command == Command::Apps) {
+            return printApps(arguments_, service_, helpers_, output_);
+        }
+        if (arguments_.command == Command::Search) {
+            return printMatches(arguments_, helpers_, output_);
         }
         auto identifier = itemIdentifier();
         if (!identifier) return std::unexpected(std::move(identifier.error()));
@@ -224,6 +234,7 @@ class Run {
     host::DocumentService& service_;
     Output& output_;
     Progress& progress_;
+    const Helpers& helpers_;
     std::uint64_t count_ = 0;
     std::uint64_t folders_ = 0;
     std::vector<bool> wasLast_;  // per level of the tree on the way to the current item
@@ -238,8 +249,8 @@ ExitCode report(const platform::QSError& error, std::string_view subject, bool j
 }
 
 ExitCode runCommand(const Arguments& arguments, host::DocumentService& service, Output& output,
-                    Progress& progress) {
-    auto code = Run(arguments, service, output, progress).command();
+                    Progress& progress, const Helpers& helpers) {
+    auto code = Run(arguments, service, output, progress, helpers).command();
     const auto written = output.finish();
     progress.end();
     if (!code) return report(code.error(), arguments.item, arguments.json);

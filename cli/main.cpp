@@ -10,6 +10,7 @@
 #include "cli/Arguments.h"
 #include "cli/Output.h"
 #include "cli/Progress.h"
+#include "cli/apps.h"
 #include "cli/commands.h"
 #include "host/DocumentService.h"
 #include "platform/fileprovider/Platform.h"
@@ -65,13 +66,19 @@ cli::ExitCode run(const cli::Arguments& arguments) {
         return cli::ExitCode::Failed;
     }
     (*platform)->install();
+    const auto libraries = tidewell::AppLibraries::load();
+    // A command answers for now, not for when the last one ran.
+    (void)libraries->refresh();
     host::DocumentService::Options options;
     // Only a service that stays looks after the trash.
     if (arguments.command == cli::Command::Watch) options.trashAge = arguments.trashAge;
-    host::DocumentService service([] { return tidewell::makeLocalFileProvider(); },
+    host::DocumentService service([&] { return tidewell::makeLocalFileProvider(libraries); },
                                   std::move(options));
+    host::Search search(service, (*platform)->folders().cache + "/search.sqlite");
     cli::Output output(STDOUT_FILENO, progress);
-    return cli::runCommand(arguments, service, output, progress);
+    const cli::Helpers helpers{host::AppRegistry::ofPlatform([&] { (void)libraries->refresh(); }),
+                               &search};
+    return cli::runCommand(arguments, service, output, progress, helpers);
 }
 
 }  // namespace

@@ -37,12 +37,18 @@ if(TIDEWELL_SANITIZE)
   endif()
 endif()
 
-# tidewell_library(NAME [USES target...] [PACKAGES pkg-config-module...])
-# One static library from the .cpp files of the current folder. USES is visible to dependents;
+# tidewell_library(NAME [ONLY file...] [EXCEPT file...] [USES target...]
+#                  [PACKAGES pkg-config-module...])
+# One static library from the .cpp files of the current folder, or a part of them. USES is visible to dependents;
 # PACKAGES are third-party and stay private, because their headers appear in .cpp files only.
 function(tidewell_library name)
-  cmake_parse_arguments(ARG "" "" "USES;PACKAGES" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "ONLY;EXCEPT;USES;PACKAGES" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS *.cpp)
+  list(TRANSFORM ARG_EXCEPT PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
+  list(REMOVE_ITEM sources ${ARG_EXCEPT})
+  if(ARG_ONLY)
+    set(sources ${ARG_ONLY})
+  endif()
   list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
   if(sources)
     add_library(${name} STATIC ${sources})

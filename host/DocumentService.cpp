@@ -12,6 +12,28 @@ namespace host {
 
 using platform::Result;
 
+namespace {
+
+/// Page after page, until nothing more is coming or the handler ends it.
+template <typename NextPage>
+Result<Anchor> changesFrom(const NextPage& nextPage, const Anchor& since,
+                           const DocumentService::ChangeHandler& handler) {
+    for (auto reached = since;;) {
+        auto page = nextPage(reached);
+        if (!page) return std::unexpected(std::move(page.error()));
+        if (page->moreComing && page->anchor == reached) {
+            auto error = platform::errorFromErrno(EPROTO);
+            error.userInfo.emplace(platform::QSDescriptionErrorKey,
+                                   "the extension goes on telling changes without getting further");
+            return std::unexpected(std::move(error));
+        }
+        reached = page->anchor;
+        if (!handler(*page) || !page->moreComing) return reached;
+    }
+}
+
+}  // namespace
+
 DocumentService::DocumentService(const ExtensionFactory& makeExtension)
     : DocumentService(makeExtension, Options{}) {}
 
@@ -104,18 +126,14 @@ Result<ChangePage> DocumentService::onePageOfChanges(const std::string& containe
 
 Result<Anchor> DocumentService::changes(const std::string& container, const Anchor& since,
                                         const ChangeHandler& handler) const {
-    for (auto reached = since;;) {
-        auto page = session_->changes(container, reached);
-        if (!page) return std::unexpected(std::move(page.error()));
-        if (page->moreComing && page->anchor == reached) {
-            auto error = platform::errorFromErrno(EPROTO);
-            error.userInfo.emplace(platform::QSDescriptionErrorKey,
-                                   "the extension goes on telling changes without getting further");
-            return std::unexpected(std::move(error));
-        }
-        reached = page->anchor;
-        if (!handler(*page) || !page->moreComing) return reached;
-    }
+    return changesFrom([&](const Anchor& anchor) { return session_->changes(container, anchor); },
+                       since, handler);
+}
+
+Result<Anchor> DocumentService::changes(const Following& following, const Anchor& since,
+                                        const ChangeHandler& handler) const {
+    return changesFrom([&](const Anchor& anchor) { return following.changes(anchor); }, since,
+                       handler);
 }
 
 Result<std::unique_ptr<Following>> DocumentService::follow(const std::string& container) {

@@ -129,6 +129,10 @@ class DocumentService {
                                                    const Anchor& since,
                                                    const ChangeHandler& handler) const;
 
+    /// The same for one who follows the container.
+    [[nodiscard]] platform::Result<Anchor> changes(const Following& following, const Anchor& since,
+                                                   const ChangeHandler& handler) const;
+
     /// Follows a container: the handle can wait for its signals. Take the anchor, or the changes
     /// since one, after this call, and nothing falls in between. The handle must not outlive the
     /// service.

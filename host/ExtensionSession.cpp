@@ -78,6 +78,7 @@ NativePaths NativePaths::ofPlatform() {
             }};
 }
 
+/// Invalidates its enumerator when the last call on it has ended.
 struct ExtensionSession::Lease {
     explicit Lease(std::shared_ptr<platform::QSFileProviderEnumerator> leased)
         : enumerator(std::move(leased)) {}
@@ -173,8 +174,12 @@ Result<ChangePage> ExtensionSession::changes(const std::string& container,
                                              const Anchor& since) const {
     const auto lease = newLease(container);
     if (!lease) return std::unexpected(lease.error());
+    return changes(**lease, since);
+}
+
+Result<ChangePage> ExtensionSession::changes(const Lease& lease, const Anchor& since) const {
     const auto collector = std::make_shared<ChangeCollector>();
-    (*lease)->enumerator->enumerateChangesForObserver(collector, since);
+    lease.enumerator->enumerateChangesForObserver(collector, since);
     auto [changes, end] = collector->wait(pageDeadline_);
     if (!end) return std::unexpected(withNativePath(std::move(end.error())));
     return ChangePage{.updates = records(changes.updates),

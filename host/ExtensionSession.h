@@ -79,6 +79,14 @@ class ExtensionSession {
     /// Makes the request and waits for its item; ETIMEDOUT when the deadline passes.
     [[nodiscard]] platform::Result<ItemRecord> itemAfter(const ItemRequest& request) const;
 
+    /// An enumerator that is kept; must not outlive the session.
+    struct Lease;
+    [[nodiscard]] platform::Result<std::shared_ptr<Lease>> newLease(
+        const std::string& container) const;
+    /// As changes(), with that enumerator.
+    [[nodiscard]] platform::Result<ChangePage> changes(const Lease& lease,
+                                                       const Anchor& since) const;
+
     /// One page, waited for up to the deadline (then ETIMEDOUT; so are anchors and changes), also
     /// where the extension answers on other threads. An initial page begins with a new enumerator,
     /// so that a folder that was renamed is found at its new place; a token goes to the container's
@@ -86,14 +94,10 @@ class ExtensionSession {
     [[nodiscard]] Page page(const std::string& container, const PageStart& start);
 
   private:
-    /// Invalidates its enumerator when the last call on it has ended.
-    struct Lease;
     [[nodiscard]] std::shared_ptr<Lease> keptLease(const std::string& container);
     /// A new one, which later pages find by keptLease.
     [[nodiscard]] platform::Result<std::shared_ptr<Lease>> newKeptLease(
         const std::string& container);
-    [[nodiscard]] platform::Result<std::shared_ptr<Lease>> newLease(
-        const std::string& container) const;
     [[nodiscard]] std::vector<ItemRecord> records(
         const std::vector<platform::ItemRef>& items) const;
 

@@ -7,7 +7,6 @@
 #include <climits>
 #include <utility>
 
-#include "host/ExtensionSession.h"
 #include "platform/fileprovider/QSFileProviderItem.h"
 
 namespace host {
@@ -52,10 +51,14 @@ Result<std::unique_ptr<Following>> Following::begin(ExtensionSession& session,
 
 /// Reads the place first: where the folder moves in between, it is found to have moved.
 Result<void> Following::startWatch() {
-    if (container_ == platform::QSFileProviderWorkingSetContainerItemIdentifier ||
-        container_ == platform::QSFileProviderAllDirectoriesContainerItemIdentifier) {
-        return {};
+    const bool isTree = container_ == platform::QSFileProviderWorkingSetContainerItemIdentifier ||
+                        container_ == platform::QSFileProviderAllDirectoriesContainerItemIdentifier;
+    if (isTree || container_ == platform::QSFileProviderRootContainerItemIdentifier) {
+        auto source = session_.newLease(container_);
+        if (!source) return std::unexpected(std::move(source.error()));
+        source_ = std::move(*source);
     }
+    if (isTree) return {};
     auto place = session_.pathForIdentifier(container_);
     auto watch = session_.startWatch(container_);
     if (!watch) return std::unexpected(std::move(watch.error()));
@@ -64,8 +67,12 @@ Result<void> Following::startWatch() {
     return {};
 }
 
+Result<ChangePage> Following::changes(const Anchor& since) const {
+    return source_ ? session_.changes(*source_, since) : session_.changes(container_, since);
+}
+
 bool Following::hasMoved() {
-    if (!watch_) return false;
+    if (!watch_ || source_) return false;
     const auto place = session_.pathForIdentifier(container_);
     if (!place || *place == place_) return false;
     return startWatch().has_value();

@@ -5,12 +5,12 @@
 #include <optional>
 #include <string>
 
+#include "host/ExtensionSession.h"
+#include "host/Page.h"
 #include "host/SignalBoard.h"
 #include "platform/foundation/QSError.h"
 
 namespace host {
-
-class ExtensionSession;
 
 /// One who follows a container: the extension watches it until the handle goes. What it is told is
 /// only that something may have happened; the changes since the last anchor say what.
@@ -31,6 +31,11 @@ class Following {
     /// beginning), up to the deadline. False where it has not.
     [[nodiscard]] bool wait(std::chrono::milliseconds deadline);
 
+    /// One page of what happened to the container after the anchor. The three wide containers are
+    /// asked through one enumerator as long as this lives, so that it knows which app libraries the
+    /// follower knows; an anchor of another one may have expired for it.
+    [[nodiscard]] platform::Result<ChangePage> changes(const Anchor& since) const;
+
     /// For poll: readable when wait() has something to look at, be it that it then answers false.
     [[nodiscard]] int descriptor() const { return inbox_.descriptor(); }
 
@@ -48,8 +53,9 @@ class Following {
 
     SignalBoard::Inbox inbox_;  // its own synchronisation
     // Used by the one thread.
-    std::optional<std::string> place_;  // native path; none for what is no folder
-    std::shared_ptr<void> watch_;       // none where everywhere_ does
+    std::optional<std::string> place_;                 // native path; none for what is no folder
+    std::shared_ptr<void> watch_;                      // none where everywhere_ does
+    std::shared_ptr<ExtensionSession::Lease> source_;  // of a wide container
 };
 
 }  // namespace host

@@ -34,4 +34,23 @@ void QSFileProviderManager::setSignalHandler(SignalHandler handler) {
     handler_ = std::move(handler);
 }
 
+void QSFileProviderManager::deleteSearchableItemsInDomains(const std::vector<std::string>& domains,
+                                                           DeletionHandler completionHandler) {
+    SearchableItems handler;
+    {
+        const std::scoped_lock lock(mutex_);
+        handler = searchableItems_;
+    }
+    if (handler) {
+        handler(domains, std::move(completionHandler));
+    } else {
+        completionHandler(0);
+    }
+}
+
+void QSFileProviderManager::setSearchableItems(SearchableItems handler) {
+    const std::scoped_lock lock(mutex_);
+    searchableItems_ = std::move(handler);
+}
+
 }  // namespace platform

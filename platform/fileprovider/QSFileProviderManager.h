@@ -1,9 +1,11 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/fileprovider/QSFileProviderItem.h"
 #include "platform/foundation/QSError.h"
@@ -38,12 +40,25 @@ class QSFileProviderManager {
     /// Connects the host; an empty handler disconnects it.
     void setSignalHandler(SignalHandler handler);
 
+    /// Called once with how many items went.
+    using DeletionHandler = std::move_only_function<void(Result<std::uint64_t>)>;
+    using SearchableItems =
+        std::function<void(const std::vector<std::string>& domains, DeletionHandler)>;
+    /// Asks the host to forget what its search index holds of these domains. With no index
+    /// connected nothing goes.
+    void deleteSearchableItemsInDomains(const std::vector<std::string>& domains,
+                                        DeletionHandler completionHandler);
+    /// Connects the host's search index; an empty handler disconnects it.
+    void setSearchableItems(SearchableItems handler);
+
   private:
     // Constant after construction.
     std::string documentStoragePath_;
 
     std::mutex mutex_;
-    SignalHandler handler_;  // guarded by mutex_
+    // Guarded by mutex_.
+    SignalHandler handler_;
+    SearchableItems searchableItems_;
 };
 
 }  // namespace platform

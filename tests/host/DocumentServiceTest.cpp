@@ -298,6 +298,7 @@ TEST_F(DocumentServiceTest, WhoFollowsIsWokenBySignalsOfItsContainerAlone) {
     container("f");
     container("g");
     container(root);
+    container(workingSet);
     container(allDirectories);
     using Follower = std::pair<std::string, std::unique_ptr<host::Following>>;
     std::vector<Follower> followers;

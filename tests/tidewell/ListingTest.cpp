@@ -193,8 +193,9 @@ TEST_F(ListingTest, ContainersShowWhatTheyCover) {
     }
     std::filesystem::create_directory_symlink("/usr", storage() / "link");
     const auto names = [&](std::string_view container) {
-        LocalRootEnumerator enumerator{std::string(container)};
-        return onePage(enumerator)->names();
+        const auto enumerator =
+            LocalRootEnumerator::initWithContainer(std::string(container), AppLibraries::load());
+        return onePage(*enumerator)->names();
     };
     EXPECT_THAT(names(QSFileProviderRootContainerItemIdentifier),
                 UnorderedElementsAre("a", "p.lutebox", "top", "link"));
@@ -207,8 +208,9 @@ TEST_F(ListingTest, ContainersShowWhatTheyCover) {
 
 TEST_F(ListingTest, ItemsKnowTheirParents) {
     (void)file("a/b/file");
-    LocalRootEnumerator enumerator{std::string(QSFileProviderWorkingSetContainerItemIdentifier)};
-    const auto page = onePage(enumerator);
+    const auto enumerator = LocalRootEnumerator::initWithContainer(
+        std::string(QSFileProviderWorkingSetContainerItemIdentifier), AppLibraries::load());
+    const auto page = onePage(*enumerator);
     ASSERT_THAT(page->items, SizeIs(3));
     std::string parent(QSFileProviderRootContainerItemIdentifier);
     for (const auto& item : page->items) {

@@ -73,9 +73,9 @@ void LocalFileEnumerator::removeEnumerator(const std::shared_ptr<FSChangesEnumer
     queue_.sync([&] { enumerators_.erase(enumerator); });
 }
 
-void LocalFileEnumerator::enumerateChangesForObserver(
-    std::shared_ptr<QSFileProviderChangeObserver> observer,
-    const QSFileProviderSyncAnchor& fromSyncAnchor) {
+void LocalFileEnumerator::enumerateChanges(std::shared_ptr<QSFileProviderChangeObserver> observer,
+                                           const QSFileProviderSyncAnchor& fromSyncAnchor,
+                                           std::uint64_t upToEventID) {
     const auto token = FSChangeToken::fromData(fromSyncAnchor);
     if (!token) {
         logError("can't create change token from anchor data, resetting");
@@ -95,7 +95,7 @@ void LocalFileEnumerator::enumerateChangesForObserver(
     const auto context = std::make_shared<LocalChangesObserverContext>(
         std::move(observer), shared_from_this(), shouldUpdateFileIDInStrata_);
     const auto enumerator =
-        std::make_shared<FSChangesEnumerator>(*token, container(), urls(), context);
+        std::make_shared<FSChangesEnumerator>(*token, container(), urls(), context, upToEventID);
     context->setFSChangesEnumerator(enumerator);
     queue_.sync([&] { enumerators_.insert(enumerator); });
     enumerator->start();
@@ -112,9 +112,9 @@ void LocalFileEnumerator::currentSyncAnchorWithCompletionHandler(
     completionHandler(token.data());
 }
 
-void LocalFileEnumerator::enumerateItemsForObserver(
+void LocalFileEnumerator::enumerateItems(
     std::shared_ptr<QSFileProviderEnumerationObserver> observer,
-    const QSFileProviderPage& startingAtPage) {
+    const QSFileProviderPage& startingAtPage, std::uint64_t sinceEventID) {
     std::optional<FSChangeToken> token;
     if (!isInitialPage(startingAtPage)) {
         token = FSChangeToken::fromData(startingAtPage);
@@ -128,7 +128,7 @@ void LocalFileEnumerator::enumerateItemsForObserver(
         return "enumerate items for " + container() + " with page " +
                (token ? token->description() : std::string(stringFromData(startingAtPage)));
     });
-    auto nextPage = gather(*observer, token);
+    auto nextPage = gather(*observer, token, sinceEventID);
     if (nextPage) {
         observer->finishEnumeratingUpToPage(std::move(*nextPage));
     } else {
@@ -176,7 +176,8 @@ Result<void> LocalFileEnumerator::requireUnchanged(const FSChangeToken& token) c
 }
 
 Result<std::optional<QSFileProviderPage>> LocalFileEnumerator::gather(
-    QSFileProviderEnumerationObserver& observer, const std::optional<FSChangeToken>& token) {
+    QSFileProviderEnumerationObserver& observer, const std::optional<FSChangeToken>& token,
+    std::uint64_t sinceEventID) {
     const auto volume = requireVolume();
     if (!volume) return std::unexpected(volume.error());
     FSChangeToken reached{.deviceUUID = *volume};
@@ -193,7 +194,7 @@ Result<std::optional<QSFileProviderPage>> LocalFileEnumerator::gather(
         reached.streamEventID = token->streamEventID;
     } else {
         logDebug("start gather phase");
-        reached.streamEventID = currentFSEventIDAfterCatchingUp();
+        reached.streamEventID = std::min(currentFSEventIDAfterCatchingUp(), sinceEventID);
         walk = newWalk();
     }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -26,16 +27,28 @@ class LocalFileEnumerator final : public QSFileProviderEnumerator,
   public:
     /// Entries in a page.
     static constexpr std::uint64_t pageSize = 200;
+    static constexpr std::uint64_t noLimit = std::numeric_limits<std::uint64_t>::max();
 
     /// REQUIRES: `urls` is not empty; the first is the folder that a single-folder listing shows.
     LocalFileEnumerator(std::string container, std::vector<QSURL> urls);
     ~LocalFileEnumerator() override;
 
     void enumerateItemsForObserver(std::shared_ptr<QSFileProviderEnumerationObserver> observer,
-                                   const QSFileProviderPage& startingAtPage) override;
+                                   const QSFileProviderPage& startingAtPage) override {
+        enumerateItems(std::move(observer), startingAtPage, noLimit);
+    }
     /// REQUIRES: the enumerator is owned by a shared_ptr.
     void enumerateChangesForObserver(std::shared_ptr<QSFileProviderChangeObserver> observer,
-                                     const QSFileProviderSyncAnchor& fromSyncAnchor) override;
+                                     const QSFileProviderSyncAnchor& fromSyncAnchor) override {
+        enumerateChanges(std::move(observer), fromSyncAnchor, noLimit);
+    }
+    /// The same, where the container's roots were looked up at some event: a listing that begins
+    /// counts as begun there (at the latest), and changes after it are left for the next time.
+    void enumerateItems(std::shared_ptr<QSFileProviderEnumerationObserver> observer,
+                        const QSFileProviderPage& startingAtPage, std::uint64_t sinceEventID);
+    void enumerateChanges(std::shared_ptr<QSFileProviderChangeObserver> observer,
+                          const QSFileProviderSyncAnchor& fromSyncAnchor,
+                          std::uint64_t upToEventID);
     void currentSyncAnchorWithCompletionHandler(SyncAnchorHandler completionHandler) override;
     void start() override;
     void stop() override;
@@ -56,7 +69,8 @@ class LocalFileEnumerator final : public QSFileProviderEnumerator,
     };
 
     Result<std::optional<QSFileProviderPage>> gather(QSFileProviderEnumerationObserver& observer,
-                                                     const std::optional<FSChangeToken>& token);
+                                                     const std::optional<FSChangeToken>& token,
+                                                     std::uint64_t sinceEventID);
     [[nodiscard]] Result<QSUUID> requireVolume() const;
     Result<void> requireSameVolume(const FSChangeToken& token, const QSUUID& volume) const;
     Result<void> requireUnchanged(const FSChangeToken& token) const;

@@ -1,46 +1,290 @@
 #include "tidewell/enumeration/LocalRootEnumerator.h"
 
-#include "platform/fileprovider/QSFileProviderManager.h"
-#include "tidewell/applibraries/TWPAppLibraryManager.h"
+#include <algorithm>
+#include <set>
+#include <utility>
+
+#include "platform/fileprovider/Platform.h"
+#include "platform/fileprovider/QSFileProviderError.h"
 #include "tidewell/common/Logging.h"
-#include "tidewell/items/LocalAppLibraryItem.h"
+#include "tidewell/fs/VolumeIdentity.h"
 
 namespace tidewell {
 
 namespace {
 
-/// The storage first, then the library roots sorted by path.
-std::vector<QSURL> treeRoots() {
+/// The storage first, then the library roots sorted by their bytes.
+std::vector<QSURL> treeRoots(const AppLibraryRoots& libraries) {
     std::vector<QSURL> urls{QSFileProviderManager::defaultManager().documentStorageURL()};
-    const auto libraries = TWPAppLibraryManager::rootURLsForAppLibraries();
-    urls.insert(urls.end(), libraries.begin(), libraries.end());
+    for (const auto& [root, bundle] : libraries) urls.push_back(root);
     return urls;
 }
 
-std::vector<ItemRef> appLibraryItems() {
-    std::vector<ItemRef> items;
-    for (const auto& [root, bundle] : *AppLibraryRootTable::shared().bundleProxiesByRootURLs()) {
-        if (auto item = LocalAppLibraryItem::initFrom(*bundle)) items.push_back(std::move(item));
-    }
-    return items;
+/// Not the table, which is ahead of the main cache while a set is being published.
+AppLibraryRoots presentLibraries(const AppLibraries& appLibraries) {
+    return rootsOf(appLibraries.mainCache()->content().bundleProxies);
 }
+
+bool isAtOrBelow(const std::string& path, const QSURL& root) {
+    return path.starts_with(root.path()) &&
+           (path.size() == root.path().size() || path[root.path().size()] == '/');
+}
+
+/// Hands everything on, unless another set was published before the end: with no event to stop at,
+/// the anchor may then have passed what that set brought with it.
+class PublicationGuard final : public QSFileProviderChangeObserver {
+  public:
+    PublicationGuard(std::shared_ptr<QSFileProviderChangeObserver> observer,
+                     std::shared_ptr<const LocalAppLibraryCache> mainCache, std::uint64_t version)
+        : observer_(std::move(observer)), mainCache_(std::move(mainCache)), version_(version) {}
+
+    void didUpdateItems(std::vector<ItemRef> items) override {
+        observer_->didUpdateItems(std::move(items));
+    }
+    void didDeleteItemsWithIdentifiers(
+        std::vector<QSFileProviderItemIdentifier> identifiers) override {
+        observer_->didDeleteItemsWithIdentifiers(std::move(identifiers));
+    }
+    void finishEnumeratingChangesUpToSyncAnchor(QSFileProviderSyncAnchor anchor,
+                                                bool moreComing) override {
+        if (mainCache_->versionToken() != version_) {
+            return finishEnumeratingWithError(syncAnchorExpiredError());
+        }
+        observer_->finishEnumeratingChangesUpToSyncAnchor(std::move(anchor), moreComing);
+    }
+    void finishEnumeratingWithError(QSError error) override {
+        observer_->finishEnumeratingWithError(std::move(error));
+    }
+
+  private:
+    std::shared_ptr<QSFileProviderChangeObserver> observer_;
+    std::shared_ptr<const LocalAppLibraryCache> mainCache_;
+    std::uint64_t version_;
+};
 
 }  // namespace
 
-LocalRootEnumerator::LocalRootEnumerator(std::string container)
+LocalRootEnumerator::LocalRootEnumerator(std::string container,
+                                         std::shared_ptr<AppLibraries> appLibraries)
     : container_(std::move(container)),
-      localFileEnumerator_(std::make_shared<LocalFileEnumerator>(container_, treeRoots())) {}
+      isWorkingSet_(container_ == QSFileProviderWorkingSetContainerItemIdentifier),
+      appLibraries_(std::move(appLibraries)),
+      appLibraryManager_(isWorkingSet_ ? appLibraries_->workingSetCache()
+                                       : appLibraries_->mainCache()),
+      enumQueue_("tidewell.root-enumerator.queue"),
+      localFileEnumerator_(std::make_shared<LocalFileEnumerator>(
+          container_, treeRoots(presentLibraries(*appLibraries_)))) {}
+
+std::shared_ptr<LocalRootEnumerator> LocalRootEnumerator::initWithContainer(
+    std::string container, std::shared_ptr<AppLibraries> appLibraries) {
+    std::shared_ptr<LocalRootEnumerator> self(
+        new LocalRootEnumerator(std::move(container), std::move(appLibraries)));
+    // One that signals has to hear of what happens in a new library before it is asked again.
+    self->listening_ = self->appLibraries_->listen([weak = self->weak_from_this()] {
+        const auto alive = weak.lock();
+        if (alive) (void)alive->fileEnumeratorOver(presentLibraries(*alive->appLibraries_));
+    });
+    return self;
+}
+
+LocalRootEnumerator::~LocalRootEnumerator() {
+    localFileEnumerator_->stop();
+}
+
+void LocalRootEnumerator::start() {
+    std::shared_ptr<LocalFileEnumerator> started;
+    enumQueue_.sync([&] {
+        if (!std::exchange(isRunning_, true)) started = localFileEnumerator_;
+    });
+    if (started) started->start();
+}
+
+void LocalRootEnumerator::stop() {
+    std::shared_ptr<LocalFileEnumerator> stopped;
+    enumQueue_.sync([&] {
+        if (std::exchange(isRunning_, false)) stopped = localFileEnumerator_;
+    });
+    if (stopped) stopped->stop();
+}
+
+std::shared_ptr<LocalFileEnumerator> LocalRootEnumerator::fileEnumeratorOver(
+    const AppLibraryRoots& libraries) {
+    std::shared_ptr<LocalFileEnumerator> present;
+    std::shared_ptr<LocalFileEnumerator> replaced;
+    enumQueue_.sync([&] {
+        auto roots = treeRoots(libraries);
+        if (localFileEnumerator_->urls() != roots) {
+            logInfo([&] {
+                std::string text;
+                for (const auto& root : roots) text += (text.empty() ? "" : ", ") + root.path();
+                return "updated root enumerator to monitor [" + text + "]";
+            });
+            replaced = std::exchange(localFileEnumerator_, std::make_shared<LocalFileEnumerator>(
+                                                               container_, std::move(roots)));
+            if (isRunning_) localFileEnumerator_->start();
+        }
+        present = localFileEnumerator_;
+    });
+    // What it was running ends with an expired anchor; its observers are called on other queues.
+    if (replaced) replaced->stop();
+    return present;
+}
 
 void LocalRootEnumerator::enumerateItemsForObserver(
     std::shared_ptr<QSFileProviderEnumerationObserver> observer,
     const QSFileProviderPage& startingAtPage) {
     const LogSection section([&] { return "enumerate root items for " + container_; });
+    auto sinceEventID = LocalFileEnumerator::noLimit;
     if (isInitialPage(startingAtPage)) {
-        auto items = appLibraryItems();
+        // Before the set is read, so that a set that comes later voids the pages of this one.
+        sinceEventID = currentFSEventIDAfterCatchingUp();
+    }
+    const auto libraries = presentLibraries(*appLibraries_);
+    if (isInitialPage(startingAtPage)) {
+        auto items = itemsOf(libraries);
         logDebug([&] { return "discovered " + std::to_string(items.size()) + " app-libraries"; });
         observer->didEnumerateItems(std::move(items));
     }
-    localFileEnumerator_->enumerateItemsForObserver(std::move(observer), startingAtPage);
+    fileEnumeratorOver(libraries)->enumerateItems(std::move(observer), startingAtPage,
+                                                  sinceEventID);
+}
+
+void LocalRootEnumerator::enumerateChangesForObserver(
+    std::shared_ptr<QSFileProviderChangeObserver> observer,
+    const QSFileProviderSyncAnchor& fromSyncAnchor) {
+    const LogSection section([&] { return "enumerate root changes for " + container_; });
+    auto token = FSChangeToken::fromData(fromSyncAnchor);
+    if (!token) {
+        logError("can't create change token from anchor data, resetting");
+        return observer->finishEnumeratingWithError(syncAnchorExpiredError());
+    }
+    // Before the set is read: the roots of a set that comes later are recorded after this event, so
+    // no anchor that names an older set has passed them.
+    const auto upToEventID = endOfHistory();
+    auto told = appLibraryStep(*token);
+    if (!told) return observer->finishEnumeratingWithError(syncAnchorExpiredError());
+    if (!told->items.empty()) observer->didUpdateItems(std::move(told->items));
+    if (!told->deletions.empty()) {
+        observer->didDeleteItemsWithIdentifiers(std::move(told->deletions));
+    }
+    if (upToEventID == LocalFileEnumerator::noLimit) {
+        observer = std::make_shared<PublicationGuard>(
+            std::move(observer), appLibraries_->mainCache(), token->appLibraryVersionToken);
+    }
+    fileEnumeratorOver(appLibraryManager_.bundleProxiesByRootURLs())
+        ->enumerateChanges(std::move(observer), token->data(), upToEventID);
+}
+
+void LocalRootEnumerator::currentSyncAnchorWithCompletionHandler(
+    SyncAnchorHandler completionHandler) {
+    fileEnumeratorOver(presentLibraries(*appLibraries_))
+        ->currentSyncAnchorWithCompletionHandler(std::move(completionHandler));
+}
+
+std::string LocalRootEnumerator::versionSuffix(std::uint64_t changeTokenVersion) const {
+    return " [changeTokenVersion: " + std::to_string(changeTokenVersion) + ", workingSetVersion: " +
+           std::to_string(appLibraries_->workingSetCache()->versionToken()) +
+           ", mainCacheVersion: " + std::to_string(appLibraries_->mainCache()->versionToken()) +
+           "]";
+}
+
+bool LocalRootEnumerator::isUsable(std::uint64_t changeTokenVersion,
+                                   std::uint64_t localVersion) const {
+    if (!isWorkingSet_ && localVersion < changeTokenVersion) {
+        logInfo([&] {
+            return "app-library version is greater than local version, need to restart from "
+                   "scratch" +
+                   versionSuffix(changeTokenVersion);
+        });
+        return false;
+    }
+    if (changeTokenVersion == 0) {
+        logInfo("change token version is zero, let's send all the app-libraries known");
+        return true;
+    }
+    if (changeTokenVersion == localVersion) {
+        logDebug("change token version matches local version");
+        return true;
+    }
+    logInfo([&] {
+        return "change token version matches nothing, need to restart from scratch" +
+               versionSuffix(changeTokenVersion);
+    });
+    return false;
+}
+
+std::optional<LocalRootEnumerator::Told> LocalRootEnumerator::appLibraryStep(FSChangeToken& token) {
+    const auto changeTokenVersion = token.appLibraryVersionToken;
+    if (!isUsable(changeTokenVersion, appLibraryManager_.versionToken())) return std::nullopt;
+    std::optional<std::uint64_t> requiredVersion;
+    if (isWorkingSet_ && changeTokenVersion != 0) {
+        requiredVersion = appLibraries_->workingSetCache()->versionToken();
+    }
+    const auto upgrade =
+        appLibraryManager_.upgradeFromMainCache(*appLibraries_->mainCache(), requiredVersion);
+    if (!upgrade) {
+        logInfo([&] {
+            return "local version was never saved, need to restart from scratch" +
+                   versionSuffix(changeTokenVersion);
+        });
+        return std::nullopt;
+    }
+    token.appLibraryVersionToken = upgrade->versionToken;
+    if (isWorkingSet_) saveWorkingSet();
+
+    Told told;
+    if (upgrade->changed || changeTokenVersion == 0) {
+        told.items = appLibraryManager_.appLibraryItems();
+    }
+    if (upgrade->lost.empty()) return told;
+    told.deletions = upgrade->removedIdentifiers();
+    const auto below = identifiersBelow(upgrade->lostRoots(), token.streamEventID);
+    if (!below) return std::nullopt;
+    told.deletions.insert(told.deletions.end(), below->begin(), below->end());
+    return told;
+}
+
+/// What the host of the working set has been told; also again where a former save has failed.
+void LocalRootEnumerator::saveWorkingSet() {
+    auto content = appLibraries_->mainCache()->content();
+    auto& cache = *appLibraries_->workingSetCache();
+    if (content.versionToken != appLibraryManager_.versionToken() ||
+        content.versionToken == cache.versionToken()) {
+        return;
+    }
+    const auto saved = cache.save(std::move(content.bundleProxies), content.versionToken);
+    if (saved) return;
+    logError([&] { return "can't save working-set cache to disk;" + saved.error().description(); });
+}
+
+/// Everything below the roots that the history tells of, which includes that they were let go;
+/// without what the container shows elsewhere. None where the history does not go back that far.
+std::optional<std::vector<std::string>> LocalRootEnumerator::identifiersBelow(
+    const std::vector<QSURL>& lostRoots, std::uint64_t sinceEventID) const {
+    constexpr std::size_t batch = 4096;
+    const ContainerCover cover(container_, treeRoots(appLibraryManager_.bundleProxiesByRootURLs()));
+    if (!cover.isRecursive()) return std::vector<std::string>{};
+    if (!Platform::current().events().history->isCaughtUp()) {
+        (void)Platform::current().volume().waitUntilSeen();
+    }
+    std::set<std::string> found;
+    for (auto after = sinceEventID, last = currentFSEventID(); after < last;) {
+        const auto events = Platform::current().events().history->eventsAfter(after, last, batch);
+        if (!events) return std::nullopt;
+        for (const auto& event : *events) {
+            const auto isBelow = [&](const QSURL& root) { return isAtOrBelow(event.path, root); };
+            if (std::ranges::none_of(lostRoots, isBelow)) continue;
+            const auto identifier = identifierOf(event);
+            if (!identifier || found.contains(*identifier)) continue;
+            const auto isShown = [&](const QSURL& place) {
+                return cover.placeOf(place).cover == Cover::Shown;
+            };
+            if (std::ranges::none_of(placesOf(event), isShown)) found.insert(*identifier);
+        }
+        if (events->size() < batch) break;
+        after = events->back().id;
+    }
+    return std::vector<std::string>(found.begin(), found.end());
 }
 
 }  // namespace tidewell

@@ -30,23 +30,12 @@ std::vector<QSURL> notEmpty(std::vector<QSURL> urls) {
     return urls;
 }
 
-/// No limit where what happened while nobody watched has still to be found: it will come behind the
-/// present ID, and belongs to the answer.
-std::uint64_t presentEventID() {
-    return Platform::current().events().history->isCaughtUp() ? currentFSEventID() : everything;
-}
-
-/// The identifier of the event's object; none where it never had one.
-std::optional<std::string> identifierKeptBy(const QSURL& url) {
+/// The identifier of the event's object; none where it never had one. The event itself tells it
+/// where the place is no longer below any root, its library having gone meanwhile.
+std::optional<std::string> identifierKeptBy(const QSURL& url, const FSEvent& event) {
     if (url.cachedResourceValue(QSResourceKey::IsDirectory).index() == 0) return std::nullopt;
-    return itemIdentifier(url);
-}
-
-std::vector<QSURL> placesOf(const FSEvent& event) {
-    const auto& volume = Platform::current().volume();
-    return event.identifierKind == IdentifierKind::Document
-               ? volume.placesOfDocumentID(event.documentID)
-               : volume.placesOfFileID(event.fileID);
+    auto identifier = itemIdentifier(url);
+    return identifier ? identifier : identifierOf(event);
 }
 
 /// Whether the item's object has that file ID, whatever its identifier is made of.
@@ -63,15 +52,21 @@ bool hasFileID(const LocalItem& item, std::uint64_t fileID) {
 
 FSChangesEnumerator::FSChangesEnumerator(const FSChangeToken& token, std::string container,
                                          std::vector<QSURL> urls,
-                                         std::shared_ptr<QSFileProviderChangeObserver> observer)
+                                         std::shared_ptr<QSFileProviderChangeObserver> observer,
+                                         std::uint64_t upToEventID)
     : queue_("tidewell.changes-enumerator"),
       cover_(std::move(container), notEmpty(std::move(urls))),
       sinceFSEventID_(token.streamEventID),
+      upToEventID_(upToEventID),
       currentToken_(withUsableOffset(token)),
       numberOfChanges_(currentToken_.offset),
-      startupFSEventID_(presentEventID()),
+      startupFSEventID_(endOfReplay()),
       observer_(std::move(observer)) {
     makeReaders();
+}
+
+std::uint64_t FSChangesEnumerator::endOfReplay() const {
+    return std::min(endOfHistory(), upToEventID_);
 }
 
 void FSChangesEnumerator::makeReaders() {
@@ -180,7 +175,7 @@ void FSChangesEnumerator::collect(const FSEvent& event, const QSURL& url,
         // What is in a package of the folder was never in the folder itself.
         if (!cover_.isRecursive()) return;
     }
-    const auto identifier = identifierKeptBy(url);
+    const auto identifier = identifierKeptBy(url, event);
     if (item && (!identifier || item->itemIdentifier() == *identifier)) {
         const auto cover = cover_.coverOf(*item);
         if (cover == Cover::Shown) {
@@ -316,7 +311,7 @@ void FSChangesEnumerator::beginAgain() {
     numberOfChanges_ = currentToken_.offset;
     numberOfReaderCaughtUp_ = 0;
     pathBasedReaderState_.reset();
-    startupFSEventID_ = presentEventID();
+    startupFSEventID_ = endOfReplay();
     makeReaders();
     start();
 }

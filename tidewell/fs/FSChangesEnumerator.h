@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -30,9 +31,11 @@ class FSChangesEnumerator final : public FSEventReaderDelegate,
     /// Changes in a page at the most.
     static constexpr std::uint64_t pageSize = 100;
 
-    /// Keeps the observer until its last call. REQUIRES: `urls` is not empty.
+    /// Keeps the observer until its last call; tells of nothing after `upToEventID`. REQUIRES:
+    /// `urls` is not empty.
     FSChangesEnumerator(const FSChangeToken& token, std::string container, std::vector<QSURL> urls,
-                        std::shared_ptr<QSFileProviderChangeObserver> observer);
+                        std::shared_ptr<QSFileProviderChangeObserver> observer,
+                        std::uint64_t upToEventID = std::numeric_limits<std::uint64_t>::max());
 
     /// Any thread, both; they do not wait. Stopping ends the enumeration, with an expired anchor
     /// where the observer has had no last call.
@@ -77,6 +80,7 @@ class FSChangesEnumerator final : public FSEventReaderDelegate,
     void startFeed(Feed& feed);
     /// Null for a reader from before the enumeration began again.
     [[nodiscard]] Feed* feedOf(const FSEventReader& reader);
+    [[nodiscard]] std::uint64_t endOfReplay() const;
     void makeReaders();
     [[nodiscard]] bool foldersHaveMoved();
     void beginAgain();
@@ -103,6 +107,7 @@ class FSChangesEnumerator final : public FSEventReaderDelegate,
     SerialQueue queue_;
     ContainerCover cover_;
     std::uint64_t sinceFSEventID_;
+    std::uint64_t upToEventID_;
 
     // On queue_.
     FSChangeToken currentToken_;

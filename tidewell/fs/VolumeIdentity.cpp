@@ -1,7 +1,10 @@
 #include "tidewell/fs/VolumeIdentity.h"
 
+#include <limits>
+
 #include "platform/fileprovider/Platform.h"
 #include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
+#include "tidewell/identity/TWPFileObjectIdentifier.h"
 
 namespace tidewell {
 
@@ -20,6 +23,28 @@ std::uint64_t currentFSEventIDAfterCatchingUp() {
     auto& volume = Platform::current().volume();
     if (volume.isCaughtUp()) (void)volume.waitUntilSeen();
     return currentFSEventID();
+}
+
+std::uint64_t endOfHistory() {
+    return Platform::current().events().history->isCaughtUp()
+               ? currentFSEventID()
+               : std::numeric_limits<std::uint64_t>::max();
+}
+
+std::optional<std::string> identifierOf(const FSEvent& event) {
+    if (event.identifierKind == IdentifierKind::Document) {
+        if (event.documentID == 0) return std::nullopt;
+        return TWPFileObjectIdentifier::fromDocumentID(event.documentID);
+    }
+    if (event.fileID == 0) return std::nullopt;
+    return TWPFileObjectIdentifier::fromFileID(event.fileID);
+}
+
+std::vector<QSURL> placesOf(const FSEvent& event) {
+    const auto& volume = Platform::current().volume();
+    return event.identifierKind == IdentifierKind::Document
+               ? volume.placesOfDocumentID(event.documentID)
+               : volume.placesOfFileID(event.fileID);
 }
 
 }  // namespace tidewell

@@ -2,9 +2,12 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "platform/foundation/QSURL.h"
 #include "platform/foundation/QSUUID.h"
+#include "platform/volume/EventHistory.h"
 
 namespace tidewell {
 
@@ -20,5 +23,15 @@ using namespace platform;
 /// The same once all that happened before the call is recorded, so that none of it looks like a
 /// change that came later. Does not wait for the comparison at the start.
 [[nodiscard]] std::uint64_t currentFSEventIDAfterCatchingUp();
+
+/// How far a replay that begins now goes: the current event ID, or no limit (the largest number)
+/// where what happened while nobody watched has still to be found. That will come behind the
+/// present ID, and belongs to the answer.
+[[nodiscard]] std::uint64_t endOfHistory();
+
+/// The item identifier of the object that the event is about; none where it never had one.
+[[nodiscard]] std::optional<std::string> identifierOf(const FSEvent& event);
+/// Where the index has that object, all its names.
+[[nodiscard]] std::vector<QSURL> placesOf(const FSEvent& event);
 
 }  // namespace tidewell

@@ -12,7 +12,7 @@ LocalFileProvider::enumeratorForContainerItemIdentifier(
     if (identifier == QSFileProviderRootContainerItemIdentifier ||
         identifier == QSFileProviderWorkingSetContainerItemIdentifier ||
         identifier == QSFileProviderAllDirectoriesContainerItemIdentifier) {
-        return std::make_shared<LocalRootEnumerator>(identifier);
+        return LocalRootEnumerator::initWithContainer(identifier, appLibraries_);
     }
     const auto url = throwingURLForItem(identifier);
     if (!url) return std::unexpected(url.error());

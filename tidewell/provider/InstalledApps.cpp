@@ -1,34 +1,80 @@
 #include "tidewell/provider/InstalledApps.h"
 
 #include "platform/fileprovider/Platform.h"
-#include "tidewell/applibraries/TWPAppLibraryManager.h"
+#include "platform/fileprovider/QSFileProviderError.h"
 #include "tidewell/common/Logging.h"
+#include "tidewell/items/LocalAppLibraryItem.h"
+#include "tidewell/provider/LocalFileProvider.h"
 
 namespace tidewell {
 
-void refreshInstalledApps() {
-    const LogSection section("refreshing installed apps");
-    std::vector<BundleRef> kept;
-    for (const auto type : {QLApplicationType::User, QLApplicationType::System}) {
-        Platform::current().workspace().enumerateApplicationsOfType(
-            type, [&](const ApplicationRef& bundle) {
-                if (!bundle->dataContainerURL) return;
-                if (bundle->supportsDocumentBrowser ||
-                    (bundle->supportsOpenInPlace && bundle->fileSharingEnabled)) {
-                    kept.push_back(bundle);
-                }
-            });
+namespace {
+
+void signal(std::string_view container, std::string_view name) {
+    logInfo([&] { return "notify changes on " + std::string(name); });
+    QSFileProviderManager::defaultManager().signalEnumeratorForContainerItemIdentifier(
+        std::string(container), [](const std::optional<QSError>&) {});
+}
+
+void removeFromSearchIndex(const std::vector<std::string>& domains) {
+    if (domains.empty()) return;
+    logInfo("asking provider manager to delete index from deleted domains");
+    QSFileProviderManager::defaultManager().deleteSearchableItemsInDomains(
+        domains, [](const Result<std::uint64_t>& removed) {
+            if (removed) {
+                logInfo([&] {
+                    return "items from domains: " + std::to_string(*removed) +
+                           " removed from index";
+                });
+            } else {
+                logError([&] {
+                    return "can't delete searchable items from domains; " +
+                           removed.error().description();
+                });
+            }
+        });
+}
+
+}  // namespace
+
+void refreshInstalledApps(AppLibraries& appLibraries) {
+    const LogSection section("pacer event");
+    const bool rootChanged = appLibraries.refresh();
+    logDebug("auto-upgrading shared app library manager");
+    const auto upgrade = appLibraries.upgradeShared();
+    if (rootChanged) {
+        signal(QSFileProviderRootContainerItemIdentifier,
+               "QSFileProviderRootContainerItemIdentifier");
     }
-    const auto failures = Platform::current().containers().show(kept);
-    AppLibraryRoots roots;
-    for (const auto& bundle : kept) {
-        if (failures.contains(*bundle->bundleIdentifier)) continue;
-        roots.emplace(bundle->dataContainerURL->URLByAppendingPathComponent("Documents"), bundle);
+    if (upgrade.changed) {
+        signal(QSFileProviderWorkingSetContainerItemIdentifier,
+               "QSFileProviderWorkingSetContainerItemIdentifier");
     }
-    const bool hasLibraries = !roots.empty();
-    AppLibraryRootTable::shared().replace(std::move(roots));
-    // What lies in a library could not be reached before it was known.
-    if (hasLibraries) Platform::current().unfinished().finish();
+    removeFromSearchIndex(upgrade.domains());
+}
+
+void LocalFileProvider::_defaultApplicationContainerForBundleIdentifier(
+    const std::string& bundleIdentifier,
+    const std::function<void(Result<ItemRef>)>& completionHandler) {
+    const LogSection section([&] { return "default location for " + bundleIdentifier; });
+    const auto refuse = [&] {
+        completionHandler(
+            std::unexpected(QPInvalidParameterError("bundleIdentifier", bundleIdentifier)));
+    };
+    const auto bundle = Platform::current().workspace().bundleProxyForIdentifier(bundleIdentifier);
+    if (!bundle) {
+        logError([&] { return "can't create bundle proxy with '" + bundleIdentifier + "'"; });
+        return refuse();
+    }
+    auto item = LocalAppLibraryItem::initFrom(*bundle);
+    if (!item) {
+        logError([&] {
+            return "can't create an app library item with " +
+                   bundle->bundleIdentifier.value_or("(null)");
+        });
+        return refuse();
+    }
+    completionHandler(std::move(item));
 }
 
 }  // namespace tidewell

@@ -1,9 +1,11 @@
 #pragma once
 
+#include "tidewell/applibraries/AppLibraries.h"
+
 namespace tidewell {
 
-/// Brings the table of app-library roots up to date with the application registry. Runs on the
-/// app-refresh queue.
-void refreshInstalledApps();
+/// Brings the app libraries up to the application registry and tells the host which containers
+/// changed by that, the root first. Runs on the app-refresh queue.
+void refreshInstalledApps(AppLibraries& appLibraries);
 
 }  // namespace tidewell

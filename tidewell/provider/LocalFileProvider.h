@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -7,6 +8,7 @@
 #include "platform/dispatch/Queue.h"
 #include "platform/fileprovider/QPPacer.h"
 #include "platform/fileprovider/QSFileProviderExtension.h"
+#include "tidewell/applibraries/AppLibraries.h"
 
 namespace tidewell {
 
@@ -19,7 +21,8 @@ class LocalItem;
 class LocalFileProvider final : public QSFileProviderExtension {
   public:
     /// Starts following the application registry and asks the host to re-read the working set.
-    [[nodiscard]] static std::shared_ptr<LocalFileProvider> init();
+    [[nodiscard]] static std::shared_ptr<LocalFileProvider> init(
+        std::shared_ptr<AppLibraries> appLibraries = AppLibraries::load());
     ~LocalFileProvider() override;
 
     [[nodiscard]] std::optional<QSURL> URLForItemWithPersistentIdentifier(
@@ -30,6 +33,11 @@ class LocalFileProvider final : public QSFileProviderExtension {
         const QSFileProviderItemIdentifier& identifier) override;
     [[nodiscard]] Result<std::shared_ptr<QSFileProviderEnumerator>>
     enumeratorForContainerItemIdentifier(const QSFileProviderItemIdentifier& identifier) override;
+
+    /// The item of the application's library, or the host's invalid-parameter error.
+    void _defaultApplicationContainerForBundleIdentifier(
+        const std::string& bundleIdentifier,
+        const std::function<void(Result<ItemRef>)>& completionHandler);
 
     void providePlaceholderAtURL(const QSURL& url, CompletionHandler completionHandler) override;
     void startProvidingItemAtURL(const QSURL& url, CompletionHandler completionHandler) override;
@@ -87,7 +95,7 @@ class LocalFileProvider final : public QSFileProviderExtension {
         std::weak_ptr<LocalFileProvider> provider;
     };
 
-    LocalFileProvider();
+    explicit LocalFileProvider(std::shared_ptr<AppLibraries> appLibraries);
     void observeRegistry(const std::shared_ptr<LocalFileProvider>& self);
 
     /// The URL of the item, or the host's error for an item that does not exist.
@@ -106,6 +114,7 @@ class LocalFileProvider final : public QSFileProviderExtension {
         const LocalItem& item, const std::optional<QSFileProviderItemIdentifier>& parentIdentifier);
 
     // Constant after construction.
+    std::shared_ptr<AppLibraries> appLibraries_;
     SerialQueue appRefreshQueue_;
     std::shared_ptr<InstalledAppsProxy> installedAppsProxy_;
     std::shared_ptr<QPPacer> appRefreshPacer_;
@@ -115,7 +124,8 @@ class LocalFileProvider final : public QSFileProviderExtension {
 /// operation that takes an identifier.
 [[nodiscard]] std::shared_ptr<LocalItem> itemMeantBy(const std::string& identifier);
 
-/// The extension as the host instantiates it.
-[[nodiscard]] std::shared_ptr<QSFileProviderExtension> makeLocalFileProvider();
+/// The extension as the host instantiates it, over app libraries that are loaded already.
+[[nodiscard]] std::shared_ptr<QSFileProviderExtension> makeLocalFileProvider(
+    std::shared_ptr<AppLibraries> appLibraries = AppLibraries::load());
 
 }  // namespace tidewell

@@ -51,15 +51,18 @@ std::shared_ptr<LocalItem> itemMeantBy(const std::string& identifier) {
     return url ? LocalItem::initWithURL(*url) : nullptr;
 }
 
-LocalFileProvider::LocalFileProvider()
-    : appRefreshQueue_("tidewell.app-refresh.queue"),
+LocalFileProvider::LocalFileProvider(std::shared_ptr<AppLibraries> appLibraries)
+    : appLibraries_(std::move(appLibraries)),
+      appRefreshQueue_("tidewell.app-refresh.queue"),
       installedAppsProxy_(std::make_shared<InstalledAppsProxy>()),
       appRefreshPacer_(
           std::make_shared<QPPacer>("tidewell.app-refresh.pacer", appRefreshQueue_, 500ms)) {}
 
-std::shared_ptr<LocalFileProvider> LocalFileProvider::init() {
-    std::shared_ptr<LocalFileProvider> self(new LocalFileProvider);
-    self->appRefreshPacer_->setEventBlock(refreshInstalledApps);
+std::shared_ptr<LocalFileProvider> LocalFileProvider::init(
+    std::shared_ptr<AppLibraries> appLibraries) {
+    std::shared_ptr<LocalFileProvider> self(new LocalFileProvider(std::move(appLibraries)));
+    self->appRefreshPacer_->setEventBlock(
+        [libraries = self->appLibraries_] { refreshInstalledApps(*libraries); });
     self->appRefreshPacer_->resume();
     self->appRefreshPacer_->signal();
     self->observeRegistry(self);
@@ -174,8 +177,9 @@ void LocalFileProvider::stopProvidingItemAtURL(const QSURL& /*url*/) {}
 
 void LocalFileProvider::itemChangedAtURL(const QSURL& /*url*/) {}
 
-std::shared_ptr<QSFileProviderExtension> makeLocalFileProvider() {
-    return LocalFileProvider::init();
+std::shared_ptr<QSFileProviderExtension> makeLocalFileProvider(
+    std::shared_ptr<AppLibraries> appLibraries) {
+    return LocalFileProvider::init(std::move(appLibraries));
 }
 
 }  // namespace tidewell

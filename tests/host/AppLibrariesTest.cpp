@@ -1,0 +1,289 @@
+#include <gmock/gmock.h>
+
+#include <map>
+#include <set>
+
+#include "host/Search.h"
+#include "host/errors.h"
+#include "tests/support/FedAppLibraries.h"
+#include "tidewell/fs/FSChangeToken.h"
+#include "tidewell/provider/LocalFileProvider.h"
+
+namespace {
+
+using host::Anchor;
+using host::ChangePage;
+using host::ItemRecord;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::IsSupersetOf;
+using testing::Not;
+using testing::SizeIs;
+using testing::UnorderedElementsAre;
+
+const std::string root(platform::QSFileProviderRootContainerItemIdentifier);
+const std::string workingSet(platform::QSFileProviderWorkingSetContainerItemIdentifier);
+const std::string allDirectories(platform::QSFileProviderAllDirectoriesContainerItemIdentifier);
+
+/// One who keeps a replica of a container out of its listing and changes alone.
+class Client {
+  public:
+    Client(host::DocumentService& service, std::string container, bool isFollowing = false)
+        : service_(service), container_(std::move(container)) {
+        if (isFollowing) following_ = service_.follow(container_).value();
+    }
+
+    void sync() {
+        ASSERT_TRUE(service_.settle());
+        for (;;) {
+            if (!anchor) readAll();
+            const auto apply = [&](const ChangePage& page) {
+                for (const auto& item : page.updates) {
+                    names[item.itemIdentifier] = item.filename;
+                }
+                for (const auto& identifier : page.deletions) names.erase(identifier);
+                return true;
+            };
+            auto reached = following_ ? service_.changes(*following_, *anchor, apply)
+                                      : service_.changes(container_, *anchor, apply);
+            if (reached) {
+                anchor = std::move(*reached);
+                break;
+            }
+            ASSERT_TRUE(host::meansExpired(reached.error())) << reached.error().description();
+            ++restarts;
+            anchor.reset();
+        }
+        std::map<std::string, std::string> present;
+        ASSERT_TRUE(service_.list(container_, host::Order::ByName, [&](const ItemRecord& item) {
+            present[item.itemIdentifier] = item.filename;
+            return true;
+        }));
+        EXPECT_EQ(names, present) << container_;
+    }
+    [[nodiscard]] std::set<std::string> known() const {
+        std::set<std::string> all;
+        for (const auto& [identifier, name] : names) all.insert(name);
+        return all;
+    }
+
+    std::optional<Anchor> anchor;
+    std::map<std::string, std::string> names;
+    int restarts = 0;
+
+  private:
+    void readAll() {
+        names.clear();
+        anchor = service_.anchor(container_).value();
+        ASSERT_TRUE(service_.list(container_, host::Order::ByName, [&](const ItemRecord& item) {
+            names[item.itemIdentifier] = item.filename;
+            return true;
+        }));
+    }
+
+    host::DocumentService& service_;
+    std::string container_;
+    std::unique_ptr<host::Following> following_;
+};
+
+class AppLibrariesTest : public tests::FedAppLibraries {
+  protected:
+    AppLibrariesTest() {
+        (void)installApplication("org.a", "Name of org.a");
+        open();
+    }
+    ~AppLibrariesTest() override { close(); }
+
+    void open() {
+        load();
+        service = std::make_unique<host::DocumentService>(
+            [this] { return tidewell::makeLocalFileProvider(libraries); });
+    }
+    void close() {
+        service.reset();
+        libraries.reset();
+        platform::mainQueue().sync([] {});
+    }
+    void reopen() {
+        close();
+        restart();
+        open();
+    }
+    /// The error of changes from an anchor with another version.
+    [[nodiscard]] platform::QSError changesWithVersion(const std::string& container,
+                                                       const Anchor& anchor,
+                                                       std::uint64_t version) const {
+        auto token = tidewell::FSChangeToken::fromData(anchor).value();
+        token.appLibraryVersionToken = version;
+        const auto page = service->onePageOfChanges(container, token.data());
+        return page ? platform::QSError{} : page.error();
+    }
+    [[nodiscard]] static std::uint64_t version(const Anchor& anchor) {
+        return tidewell::FSChangeToken::fromData(anchor).value().appLibraryVersionToken;
+    }
+
+    std::unique_ptr<host::DocumentService> service;
+};
+
+TEST_F(AppLibrariesTest, TwoClientsOfTheWorkingSetMeetEveryAnswer) {
+    (void)file("own");
+    libraryFile("org.a/Documents/a1");
+    libraryFile("org.b/Documents/folder/b1");
+    setApps({"org.a"});
+    Client first(*service, workingSet);
+    Client second(*service, workingSet);
+    first.sync();
+    second.sync();
+    EXPECT_THAT(first.known(), UnorderedElementsAre("own", "Name of org.a", "a1"));
+    EXPECT_GT(version(*first.anchor), 0u) << "the first changes after no version name one";
+
+    setApps({"org.a", "org.b"});
+    first.sync();  // equal, and upgraded
+    EXPECT_EQ(first.restarts, 0);
+    EXPECT_THAT(first.known(), IsSupersetOf({"Name of org.b", "folder", "b1"}));
+    first.sync();   // equal, nothing to upgrade
+    second.sync();  // matches nothing any more
+    EXPECT_EQ(second.restarts, 1);
+
+    setApps({"org.b"});
+    second.sync();
+    EXPECT_EQ(second.restarts, 1);
+    EXPECT_THAT(second.known(), UnorderedElementsAre("own", "Name of org.b", "folder", "b1"));
+    EXPECT_TRUE(std::filesystem::exists(scratch / "containers/org.a/Documents/a1"));
+    for (const auto wrong : {version(*first.anchor), version(*second.anchor) + 1}) {
+        EXPECT_TRUE(host::meansExpired(changesWithVersion(workingSet, *second.anchor, wrong)));
+    }
+    EXPECT_THAT(logged(platform::LogLevel::Info, "app-library version is greater"), IsEmpty());
+    EXPECT_THAT(logged(platform::LogLevel::Info, "matches nothing, need to restart"), SizeIs(3));
+
+    // What comes back, and changed meanwhile, is told as it is now.
+    std::filesystem::remove(scratch / "containers/org.b/Documents/folder/b1");
+    setApps({});
+    libraryFile("org.b/Documents/b2");
+    setApps({"org.b"});
+    second.sync();
+    EXPECT_EQ(second.restarts, 1);
+    EXPECT_THAT(second.known(), UnorderedElementsAre("own", "Name of org.b", "folder", "b2"));
+}
+
+TEST_F(AppLibrariesTest, AFollowerOfAWideContainerKeepsItsAnchorAndOthersStartAgain) {
+    libraryFile("org.a/Documents/folder/x");
+    setApps({"org.a"});
+    for (const auto& container : {root, allDirectories}) {
+        Client following(*service, container, true);
+        Client other(*service, container);
+        for (const auto& apps : std::vector<std::vector<std::string>>{
+                 {"org.a"}, {"org.a", "org.b"}, {"org.b"}, {"org.a"}}) {
+            setApps(apps);
+            following.sync();
+            other.sync();
+            EXPECT_EQ(following.known().contains("Name of org.b"), apps.back() == "org.b");
+        }
+        EXPECT_EQ(following.restarts, 0);
+        EXPECT_EQ(other.restarts, 3);
+        log->clear();
+        const auto later = version(*following.anchor) + 1;
+        EXPECT_TRUE(host::meansExpired(changesWithVersion(container, *following.anchor, later)));
+        EXPECT_THAT(logged(platform::LogLevel::Info, "app-library version is greater"), SizeIs(1));
+    }
+}
+
+TEST_F(AppLibrariesTest, LibrariesStandBeforeTheDocumentsAndNoPageSurvivesAnotherSet) {
+    for (int i = 0; i < 450; ++i) (void)file("f" + std::to_string(i));
+    for (int i = 0; i < 30; ++i) libraryFile("org.a/Documents/a" + std::to_string(i));
+    for (const bool restarts : {false, true}) {
+        for (const bool isAddedOnly : {false, true}) {
+            setApps({});
+            ASSERT_TRUE(service->settle());
+            auto page = service->onePage(workingSet, host::Order::ByName);
+            page = service->onePage(workingSet, page.next.value().value());
+            const auto third = page.next.value().value();
+            setApps({"org.a"});
+            if (!isAddedOnly) setApps({});
+            if (restarts) reopen();
+            const auto refused = service->onePage(workingSet, third);
+            ASSERT_FALSE(refused.next);
+            EXPECT_TRUE(host::meansExpired(refused.next.error()));
+            EXPECT_THAT(refused.items, IsEmpty());
+        }
+    }
+    // The listing that begins again by itself: nothing twice, nothing left out.
+    setApps({});
+    std::vector<std::string> met;
+    ASSERT_TRUE(service->list(workingSet, host::Order::ByName, [&](const ItemRecord& item) {
+        met.push_back(item.filename);
+        if (met.size() == 399) setApps({"org.a"});
+        return true;
+    }));
+    EXPECT_THAT(met, SizeIs(450 + 30 + 1));
+    EXPECT_EQ(std::set<std::string>(met.begin(), met.end()).size(), met.size());
+
+    std::vector<ItemRecord> items = service->onePage(root, host::Order::ByDate).items;
+    ASSERT_FALSE(items.empty());
+    EXPECT_EQ(items[0].itemIdentifier, "#org.a");
+    EXPECT_EQ(items[0].childItemCount, 30);
+    EXPECT_THAT(service->onePage("#org.a", host::Order::ByName).items, SizeIs(30));
+}
+
+TEST_F(AppLibrariesTest, ARestartWithTheSameApplicationsChangesNothing) {
+    libraryFile("org.a/Documents/a1");
+    setApps({"org.a", "org.b"});
+    Client before(*service, root);
+    before.sync();
+    feed({"org.a", "org.b"});
+    reopen();
+    (void)libraries->refresh();
+    Client after(*service, root);
+    after.anchor = before.anchor;
+    after.names = before.names;
+    after.sync();
+    EXPECT_EQ(after.restarts, 0);
+
+    // A main cache that is lost begins at a version that was never given out.
+    std::filesystem::remove(cacheFile(true));
+    reopen();
+    EXPECT_GT(libraries->mainCache()->versionToken(), version(*before.anchor));
+}
+
+TEST_F(AppLibrariesTest, SearchFollowsTheWorkingSetAndForgetsDomains) {
+    (void)file("Letter to \"Zoë\".txt");
+    libraryFile("org.a/Documents/old letter.txt");
+    setApps({"org.a"});
+    host::Search search(*service, scratch / "cache/deep/search.sqlite");
+    const auto found = [&](std::string_view text) {
+        std::vector<std::string> names;
+        EXPECT_TRUE(search.find(text, [&](const ItemRecord& item) {
+            names.push_back(item.filename);
+            return true;
+        }));
+        return names;
+    };
+    EXPECT_THAT(found("LETT"), UnorderedElementsAre("Letter to \"Zoë\".txt", "old letter.txt"));
+    EXPECT_THAT(found("zoe let"), ElementsAre("Letter to \"Zoë\".txt"));
+    EXPECT_THAT(found("name org"), ElementsAre("Name of org.a"));
+    for (const auto* odd : {"", "\"", "* ORX", "NEAR(", "nothing"})
+        EXPECT_THAT(found(odd), IsEmpty());
+
+    std::filesystem::rename(storage() / "Letter to \"Zoë\".txt", storage() / "note");
+    EXPECT_THAT(found("lett"), ElementsAre("old letter.txt"));
+    std::optional<std::uint64_t> removed;
+    installed->manager().deleteSearchableItemsInDomains(
+        {"org.a", "#org.a", ""}, [&](const auto& count) { removed = count.value(); });
+    EXPECT_EQ(removed, 2u);
+    EXPECT_THAT(found("lett"), IsEmpty());
+    setApps({});
+    setApps({"org.a"});
+    EXPECT_THAT(found("lett"), ElementsAre("old letter.txt"));
+    setApps({});
+    EXPECT_THAT(found("lett"), IsEmpty());
+
+    // A damaged replica is read anew.
+    (void)scratch.makeFile("other/search.sqlite", "this is no database, whatever it is called");
+    host::Search other(*service, scratch / "other/search.sqlite");
+    std::size_t count = 0;
+    EXPECT_TRUE(other.find("note", [&](const ItemRecord&) { return ++count > 0; }));
+    EXPECT_EQ(count, 1u);
+}
+
+}  // namespace

@@ -1,0 +1,89 @@
+#include "tidewell/applibraries/AppLibraries.h"
+
+#include "platform/fileprovider/Platform.h"
+#include "tidewell/applibraries/Registrar.h"
+#include "tidewell/common/Logging.h"
+
+namespace tidewell {
+
+namespace {
+
+std::shared_ptr<LocalAppLibraryCache> makeCache(std::string_view name) {
+    return std::make_shared<LocalAppLibraryCache>(
+        name, Platform::current().folders().applicationSupport + "/Tidewell/" + std::string(name) +
+                  ".plist");
+}
+
+bool loadCache(LocalAppLibraryCache& cache) {
+    bool isLoaded = false;
+    cache.queue().sync([&] { isLoaded = cache.load(); });
+    return isLoaded;
+}
+
+/// What was left unfinished in a library could not be reached before that was known.
+void finishWhatWasLeft() {
+    if (!TWPAppLibraryManager::rootURLsForAppLibraries().empty()) {
+        Platform::current().unfinished().finish();
+    }
+}
+
+/// The table last, so that every root in it can be looked into. What cannot be let in is logged
+/// below, and looked for again.
+void show(const std::vector<BundleRef>& bundles) {
+    (void)Platform::current().containers().show(bundles);
+    AppLibraryRootTable::shared().replace(rootsOf(bundles));
+}
+
+}  // namespace
+
+AppLibraries::AppLibraries(LocalAppLibraryManager::Source source)
+    : source_(std::move(source)),
+      main_(makeCache("app-libraries")),
+      workingSet_(makeCache("searchable-app-libraries")) {}
+
+std::shared_ptr<AppLibraries> AppLibraries::load() {
+    return load(retrieveAppLibraries);
+}
+
+std::shared_ptr<AppLibraries> AppLibraries::load(LocalAppLibraryManager::Source source) {
+    std::shared_ptr<AppLibraries> libraries(new AppLibraries(std::move(source)));
+    const bool isLoaded = loadCache(*libraries->main_);
+    (void)loadCache(*libraries->workingSet_);
+    show(libraries->main_->content().bundleProxies);
+    libraries->mainManager_ = std::make_unique<LocalAppLibraryManager>(libraries->main_);
+    libraries->sharedManager_ = std::make_unique<LocalAppLibraryManager>(libraries->workingSet_);
+    if (isLoaded || !libraries->refresh()) finishWhatWasLeft();
+    return libraries;
+}
+
+AppLibraries::~AppLibraries() {
+    AppLibraryRootTable::shared().replace({});
+}
+
+bool AppLibraries::refresh() {
+    if (!mainManager_->refresh(source_, show)) return false;
+    finishWhatWasLeft();
+    std::vector<std::shared_ptr<std::function<void()>>> told;
+    {
+        const std::scoped_lock lock(mutex_);
+        std::erase_if(listeners_, [](const auto& listener) { return listener.expired(); });
+        for (const auto& listener : listeners_) {
+            if (auto alive = listener.lock()) told.push_back(std::move(alive));
+        }
+    }
+    for (const auto& listener : told) (*listener)();
+    return true;
+}
+
+AppLibraryUpgrade AppLibraries::upgradeShared() {
+    return sharedManager_->upgradeFromMainCache(*main_).value_or(AppLibraryUpgrade{});
+}
+
+std::shared_ptr<void> AppLibraries::listen(std::function<void()> listener) {
+    auto kept = std::make_shared<std::function<void()>>(std::move(listener));
+    const std::scoped_lock lock(mutex_);
+    listeners_.push_back(kept);
+    return kept;
+}
+
+}  // namespace tidewell

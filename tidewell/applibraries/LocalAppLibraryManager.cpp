@@ -1,0 +1,180 @@
+#include "tidewell/applibraries/LocalAppLibraryManager.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "platform/fileprovider/Platform.h"
+#include "tidewell/common/Logging.h"
+#include "tidewell/identity/TWPFileObjectIdentifier.h"
+#include "tidewell/items/LocalAppLibraryItem.h"
+
+namespace tidewell {
+
+namespace {
+
+QSURL rootOf(const QLBundleProxy& bundle) {
+    return bundle.dataContainerURL->URLByAppendingPathComponent("Documents");
+}
+
+std::string textOf(const QLBundleProxy& bundle) {
+    return bundle.bundleIdentifier.value_or("(null)") + " at " +
+           (bundle.dataContainerURL ? bundle.dataContainerURL->path() : std::string("(null)"));
+}
+
+bool areIdentical(const std::vector<BundleRef>& a, const std::vector<BundleRef>& b) {
+    return std::ranges::equal(a, b, [](const BundleRef& left, const BundleRef& right) {
+        return left->dataContainerURL == right->dataContainerURL;
+    });
+}
+
+/// Those of the first whose containers are in the second.
+std::vector<BundleRef> common(const std::vector<BundleRef>& first,
+                              const std::vector<BundleRef>& second) {
+    const auto roots = rootsOf(second);
+    std::vector<BundleRef> bundles;
+    std::ranges::copy_if(first, std::back_inserter(bundles), [&](const BundleRef& bundle) {
+        return bundle->dataContainerURL && roots.contains(rootOf(*bundle));
+    });
+    return bundles;
+}
+
+/// The record with the name that its application has now.
+QLBundleProxy renamed(const QLBundleProxy& bundle) {
+    auto copy = bundle;
+    const auto present = Platform::current().workspace().bundleProxyForIdentifier(
+        bundle.bundleIdentifier.value_or(""));
+    if (present && present->bundleIdentifier == bundle.bundleIdentifier) {
+        copy.displayName = present->displayName;
+    }
+    return copy;
+}
+
+/// Beyond every version that was given out, this one's and those of a main cache that was lost.
+std::uint64_t versionAfter(std::uint64_t present) {
+    return std::max(present, Platform::current().volume().currentEventID()) + 1;
+}
+
+}  // namespace
+
+std::vector<std::string> AppLibraryUpgrade::removedIdentifiers() const {
+    std::vector<std::string> identifiers;
+    for (const auto& bundle : lost) identifiers.push_back(appLibraryIdentifier(*bundle));
+    return identifiers;
+}
+
+std::vector<std::string> AppLibraryUpgrade::domains() const {
+    std::vector<std::string> domains;
+    for (const auto& bundle : lost) domains.push_back(bundle->bundleIdentifier.value_or(""));
+    return domains;
+}
+
+std::vector<QSURL> AppLibraryUpgrade::lostRoots() const {
+    std::vector<QSURL> roots;
+    for (const auto& bundle : lost) roots.push_back(rootOf(*bundle));
+    return roots;
+}
+
+AppLibraryRoots rootsOf(const std::vector<BundleRef>& bundles) {
+    AppLibraryRoots roots;
+    for (const auto& bundle : bundles) {
+        if (bundle->dataContainerURL) roots.emplace(rootOf(*bundle), bundle);
+    }
+    return roots;
+}
+
+std::vector<ItemRef> itemsOf(const AppLibraryRoots& roots) {
+    std::vector<ItemRef> items;
+    for (const auto& [root, bundle] : roots) {
+        if (auto item = LocalAppLibraryItem::initFrom(renamed(*bundle))) {
+            items.push_back(std::move(item));
+            continue;
+        }
+        logError([&] { return "can't create app library from bundle proxy " + textOf(*bundle); });
+    }
+    return items;
+}
+
+LocalAppLibraryManager::LocalAppLibraryManager(std::shared_ptr<LocalAppLibraryCache> cacheSource)
+    : cacheSource_(std::move(cacheSource)), queue_("tidewell.app-library-manager") {
+    take(cacheSource_->content());
+}
+
+void LocalAppLibraryManager::take(AppLibraryContent content) {
+    versionToken_ = content.versionToken;
+    bundleProxiesByRootURLs_ = rootsOf(content.bundleProxies);
+}
+
+std::uint64_t LocalAppLibraryManager::versionToken() const {
+    std::uint64_t versionToken = 0;
+    queue_.sync([&] { versionToken = versionToken_; });
+    return versionToken;
+}
+
+AppLibraryRoots LocalAppLibraryManager::bundleProxiesByRootURLs() const {
+    AppLibraryRoots roots;
+    queue_.sync([&] { roots = bundleProxiesByRootURLs_; });
+    return roots;
+}
+
+std::vector<ItemRef> LocalAppLibraryManager::appLibraryItems() const {
+    return itemsOf(bundleProxiesByRootURLs());
+}
+
+bool LocalAppLibraryManager::refresh(const Source& source, const Show& show) {
+    const LogSection section("refreshing app libraries");
+    bool changed = false;
+    queue_.sync([&] {
+        auto bundles = source();
+        const auto updated = cacheSource_->update(
+            [&](const AppLibraryContent& present) -> std::optional<AppLibraryContent> {
+                // A version of 0 names nothing, not even the empty set.
+                if (present.versionToken != 0 && areIdentical(present.bundleProxies, bundles)) {
+                    logInfo("bundle proxies are identical to previous version");
+                    return std::nullopt;
+                }
+                show(common(present.bundleProxies, bundles));
+                return AppLibraryContent{bundles, versionAfter(present.versionToken)};
+            },
+            [&](const AppLibraryContent& content) { show(content.bundleProxies); });
+        if (!updated) {
+            logError(
+                [&] { return "can't refresh app libraries;" + updated.error().description(); });
+            return;
+        }
+        changed = *updated;
+        if (!changed) return;
+        take(cacheSource_->content());
+        logInfo([&] { return "main cache version token is now " + std::to_string(versionToken_); });
+    });
+    return changed;
+}
+
+std::optional<AppLibraryUpgrade> LocalAppLibraryManager::upgradeFromMainCache(
+    const LocalAppLibraryCache& mainCache, std::optional<std::uint64_t> requiredVersion) {
+    const LogSection section("upgrading content from main cache");
+    std::optional<AppLibraryUpgrade> upgrade;
+    queue_.sync([&] {
+        if (requiredVersion && versionToken_ > *requiredVersion) return;
+        auto content = mainCache.content();
+        upgrade = AppLibraryUpgrade{.versionToken = content.versionToken};
+        if (versionToken_ == content.versionToken) return;
+        if (versionToken_ > content.versionToken) {
+            logError([&] {
+                return "version token shouldn't be greater than the main's cache version (" +
+                       std::to_string(versionToken_) + " vs " +
+                       std::to_string(content.versionToken) + "); manager over " +
+                       cacheSource_->cacheURL();
+            });
+        }
+        auto before = std::move(bundleProxiesByRootURLs_);
+        take(std::move(content));
+        for (const auto& [root, bundle] : before) {
+            if (!bundleProxiesByRootURLs_.contains(root)) upgrade->lost.push_back(bundle);
+        }
+        upgrade->changed = true;
+        logInfo("upgraded manager");
+    });
+    return upgrade;
+}
+
+}  // namespace tidewell
