@@ -66,6 +66,7 @@ cli::ExitCode run(const cli::Arguments& arguments) {
         return cli::ExitCode::Failed;
     }
     (*platform)->install();
+    if (arguments.command == cli::Command::Watch) (*platform)->workspace().follow();
     const auto libraries = tidewell::AppLibraries::load();
     // A command answers for now, not for when the last one ran.
     (void)libraries->refresh();
