@@ -275,8 +275,8 @@ std::vector<ObjectIndex::EntryNumber> ObjectIndex::entriesInNoFolder() const {
         const auto folder = entry(number).folder;
         if (folder == none) continue;
         const Node& holder = node(folder);
-        const bool isFolder = holder.stamp == 0 || holder.kind == ObjectKind::Directory;
-        if (!isFolder || (holder.firstName == none && !holder.isRoot)) found.push_back(number);
+        // One without a name may be a root that is not presented at the moment.
+        if (holder.stamp != 0 && holder.kind != ObjectKind::Directory) found.push_back(number);
     }
     return found;
 }
