@@ -58,18 +58,21 @@ std::uint64_t versionAfter(std::uint64_t present) {
 
 std::vector<std::string> AppLibraryUpgrade::removedIdentifiers() const {
     std::vector<std::string> identifiers;
+    identifiers.reserve(lost.size());
     for (const auto& bundle : lost) identifiers.push_back(appLibraryIdentifier(*bundle));
     return identifiers;
 }
 
 std::vector<std::string> AppLibraryUpgrade::domains() const {
     std::vector<std::string> domains;
+    domains.reserve(lost.size());
     for (const auto& bundle : lost) domains.push_back(bundle->bundleIdentifier.value_or(""));
     return domains;
 }
 
 std::vector<QSURL> AppLibraryUpgrade::lostRoots() const {
     std::vector<QSURL> roots;
+    roots.reserve(lost.size());
     for (const auto& bundle : lost) roots.push_back(rootOf(*bundle));
     return roots;
 }
@@ -99,7 +102,7 @@ LocalAppLibraryManager::LocalAppLibraryManager(std::shared_ptr<LocalAppLibraryCa
     take(cacheSource_->content());
 }
 
-void LocalAppLibraryManager::take(AppLibraryContent content) {
+void LocalAppLibraryManager::take(const AppLibraryContent& content) {
     versionToken_ = content.versionToken;
     bundleProxiesByRootURLs_ = rootsOf(content.bundleProxies);
 }
@@ -155,7 +158,7 @@ std::optional<AppLibraryUpgrade> LocalAppLibraryManager::upgradeFromMainCache(
     std::optional<AppLibraryUpgrade> upgrade;
     queue_.sync([&] {
         if (requiredVersion && versionToken_ > *requiredVersion) return;
-        auto content = mainCache.content();
+        const auto content = mainCache.content();
         upgrade = AppLibraryUpgrade{.versionToken = content.versionToken};
         if (versionToken_ == content.versionToken) return;
         if (versionToken_ > content.versionToken) {
@@ -167,7 +170,7 @@ std::optional<AppLibraryUpgrade> LocalAppLibraryManager::upgradeFromMainCache(
             });
         }
         auto before = std::move(bundleProxiesByRootURLs_);
-        take(std::move(content));
+        take(content);
         for (const auto& [root, bundle] : before) {
             if (!bundleProxiesByRootURLs_.contains(root)) upgrade->lost.push_back(bundle);
         }

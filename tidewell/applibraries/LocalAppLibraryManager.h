@@ -55,7 +55,7 @@ class LocalAppLibraryManager {
     [[nodiscard]] const SerialQueue& queue() const { return queue_; }
 
   private:
-    void take(AppLibraryContent content);
+    void take(const AppLibraryContent& content);
 
     // Constant after construction.
     std::shared_ptr<LocalAppLibraryCache> cacheSource_;
