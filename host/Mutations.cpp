@@ -58,8 +58,9 @@ namespace {
 /// A start that tells of no progress.
 template <typename Call>
 auto plain(Call call) {
-    return [call = std::move(call)](platform::QSFileProviderExtension& extension, auto handler) {
-        call(extension, std::move(handler));
+    return [call = std::move(call)](platform::QSFileProviderExtension& extension,
+                                    const auto& handler) {
+        call(extension, handler);
         return std::shared_ptr<QSProgress>();
     };
 }

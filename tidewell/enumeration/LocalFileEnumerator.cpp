@@ -113,7 +113,7 @@ void LocalFileEnumerator::currentSyncAnchorWithCompletionHandler(
 }
 
 void LocalFileEnumerator::enumerateItems(
-    std::shared_ptr<QSFileProviderEnumerationObserver> observer,
+    const std::shared_ptr<QSFileProviderEnumerationObserver>& observer,
     const QSFileProviderPage& startingAtPage, std::uint64_t sinceEventID) {
     std::optional<FSChangeToken> token;
     if (!isInitialPage(startingAtPage)) {

@@ -35,7 +35,7 @@ class LocalFileEnumerator final : public QSFileProviderEnumerator,
 
     void enumerateItemsForObserver(std::shared_ptr<QSFileProviderEnumerationObserver> observer,
                                    const QSFileProviderPage& startingAtPage) override {
-        enumerateItems(std::move(observer), startingAtPage, noLimit);
+        enumerateItems(observer, startingAtPage, noLimit);
     }
     /// REQUIRES: the enumerator is owned by a shared_ptr.
     void enumerateChangesForObserver(std::shared_ptr<QSFileProviderChangeObserver> observer,
@@ -44,7 +44,7 @@ class LocalFileEnumerator final : public QSFileProviderEnumerator,
     }
     /// The same, where the container's roots were looked up at some event: a listing that begins
     /// counts as begun there (at the latest), and changes after it are left for the next time.
-    void enumerateItems(std::shared_ptr<QSFileProviderEnumerationObserver> observer,
+    void enumerateItems(const std::shared_ptr<QSFileProviderEnumerationObserver>& observer,
                         const QSFileProviderPage& startingAtPage, std::uint64_t sinceEventID);
     void enumerateChanges(std::shared_ptr<QSFileProviderChangeObserver> observer,
                           const QSFileProviderSyncAnchor& fromSyncAnchor,
