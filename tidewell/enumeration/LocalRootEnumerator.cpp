@@ -145,8 +145,7 @@ void LocalRootEnumerator::enumerateItemsForObserver(
         logDebug([&] { return "discovered " + std::to_string(items.size()) + " app-libraries"; });
         observer->didEnumerateItems(std::move(items));
     }
-    fileEnumeratorOver(libraries)->enumerateItems(std::move(observer), startingAtPage,
-                                                  sinceEventID);
+    fileEnumeratorOver(libraries)->enumerateItems(observer, startingAtPage, sinceEventID);
 }
 
 void LocalRootEnumerator::enumerateChangesForObserver(
