@@ -62,6 +62,8 @@ struct SearchIndex::Database {
     platform::SQLiteStatement match;
 
     static Result<std::unique_ptr<Database>> open(const std::string& path);
+    /// Begins a new file in the place of a damaged one.
+    static Result<std::unique_ptr<Database>> openOrBegin(const std::string& path);
     Result<void> remove(const std::string& identifier);
     Result<void> add(const ItemRecord& item);
     Result<std::string> state(std::string_view key);
@@ -104,6 +106,15 @@ Result<std::unique_ptr<SearchIndex::Database>> SearchIndex::Database::open(
     if (*found == layout) return result;
     if (auto done = result->clear(); !done) return std::unexpected(std::move(done.error()));
     return result;
+}
+
+Result<std::unique_ptr<SearchIndex::Database>> SearchIndex::Database::openOrBegin(
+    const std::string& path) {
+    auto opened = open(path);
+    if (opened || !platform::isDamage(opened.error())) return opened;
+    std::error_code ignored;
+    for (const char* part : {"", "-wal", "-shm"}) std::filesystem::remove(path + part, ignored);
+    return open(path);
 }
 
 Result<std::string> SearchIndex::Database::state(std::string_view key) {
@@ -161,14 +172,7 @@ SearchIndex::~SearchIndex() = default;
 
 Result<SearchIndex::Database*> SearchIndex::open() {
     if (!database_) {
-        auto opened = Database::open(path_);
-        if (!opened && platform::isDamage(opened.error())) {
-            std::error_code ignored;
-            for (const char* part : {"", "-wal", "-shm"}) {
-                std::filesystem::remove(path_ + part, ignored);
-            }
-            opened = Database::open(path_);
-        }
+        auto opened = Database::openOrBegin(path_);
         if (!opened) return std::unexpected(std::move(opened.error()));
         database_ = std::move(*opened);
     }

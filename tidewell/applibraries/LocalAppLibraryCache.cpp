@@ -53,10 +53,11 @@ BundleRef bundleOf(const QSPropertyList& record) {
 }
 
 std::optional<std::vector<BundleRef>> bundlesOf(const QSPropertyList* list) {
-    if (!list || !list->asArray()) return std::nullopt;
+    const auto* records = list ? list->asArray() : nullptr;
+    if (!records) return std::nullopt;
     std::vector<BundleRef> bundles;
-    bundles.reserve(list->asArray()->size());
-    for (const auto& record : *list->asArray()) {
+    bundles.reserve(records->size());
+    for (const auto& record : *records) {
         auto bundle = bundleOf(record);
         if (!bundle) return std::nullopt;
         bundles.push_back(std::move(bundle));
@@ -69,11 +70,7 @@ Result<QSPropertyList> decoded(const std::string& path) {
     if (!data) return std::unexpected(data.error());
     logDebug(
         [&] { return "read from disk " + std::to_string(data->size()) + " bytes at " + path; });
-    auto root = unarchivedObjectOfClasses(cacheClasses, *data, cacheLimits);
-    if (root && !root->asDictionary()) {
-        return std::unexpected(mochaError(QSCoderReadCorruptError, "the root is no dictionary"));
-    }
-    return root;
+    return unarchivedObjectOfClasses(cacheClasses, *data, cacheLimits);
 }
 
 }  // namespace
@@ -95,7 +92,12 @@ bool LocalAppLibraryCache::load() {
             [&] { return "can't load cache from disk let's reset;" + root.error().description(); });
         return resetAfterFailure();
     }
-    if (root->asDictionary()->empty()) {
+    const auto* records = root->asDictionary();
+    if (!records) {
+        logError("the root is no dictionary; data on disk is corrupted let's reset");
+        return resetAfterFailure();
+    }
+    if (records->empty()) {
         logInfo("nothing cached on disk");
         bundleProxies_.clear();
         return false;
