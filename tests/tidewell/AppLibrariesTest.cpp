@@ -1,13 +1,12 @@
 #include <gmock/gmock.h>
 
 #include <condition_variable>
-#include <future>
 #include <latch>
 #include <thread>
 
-#include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/foundation/QSKeyedArchiver.h"
 #include "tests/support/FedAppLibraries.h"
+#include "tests/tidewell/Observers.h"
 #include "tidewell/applibraries/Registrar.h"
 #include "tidewell/enumeration/LocalRootEnumerator.h"
 #include "tidewell/provider/LocalFileProvider.h"
@@ -200,25 +199,6 @@ TEST_F(RefreshTest, DefaultContainersAreItemsOrAnInvalidParameter) {
     EXPECT_THAT(logged(LogLevel::Error, "can't create bundle proxy with 'org.none'"), SizeIs(1));
 }
 
-/// Looks its items up while it is told of them.
-struct CuriousObserver final : QSFileProviderChangeObserver {
-    explicit CuriousObserver(LocalFileProvider& asked) : provider(asked) {}
-    void didUpdateItems(std::vector<ItemRef> items) override {
-        for (const auto& item : items) {
-            if (provider.itemForIdentifier(item->itemIdentifier())) ++found;
-        }
-    }
-    void didDeleteItemsWithIdentifiers(std::vector<QSFileProviderItemIdentifier>) override {}
-    void finishEnumeratingChangesUpToSyncAnchor(QSFileProviderSyncAnchor, bool) override {
-        end.set_value();
-    }
-    void finishEnumeratingWithError(QSError) override { end.set_value(); }
-
-    LocalFileProvider& provider;
-    int found = 0;
-    std::promise<void> end;
-};
-
 TEST_F(RefreshTest, ASlowRegistryHoldsUpNobodyAndObserversMayAsk) {
     (void)installApplication("org.a", "App", "X-Quenby-SupportsDocumentBrowser=true\n");
     installed->workspace().refresh();
@@ -239,11 +219,15 @@ TEST_F(RefreshTest, ASlowRegistryHoldsUpNobodyAndObserversMayAsk) {
     const auto enumerator = provider->enumeratorForContainerItemIdentifier(std::string(root));
     std::optional<QSFileProviderSyncAnchor> anchor;
     (*enumerator)->currentSyncAnchorWithCompletionHandler([&](auto now) { anchor = now; });
-    const auto observer = std::make_shared<CuriousObserver>(*provider);
+    const auto observer = std::make_shared<tests::ChangeCollector>();
+    int found = 0;
+    observer->whenUpdated = [&](const std::string& identifier) {
+        if (provider->itemForIdentifier(identifier)) ++found;
+    };
     (*enumerator)->enumerateChangesForObserver(observer, anchor.value());
     EXPECT_EQ(observer->end.get_future().wait_for(std::chrono::seconds(20)),
               std::future_status::ready);
-    EXPECT_EQ(observer->found, 1);
+    EXPECT_EQ(found, 1);
     mayEnd.count_down();
     refresh.join();
     (*enumerator)->invalidate();

@@ -1,68 +1,18 @@
 #pragma once
 
-#include <gmock/gmock.h>
-
 #include <chrono>
-#include <future>
-#include <map>
-#include <set>
 
-#include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/fileprovider/URLOperations.h"
 #include "tests/support/InstalledPlatform.h"
 #include "tests/support/ScriptedHistory.h"
+#include "tests/tidewell/Observers.h"
 #include "tidewell/enumeration/LocalFileEnumerator.h"
 #include "tidewell/fs/VolumeIdentity.h"
 #include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
 
 namespace tests {
 
-using namespace platform;
 using namespace tidewell;
-
-struct ChangeCollector final : QSFileProviderChangeObserver {
-    void didUpdateItems(std::vector<ItemRef> items) override {
-        EXPECT_TRUE(deleted.empty()) << "updates come first";
-        for (auto& item : items) {
-            auto identifier = item->itemIdentifier();
-            EXPECT_TRUE(updated.emplace(std::move(identifier), std::move(item)).second);
-        }
-    }
-    void didDeleteItemsWithIdentifiers(
-        std::vector<QSFileProviderItemIdentifier> identifiers) override {
-        for (auto& identifier : identifiers) {
-            EXPECT_FALSE(updated.contains(identifier));
-            EXPECT_TRUE(deleted.insert(std::move(identifier)).second);
-        }
-    }
-    void finishEnumeratingChangesUpToSyncAnchor(QSFileProviderSyncAnchor reached,
-                                                bool more) override {
-        anchor = std::move(reached);
-        moreComing = more;
-        end.set_value();
-    }
-    void finishEnumeratingWithError(QSError failure) override {
-        error = std::move(failure);
-        end.set_value();
-    }
-
-    std::map<std::string, ItemRef> updated;
-    std::set<std::string> deleted;
-    std::optional<QSFileProviderSyncAnchor> anchor;
-    bool moreComing = false;
-    std::optional<QSError> error;
-    std::promise<void> end;  ///< a second last call throws
-};
-
-struct PageCollector final : QSFileProviderEnumerationObserver {
-    void didEnumerateItems(std::vector<ItemRef> some) override {
-        items.insert(items.end(), some.begin(), some.end());
-    }
-    void finishEnumeratingUpToPage(std::optional<QSFileProviderPage>) override {}
-    void finishEnumeratingWithError(QSError failure) override { ADD_FAILURE() << failure.code; }
-
-    std::vector<ItemRef> items;
-};
 
 /// A platform whose streams read a scripted history; the files are real.
 class ChangesFixture : public InstalledPlatform {

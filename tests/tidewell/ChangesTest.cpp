@@ -103,19 +103,14 @@ TEST_F(ChangesTest, EveryChangeOnceWhicheverReaderHasIt) {
 
 TEST_F(ChangesTest, PagesHoldAHundredAndRepeatedEventsCountOnce) {
     const auto known = documents(99);
-    auto token = present();
+    const auto token = present();
     for (int round = 0; round < 8; ++round) {
         for (const auto& event : known) scripted.append(event);
     }
     const auto enumerator = enumeratorOf(workingSet);
     EXPECT_FALSE(changes(*enumerator, token)->moreComing) << "99";
     scripted.append(goneEvent(7000));
-    const auto full = changes(*enumerator, token);
-    EXPECT_TRUE(full->moreComing) << "100";
-    token = FSChangeToken::fromData(full->anchor).value();
-    const auto rest = changes(*enumerator, token);
-    EXPECT_THAT(rest->updated.size() + rest->deleted.size(), 0u);
-    EXPECT_FALSE(rest->moreComing);
+    EXPECT_TRUE(changes(*enumerator, token)->moreComing) << "100";
 }
 
 TEST_F(ChangesTest, WhatIsLostExpiresTheAnchor) {
@@ -184,11 +179,7 @@ TEST_F(ChangesTest, StoppingAndClosingAnswer) {
 }
 
 TEST_F(ChangesTest, EnumerationsLeaveNothingBehind) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     constexpr int count = 500;
-#else
-    constexpr int count = 10'000;
-#endif
     const auto good = present();
     auto expired = good;
     expired.streamEventID = UINT64_MAX;
@@ -225,11 +216,10 @@ class CoverTest : public tests::ChangesFixture {
         return item.filename() + " in " + item.parentItemIdentifier();
     }
     Replica listed(std::string_view container) const {
-        const auto collector = std::make_shared<tests::PageCollector>();
-        enumeratorFor(container)->enumerateItemsForObserver(
-            collector, dataFromString(QSFileProviderInitialPageSortedByName));
+        const auto page = tests::onePage(*enumeratorFor(container));
+        EXPECT_FALSE(page->error);
         Replica rows;
-        for (const auto& item : collector->items) {
+        for (const auto& item : page->items) {
             if (!item->isTrashed()) rows[item->itemIdentifier()] = rowOf(*item);
         }
         return rows;

@@ -1,11 +1,9 @@
 #include <gmock/gmock.h>
 
-#include <set>
-
-#include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/foundation/QSPropertyList.h"
 #include "tests/support/InstalledPlatform.h"
 #include "tests/support/ScriptedHistory.h"
+#include "tests/tidewell/Observers.h"
 #include "tidewell/common/LocalFileProviderError.h"
 #include "tidewell/enumeration/LocalFileEnumerator.h"
 #include "tidewell/enumeration/LocalRootEnumerator.h"
@@ -15,47 +13,13 @@
 namespace tidewell {
 namespace {
 
-using testing::Each;
 using testing::IsEmpty;
 using testing::SizeIs;
 using testing::UnorderedElementsAre;
+using tests::onePage;
 
 WalkOptions sameOptions(std::string_view /*name*/, WalkOptions inherited) {
     return inherited;
-}
-
-struct Collector final : QSFileProviderEnumerationObserver {
-    void didEnumerateItems(std::vector<ItemRef> some) override {
-        items.insert(items.end(), some.begin(), some.end());
-    }
-    void finishEnumeratingUpToPage(std::optional<QSFileProviderPage> page) override {
-        ++finished;
-        next = std::move(page);
-    }
-    void finishEnumeratingWithError(QSError failure) override {
-        ++finished;
-        error = std::move(failure);
-    }
-    [[nodiscard]] std::vector<std::string> names() const {
-        std::vector<std::string> result;
-        for (const auto& item : items) result.push_back(item->filename());
-        return result;
-    }
-
-    std::vector<ItemRef> items;
-    std::optional<QSFileProviderPage> next;
-    std::optional<QSError> error;
-    int finished = 0;
-};
-
-const auto firstPage = dataFromString(QSFileProviderInitialPageSortedByName);
-
-std::shared_ptr<Collector> onePage(QSFileProviderEnumerator& enumerator,
-                                   const QSFileProviderPage& page = firstPage) {
-    auto collector = std::make_shared<Collector>();
-    enumerator.enumerateItemsForObserver(collector, page);
-    EXPECT_EQ(collector->finished, 1);
-    return collector;
 }
 
 class ListingTest : public tests::InstalledPlatform {
@@ -120,30 +84,6 @@ TEST_F(ListingTest, WalkEndsOnErrorsOfTheCallbackAndOfTheFirstRootOnly) {
     EXPECT_THAT(logged(LogLevel::Debug, "can't open directory at "), SizeIs(1));
 }
 
-TEST_F(ListingTest, PagesOfTwoHundred) {
-    ASSERT_TRUE(installed->volume().waitUntilSeen());
-    for (const int count : {0, 1, 199, 200, 201, 400}) {
-        const auto name = "d" + std::to_string(count);
-        (void)folder(name);
-        fill(name, count);
-        LocalFileEnumerator enumerator("fid=1", {url(name)});
-        std::set<std::string> seen;
-        std::size_t pages = 1;
-        auto page = onePage(enumerator);
-        for (;; ++pages) {
-            for (const auto& item : page->items) {
-                EXPECT_TRUE(seen.insert(item->itemIdentifier()).second);
-            }
-            if (!page->next) break;
-            EXPECT_THAT(page->items, SizeIs(200));
-            page = onePage(enumerator, *page->next);
-        }
-        EXPECT_FALSE(page->error);
-        EXPECT_THAT(seen, SizeIs(static_cast<std::size_t>(count)));
-        EXPECT_EQ(pages, static_cast<std::size_t>(count) / 200 + 1);
-    }
-}
-
 TEST_F(ListingTest, PagesThatCannotBeTrustedExpire) {
     tests::ScriptedHistory scripted;
     history = &scripted;
@@ -206,19 +146,6 @@ TEST_F(ListingTest, ContainersShowWhatTheyCover) {
                 UnorderedElementsAre("a", "b", "Inbox"));
 }
 
-TEST_F(ListingTest, ItemsKnowTheirParents) {
-    (void)file("a/b/file");
-    const auto enumerator = LocalRootEnumerator::initWithContainer(
-        std::string(QSFileProviderWorkingSetContainerItemIdentifier), AppLibraries::load());
-    const auto page = onePage(*enumerator);
-    ASSERT_THAT(page->items, SizeIs(3));
-    std::string parent(QSFileProviderRootContainerItemIdentifier);
-    for (const auto& item : page->items) {
-        EXPECT_EQ(item->parentItemIdentifier(), parent);
-        parent = item->itemIdentifier();
-    }
-}
-
 TEST(FSChangeTokenTest, BytesAreTheContract) {
     const FSChangeToken token{1, QSUUID::random(), std::uint64_t{1} << 63, UINT64_MAX, 0};
     EXPECT_EQ(FSChangeToken::fromData(token.data()), token);
@@ -237,26 +164,6 @@ TEST(FSChangeTokenTest, BytesAreTheContract) {
             EXPECT_FALSE(FSChangeToken::fromData(binaryData(broken).value())) << key;
         }
     }
-    const auto xml =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict><key>v</key>"
-        "<integer>1</integer><key>d</key><string>" +
-        token.deviceUUID.UUIDString() +
-        "</string><key>s</key><integer>9223372036854775808</integer><key>o</key>"
-        "<integer>18446744073709551615</integer><key>a</key><integer>0</integer></dict></plist>";
-    EXPECT_EQ(FSChangeToken::fromData(dataFromString(xml)), token);
-}
-
-TEST(FSChangeTokenTest, OnlyBytesThatAreNoTokenAreLogged) {
-    const auto log = std::make_shared<MemorySink>();
-    installLog(log, LogLevel::Debug);
-    EXPECT_FALSE(FSChangeToken::fromData(std::nullopt));
-    EXPECT_THAT(log->records(), IsEmpty());
-    EXPECT_FALSE(FSChangeToken::fromData(QSData()));
-    EXPECT_FALSE(FSChangeToken::fromData(dataFromString("bplist00")));
-    EXPECT_THAT(log->records(), SizeIs(2));
-    EXPECT_EQ(log->records()[0].message.rfind("[ERROR] can't decode token from provided data;", 0),
-              0u);
-    installLog(nullptr, LogLevel::Error);
 }
 
 }  // namespace

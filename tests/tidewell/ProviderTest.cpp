@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 
-#include <atomic>
-#include <future>
+#include <thread>
 
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "tests/support/InstalledPlatform.h"
@@ -26,23 +25,10 @@ class ProviderTest : public tests::InstalledPlatform {
     std::shared_ptr<LocalFileProvider> provider;
 };
 
-TEST_F(ProviderTest, IdentifiersAndURLsMapBothWays) {
-    (void)file("a.txt");
-    (void)file("Documents/inner");
-    for (const auto* below : {"a.txt", "Documents", "Documents/inner"}) {
-        const auto identifier = provider->persistentIdentifierForItemAtURL(url(below)).value();
-        EXPECT_EQ(provider->URLForItemWithPersistentIdentifier(identifier), url(below));
-        EXPECT_EQ(provider->itemForIdentifier(identifier).value()->itemIdentifier(), identifier);
-    }
-    EXPECT_EQ(provider->persistentIdentifierForItemAtURL(url()),
-              QSFileProviderRootContainerItemIdentifier);
-    EXPECT_FALSE(provider->persistentIdentifierForItemAtURL(url("missing")));
-    EXPECT_THAT(logged(LogLevel::Debug, "fetching item identifier for \"file://"), SizeIs(5));
-}
-
 TEST_F(ProviderTest, UnknownIdentifiersAreAnsweredNotRaised) {
-    for (const auto* identifier : {"did=4000000000", "fid=18446744073709551615", "#", "#org.none",
-                                   "", "did=1=2", "nonsense"}) {
+    for (const auto* identifier :
+         {"did=4000000000", "did=99999999999999999999", "did=", "fid=18446744073709551615", "xid=5",
+          "#", "#org.none", "", "did=1=2", "nonsense"}) {
         log->clear();
         EXPECT_FALSE(provider->URLForItemWithPersistentIdentifier(identifier)) << identifier;
         EXPECT_THAT(logged(LogLevel::Error, "can't find URL matching identifier "), SizeIs(1));
@@ -84,20 +70,6 @@ TEST_F(ProviderTest, RegistryNotificationsRefreshTheLibrariesUntilTheProviderIsG
     EXPECT_TRUE(provider->enumeratorForContainerItemIdentifier("#org.a"));
     provider.reset();
     installed->notifications()->post("com.quenby.Registrar.applicationUnregistered");
-}
-
-TEST_F(ProviderTest, AsksTheHostToReadTheWorkingSetAtTheStart) {
-    std::promise<std::string> signalled;
-    std::atomic<bool> isFirst = true;
-    installed->manager().setSignalHandler([&](const std::string& container, auto completion) {
-        completion(std::nullopt);
-        // The first refresh signals it once more.
-        if (!isFirst.exchange(false)) return;
-        signalled.set_value(container);
-    });
-    const auto second = LocalFileProvider::init();
-    EXPECT_EQ(signalled.get_future().get(), QSFileProviderWorkingSetContainerItemIdentifier);
-    installed->manager().setSignalHandler({});
 }
 
 }  // namespace
