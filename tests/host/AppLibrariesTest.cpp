@@ -91,7 +91,7 @@ class AppLibrariesTest : public tests::FedAppLibraries {
   protected:
     AppLibrariesTest() {
         (void)installApplication("org.a", "Name of org.a");
-        installed->workspace().refresh();
+        restart();
         open();
     }
     ~AppLibrariesTest() override { close(); }
