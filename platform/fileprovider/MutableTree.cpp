@@ -312,6 +312,15 @@ Result<void> MutableTree::remove(const QSURL& url, QSProgress& progress) const {
 }
 
 Result<void> MutableTree::removeHeld(const HeldItem& item, QSProgress& progress) const {
+    volume_.removalBegins(item.identity);
+    auto removed = hideAndRemove(item, progress);
+    struct stat status {};
+    const bool isGone = removed && fstat(item.object.get(), &status) == 0 && status.st_nlink == 0;
+    volume_.removalEnds(item.identity, isGone);
+    return removed;
+}
+
+Result<void> MutableTree::hideAndRemove(const HeldItem& item, QSProgress& progress) const {
     const auto url = made(item.parent, item.name);
     const int folder = item.parent.fd.get();
     auto record = unfinished_.begin(UnfinishedWork::Kind::Removal, url, item.identity);

@@ -7,14 +7,15 @@
 #include "platform/files/FileDescriptor.h"
 #include "platform/files/FileSystem.h"
 #include "platform/foundation/QSProgress.h"
+#include "platform/volume/VolumeService.h"
 
 namespace platform {
 
 /// What the operations of Mutations.h do, on the calling thread. Any thread.
 class MutableTree {
   public:
-    MutableTree(const FileSystem& files, UnfinishedWork& unfinished)
-        : files_(files), unfinished_(unfinished) {}
+    MutableTree(const FileSystem& files, UnfinishedWork& unfinished, VolumeService& volume)
+        : files_(files), unfinished_(unfinished), volume_(volume) {}
 
     /// What to do where a name is taken.
     enum class Naming : std::uint8_t { Exact, Free };
@@ -52,6 +53,7 @@ class MutableTree {
                                          const OpenFolder& folder, const std::string& name,
                                          Naming naming, QSProgress& progress) const;
     Result<void> removeHeld(const HeldItem& item, QSProgress& progress) const;
+    Result<void> hideAndRemove(const HeldItem& item, QSProgress& progress) const;
     Result<void> checkNotInside(const FileDescriptor& object, const OpenFolder& folder) const;
     [[nodiscard]] Result<std::string> renameInto(int from, const std::string& name,
                                                  const OpenFolder& to, const std::string& wanted,
@@ -64,6 +66,7 @@ class MutableTree {
 
     const FileSystem& files_;
     UnfinishedWork& unfinished_;
+    VolumeService& volume_;
 };
 
 }  // namespace platform

@@ -24,7 +24,7 @@ void start(Work work, Handler handler) {
         const auto pass = gate->enter();
         if (!pass) return handler(std::unexpected(errorFromErrno(ECANCELED)));
         auto& platform = Platform::current();
-        handler(work(MutableTree(platform.files(), platform.unfinished())));
+        handler(work(MutableTree(platform.files(), platform.unfinished(), platform.volume())));
     });
 }
 

@@ -25,6 +25,7 @@ std::optional<Reconciler::Time> Reconciler::nextDecision(Time now) const {
 
 Reconciler::Verdict Reconciler::judge(std::uint32_t document, const Departures::Vacancy& vacancy,
                                       Time passStart, bool mustDecide) {
+    if (vacancy.isFinal) return Verdict::Stays;
     const auto& windows = state_.configuration.windows;
     const auto age = now_ - vacancy.at;
     ObjectIndex::Node owner;

@@ -42,6 +42,9 @@ void Follower::stop() {
     if (thread_.joinable()) thread_.join();
     // Who waits takes the mutex for each step, and leaves at the next.
     while (waiting_ != 0) std::this_thread::yield();
+    // The next run could not tell any more that nothing succeeds what was removed last.
+    const std::scoped_lock lock(mutex_, state_.storeMutex);
+    if (takeRemovals()) (void)reconciler_.commit();
 }
 
 void Follower::wake() {
@@ -136,6 +139,7 @@ bool Follower::stepLocked() {
         lookAtUnwatched();
     }
     lookAtMarks();
+    commitRemovals();
     if (marks_.empty() && isScanning_) scanSome();
     if (!isScanning_ && !hasFailed_) decide();
     const bool mayFind = isMoved_ && !detached_.empty();
@@ -171,6 +175,22 @@ void Follower::takeSuspects() {
         auto& mark = marks_[folder];
         if (!mark.isWhole) mark.names.try_emplace(suspect.name, false);
     }
+}
+
+bool Follower::takeRemovals() {
+    const auto removed = state_.removedObjects();
+    for (const auto& object : removed) reconciler_.removed(object, now());
+    state_.forgetRemovals(removed);
+    return !removed.empty();
+}
+
+void Follower::commitRemovals() {
+    {
+        const std::scoped_lock store(state_.storeMutex);
+        if (!takeRemovals()) return;
+        noteCommit(reconciler_.commit());
+    }
+    afterCommit();
 }
 
 void Follower::take(const KernelEvent& event) {

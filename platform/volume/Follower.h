@@ -79,6 +79,9 @@ class Follower {
     [[nodiscard]] bool checkStorage();
     void drain();
     void takeSuspects();
+    /// What this process has removed; true where there was anything.
+    bool takeRemovals();
+    void commitRemovals();
     void take(const KernelEvent& event);
     void lose(std::string why);
     void lookAtMarks();

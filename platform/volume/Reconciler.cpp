@@ -77,6 +77,27 @@ Reconciler::NodeNumber Reconciler::expect(const VolumeService::State::Suspect& s
     return folder;
 }
 
+void Reconciler::removed(const ObjectIdentity& identity, Time now) {
+    occasion_ = Occasion::Live;
+    now_ = now;
+    NodeNumber object = ObjectIndex::none;
+    {
+        const std::unique_lock lock(state_.indexMutex);
+        auto& index = state_.index;
+        object = index.findInode(identity.inode);
+        if (object == ObjectIndex::none) return;
+        const auto& node = index.node(object);
+        if (node.generation != identity.generation || node.isRoot) return;
+        index.forEachName(object, [&](auto at) { leave(at); });
+        const auto change = std::exchange(changeOf(object), {});
+        if (!departures_.departure(object)) {
+            if (change.left.empty()) return;
+            depart(object, change.left.front());
+        }
+    }
+    finish(object);
+}
+
 void Reconciler::takeUpUndecided(Time now) {
     const std::unique_lock lock(state_.indexMutex);
     auto& index = state_.index;
@@ -206,6 +227,7 @@ void Reconciler::leave(ObjectIndex::EntryNumber entry) {
     if (node.documentID != 0) {
         vacate(node.documentID, {object, node.fileID, node.kind, place, index.metadata(object),
                                  now_, occasion_ != Occasion::Live, false});
+        if (state_.isRemoving(node)) departures_.vacancy(node.documentID)->isFinal = true;
     }
     changeOf(place.folder).isModified = true;
     auto& change = changeOf(object);

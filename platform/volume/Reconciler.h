@@ -43,6 +43,9 @@ class Reconciler {
     /// the folder to look at, none where it is not known.
     NodeNumber expect(const VolumeService::State::Suspect& suspect, Time now);
 
+    /// This process has removed the object, all its names: records it as gone, with no successor.
+    void removed(const ObjectIdentity& identity, Time now);
+
     /// Takes up what waited for a decision when the last run ended. Before the first scan.
     void takeUpUndecided(Time now);
 

@@ -166,6 +166,24 @@ Result<QSURL> VolumeService::URLForFileID(std::uint64_t fileID) {
     return std::unexpected(errorFromErrno(ENOENT));
 }
 
+void VolumeService::removalBegins(const ObjectIdentity& object) {
+    const std::scoped_lock lock(state_->removalsMutex);
+    state_->removing.emplace(object.inode, object.generation);
+}
+
+void VolumeService::removalEnds(const ObjectIdentity& object, bool isGone) {
+    {
+        const std::scoped_lock lock(state_->removalsMutex);
+        if (!isGone) {
+            const auto found = state_->removing.find({object.inode, object.generation});
+            if (found != state_->removing.end()) state_->removing.erase(found);
+            return;
+        }
+        state_->removed.push_back(object);
+    }
+    state_->follower->wake();
+}
+
 std::optional<std::uint64_t> VolumeService::entryCount(const FileAttributes& folder) const {
     const std::shared_lock lock(state_->indexMutex);
     const auto number = state_->index.findInode(folder.identity.inode);

@@ -121,6 +121,12 @@ class VolumeService final : public EventHistory {
     /// when the service closes.
     [[nodiscard]] Result<QSURL> URLForFileID(std::uint64_t fileID);
 
+    /// Brackets the removal of an object by this process itself, which is no half of a save:
+    /// nothing succeeds it under its name. `isGone`: it has no name left. Every call that begins is
+    /// ended.
+    void removalBegins(const ObjectIdentity& object);
+    void removalEnds(const ObjectIdentity& object, bool isGone);
+
     /// Entries of a folder (hidden ones too), without reading it where the index's count is of this
     /// very state of the folder; none where it has to be read.
     [[nodiscard]] std::optional<std::uint64_t> entryCount(const FileAttributes& folder) const;

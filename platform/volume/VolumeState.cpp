@@ -243,6 +243,23 @@ std::vector<VolumeService::State::Suspect> VolumeService::State::takeSuspects() 
     return std::exchange(suspects, {});
 }
 
+bool VolumeService::State::isRemoving(const ObjectIndex::Node& object) {
+    const std::scoped_lock lock(removalsMutex);
+    return removing.contains({object.inode, object.generation});
+}
+
+std::vector<ObjectIdentity> VolumeService::State::removedObjects() {
+    const std::scoped_lock lock(removalsMutex);
+    return std::exchange(removed, {});
+}
+
+void VolumeService::State::forgetRemovals(std::span<const ObjectIdentity> objects) {
+    const std::scoped_lock lock(removalsMutex);
+    for (const auto& object : objects) {
+        removing.erase(removing.find({object.inode, object.generation}));
+    }
+}
+
 void VolumeService::State::setStorageTrouble(const std::optional<QSError>& now) {
     const std::unique_lock lock(indexMutex);
     storageTrouble = now;

@@ -4,10 +4,12 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <shared_mutex>
 #include <span>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "platform/volume/IdentityStore.h"
@@ -83,6 +85,12 @@ struct VolumeService::State {
     void noteSuspects(std::span<const IdentityRequest> requests);
     [[nodiscard]] std::vector<Suspect> takeSuspects();
 
+    /// Whether this process itself is removing the object, or has and the index does not know yet.
+    [[nodiscard]] bool isRemoving(const ObjectIndex::Node& object);
+    [[nodiscard]] std::vector<ObjectIdentity> removedObjects();
+    /// The index knows of them now.
+    void forgetRemovals(std::span<const ObjectIdentity> objects);
+
     void setStorageTrouble(const std::optional<QSError>& now);
     /// Tells the subscribers if there is something to tell. REQUIRES: no mutex is held.
     void announce();
@@ -111,6 +119,11 @@ struct VolumeService::State {
     };
     std::mutex suspectsMutex;
     std::vector<Suspect> suspects;  // guarded by suspectsMutex
+
+    std::mutex removalsMutex;  // the last of all
+    /// Inode and generation. Guarded by removalsMutex, as the next one.
+    std::multiset<std::pair<std::uint64_t, std::uint64_t>> removing;
+    std::vector<ObjectIdentity> removed;  ///< still among `removing`
 
     std::mutex subscribersMutex;
     std::vector<std::weak_ptr<Subscriber>> subscribers;  // guarded by subscribersMutex

@@ -113,6 +113,28 @@ TEST_F(MutationsTest, ItemsKeepTheirIdentifiersAndAreFoundAtOnce) {
     EXPECT_EQ(pathsBelow(storage()), (std::set<std::string>{".Trash", "in"}));
 }
 
+TEST_F(MutationsTest, NothingSucceedsWhatIsRemovedOrTrashed) {
+    const auto source = scratch.makeFile("source/doc");
+    (void)file("in/doc");
+    const auto removed = id("in/doc");
+    EXPECT_FALSE(remove(removed));
+    const auto imported = import(source, id("in")).value()->itemIdentifier();
+    EXPECT_EQ(place(imported), url("in/doc"));
+    EXPECT_NE(imported, removed);
+    EXPECT_EQ(trash(imported).value()->itemIdentifier(), imported);
+    EXPECT_FALSE(remove(imported));
+    (void)file("in/doc");
+    const auto created = id("in/doc");
+    EXPECT_THAT((std::set{removed, imported}), testing::Not(testing::Contains(created)));
+    EXPECT_FALSE(remove(created));
+    end();
+    installed.reset();
+    (void)file("in/doc");
+    restart();
+    start();
+    EXPECT_NE(id("in/doc"), created);
+}
+
 TEST_F(MutationsTest, ProtectedPlacesStay) {
     const auto refused = Pair(QSMochaErrorDomain, 513);
     (void)provider->itemForIdentifier(
@@ -174,7 +196,7 @@ TEST_F(MutationsTest, AnImportIsAWholeCopy) {
 
 TEST_F(MutationsTest, ACancelledOperationLeavesNothingAndTakesNothing) {
     scratch.makeFile("source/a/b");
-    const MutableTree tree(installed->files(), installed->unfinished());
+    const MutableTree tree(installed->files(), installed->unfinished(), installed->volume());
     QSProgress progress;
     progress.cancel();
     const auto source = QSURL::fileURLWithPath((scratch / "source").string());

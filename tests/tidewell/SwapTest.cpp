@@ -70,7 +70,7 @@ class SwapTest : public tests::InstalledPlatform, public testing::WithParamInter
 };
 
 TEST_P(SwapTest, TheOtherDocumentIsNeverHarmed) {
-    const MutableTree tree(installed->files(), installed->unfinished());
+    const MutableTree tree(installed->files(), installed->unfinished(), installed->volume());
     std::mutex swapping;
     int swapped = 0;  // guarded by swapping
     std::jthread swapper([&](const std::stop_token& stop) {
@@ -115,7 +115,7 @@ TEST_P(SwapTest, TheOtherDocumentIsNeverHarmed) {
 class LinkSwapTest : public SwapTest {};
 
 TEST_P(LinkSwapTest, AFolderThatBecomesALinkLeadsNowhere) {
-    const MutableTree tree(installed->files(), installed->unfinished());
+    const MutableTree tree(installed->files(), installed->unfinished(), installed->volume());
     fs::create_directory_symlink(scratch / "outside", storage() / "link");
     std::jthread swapper([&](const std::stop_token& stop) {
         const auto in = (storage() / "in").string();
