@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <ranges>
 
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/fileprovider/QSFileProviderItem.h"
@@ -14,52 +15,36 @@ namespace {
 
 using cli::ExitCode;
 
-std::variant<cli::Arguments, cli::NothingToRun> parse(std::vector<const char*> words) {
-    words.insert(words.begin(), "tidewell");
-    return cli::parseArguments(static_cast<int>(words.size()), words.data());
+std::variant<cli::Arguments, cli::NothingToRun> parse(const std::vector<std::string>& words) {
+    std::vector<const char*> line{"tidewell"};
+    for (const auto& word : words) line.push_back(word.c_str());
+    return cli::parseArguments(static_cast<int>(line.size()), line.data());
+}
+
+std::vector<std::string> split(std::string_view text, char separator) {
+    std::vector<std::string> parts;
+    for (const auto& part : std::views::split(text, separator)) {
+        parts.emplace_back(part.begin(), part.end());
+    }
+    return parts;
 }
 
 TEST(ArgumentsTest, WhatMakesNoSenseIsAUsageError) {
-    const std::vector<std::vector<const char*>> lines{{},
-                                                      {"fly"},
-                                                      {"stat"},
-                                                      {"ls", "--nope"},
-                                                      {"ls", "a", "b"},
-                                                      {"stat", ""},
-                                                      {"ls", "--page"},
-                                                      {"ls", "--page", "?"},
-                                                      {"tree", "working-set"},
-                                                      {"ls", "--page", "Zg==", "--sort-by-date"},
-                                                      {"stat", "x", "--one-page"},
-                                                      {"changes"},
-                                                      {"changes", "x", "--since", "?"},
-                                                      {"watch", "x", "--one-page"},
-                                                      {"tag", "x"},
-                                                      {"tag", "x", ""},
-                                                      {"tag", "x", "\xff"},
-                                                      {"tag", "x", "a", "--clear"},
-                                                      {"favorite", "x", "-1"},
-                                                      {"favorite", "x", "1a"},
-                                                      {"used", "x", "yesterday"},
-                                                      {"sync", "x"},
-                                                      {"mkdir", "x"},
-                                                      {"import", "--to", "x"},
-                                                      {"rename", "x"},
-                                                      {"mv", "x"},
-                                                      {"trash"},
-                                                      {"empty-trash"},
-                                                      {"empty-trash", "--older-than", "30"},
-                                                      {"empty-trash", "--older-than", "-1d"},
-                                                      {"watch", "x", "--trash-age", "never"}};
-    for (auto line : lines) {
-        const auto shown = testing::PrintToString(line);
-        const auto plain = parse(line);
-        ASSERT_TRUE(std::holds_alternative<cli::NothingToRun>(plain)) << shown;
-        ASSERT_TRUE(std::get<cli::NothingToRun>(plain).error) << shown;
+    constexpr auto lines =
+        "|fly|stat|stat |ls --nope|ls a b|ls --page|ls --page ?|tree working-set|"
+        "ls --page Zg== --sort-by-date|stat x --one-page|changes|changes x --since ?|"
+        "watch x --one-page|tag x|tag x |tag x \xff|tag x a --clear|favorite x -1|favorite x 1a|"
+        "used x yesterday|sync x|mkdir x|import --to x|rename x|mv x|trash|empty-trash|"
+        "empty-trash --older-than 30|empty-trash --older-than -1d|watch x --trash-age never";
+    for (const auto& line : split(lines, '|')) {
+        auto words = split(line, ' ');
+        const auto plain = parse(words);
+        ASSERT_TRUE(std::holds_alternative<cli::NothingToRun>(plain)) << line;
+        ASSERT_TRUE(std::get<cli::NothingToRun>(plain).error) << line;
         EXPECT_EQ(cli::exitCodeFor(*std::get<cli::NothingToRun>(plain).error), ExitCode::Usage);
-        EXPECT_FALSE(std::get<cli::NothingToRun>(plain).json) << shown;
-        line.insert(line.begin(), "--json");
-        EXPECT_TRUE(std::get<cli::NothingToRun>(parse(line)).json) << shown;
+        EXPECT_FALSE(std::get<cli::NothingToRun>(plain).json) << line;
+        words.insert(words.begin(), "--json");
+        EXPECT_TRUE(std::get<cli::NothingToRun>(parse(words)).json) << line;
     }
 }
 

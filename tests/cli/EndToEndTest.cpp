@@ -1,7 +1,5 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,13 +8,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
-#include <set>
 #include <sstream>
 #include <thread>
 
+#include "cli/text.h"
 #include "tests/support/Pictures.h"
 #include "tests/support/ScratchFolder.h"
 
@@ -26,11 +22,13 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
+using testing::UnorderedElementsAreArray;
+using tests::contentOf;
 
 struct Outcome {
     int exitCode = -1;
-    std::string output;
-    std::string error;
+    std::string output = {};
+    std::string error = {};
 
     [[nodiscard]] std::vector<json> lines() const {
         std::vector<json> objects;
@@ -40,43 +38,23 @@ struct Outcome {
     }
 };
 
-std::string contentOf(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 class TidewellTest : public testing::Test {
   protected:
     /// Runs `tidewell --storage … --state … words`; standard output goes to `outputPath`, where
     /// one is given.
     Outcome run(std::vector<std::string> words, std::string outputPath = {}) {
-        words.insert(words.begin(), {TIDEWELL_PROGRAM, "--storage", storage.string(), "--state",
-                                     (scratch / "state").string()});
-        std::vector<char*> arguments;
-        for (auto& word : words) arguments.push_back(word.data());
-        arguments.push_back(nullptr);
         const auto out = outputPath.empty() ? (scratch / "stdout").string() : outputPath;
         const auto error = (scratch / "stderr").string();
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0600);
-        posix_spawn_file_actions_addopen(&actions, 2, error.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0600);
-        pid_t child = 0;
-        const int failure =
-            posix_spawn(&child, arguments[0], &actions, nullptr, arguments.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        Outcome outcome;
-        int status = 0;
-        if (failure != 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status)) {
+        words.insert(words.begin(),
+                     {"--storage", storage.string(), "--state", (scratch / "state").string()});
+        std::string command = "exec " TIDEWELL_PROGRAM;
+        for (const auto& word : words) command += " '" + word + "'";
+        const int status = std::system((command + " > '" + out + "' 2> '" + error + "'").c_str());
+        if (!WIFEXITED(status)) {
             ADD_FAILURE() << "the program did not run to its end: " << contentOf(error);
-            return outcome;
+            return {};
         }
-        outcome.exitCode = WEXITSTATUS(status);
-        if (outputPath.empty()) outcome.output = contentOf(out);
-        outcome.error = contentOf(error);
-        return outcome;
+        return {WEXITSTATUS(status), outputPath.empty() ? contentOf(out) : "", contentOf(error)};
     }
 
     Outcome runJson(std::vector<std::string> words) {
@@ -102,31 +80,27 @@ std::vector<std::string> valuesOf(const std::vector<json>& lines, const char* ke
 }
 
 TEST_F(TidewellTest, PagesHoldEachEntryOnce) {
-    std::multiset<std::string> made;
+    std::vector<std::string> made;
     for (const std::size_t wanted : {0U, 1U, 199U, 200U, 201U, 400U}) {
         while (made.size() < wanted) {
-            const auto name = "entry " + std::to_string(made.size());
-            scratch.makeFile("Dokumente/" + name);
-            made.insert(name);
+            made.push_back("entry " + std::to_string(made.size()));
+            scratch.makeFile("Dokumente/" + made.back());
         }
         const auto all = runJson({"ls"});
         EXPECT_EQ(all.exitCode, 0) << all.error;
-        const auto names = valuesOf(all.lines(), "filename");
-        EXPECT_EQ(std::multiset<std::string>(names.begin(), names.end()), made);
+        EXPECT_THAT(valuesOf(all.lines(), "filename"), UnorderedElementsAreArray(made));
 
         auto page = runJson({"ls", "--one-page"}).lines();
         ASSERT_FALSE(page.empty());
         EXPECT_EQ(page.size(), std::min<std::size_t>(wanted, 200) + 1);
-        EXPECT_EQ(page.back().at("nextPage").is_null(), wanted < 200);
+        const auto next = page.back().at("nextPage");
+        EXPECT_EQ(next.is_null(), wanted < 200);
         if (wanted < 200) continue;
         // Nothing has happened, so the token holds in another process.
-        const auto rest = runJson({"ls", "--page", page.back()["nextPage"]});
-        EXPECT_EQ(rest.exitCode, 0) << rest.error;
         page.pop_back();
-        auto listed = valuesOf(page, "filename");
-        const auto others = valuesOf(rest.lines(), "filename");
-        listed.insert(listed.end(), others.begin(), others.end());
-        EXPECT_EQ(std::multiset<std::string>(listed.begin(), listed.end()), made);
+        const auto rest = runJson({"ls", "--page", next}).lines();
+        page.insert(page.end(), rest.begin(), rest.end());
+        EXPECT_THAT(valuesOf(page, "filename"), UnorderedElementsAreArray(made));
     }
 }
 
@@ -138,24 +112,15 @@ TEST_F(TidewellTest, TreeIsWhatIsOnDisk) {
     fs::remove(storage / "empty/e");
     fs::create_directory_symlink("folder", storage / "link");
     fs::create_hard_link(storage / "a", storage / "folder/second name of a");
-    std::multiset<std::string> expected;
+    std::vector<std::string> expected;
     for (const auto& entry : fs::recursive_directory_iterator(storage)) {
-        expected.insert(entry.path());
+        std::string line;
+        cli::appendJsonString(line, entry.path().string());
+        expected.push_back(json::parse(line));
     }
-    std::multiset<std::string> found;
     const auto outcome = runJson({"tree"});
     EXPECT_EQ(outcome.exitCode, 0) << outcome.error;
-    for (const auto& path : valuesOf(outcome.lines(), "path")) {
-        std::string bytes;  // U+0000 and two digits are one byte
-        for (std::size_t at = 0; at < path.size(); ++at) {
-            bytes += path[at] != '\0'
-                         ? path[at]
-                         : static_cast<char>(std::stoi(path.substr(at + 1, 2), nullptr, 16));
-            if (path[at] == '\0') at += 2;
-        }
-        found.insert(bytes);
-    }
-    EXPECT_EQ(found, expected);
+    EXPECT_THAT(valuesOf(outcome.lines(), "path"), UnorderedElementsAreArray(expected));
     EXPECT_NE(run({"tree"}).output.find("└── c\n"), std::string::npos);
 }
 
@@ -322,12 +287,13 @@ TEST_F(TidewellTest, MetadataIsKeptAndRefusedWithDomainAndCode) {
 }
 
 TEST_F(TidewellTest, AnApplicationsIconComesOutInTheSizeOfTheDevice) {
-    const auto icon = scratch.makeFile("icon.svg", tests::svg("#ff0000")).string();
-    scratch.makeFile("share/applications/org.good.desktop",
-                     "[Desktop Entry]\nType=Application\nName=Good\nExec=x\nIcon=" + icon + "\n");
-    const auto bad = scratch.makeFile("bad.svg", tests::entityBomb()).string();
-    scratch.makeFile("share/applications/org.bad.desktop",
-                     "[Desktop Entry]\nType=Application\nName=Bad\nExec=x\nIcon=" + bad + "\n");
+    for (const auto& [name, picture] :
+         {std::pair<std::string, std::string>{"good", tests::svg("#ff0000")},
+          {"bad", tests::entityBomb()}}) {
+        scratch.makeFile("share/applications/org." + name + ".desktop",
+                         "[Desktop Entry]\nType=Application\nExec=x\nName=" + name +
+                             "\nIcon=" + scratch.makeFile(name + ".svg", picture).string() + "\n");
+    }
     const auto out = scratch.makeFolder("out").string();
     setenv("XDG_DATA_HOME", (scratch / "share").c_str(), 1);
     setenv("TIDEWELL_SCREEN_SCALE", "2", 1);

@@ -35,28 +35,10 @@ std::string unescaped(const std::string& text) {
 }
 
 TEST(JsonStringTest, AnyBytesBecomeValidJsonAndComeBack) {
-    const std::vector<std::string> texts{"",
-                                         "plain",
-                                         "50% off",
-                                         "a\"b\\c/d",
-                                         "tab\tline\nbell\x07",
-                                         "\x7f",
-                                         "Grüße 日本 🌊",
-                                         "\xff",
-                                         "a\xc3",
-                                         "\xc3(",
-                                         "\xe2\x82",
-                                         "\xf0\x9f\x8c",
-                                         "\xed\xa0\x80",  // a surrogate
-                                         "\xc0\xaf",
-                                         "\xf4\x90\x80\x80",
-                                         "ok é then \xe9 end é",
-                                         "nul\0ff"s};
-    for (const auto& text : texts) {
-        const auto line = jsonString(text);
-        const auto parsed = json::parse(line, nullptr, false);
-        ASSERT_TRUE(parsed.is_string()) << line;
-        EXPECT_EQ(unescaped(parsed), text) << line;
+    for (const std::string& text : std::vector<std::string>{
+             "", "Grüße 日本 🌊", "a\xc3", "\xc3(", "\xe2\x82", "\xf0\x9f\x8c", "\xed\xa0\x80",
+             "\xc0\xaf", "\xf4\x90\x80\x80", "ok é then \xe9 end é", "nul\0ff"s}) {
+        EXPECT_EQ(unescaped(json::parse(jsonString(text))), text);
     }
     for (int byte = 0; byte < 256; ++byte) {
         const auto text = "a" + std::string(1, static_cast<char>(byte)) + "é";

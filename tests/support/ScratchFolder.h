@@ -5,10 +5,16 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <string_view>
 
 namespace tests {
+
+inline std::string contentOf(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
 
 /// A folder of its own for one test, on the file system that TMPDIR names (the build folder's where
 /// it is not set, so that tests run on a real disk), gone afterwards.

@@ -4,9 +4,7 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <future>
-#include <iterator>
 #include <optional>
 #include <set>
 #include <string>
@@ -23,11 +21,6 @@ using platform::ItemRef;
 using platform::QSError;
 using platform::Result;
 namespace fs = std::filesystem;
-
-inline std::string contentOf(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 /// Paths relative to the folder, hidden ones too.
 inline std::set<std::string> pathsBelow(const fs::path& folder) {

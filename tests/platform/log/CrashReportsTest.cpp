@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <iterator>
 #include <set>
 #include <thread>
 
@@ -42,10 +41,9 @@ TEST_F(CrashReportsTest, ReportHoldsMessageCodeAndStack) {
     const auto all = names();
     ASSERT_EQ(all.size(), 1U);
     EXPECT_THAT(*all.begin(), testing::StartsWith("crash-2026-01-31T09:15:00Z-"));
-    std::ifstream file(folder_ + "/" + *all.begin());
-    const std::string text(std::istreambuf_iterator<char>(file), {});
-    EXPECT_THAT(text, AllOf(HasSubstr("Message: event 12 timed out\n"),
-                            HasSubstr("Exception code: 5\n"), HasSubstr("test_platform_log")));
+    EXPECT_THAT(tests::contentOf(folder_ + "/" + *all.begin()),
+                AllOf(HasSubstr("Message: event 12 timed out\n"), HasSubstr("Exception code: 5\n"),
+                      HasSubstr("test_platform_log")));
 }
 
 TEST_F(CrashReportsTest, OneReportAnHourOfEachKindAmongAllReporters) {
