@@ -47,7 +47,7 @@ class TidewellTest : public testing::Test {
         const auto error = (scratch / "stderr").string();
         words.insert(words.begin(),
                      {"--storage", storage.string(), "--state", (scratch / "state").string()});
-        std::string command = "exec " TIDEWELL_PROGRAM;
+        std::string command = "exec '" TIDEWELL_PROGRAM "'";
         for (const auto& word : words) command += " '" + word + "'";
         const int status = std::system((command + " > '" + out + "' 2> '" + error + "'").c_str());
         if (!WIFEXITED(status)) {
