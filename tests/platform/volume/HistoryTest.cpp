@@ -55,6 +55,7 @@ class HistoryTest : public VolumeFixture {
             configuration.windows = {5ms, 40ms, 200ms};
             configuration.isPackageName = [](auto name) { return name.ends_with(".pkg"); };
             configuration.metadataNames = {"tag"};
+            if (adjustMore) adjustMore(configuration);
             if (!distort) return;
             configuration.makeSource = [this]() -> Result<std::unique_ptr<KernelEventSource>> {
                 auto real = makeInotifySource();
@@ -97,6 +98,7 @@ class HistoryTest : public VolumeFixture {
     }
     std::uint32_t documentID(std::string_view path) const { return identify(path).documentID; }
 
+    std::function<void(VolumeService::Configuration&)> adjustMore;
     DistortedSource::Distort distort;
     int watches = 1'000'000;
     std::uint64_t since = 0;
@@ -139,14 +141,11 @@ TEST_F(HistoryTest, RecordsWhatHappensWhereItHappens) {
 }
 
 TEST_F(HistoryTest, FindsOutWhatHappenedWhileItWasAway) {
-    for (const char* name : {"stays", "edited", "moved", "saved", "deleted", "d/inner"}) {
-        makeFile(name);
-    }
+    const auto names = {"stays", "edited", "moved", "saved", "deleted", "d/inner"};
+    for (const auto* name : names) makeFile(name);
     start();
     std::map<std::string, std::uint32_t> documents;
-    for (const char* name : {"stays", "edited", "moved", "saved", "deleted", "d/inner"}) {
-        documents[name] = documentID(name);
-    }
+    for (const auto* name : names) documents[name] = documentID(name);
     changes();
     service.reset();
     write("edited", "something else");
@@ -287,9 +286,7 @@ TEST_F(HistoryTest, NothingIsReportedGoneWhileTheStorageItselfIs) {
 }
 
 TEST_F(HistoryTest, WhatTheKernelDoesNotReportIsFoundInTime) {
-    auto base = adjust;
-    adjust = [base](auto& configuration) {
-        base(configuration);
+    adjustMore = [](auto& configuration) {
         configuration.reconcileInterval = 20ms;
         configuration.degradedInterval = 20ms;
     };
@@ -358,11 +355,7 @@ TEST_F(HistoryTest, AStormIsTakenInWhole) {
 }
 
 TEST_F(HistoryTest, OldEventsGoAndTheEdgeIsExact) {
-    auto base = adjust;
-    adjust = [base](auto& configuration) {
-        base(configuration);
-        configuration.eventsKept = 50;
-    };
+    adjustMore = [](auto& configuration) { configuration.eventsKept = 50; };
     start();
     for (int i = 0; i < 40; ++i) {
         makeFile("f" + std::to_string(i));

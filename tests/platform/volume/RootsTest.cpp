@@ -56,23 +56,7 @@ class RootsTest : public VolumeFixture {
         }
         return all;
     }
-    Identity identifyInLibrary(const std::string& path) const {
-        auto at = root;
-        std::string_view name = path;
-        for (auto slash = name.find('/'); slash != std::string_view::npos; slash = name.find('/')) {
-            at = at.URLByAppendingPathComponent(name.substr(0, slash));
-            name.remove_prefix(slash + 1);
-        }
-        const auto object = files->freshAttributes(at.URLByAppendingPathComponent(name)).value();
-        std::vector<VolumeService::IdentityRequest> request{
-            {.object = object.get(),
-             .name = name,
-             .wantsDocumentID = !object->isDirectory(),
-             .result = {}}};
-        const auto done = service->identify(request);
-        if (!done) throw std::runtime_error(done.error().description());
-        return request.front().result;
-    }
+    Identity identifyInLibrary(std::string_view path) const { return identify(path, root.path()); }
 
     QSURL root = QSURL::fileURLWithPath("/");
     std::uint64_t since = 0;
@@ -87,6 +71,9 @@ TEST_F(RootsTest, WhatComesAndGoesWithARootIsRecordedObjectByObject) {
     const auto note = identifyInLibrary("note");
     const auto deep = identifyInLibrary("deep/er/note");
     const auto folder = identifyInLibrary("deep");
+    EXPECT_EQ(service->URLForFileID(deep.fileID), url("deep/er/note", root.path()));
+    const auto elsewhere = files->addContainer("org.other", "/proc").value();
+    EXPECT_EQ(service->addRoot(elsewhere).error().code, EXDEV);
 
     // Watched from now on.
     scratch.makeFile("container/Documents/deep/er/late");
@@ -169,10 +156,9 @@ TEST_F(RootsTest, RootsComeAndGoWhileAllElseGoesOn) {
     ASSERT_TRUE(service->addRoot(root));
     writer = {};
     ASSERT_TRUE(service->waitUntilSettled());
-    const auto folder = root.URLByAppendingPathComponent("deep");
     const auto entries = std::distance(fs::directory_iterator(scratch / "container/Documents/deep"),
                                        fs::directory_iterator());
-    EXPECT_EQ(service->entryCount(*files->freshAttributes(folder).value()),
+    EXPECT_EQ(service->entryCount(*attributes("deep", root.path())),
               static_cast<std::uint64_t>(entries));
 }
 

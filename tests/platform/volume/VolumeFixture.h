@@ -46,21 +46,24 @@ class VolumeFixture : public testing::Test {
         service = std::move(*opened);
     }
 
-    platform::QSURL url(std::string_view path) const {
-        return platform::QSURL::fileURLWithPath(std::string(platform::presentedStoragePath) + "/" +
-                                                std::string(path));
+    platform::QSURL url(std::string_view path,
+                        std::string_view root = platform::presentedStoragePath) const {
+        return platform::QSURL::fileURLWithPath(std::string(root) + "/" + std::string(path));
     }
-    std::shared_ptr<const platform::FileAttributes> attributes(std::string_view path) const {
-        auto fetched = files->freshAttributes(url(path));
+    std::shared_ptr<const platform::FileAttributes> attributes(
+        std::string_view path, std::string_view root = platform::presentedStoragePath) const {
+        auto fetched = files->freshAttributes(url(path, root));
         if (!fetched) throw std::runtime_error(fetched.error().description());
         return *fetched;
     }
     /// Identifies the objects at these paths together, with document IDs for all but folders.
-    std::vector<Identity> identifyAll(const std::vector<std::string>& paths) const {
+    std::vector<Identity> identifyAll(
+        const std::vector<std::string>& paths,
+        std::string_view root = platform::presentedStoragePath) const {
         std::vector<std::shared_ptr<const platform::FileAttributes>> objects;
         std::vector<platform::VolumeService::IdentityRequest> requests;
         for (const std::string_view path : paths) {
-            objects.push_back(attributes(path));
+            objects.push_back(attributes(path, root));
             requests.push_back({.object = objects.back().get(),
                                 .name = path.substr(path.rfind('/') + 1),
                                 .wantsDocumentID = !objects.back()->isDirectory(),
@@ -72,8 +75,9 @@ class VolumeFixture : public testing::Test {
         for (const auto& request : requests) identities.push_back(request.result);
         return identities;
     }
-    Identity identify(std::string_view path) const {
-        return identifyAll({std::string(path)}).front();
+    Identity identify(std::string_view path,
+                      std::string_view root = platform::presentedStoragePath) const {
+        return identifyAll({std::string(path)}, root).front();
     }
     /// The path below the storage where the file ID resolves to, or the error's code.
     std::string resolve(std::uint64_t fileID) const {

@@ -146,21 +146,5 @@ TEST_F(VolumeServiceTest, LocatesWhatNobodyAskedFor) {
     EXPECT_EQ(resolve(attributes("link")->identity.inode), "link");
 }
 
-TEST_F(VolumeServiceTest, OtherRootsAreLocatedToo) {
-    scratch.makeFile("container/Documents/note");
-    open();
-    const auto root = files->addContainer("org.example.App", (scratch / "container").string());
-    ASSERT_TRUE(root);
-    ASSERT_TRUE(service->addRoot(*root));
-    const auto note =
-        root->URLByAppendingPathComponent("Documents").URLByAppendingPathComponent("note");
-    const auto found = service->URLForFileID((*files->freshAttributes(note))->identity.inode);
-    ASSERT_TRUE(found);
-    EXPECT_EQ(*found, note);
-    const auto other = files->addContainer("org.example.Other", "/proc");
-    ASSERT_TRUE(other);
-    EXPECT_EQ(service->addRoot(*other).error().code, EXDEV);
-}
-
 }  // namespace
 }  // namespace tests
