@@ -65,15 +65,6 @@ TEST(QSPropertyList, EveryValueComesBackFromItsBytes) {
     EXPECT_EQ(propertyListWithData(*binaryData(rounded)).value(), rounded);
 }
 
-TEST(QSPropertyList, IntegersAreSignedAndUnsignedWhereTheyFit) {
-    EXPECT_EQ(QSPropertyList(top63).asUnsigned(), top63);
-    EXPECT_EQ(QSPropertyList(top63).asSigned(), std::nullopt);
-    EXPECT_EQ(QSPropertyList(-1).asUnsigned(), std::nullopt);
-    EXPECT_EQ(QSPropertyList(7U), QSPropertyList(std::int64_t{7}));
-    EXPECT_EQ(QSPropertyList(true).asUnsigned(), std::nullopt);
-    EXPECT_EQ(QSPropertyList(1.0).asUnsigned(), std::nullopt);
-}
-
 TEST(QSPropertyList, BytesAreThoseOfTheFormat) {
     EXPECT_EQ(*binaryData(Dictionary{{"a", 1}}),
               fromHex("62 70 6c 69 73 74 30 30  d1 01 02  51 61  10 01  08 0b 0d"

@@ -111,17 +111,6 @@ TEST_F(IconsTest, VariantsHaveTheirSizesAndAreDrawnAsTheyLook) {
     EXPECT_FALSE(library()->iconDataForVariant("a", "", 0));
 }
 
-TEST_F(IconsTest, ImagesThatAreNoneAreNotWritten) {
-    QSData png{1};
-    EXPECT_FALSE(QIImageDestination::createWithData(png, "image/jpeg", 1));
-    EXPECT_FALSE(QIImageDestination::createWithData(png, "image/png", 2));
-    EXPECT_FALSE(QIImageDestination::createWithData(png, "image/png", 1)->finalize());
-    auto destination = QIImageDestination::createWithData(png, "image/png", 1);
-    destination->addImage({4, std::vector<std::uint32_t>(15)});
-    EXPECT_FALSE(destination->finalize());
-    EXPECT_EQ(png, QSData{1});
-}
-
 TEST_F(IconsTest, HostileFilesCostTheirOwnPicture) {
     for (const auto& content :
          {std::string(1, '\0'), std::string("no picture"), tests::pngHeader(50'000, 50'000),
