@@ -98,18 +98,6 @@ class DocumentServiceTest : public testing::Test {
     std::unique_ptr<host::DocumentService> service_;
 };
 
-TEST_F(DocumentServiceTest, RecordsAndErrorsArePlainValuesWithNativePaths) {
-    const auto item = service().item("did=5");
-    ASSERT_TRUE(item);
-    EXPECT_EQ(item->filename, "name of did=5");
-    EXPECT_EQ(item->path, scratch / "did=5");
-    EXPECT_EQ(item->tags, (std::vector<std::string>{"red", "late"}));
-    EXPECT_FALSE(item->isContainer || item->isFolder());
-    container("f").failure = platform::errorFromErrno(EACCES, "/presented/secret");
-    list("f");
-    EXPECT_EQ(result.error(), platform::errorFromErrno(EACCES, (scratch / "secret").string()));
-}
-
 TEST_F(DocumentServiceTest, PagesResumeByTokenOnTheKeptEnumerator) {
     auto& script = container("f");
     script.rows = {file("a"), file("b"), file("c")};

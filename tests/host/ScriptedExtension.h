@@ -9,7 +9,6 @@
 #include <utility>
 #include <vector>
 
-#include "platform/fileprovider/QPTag.h"
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/fileprovider/QSFileProviderExtension.h"
 
@@ -33,9 +32,7 @@ class ScriptedItem final : public platform::QSFileProviderItem {
     std::optional<platform::QSData> versionIdentifier() const override { return {}; }
     bool isTrashed() const override { return false; }
     std::optional<platform::QSDate> lastUsedDate() const override { return {}; }
-    std::optional<platform::QSData> tagData() const override {
-        return platform::QPGetTagsDataForTags({{"red", 1}, {"late", 0}});
-    }
+    std::optional<platform::QSData> tagData() const override { return {}; }
     std::optional<std::uint64_t> favoriteRank() const override { return {}; }
     std::optional<std::int64_t> fileID() const override { return 12; }
     std::optional<std::int64_t> docID() const override { return {}; }
@@ -45,7 +42,7 @@ class ScriptedItem final : public platform::QSFileProviderItem {
     std::optional<std::string> qp_beaconDomainIdentifier() const override { return {}; }
     std::optional<std::string> qp_appContainerBundleIdentifier() const override { return {}; }
     bool qp_isUbiquitous() const override { return false; }
-    bool qp_isContainer() const override { return identifier_.starts_with('#'); }
+    bool qp_isContainer() const override { return false; }
 
   private:
     std::string identifier_;

@@ -73,29 +73,15 @@ TEST_F(AppLibrariesTest, CacheComesBackWholeOrNotAtAll) {
     EXPECT_EQ(unwritable.versionToken(), 0u);
 }
 
-TEST_F(AppLibrariesTest, SetsAreNamedOnceAndManagersMoveOnlyWhenTold) {
+TEST_F(AppLibrariesTest, SetsAreNamedOnceAndOnlyWhenTheyAreKept) {
     feed({"org.a", "org.b"});
     load();
     EXPECT_EQ(retrievals, 1) << "with no main cache";
     const auto first = libraries->mainCache()->versionToken();
     EXPECT_FALSE(libraries->refresh());
-    LocalAppLibraryManager manager(libraries->mainCache());
     setApps({"org.b", "org.a"});
-    const auto second = libraries->mainCache()->versionToken();
-    EXPECT_GT(second, first) << "the order counts";
-    EXPECT_EQ(manager.versionToken(), first);
-    EXPECT_FALSE(manager.upgradeFromMainCache(*libraries->mainCache(), first - 1));
-    EXPECT_EQ(manager.versionToken(), first);
+    EXPECT_GT(libraries->mainCache()->versionToken(), first) << "the order counts";
     setApps({"org.b"});
-    auto upgrade = manager.upgradeFromMainCache(*libraries->mainCache(), first).value();
-    EXPECT_TRUE(upgrade.changed);
-    EXPECT_THAT(upgrade.domains(), ElementsAre("org.a"));
-    EXPECT_THAT(upgrade.removedIdentifiers(), ElementsAre("#org.a"));
-    EXPECT_THAT(TWPAppLibraryManager::rootURLsForAppLibraries(), SizeIs(1));
-    EXPECT_FALSE(manager.upgradeFromMainCache(*libraries->mainCache())->changed);
-    libraries->mainCache()->setVersionToken(1);
-    EXPECT_TRUE(manager.upgradeFromMainCache(*libraries->mainCache())->changed);
-    EXPECT_THAT(logged(LogLevel::Error, "version token shouldn't be greater"), SizeIs(1));
 
     // A set that cannot be saved is nobody's, and what left for it comes back.
     std::filesystem::remove_all(scratch / "apps/Tidewell");

@@ -56,17 +56,6 @@ TEST_F(ItemTest, TrashNeedsTheAdjacentPair) {
     }
 }
 
-TEST_F(ItemTest, InboxIsHiddenOnlyAsALibrarysFolder) {
-    (void)file("Inbox/x");
-    (void)file("sub/Inbox/x");
-    EXPECT_FALSE(LocalItem::initWithURL(url("Inbox")));
-    EXPECT_TRUE(LocalItem::initWithURL(url("sub/Inbox")));
-    EXPECT_TRUE(LocalItem::initWithURL(url("Inbox/x")));
-    std::filesystem::remove_all(storage() / "Inbox");
-    (void)file("Inbox");
-    EXPECT_TRUE(LocalItem::initWithURL(url("Inbox"))) << "a file of that name";
-}
-
 TEST_F(ItemTest, PackagesOfSomeTypesHaveASize) {
     scratch.makeFile("storage/song.lutebox/a/b", "12345");
     scratch.makeFile("storage/song.lutebox/c", "123");

@@ -77,39 +77,6 @@ TEST_F(VolumeServiceTest, AnObjectSeenTooLateDoesNotTakeItsSuccessorsIdentity) {
     EXPECT_EQ(identify("a").documentID, successor.documentID);
 }
 
-TEST_F(VolumeServiceTest, IdentifiersStayThroughRenameMoveAndReopening) {
-    makeFile("folder/one");
-    makeFile("two");
-    open();
-    const auto folder = identify("folder");
-    const auto one = identify("folder/one");
-    const auto two = identify("two");
-    EXPECT_EQ(folder.documentID, 0u);
-    EXPECT_EQ(resolve(one.fileID), "folder/one");
-    EXPECT_EQ(resolve(attributes(".")->identity.inode), ".");
-
-    fs::rename(native("folder"), native("renamed"));
-    fs::rename(native("two"), native("renamed/zwei"));
-    const auto check = [&] {
-        EXPECT_EQ(resolve(folder.fileID), "renamed");
-        EXPECT_EQ(resolve(one.fileID), "renamed/one");
-        EXPECT_EQ(resolve(two.fileID), "renamed/zwei");
-        EXPECT_EQ(identify("renamed/zwei").documentID, two.documentID);
-        EXPECT_EQ(service->fileIDForDocumentID(one.documentID), one.fileID);
-        EXPECT_EQ(service->fileIDForDocumentID(4711).error().code, ENOENT);
-    };
-    check();
-    const auto history = service->UUIDForDevice(attributes("renamed")->device);
-    const auto event = service->currentEventID();
-    EXPECT_GE(event, 1u);
-    open();
-    check();
-    EXPECT_EQ(service->UUIDForDevice(attributes("renamed")->device), history);
-    EXPECT_EQ(service->UUIDForDevice(attributes("renamed")->device + 1), std::nullopt);
-    EXPECT_GE(service->currentEventID(), event);
-    EXPECT_EQ(service->statistics().lastTrouble, std::nullopt);
-}
-
 TEST_F(VolumeServiceTest, ASecondOpenerIsToldWhoHasTheStoreAndAKilledOneLeavesNoLock) {
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
