@@ -40,6 +40,12 @@ struct FSEvent {
     std::uint32_t documentID = 0;  ///< that the object has, or had when it went; 0 = none
 };
 
+/// Which events are read.
+enum class EventSelection : std::uint8_t {
+    All,
+    DocumentIDs,  ///< those of document IDs that went over to another object, and gaps
+};
+
 /// What happened on the volume, by ID: what streams read from. Any thread.
 class EventHistory {
   public:
@@ -56,9 +62,13 @@ class EventHistory {
     /// where there are no more. A gap is an event with fsEventKernelDropped whose path is the
     /// folder below which something may have been missed. ESTALE where the history no longer goes
     /// back to `after`, or never came as far.
-    [[nodiscard]] virtual Result<std::vector<FSEvent>> eventsAfter(std::uint64_t after,
-                                                                   std::uint64_t upTo,
-                                                                   std::size_t limit) const = 0;
+    [[nodiscard]] virtual Result<std::vector<FSEvent>> selectedEventsAfter(
+        std::uint64_t after, std::uint64_t upTo, std::size_t limit,
+        EventSelection selection) const = 0;
+    [[nodiscard]] Result<std::vector<FSEvent>> eventsAfter(std::uint64_t after, std::uint64_t upTo,
+                                                           std::size_t limit) const {
+        return selectedEventsAfter(after, upTo, limit, EventSelection::All);
+    }
 
     /// Calls `news` after each commit of events, after catching up, and when the service closes,
     /// until the returned handle goes; on whichever thread did the work, so it must hand over and

@@ -35,8 +35,9 @@ class EventTable {
     Result<void> append(std::span<const EventRecord> events);
 
     /// after < ID <= upTo, ascending, at most `limit`. EUCLEAN where a row is damaged.
-    [[nodiscard]] Result<std::vector<EventRecord>> read(std::uint64_t after, std::uint64_t upTo,
-                                                        std::size_t limit);
+    [[nodiscard]] Result<std::vector<EventRecord>> read(
+        std::uint64_t after, std::uint64_t upTo, std::size_t limit,
+        EventSelection selection = EventSelection::All);
 
     [[nodiscard]] std::uint64_t count() const { return count_; }
 
@@ -53,6 +54,7 @@ class EventTable {
   private:
     SQLiteStatement append_;
     SQLiteStatement read_;
+    SQLiteStatement readDocumentIDs_;
     SQLiteStatement nth_;
     SQLiteStatement old_;
     SQLiteStatement drop_;

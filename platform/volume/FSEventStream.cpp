@@ -12,8 +12,10 @@ namespace platform {
 
 namespace {
 
-/// Events read at a time: what a stream holds at the most.
-constexpr std::size_t chunkSize = 500;
+/// Events read at a time: what a stream holds at the most. Who replays may have enough soon; live
+/// events are few or many batches.
+constexpr std::size_t replayedAtOnce = 100;
+constexpr std::size_t readAtOnce = 500;
 
 constexpr FSEventFlags lossFlags = fsEventUserDropped | fsEventKernelDropped;
 /// These mean everything below the path.
@@ -22,6 +24,13 @@ constexpr FSEventFlags subtreeFlags = lossFlags | fsEventMustScanSubDirs;
 bool isAtOrBelow(std::string_view path, std::string_view folder) {
     if (folder.ends_with('/')) folder.remove_suffix(1);
     return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
+}
+
+/// Nothing else is read where only events of document IDs can concern the stream.
+EventSelection selectionFor(const std::vector<std::string>& paths) {
+    const bool isDocumentIDs = std::ranges::all_of(
+        paths, [](const std::string& path) { return isAtOrBelow(path, "/.docid"); });
+    return isDocumentIDs ? EventSelection::DocumentIDs : EventSelection::All;
 }
 
 std::string parentOf(const std::string& path) {
@@ -54,6 +63,7 @@ struct FSEventStream::State : std::enable_shared_from_this<State> {
     State(FSEventSource from, std::vector<std::string> watched, Options given, Callback handler)
         : source(std::move(from)),
           paths(std::move(watched)),
+          selection(selectionFor(paths)),
           latency(given.latency),
           flags(given.flags),
           position(given.since),
@@ -75,6 +85,7 @@ struct FSEventStream::State : std::enable_shared_from_this<State> {
     // Constant once started.
     const FSEventSource source;
     const std::vector<std::string> paths;
+    const EventSelection selection;
     const std::chrono::nanoseconds latency;
     const FSEventStreamCreateFlags flags;
     std::optional<SerialQueue> queue;
@@ -155,8 +166,9 @@ void FSEventStream::State::advance() {
 }
 
 void FSEventStream::State::readChunk() {
+    const auto chunkSize = phase == Phase::Replaying ? replayedAtOnce : readAtOnce;
     auto chunk = position < limit
-                     ? source.history->eventsAfter(position, limit, chunkSize)
+                     ? source.history->selectedEventsAfter(position, limit, chunkSize, selection)
                      : Result<std::vector<FSEvent>>(std::unexpected(errorFromErrno(ESTALE)));
     if (!chunk) {
         position = limit = source.history->currentEventID();

@@ -308,11 +308,12 @@ Result<void> IdentityStore::commit(std::span<const ObjectRow> rows, Durability d
 }
 
 Result<std::vector<EventRecord>> IdentityStore::events(std::uint64_t after, std::uint64_t upTo,
-                                                       std::size_t limit) {
+                                                       std::size_t limit,
+                                                       EventSelection selection) {
     if (after < state_.floor || after > lastEvent_) {
         return std::unexpected(errorFromErrno(ESTALE));
     }
-    auto found = events_.read(after, std::min<std::uint64_t>(upTo, lastEvent_), limit);
+    auto found = events_.read(after, std::min<std::uint64_t>(upTo, lastEvent_), limit, selection);
     if (found) return found;
     (void)reported(found.error());
     return std::unexpected(errorFromErrno(ESTALE));

@@ -79,8 +79,9 @@ class IdentityStore {
 
     /// after < ID <= upTo, at most `limit`. ESTALE where the history does not reach back to
     /// `after`, never came as far, or is damaged there.
-    [[nodiscard]] Result<std::vector<EventRecord>> events(std::uint64_t after, std::uint64_t upTo,
-                                                          std::size_t limit);
+    [[nodiscard]] Result<std::vector<EventRecord>> events(
+        std::uint64_t after, std::uint64_t upTo, std::size_t limit,
+        EventSelection selection = EventSelection::All);
     [[nodiscard]] std::uint64_t eventCount() const { return events_.count(); }
 
     EventTable::Retention retention;

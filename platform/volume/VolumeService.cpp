@@ -89,8 +89,10 @@ bool VolumeService::isCaughtUp() const {
     return state_->follower->isCaughtUp();
 }
 
-Result<std::vector<FSEvent>> VolumeService::eventsAfter(std::uint64_t after, std::uint64_t upTo,
-                                                        std::size_t limit) const {
+Result<std::vector<FSEvent>> VolumeService::selectedEventsAfter(std::uint64_t after,
+                                                                std::uint64_t upTo,
+                                                                std::size_t limit,
+                                                                EventSelection selection) const {
     {
         const std::shared_lock lock(state_->indexMutex);
         if (state_->storageTrouble) return std::unexpected(*state_->storageTrouble);
@@ -98,7 +100,7 @@ Result<std::vector<FSEvent>> VolumeService::eventsAfter(std::uint64_t after, std
     Result<std::vector<EventRecord>> records;
     {
         const std::scoped_lock lock(state_->storeMutex);
-        records = state_->store->events(after, upTo, limit);
+        records = state_->store->events(after, upTo, limit, selection);
     }
     if (!records) return std::unexpected(std::move(records.error()));
     std::vector<FSEvent> events;

@@ -82,8 +82,9 @@ class VolumeService final : public EventHistory {
     /// is fine. Subscribing and both barriers do so too.
     void follow();
     [[nodiscard]] bool isCaughtUp() const override;
-    [[nodiscard]] Result<std::vector<FSEvent>> eventsAfter(std::uint64_t after, std::uint64_t upTo,
-                                                           std::size_t limit) const override;
+    [[nodiscard]] Result<std::vector<FSEvent>> selectedEventsAfter(
+        std::uint64_t after, std::uint64_t upTo, std::size_t limit,
+        EventSelection selection) const override;
     [[nodiscard]] std::shared_ptr<void> subscribe(std::function<void()> news) override;
 
     /// Blocks until everything that happened before the call has been read and committed; what went

@@ -24,9 +24,9 @@ class ScriptedHistory final : public platform::EventHistory {
         const std::scoped_lock lock(mutex_);
         return isCaughtUp_;
     }
-    platform::Result<std::vector<platform::FSEvent>> eventsAfter(std::uint64_t after,
-                                                                 std::uint64_t upTo,
-                                                                 std::size_t limit) const override {
+    platform::Result<std::vector<platform::FSEvent>> selectedEventsAfter(
+        std::uint64_t after, std::uint64_t upTo, std::size_t limit,
+        platform::EventSelection /*selection*/) const override {
         const std::scoped_lock lock(mutex_);
         ++reads_;
         if (after < oldest_ || after > current_) {
