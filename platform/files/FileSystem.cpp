@@ -215,6 +215,43 @@ Result<std::shared_ptr<const FileAttributes>> FileSystem::attributes(const QSURL
     return fetched;
 }
 
+std::vector<Result<std::shared_ptr<const FileAttributes>>> FileSystem::attributes(
+    std::span<const QSURL> urls) const {
+    std::vector<Result<std::shared_ptr<const FileAttributes>>> results;
+    results.reserve(urls.size());
+    std::shared_ptr<Folder> folder;
+    const auto isInFolder = [&](const QSURL& url) {
+        const std::string_view path = url.path();
+        return folder && path.substr(0, path.rfind('/')) == folder->url().path();
+    };
+    for (const auto& url : urls) {
+        if (!isInFolder(url)) {
+            const auto parent = url.URLByDeletingLastPathComponent();
+            const auto location = locate(parent);
+            folder.reset();
+            // Roots are asked for themselves, not by their names.
+            if (location.root && locate(url).path != ".") {
+                auto opened = openAt(location, O_PATH | O_DIRECTORY);
+                if (opened)
+                    folder = Folder::make(*this, parent, std::move(opened)).value_or(nullptr);
+            }
+        }
+        if (!folder || url.attachment()) {
+            results.push_back(attributes(url));
+            continue;
+        }
+        auto found = folder->childAttributes(url.lastPathComponent());
+        if (found) {
+            url.setAttachment(*found);
+            results.emplace_back(std::move(*found));
+        } else {
+            const auto code = static_cast<int>(found.error().code);
+            results.push_back(std::unexpected(errorFromErrno(code, nativePath(url))));
+        }
+    }
+    return results;
+}
+
 Result<void> FileSystem::makeFolder(const QSURL& url) const {
     if (openObject(url, O_PATH | O_DIRECTORY)) return {};
     const auto parentURL = url.URLByDeletingLastPathComponent();

@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <shared_mutex>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -72,6 +73,10 @@ class FileSystem {
     /// The object's attributes, fetched once a URL (any later call is answered by what the URL
     /// keeps). Absent objects fail with ENOENT.
     [[nodiscard]] Result<std::shared_ptr<const FileAttributes>> attributes(const QSURL& url) const;
+    /// The same for each of the URLs. A folder is opened once for those in it that follow one
+    /// another, so all of them are looked for where that folder was then.
+    [[nodiscard]] std::vector<Result<std::shared_ptr<const FileAttributes>>> attributes(
+        std::span<const QSURL> urls) const;
     /// The same, from the disk as it is now; the URL keeps what it kept.
     [[nodiscard]] Result<std::shared_ptr<const FileAttributes>> freshAttributes(
         const QSURL& url) const;

@@ -184,18 +184,25 @@ std::vector<FSEventReader::Subject> FSEventReader::subjectsOf(
     constexpr auto aboutTheStream = fsEventIDsWrapped | fsEventUserDropped | fsEventKernelDropped |
                                     fsEventHistoryDone | fsEventHistoryClosed;
     std::vector<Subject> subjects(events.size());
-    std::vector<QSURL> present;
+    std::vector<QSURL> wanted;
+    std::vector<Subject*> wanting;
     for (std::size_t i = 0; i < events.size(); ++i) {
         if ((events[i].flags & aboutTheStream) != 0) continue;
         auto& subject = subjects[i] = subjectOf(events[i]);
         const auto& url = subject.url;
         if (!url || (hints_.needsItem && !hints_.needsItem(*url))) continue;
-        const auto attributes = Platform::current().files().attributes(*url);
-        if (attributes) {
-            subject.state = Subject::State::Present;
-            present.push_back(*url);
-        } else if (!meansAbsent(attributes.error())) {
-            subject.state = Subject::State::Unreadable;
+        wanted.push_back(*url);
+        wanting.push_back(&subject);
+    }
+    if (wanted.empty()) return subjects;  // the platform may have gone
+    const auto attributes = Platform::current().files().attributes(wanted);
+    std::vector<QSURL> present;
+    for (std::size_t i = 0; i < wanted.size(); ++i) {
+        if (attributes[i]) {
+            wanting[i]->state = Subject::State::Present;
+            present.push_back(std::move(wanted[i]));
+        } else if (!meansAbsent(attributes[i].error())) {
+            wanting[i]->state = Subject::State::Unreadable;
         }
     }
     if (present.empty()) return subjects;
