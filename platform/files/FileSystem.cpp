@@ -252,6 +252,16 @@ std::vector<Result<std::shared_ptr<const FileAttributes>>> FileSystem::attribute
     return results;
 }
 
+Result<std::uint32_t> FileSystem::deviceOf(const QSURL& url) const {
+    const auto object = openObject(url, O_PATH);
+    if (!object) return std::unexpected(object.error());
+    struct statx status {};
+    if (statx(object->get(), "", AT_EMPTY_PATH, 0, &status) != 0) {
+        return std::unexpected(errorFromErrno(errno, nativePath(url)));
+    }
+    return foldedDevice(status.stx_dev_major, status.stx_dev_minor);
+}
+
 Result<void> FileSystem::makeFolder(const QSURL& url) const {
     if (openObject(url, O_PATH | O_DIRECTORY)) return {};
     const auto parentURL = url.URLByDeletingLastPathComponent();

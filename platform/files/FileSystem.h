@@ -81,6 +81,9 @@ class FileSystem {
     [[nodiscard]] Result<std::shared_ptr<const FileAttributes>> freshAttributes(
         const QSURL& url) const;
 
+    /// The device that the object is on, folded as attributes have it.
+    [[nodiscard]] Result<std::uint32_t> deviceOf(const QSURL& url) const;
+
     /// Makes the folder with mode 0700, its parents too where the URL lies in a presented root. One
     /// that exists already is no error; anything else of that name is (ENOTDIR).
     [[nodiscard]] Result<void> makeFolder(const QSURL& url) const;

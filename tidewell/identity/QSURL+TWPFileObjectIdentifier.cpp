@@ -214,12 +214,12 @@ std::optional<QSURL> fileURLWithFileIdentifier(std::uint64_t fileID,
 }
 
 Result<std::uint32_t> deviceIDWithError(const QSURL& url) {
-    const auto attributes = Platform::current().files().freshAttributes(url);
-    if (!attributes) {
-        errno = static_cast<int>(attributes.error().code);
+    const auto device = Platform::current().files().deviceOf(url);
+    if (!device) {
+        errno = static_cast<int>(device.error().code);
         return std::unexpected(errorWithPOSIXCode(errno));
     }
-    return (*attributes)->device;
+    return *device;
 }
 
 std::uint32_t deviceID(const QSURL& url) {
