@@ -61,9 +61,7 @@ FSChangesEnumerator::FSChangesEnumerator(const FSChangeToken& token, std::string
       currentToken_(withUsableOffset(token)),
       numberOfChanges_(currentToken_.offset),
       startupFSEventID_(endOfReplay()),
-      observer_(std::move(observer)) {
-    makeReaders();
-}
+      observer_(std::move(observer)) {}
 
 std::uint64_t FSChangesEnumerator::endOfReplay() const {
     return std::min(endOfHistory(), upToEventID_);
@@ -78,6 +76,26 @@ void FSChangesEnumerator::makeReaders() {
 }
 
 void FSChangesEnumerator::start() {
+    bool isOver = false;
+    queue_.sync([&] {
+        // Most often there is nothing, which needs no reader and no other thread.
+        if (!isFinished() && nothingHasHappened()) {
+            pathBasedReaderState_ = {startupFSEventID_, numberOfChanges_};
+            finishCaughtUp();
+        }
+        isOver = isFinished();
+        if (!isOver) makeReaders();
+    });
+    if (!isOver) startReaders();
+}
+
+bool FSChangesEnumerator::nothingHasHappened() const {
+    const auto& history = *Platform::current().events().history;
+    return startupFSEventID_ == sinceFSEventID_ && history.isCaughtUp() &&
+           history.eventsAfter(sinceFSEventID_, sinceFSEventID_, 1);
+}
+
+void FSChangesEnumerator::startReaders() {
     // On the queue, so that the end, to which one reader may come at once, follows both starts.
     queue_.async([self = shared_from_this()] {
         if (self->isFinished()) return;
@@ -313,7 +331,7 @@ void FSChangesEnumerator::beginAgain() {
     pathBasedReaderState_.reset();
     startupFSEventID_ = endOfReplay();
     makeReaders();
-    start();
+    startReaders();
 }
 
 bool FSChangesEnumerator::pageIsFull() const {
@@ -410,6 +428,7 @@ void FSChangesEnumerator::finishExpired() {
 
 void FSChangesEnumerator::stopReaders() {
     for (auto* feed : {&docIDBased_, &pathBased_}) {
+        if (!feed->reader) continue;
         feed->reader->stop();
         feed->reader->setDelegate({});
     }

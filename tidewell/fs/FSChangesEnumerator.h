@@ -37,8 +37,9 @@ class FSChangesEnumerator final : public FSEventReaderDelegate,
                         std::shared_ptr<QSFileProviderChangeObserver> observer,
                         std::uint64_t upToEventID = std::numeric_limits<std::uint64_t>::max());
 
-    /// Any thread, both; they do not wait. Stopping ends the enumeration, with an expired anchor
-    /// where the observer has had no last call.
+    /// Any thread, both; they do not wait. Where nothing has happened, starting ends it at once, on
+    /// the caller's thread in the queue's name. Stopping ends the enumeration, with an expired
+    /// anchor where the observer has had no last call.
     void start();
     void stop();
 
@@ -82,6 +83,8 @@ class FSChangesEnumerator final : public FSEventReaderDelegate,
     [[nodiscard]] Feed* feedOf(const FSEventReader& reader);
     [[nodiscard]] std::uint64_t endOfReplay() const;
     void makeReaders();
+    void startReaders();
+    [[nodiscard]] bool nothingHasHappened() const;
     [[nodiscard]] bool foldersHaveMoved();
     void beginAgain();
     [[nodiscard]] bool isFinished() const { return !observer_; }
