@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -70,10 +71,12 @@ class EventHistory {
         return selectedEventsAfter(after, upTo, limit, EventSelection::All);
     }
 
+    /// `age`: for how long what is told now has been looked into.
+    using News = std::function<void(std::chrono::nanoseconds age)>;
     /// Calls `news` after each commit of events, after catching up, and when the service closes,
     /// until the returned handle goes; on whichever thread did the work, so it must hand over and
     /// return. Letting the handle go waits for a call that runs.
-    [[nodiscard]] virtual std::shared_ptr<void> subscribe(std::function<void()> news) = 0;
+    [[nodiscard]] virtual std::shared_ptr<void> subscribe(News news) = 0;
 };
 
 }  // namespace platform

@@ -74,7 +74,7 @@ struct FSEventStream::State : std::enable_shared_from_this<State> {
 
     void start();
     void stop();
-    void news();
+    void news(std::chrono::nanoseconds age);
     void proceed();
     void advance();
     void readChunk();
@@ -109,9 +109,10 @@ void FSEventStream::State::start() {
     if (isRunning.exchange(true)) return;
     queue->async([self = shared_from_this()] { self->phase = Phase::Waiting; });
     if (const auto pass = source.gate->enter()) {
-        subscription = source.history->subscribe([weak = weak_from_this()] {
-            if (const auto self = weak.lock()) self->news();
-        });
+        subscription =
+            source.history->subscribe([weak = weak_from_this()](std::chrono::nanoseconds age) {
+                if (const auto self = weak.lock()) self->news(age);
+            });
     }
     proceed();
 }
@@ -124,14 +125,15 @@ void FSEventStream::State::stop() {
     subscription.reset();
 }
 
-void FSEventStream::State::news() {
+/// The latency counts from when something happened, not from when it was on the disk.
+void FSEventStream::State::news(std::chrono::nanoseconds age) {
     if (!isRunning || isScheduled.exchange(true)) return;
     auto work = [self = shared_from_this()] {
         self->isScheduled = false;
         self->advance();
     };
     if (phase == Phase::Live) {
-        queue->asyncAfter(latency, std::move(work));
+        queue->asyncAfter(latency - age, std::move(work));
     } else {
         queue->async(std::move(work));
     }

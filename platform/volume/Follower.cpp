@@ -97,15 +97,20 @@ void Follower::run() {
     }
 }
 
+Follower::Time Follower::nextTime() const {
+    auto until = nextScan_;
+    if (!unwatched_.empty()) until = std::min(until, nextDegradedScan_);
+    if (!reconciler_.isSettled()) until = std::min(until, nextDecision_);
+    if (hasFailed_) until = std::min(until, nextTry_);
+    if (storageTrouble_) until = std::min(until, now() + Time::duration(retryAfter));
+    return until;
+}
+
 void Follower::waitForNews() {
     Time until;
     {
         const std::scoped_lock lock(mutex_);
-        until = nextScan_;
-        if (!unwatched_.empty()) until = std::min(until, nextDegradedScan_);
-        if (!reconciler_.isSettled()) until = std::min(until, nextDecision_);
-        if (hasFailed_) until = std::min(until, nextTry_);
-        if (storageTrouble_) until = std::min(until, now() + Time::duration(retryAfter));
+        until = nextTime();
     }
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - now()).count();
     pollfd fds[] = {{wake_.get(), POLLIN, 0}, {source_ ? source_->descriptor() : -1, POLLIN, 0}};
@@ -126,6 +131,7 @@ bool Follower::step() {
 
 bool Follower::stepLocked() {
     passStart_ = now();
+    state_.lookingSince = std::chrono::steady_clock::now();
     drain();
     if (!checkStorage()) return false;
     if (hasFailed_) {
@@ -474,9 +480,11 @@ void Follower::decide() {
 Result<void> Follower::wait(Barrier barrier) {
     follow();
     ++waiting_;
+    // The thread sleeps until what it last knew to be due.
+    bool isSooner = false;
     const auto leave = [&](Result<void> result) {
         --waiting_;
-        wake();
+        if (isSooner) wake();
         return result;
     };
     for (bool hasStepped = false;; hasStepped = true) {
@@ -484,7 +492,9 @@ Result<void> Follower::wait(Barrier barrier) {
         {
             const std::scoped_lock lock(mutex_);
             if (isStopped_) return leave(std::unexpected(errorFromErrno(ECANCELED)));
+            const auto due = nextTime();
             const bool more = stepLocked();
+            isSooner |= more || nextTime() < due;
             if (storageTrouble_) return leave(std::unexpected(*storageTrouble_));
             if (hasFailed_ && hasStepped) return leave(std::unexpected(errorFromErrno(EIO)));
             isDone = !more && (barrier == Barrier::Seen || reconciler_.isSettled());

@@ -75,6 +75,8 @@ class Follower {
 
     void run();
     void waitForNews();
+    /// When there is something to do though nothing happens. REQUIRES: mutex_ is held.
+    [[nodiscard]] Time nextTime() const;
     [[nodiscard]] bool stepLocked();
     [[nodiscard]] bool checkStorage();
     void drain();

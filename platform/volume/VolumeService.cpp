@@ -109,7 +109,7 @@ Result<std::vector<FSEvent>> VolumeService::selectedEventsAfter(std::uint64_t af
     return events;
 }
 
-std::shared_ptr<void> VolumeService::subscribe(std::function<void()> news) {
+std::shared_ptr<void> VolumeService::subscribe(News news) {
     auto subscriber = std::make_shared<State::Subscriber>();
     subscriber->news = std::move(news);
     {

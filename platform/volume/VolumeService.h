@@ -85,7 +85,7 @@ class VolumeService final : public EventHistory {
     [[nodiscard]] Result<std::vector<FSEvent>> selectedEventsAfter(
         std::uint64_t after, std::uint64_t upTo, std::size_t limit,
         EventSelection selection) const override;
-    [[nodiscard]] std::shared_ptr<void> subscribe(std::function<void()> news) override;
+    [[nodiscard]] std::shared_ptr<void> subscribe(News news) override;
 
     /// Blocks until everything that happened before the call has been read and committed; what went
     /// may still be waiting for a successor. ECANCELED where the service closes, else the reason

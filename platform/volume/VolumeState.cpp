@@ -275,9 +275,10 @@ void VolumeService::State::announce() {
             if (auto alive = subscriber.lock()) told.push_back(std::move(alive));
         }
     }
+    const auto age = std::chrono::steady_clock::now() - lookingSince.load();
     for (const auto& subscriber : told) {
         const std::scoped_lock lock(subscriber->mutex);
-        if (subscriber->news) subscriber->news();
+        if (subscriber->news) subscriber->news(age);
     }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -115,7 +116,7 @@ struct VolumeService::State {
 
     struct Subscriber {
         std::mutex mutex;
-        std::function<void()> news;  // guarded by mutex; empty once it let go
+        EventHistory::News news;  // guarded by mutex; empty once it let go
     };
     std::mutex suspectsMutex;
     std::vector<Suspect> suspects;  // guarded by suspectsMutex
@@ -130,7 +131,8 @@ struct VolumeService::State {
 
     std::atomic<bool> identityIsWeak = false;
     std::atomic<bool> hasNews = false;
-    std::unique_ptr<Follower> follower;  // the first to go
+    std::atomic<std::chrono::steady_clock::time_point> lookingSince{};  ///< the latest step
+    std::unique_ptr<Follower> follower;                                 // the first to go
 };
 
 /// The event that says that something may have been missed below the path.

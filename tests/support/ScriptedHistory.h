@@ -40,7 +40,7 @@ class ScriptedHistory final : public platform::EventHistory {
         }
         return found;
     }
-    std::shared_ptr<void> subscribe(std::function<void()> news) override {
+    std::shared_ptr<void> subscribe(News news) override {
         const std::scoped_lock lock(subscribers_->mutex);
         const auto number = subscribers_->next++;
         subscribers_->all[number] = std::move(news);
@@ -74,7 +74,7 @@ class ScriptedHistory final : public platform::EventHistory {
     }
     void tell() {
         const std::scoped_lock lock(subscribers_->mutex);
-        for (const auto& [number, news] : subscribers_->all) news();
+        for (const auto& [number, news] : subscribers_->all) news({});
     }
     std::uint64_t reads() const {
         const std::scoped_lock lock(mutex_);
@@ -89,7 +89,7 @@ class ScriptedHistory final : public platform::EventHistory {
     struct Subscribers {
         std::mutex mutex;
         // Guarded by mutex, which is held while they are called.
-        std::map<int, std::function<void()>> all;
+        std::map<int, News> all;
         int next = 0;
     };
 
