@@ -101,8 +101,7 @@ class Run {
     }
 
     [[nodiscard]] Result<ItemRecord> remove(const std::string& identifier) {
-        auto item = service_.item(identifier);
-        if (!item) return item;
+        auto item = service_.item(identifier);  // as it was
         const auto removed = service_.mutations().remove(identifier, drawn("deleted"));
         if (!removed) return std::unexpected(removed.error());
         return item;
