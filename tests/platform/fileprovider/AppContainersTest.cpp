@@ -32,6 +32,21 @@ class AppContainersTest : public InstalledPlatform {
     std::size_t roots() const { return installed->volume().statistics().roots.size(); }
 };
 
+TEST_F(AppContainersTest, LetsInExactlyThoseThatAreNamed) {
+    const std::vector both{bundle("org.a"), bundle("org.b")};
+    EXPECT_THAT(installed->containers().show(both), IsEmpty());
+    EXPECT_TRUE(fs::is_directory(scratch / "containers/org.a/Documents"));
+    EXPECT_TRUE(isShown("org.a") && isShown("org.b"));
+    EXPECT_EQ(roots(), 3U);
+    (void)scratch.makeFile("containers/org.a/Documents/note");
+    EXPECT_THAT(installed->containers().show(std::span(both).last(1)), IsEmpty());
+    EXPECT_FALSE(isShown("org.a"));
+    EXPECT_TRUE(fs::exists(scratch / "containers/org.a/Documents/note"));
+    EXPECT_EQ(roots(), 2U);
+    EXPECT_THAT(installed->containers().show({}), IsEmpty());
+    EXPECT_EQ(roots(), 1U);
+}
+
 TEST_F(AppContainersTest, WhatIsNoContainerOfThisVolumeIsRefused) {
     const auto code = [&](const fs::path& path) {
         const auto url = installed->containers().URLForContainer("org.a", path);
