@@ -254,22 +254,6 @@ TEST_F(TidewellTest, EveryErrorOfTheManualIsTold) {
     EXPECT_EQ(run({"ls"}, "/dev/full").exitCode, 1);
 }
 
-TEST_F(TidewellTest, TheStorageMayHaveAnyNameAndPlace) {
-    const auto real = fs::canonical(scratch.makeFolder("Documents/Notes"));
-    scratch.makeFile("Documents/Notes/Documents/file");
-    fs::create_directory_symlink(real, scratch / "shortcut");
-    for (const auto& place : {real, scratch / "shortcut"}) {
-        storage = place;
-        EXPECT_EQ(run({"path", "root"}).output, real.string() + "\n");
-        EXPECT_EQ(run({"resolve", place}).output, "QSFileProviderRootContainerItemIdentifier\n");
-        const auto file = identifierOf(place / "Documents/file");
-        EXPECT_EQ(file, identifierOf(real / "Documents/file"));
-        EXPECT_EQ(run({"path", file}).output, (real / "Documents/file").string() + "\n");
-        EXPECT_EQ(valuesOf(runJson({"tree"}).lines(), "filename"),
-                  (std::vector<std::string>{"Documents", "file"}));
-    }
-}
-
 TEST_F(TidewellTest, DocumentsAreChanged) {
     scratch.makeFile("Dokumente/in/a", "a");
     scratch.makeFile("Dokumente/in/b", "b");

@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 
 #include "platform/fileprovider/QPTag.h"
+#include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/files/FileDescriptor.h"
 #include "platform/foundation/QSKeyedArchiver.h"
 #include "tests/support/InstalledPlatform.h"
@@ -91,6 +92,8 @@ TEST_F(UserMetadataTest, WhatCannotBeKeptFailsButForTheDate) {
 
     EXPECT_EQ(rank(link, 1).error().code, EOPNOTSUPP);
     EXPECT_EQ(use(link, date).value()->lastUsedDate(), std::nullopt);
+    EXPECT_EQ(use("did=4000000", date).error(),
+              fileProviderErrorForNonExistentItemWithIdentifier("did=4000000"));
     EXPECT_EQ(kept("a", LocalItem::xattrFavoriteRankName()), std::nullopt);
 
     const FileDescriptor fd(open((storage() / "a").c_str(), O_RDONLY));

@@ -11,7 +11,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::SizeIs;
 
 constexpr auto everyFlag =
@@ -84,17 +83,6 @@ TEST_F(FSEventStreamTest, ReplaysInOrderThenFollowsAfterTheLatency) {
     EXPECT_THAT(batches, ElementsAre(5)) << "one wake-up for what came within the latency";
 }
 
-TEST_F(FSEventStreamTest, WaitsUntilTheHistoryHasCaughtUp) {
-    history.setCaughtUp(false);
-    open({"/w"}, {.since = 1000, .flags = everyFlag});
-    history.append({.path = "/w/while away"});
-    queue.sync([] {});
-    queue.sync([] {});
-    EXPECT_THAT(received, IsEmpty());
-    history.setCaughtUp(true);
-    EXPECT_THAT(paths(until(fsEventHistoryDone)), ElementsAre("/w/while away", "/"));
-}
-
 TEST_F(FSEventStreamTest, WhatCannotBeReplayedIsOneLoss) {
     const auto last = history.append({.path = "/w/old"});
     history.expire(last);
@@ -151,17 +139,6 @@ TEST_F(FSEventStreamTest, LetsGoOfEverythingWhenItEnds) {
     EXPECT_THAT(received, SizeIs(1));
     EXPECT_TRUE(watched.expired());
     EXPECT_EQ(history.subscriberCount(), 0u);
-}
-
-TEST_F(FSEventStreamTest, TellsWhenTheHistoryCloses) {
-    history.setCaughtUp(false);
-    open({"/w"}, {.since = 1000, .flags = everyFlag});
-    gate->close();
-    history.tell();
-    EXPECT_THAT(until(fsEventHistoryClosed), SizeIs(1));
-    open({"/w"}, {.since = 1000, .flags = everyFlag});
-    until(fsEventHistoryClosed);
-    EXPECT_EQ(history.reads(), 0u);
 }
 
 }  // namespace
