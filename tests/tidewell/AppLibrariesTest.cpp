@@ -79,9 +79,14 @@ TEST_F(AppLibrariesTest, SetsAreNamedOnceAndOnlyWhenTheyAreKept) {
     EXPECT_EQ(retrievals, 1) << "with no main cache";
     const auto first = libraries->mainCache()->versionToken();
     EXPECT_FALSE(libraries->refresh());
+    LocalAppLibraryManager manager(libraries->mainCache());
     setApps({"org.b", "org.a"});
     EXPECT_GT(libraries->mainCache()->versionToken(), first) << "the order counts";
     setApps({"org.b"});
+    const auto upgrade = manager.upgradeFromMainCache(*libraries->mainCache(), first).value();
+    EXPECT_THAT(upgrade.domains(), ElementsAre("org.a"));
+    EXPECT_THAT(upgrade.removedIdentifiers(), ElementsAre("#org.a"));
+    EXPECT_FALSE(manager.upgradeFromMainCache(*libraries->mainCache(), first));
 
     // A set that cannot be saved is nobody's, and what left for it comes back.
     std::filesystem::remove_all(scratch / "apps/Tidewell");
