@@ -65,11 +65,9 @@ TEST_F(TrashTest, RecordsWhenAndFromWhereAndPutsBack) {
     EXPECT_TRUE(attribute(library() / "a/b/doc 2.txt", putBack));
 }
 
-TEST_F(TrashTest, FailuresAreTheOnesOfTheTable) {
-    EXPECT_THAT(codeOf(remove("did=9999").value()), Pair(QPErrorDomain, QPItemNotFoundErrorCode));
+TEST_F(TrashTest, WhatCannotBePutBackGoesWhereItIsTold) {
     (void)file("in/a");
     const auto item = id("in/a");
-    EXPECT_EQ(untrash(item).error(), QPInvalidParameterError("itemIdentifier", item));
     ASSERT_TRUE(trash(item));
     // From the storage: nothing tells where it was, and a trashed parent is none.
     (void)file(".Trash/folder/x");
