@@ -289,7 +289,8 @@ Result<void> IdentityStore::commit(std::span<const ObjectRow> rows, Durability d
             if (last) next.floor = std::max(next.floor, *last);
         }
     }
-    auto done = writeTransaction(rows, isDurable ? &next : nullptr, events, orphans);
+    auto done = setSyncing(isDurable);
+    if (done) done = writeTransaction(rows, isDurable ? &next : nullptr, events, orphans);
     if (done && isDurable) {
         // What follows must never repeat a sequence number that the store may hold already.
         state_.marks = next.marks;
@@ -305,6 +306,15 @@ Result<void> IdentityStore::commit(std::span<const ObjectRow> rows, Durability d
         lastEvent_ = committed_[static_cast<std::size_t>(Counter::Event)];
     }
     return {};
+}
+
+/// What is not synced reaches the disk with the next commit that is: they share one log.
+Result<void> IdentityStore::setSyncing(bool syncs) {
+    if (syncs == syncs_) return {};
+    auto done =
+        database_.execute(syncs ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
+    if (done) syncs_ = syncs;
+    return done;
 }
 
 Result<std::vector<EventRecord>> IdentityStore::events(std::uint64_t after, std::uint64_t upTo,

@@ -66,7 +66,7 @@ class IdentityStore {
     [[nodiscard]] std::uint64_t lastEvent() const { return lastEvent_; }
 
     enum class Durability : std::uint8_t {
-        Hints,       ///< places of objects; the witness need not know
+        Hints,       ///< places of objects: a power cut may undo them
         Identities,  ///< on disk, and known to the witness, on return
     };
     /// Writes whole rows in one transaction, all or nothing; fails with ENOSPC or EIO.
@@ -100,6 +100,7 @@ class IdentityStore {
     Result<void> writeTransaction(std::span<const ObjectRow> rows, const StoreState* state,
                                   std::span<const EventRecord> events,
                                   std::span<const OrphanChange> orphans);
+    Result<void> setSyncing(bool syncs);
     Result<void> writeState(const StoreState& state);
     Result<void> adopt(StoreState state, bool dropsObjects);
     [[nodiscard]] QSError reported(const QSError& error);
@@ -114,6 +115,7 @@ class IdentityStore {
 
     std::vector<OrphanRow> orphansFound_;
 
+    bool syncs_ = true;        ///< the database, with every commit
     SQLiteDatabase database_;  // outlives its statements
     ObjectTable objects_;
     EventTable events_;
