@@ -302,7 +302,10 @@ Result<QSURL> MutableTree::trash(const QSURL& url, const QSURL& trashURL) const 
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
         return refused("the trash can be written by others");
     }
-    return moveHeld(*item, {trashURL, std::move(*fd)}, item->name, Naming::Free);
+    volume_.moveBegins(item->identity);
+    auto moved = moveHeld(*item, {trashURL, std::move(*fd)}, item->name, Naming::Free);
+    volume_.moveEnds(item->identity, moved.has_value());
+    return moved;
 }
 
 Result<void> MutableTree::remove(const QSURL& url, QSProgress& progress) const {

@@ -44,7 +44,7 @@ class Departures {
         bool isFromScan = false;
         /// Its owner now stands where the one who took the name came from.
         bool isExchange = false;
-        /// This process itself removes the owner, so that nothing succeeds it.
+        /// This process itself removes or moves the owner, so that nothing succeeds it.
         bool isFinal = false;
     };
 

@@ -132,6 +132,8 @@ bool Follower::step() {
 bool Follower::stepLocked() {
     passStart_ = now();
     state_.lookingSince = std::chrono::steady_clock::now();
+    const auto moved = state_.movedObjects();
+    moved_.insert(moved_.end(), moved.begin(), moved.end());
     drain();
     if (!checkStorage()) return false;
     if (hasFailed_) {
@@ -145,6 +147,7 @@ bool Follower::stepLocked() {
         lookAtUnwatched();
     }
     lookAtMarks();
+    state_.forgetRemovals(std::exchange(moved_, {}));
     commitRemovals();
     if (marks_.empty() && isScanning_) scanSome();
     if (!isScanning_ && !hasFailed_) decide();

@@ -130,7 +130,8 @@ class Follower {
     Time nextDecision_{};
     Time nextTry_{};  ///< after a commit that failed
     Time passStart_{};
-    bool isMoved_ = false;  ///< a detached folder may be found by now
+    std::vector<ObjectIdentity> moved_;  ///< by this process; not looked at yet
+    bool isMoved_ = false;               ///< a detached folder may be found by now
     bool hasFailed_ = false;
     std::optional<QSError> storageTrouble_;
 

@@ -173,6 +173,15 @@ void VolumeService::removalBegins(const ObjectIdentity& object) {
     state_->removing.emplace(object.inode, object.generation);
 }
 
+void VolumeService::moveEnds(const ObjectIdentity& object, bool isDone) {
+    if (!isDone) return removalEnds(object, false);
+    {
+        const std::scoped_lock lock(state_->removalsMutex);
+        state_->moved.push_back(object);
+    }
+    state_->follower->wake();
+}
+
 void VolumeService::removalEnds(const ObjectIdentity& object, bool isGone) {
     {
         const std::scoped_lock lock(state_->removalsMutex);

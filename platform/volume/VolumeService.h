@@ -127,6 +127,9 @@ class VolumeService final : public EventHistory {
     /// ended.
     void removalBegins(const ObjectIdentity& object);
     void removalEnds(const ObjectIdentity& object, bool isGone);
+    /// The same for a move after which the object, and nobody else, has its identifier.
+    void moveBegins(const ObjectIdentity& object) { removalBegins(object); }
+    void moveEnds(const ObjectIdentity& object, bool isDone);
 
     /// Entries of a folder (hidden ones too), without reading it where the index's count is of this
     /// very state of the folder; none where it has to be read.

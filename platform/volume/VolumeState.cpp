@@ -253,6 +253,11 @@ std::vector<ObjectIdentity> VolumeService::State::removedObjects() {
     return std::exchange(removed, {});
 }
 
+std::vector<ObjectIdentity> VolumeService::State::movedObjects() {
+    const std::scoped_lock lock(removalsMutex);
+    return std::exchange(moved, {});
+}
+
 void VolumeService::State::forgetRemovals(std::span<const ObjectIdentity> objects) {
     const std::scoped_lock lock(removalsMutex);
     for (const auto& object : objects) {

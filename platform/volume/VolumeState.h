@@ -86,9 +86,12 @@ struct VolumeService::State {
     void noteSuspects(std::span<const IdentityRequest> requests);
     [[nodiscard]] std::vector<Suspect> takeSuspects();
 
-    /// Whether this process itself is removing the object, or has and the index does not know yet.
+    /// Whether this process itself is removing or moving the object, or has and the index does not
+    /// know yet.
     [[nodiscard]] bool isRemoving(const ObjectIndex::Node& object);
     [[nodiscard]] std::vector<ObjectIdentity> removedObjects();
+    /// Those whose moves have ended, which whoever looks now will see.
+    [[nodiscard]] std::vector<ObjectIdentity> movedObjects();
     /// The index knows of them now.
     void forgetRemovals(std::span<const ObjectIdentity> objects);
 
@@ -125,6 +128,7 @@ struct VolumeService::State {
     /// Inode and generation. Guarded by removalsMutex, as the next one.
     std::multiset<std::pair<std::uint64_t, std::uint64_t>> removing;
     std::vector<ObjectIdentity> removed;  ///< still among `removing`
+    std::vector<ObjectIdentity> moved;    ///< in the same way
 
     std::mutex subscribersMutex;
     std::vector<std::weak_ptr<Subscriber>> subscribers;  // guarded by subscribersMutex

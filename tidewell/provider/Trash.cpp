@@ -19,6 +19,20 @@ QSURL fresh(const QSURL& url) {
     return QSURL::fileURLWithPath(url.path());
 }
 
+/// The same for an object that was moved, which keeps its identifier: that need not be asked for,
+/// and so not wait for what happened to be seen.
+QSURL freshAfterMove(const QSURL& formerURL, const QSURL& newURL) {
+    auto url = fresh(newURL);
+    const auto former = std::static_pointer_cast<const FileAttributes>(formerURL.attachment());
+    const auto now = Platform::current().files().attributes(url);
+    if (!former || !now || (*now)->identity != former->identity) return url;
+    for (const auto key : {QSResourceKey::FileID, QSResourceKey::DocumentIdentifier}) {
+        auto kept = formerURL.cachedResourceValue(key);
+        if (kept.index() != 0) url.setCachedResourceValue(key, std::move(kept));
+    }
+    return url;
+}
+
 bool isReachableFolder(const QSURL& url) {
     const auto attributes = Platform::current().files().freshAttributes(url);
     return attributes && (*attributes)->isDirectory();
@@ -49,7 +63,7 @@ void LocalFileProvider::trashItemWithIdentifier(const QSFileProviderItemIdentifi
                                 setTrashDate(*newURL, QSDate::now());
                                 setPutBackString(formerURL, *newURL);
                             }
-                            handler(itemForResult(fresh(*newURL)));
+                            handler(itemForResult(freshAfterMove(formerURL, *newURL)));
                         });
 }
 
