@@ -20,6 +20,7 @@ using namespace std::chrono_literals;
 constexpr auto retryAfter = 1s;    // a commit that failed, a storage that is away
 constexpr auto longestNap = 50ms;  // of one who waits for a decision
 constexpr auto clockSlack = 2;     // seconds
+constexpr auto pace = 10ms;        // between commits while things go on happening
 
 }  // namespace
 
@@ -92,7 +93,10 @@ void Follower::scanEverything(Reconciler::Occasion occasion) {
 
 void Follower::run() {
     while (!isStopped_) {
+        const auto before = state_.store->lastEvent();
         while (step() && !isStopped_) continue;
+        // What comes in quick succession goes into one commit; who cannot wait takes a step itself.
+        if (state_.store->lastEvent() != before && !isStopped_) std::this_thread::sleep_for(pace);
         waitForNews();
     }
 }
