@@ -137,6 +137,7 @@ class Reconciler {
     void finishOrphan(const Orphan& orphan);
     void inheritMetadata(const std::string& metadata, const QSURL& url, const ObjectIdentity& heir);
     void captureMetadata();
+    void decideBelow(const QSURL& root);
     void forgetBelow(NodeNumber folder, const std::string& path);
 
     VolumeService::State& state_;

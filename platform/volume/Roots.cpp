@@ -1,5 +1,6 @@
 // How roots come and go while the others are followed.
 #include <cerrno>
+#include <ctime>
 #include <unordered_set>
 
 #include "platform/volume/Follower.h"
@@ -92,19 +93,44 @@ Reconciler::NodeNumber Reconciler::welcome(const ObjectIdentity& identity, const
 }
 
 bool Reconciler::letGo(const QSURL& url) {
+    {
+        const std::shared_lock lock(state_.indexMutex);
+        if (state_.rootAt(url) == ObjectIndex::none) return false;
+    }
+    occasion_ = Occasion::Live;
+    decideBelow(url);
     const std::unique_lock lock(state_.indexMutex);
     auto& index = state_.index;
     const auto root = state_.rootAt(url);
-    if (root == ObjectIndex::none) return false;
-    occasion_ = Occasion::Live;
     forgetBelow(root, url.path());
     goneFolders_.push_back(root);
+    // Nothing else tells that it has gone where nothing is in it.
+    EventRecord& gone = events_.emplace_back();
+    gone.event.flags = fsEventRemoved | fsEventIsFolder;
+    gone.event.path = url.path();
+    gone.time = std::time(nullptr);
     // Should it come back, that is news.
     index.setState(root, index.node(root).kind, 0, false);
     index.setRoot(root, false);
     std::erase_if(state_.roots, [&](const auto& known) { return known.url == url; });
     changeOf(state_.roots.front().node).isModified = true;
     return true;
+}
+
+/// Nobody will look there any more for what went, or for what took its place.
+void Reconciler::decideBelow(const QSURL& root) {
+    const auto isBelow = [prefix = root.path() + "/"](const FormerPlace& place) {
+        return place.path.starts_with(prefix);
+    };
+    for (const auto document : departures_.openDocuments()) {
+        const auto* vacancy = departures_.vacancy(document);
+        if (vacancy && isBelow(vacancy->place)) decide(document, now_, true);
+    }
+    for (const auto node : departures_.departedNodes()) {
+        const auto* departure = departures_.departure(node);
+        if (departure && isBelow(departure->last)) finish(node);
+    }
+    finishOrphans([&](const Orphan& orphan) { return isBelow(orphan.departure.last); });
 }
 
 }  // namespace platform

@@ -70,13 +70,6 @@ std::vector<std::string> AppLibraryUpgrade::domains() const {
     return domains;
 }
 
-std::vector<QSURL> AppLibraryUpgrade::lostRoots() const {
-    std::vector<QSURL> roots;
-    roots.reserve(lost.size());
-    for (const auto& bundle : lost) roots.push_back(rootOf(*bundle));
-    return roots;
-}
-
 AppLibraryRoots rootsOf(const std::vector<BundleRef>& bundles) {
     AppLibraryRoots roots;
     for (const auto& bundle : bundles) {

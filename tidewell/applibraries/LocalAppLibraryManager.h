@@ -21,7 +21,6 @@ struct AppLibraryUpgrade {
 
     [[nodiscard]] std::vector<std::string> removedIdentifiers() const;  ///< "#" and the domain
     [[nodiscard]] std::vector<std::string> domains() const;             ///< of the search index
-    [[nodiscard]] std::vector<QSURL> lostRoots() const;
 };
 
 /// One view of the set of app libraries, at one version, over one of the two caches. It moves when

@@ -235,11 +235,13 @@ std::optional<LocalRootEnumerator::Told> LocalRootEnumerator::appLibraryStep(FSC
     if (upgrade->changed || changeTokenVersion == 0) {
         told.items = appLibraryManager_.appLibraryItems();
     }
-    if (upgrade->lost.empty()) return told;
+    // A token that names no version does not say either which libraries its host has listed.
+    if (upgrade->lost.empty() && changeTokenVersion != 0) return told;
+    auto lost = identifiersLost(token.streamEventID);
+    if (!lost) return std::nullopt;
     told.deletions = upgrade->removedIdentifiers();
-    const auto below = identifiersBelow(upgrade->lostRoots(), token.streamEventID);
-    if (!below) return std::nullopt;
-    told.deletions.insert(told.deletions.end(), below->begin(), below->end());
+    for (const auto& identifier : told.deletions) lost->erase(identifier);
+    told.deletions.insert(told.deletions.end(), lost->begin(), lost->end());
     return told;
 }
 
@@ -256,13 +258,14 @@ void LocalRootEnumerator::saveWorkingSet() {
     logError([&] { return "can't save working-set cache to disk;" + saved.error().description(); });
 }
 
-/// Everything below the roots that the history tells of, which includes that they were let go;
-/// without what the container shows elsewhere. None where the history does not go back that far.
-std::optional<std::vector<std::string>> LocalRootEnumerator::identifiersBelow(
-    const std::vector<QSURL>& lostRoots, std::uint64_t sinceEventID) const {
+/// The libraries that were let go, and everything below them that the history tells of, without
+/// what the container shows elsewhere. None where the history does not go back that far.
+std::optional<std::set<std::string>> LocalRootEnumerator::identifiersLost(
+    std::uint64_t sinceEventID) const {
     constexpr std::size_t batch = 4096;
-    const ContainerCover cover(container_, treeRoots(appLibraryManager_.bundleProxiesByRootURLs()));
-    if (!cover.isRecursive()) return std::vector<std::string>{};
+    const auto containers = std::string(presentedContainersPath) + "/";
+    const auto roots = treeRoots(appLibraryManager_.bundleProxiesByRootURLs());
+    const ContainerCover cover(container_, roots);
     if (!Platform::current().events().history->isCaughtUp()) {
         (void)Platform::current().volume().waitUntilSeen();
     }
@@ -272,18 +275,26 @@ std::optional<std::vector<std::string>> LocalRootEnumerator::identifiersBelow(
         if (!events) return std::nullopt;
         for (const auto& event : *events) {
             const auto isBelow = [&](const QSURL& root) { return isAtOrBelow(event.path, root); };
-            if (std::ranges::none_of(lostRoots, isBelow)) continue;
+            if (!event.path.starts_with(containers) || std::ranges::any_of(roots, isBelow)) {
+                continue;
+            }
+            const auto name = event.path.substr(containers.size());
+            found.insert("#" + name.substr(0, name.find('/')));
+            if (!cover.isRecursive()) continue;
             const auto identifier = identifierOf(event);
             if (!identifier || found.contains(*identifier)) continue;
             const auto isShown = [&](const QSURL& place) {
-                return cover.placeOf(place).cover == Cover::Shown;
+                if (cover.placeOf(place).cover != Cover::Shown) return false;
+                // A folder that has become a package there has another identifier.
+                const auto item = LocalItem::initWithURL(QSURL::fileURLWithPath(place.path()));
+                return item && item->itemIdentifier() == *identifier;
             };
             if (std::ranges::none_of(placesOf(event), isShown)) found.insert(*identifier);
         }
         if (events->size() < batch) break;
         after = events->back().id;
     }
-    return std::vector<std::string>(found.begin(), found.end());
+    return found;
 }
 
 }  // namespace tidewell

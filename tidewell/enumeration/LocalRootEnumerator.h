@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -45,8 +46,8 @@ class LocalRootEnumerator final : public QSFileProviderEnumerator,
     [[nodiscard]] std::optional<Told> appLibraryStep(FSChangeToken& token);
     [[nodiscard]] bool isUsable(std::uint64_t changeTokenVersion, std::uint64_t localVersion) const;
     void saveWorkingSet();
-    [[nodiscard]] std::optional<std::vector<std::string>> identifiersBelow(
-        const std::vector<QSURL>& lostRoots, std::uint64_t sinceEventID) const;
+    [[nodiscard]] std::optional<std::set<std::string>> identifiersLost(
+        std::uint64_t sinceEventID) const;
     [[nodiscard]] std::string versionSuffix(std::uint64_t changeTokenVersion) const;
 
     /// The inner enumerator over these libraries, a new one where the present one has others.
