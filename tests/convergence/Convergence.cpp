@@ -28,11 +28,26 @@ unsigned faultsOf(const RunOptions& options) {
     auto faults = static_cast<unsigned>(random()) & 0x7FF;
     if (below(random, 4) != 0) faults &= ~static_cast<unsigned>(faultWatchLimit);
     if (below(random, 8) != 0) faults &= ~static_cast<unsigned>(faultStoreLoss);
+    if (below(random, 4) == 0) faults |= faultLibraries;
     return faults;
 }
 
 std::ptrdiff_t openDescriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+/// The script with some of its paths, all of those of a save, in the documents of an application.
+std::string partlyInLibraries(const Operation& operation, Random random) {
+    std::string script;
+    const bool isSave = operation.recipe != nullptr, goes = below(random, 3) == 0;
+    const auto library = "l/" + std::string(below(random, 3) == 0 ? "y" : "x") + "/Documents/";
+    for (std::size_t at = 0; at < operation.script.size();) {
+        const bool isPath = operation.script.compare(at, 3, " s/") == 0;
+        const bool goesThere = isPath && (isSave ? goes : below(random, 3) == 0);
+        script += goesThere ? " " + library : operation.script.substr(at, isPath ? 3 : 1);
+        at += isPath ? 3 : 1;
+    }
+    return script;
 }
 
 /// A difference without what depends on the run.
@@ -54,7 +69,7 @@ class Run {
           faults_(faultsOf(options)),
           product_(base(), stores_.path().string(),
                    std::make_shared<KernelMood>(faults_, options.seed), options.mode == 'D') {
-        for (const auto* folder : {"s/.Trash", "s/a/a", "s/a/b", "s/b/a", "out"}) {
+        for (const auto* folder : {"s/.Trash", "s/a/a", "s/a/b", "s/b/a", "out", "l/x/Documents"}) {
             scratch_.makeFolder(folder);
         }
     }
@@ -102,7 +117,10 @@ class Run {
     void begin(Actor& actor, std::size_t index) {
         if (options_.only && !options_.only->contains(index)) return;
         auto random = randomOf(index);
-        const auto operation = randomOperation(random);
+        auto operation = randomOperation(random);
+        if (has(faultLibraries)) {
+            operation.script = partlyInLibraries(operation, Random(options_.seed * 777 + index));
+        }
         if (operation.recipe && operation.recipe->replaces) {
             const auto name = operation.document.substr(operation.document.rfind('/') + 1);
             log_.add({.actor = 0, .operation = index, .call = "save " + name});
@@ -147,6 +165,7 @@ class Run {
 
     /// What clients, the clock and the product do between two calls of actors.
     void letProductRun(Random& random) {
+        if (has(faultLibraries) && below(random, 60) == 0) changeLibraries(random);
         if (!product_.isRunning()) {
             if (below(random, 20) > 0) return;
             note(product_.start());
@@ -192,7 +211,30 @@ class Run {
         }
     }
 
-    void logDeed(const char* what) { log_.add({.call = what}); }
+    /// An application comes or goes.
+    void changeLibraries(Random& random) {
+        const std::string application = below(random, 2) == 0 ? "x" : "y";
+        const bool goes = product_.applications().contains(application);
+        Deed deed{.call = application + (goes ? " is removed" : " is installed")};
+        const auto documents = base() + "/l/" + application + "/Documents";
+        deed.hidden.push_back(objectKey(documents));
+        std::error_code none;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(documents, none)) {
+            const auto object = objectKey(entry.path());
+            const auto place =
+                placeOf(objectKey(entry.path().parent_path()), entry.path().filename().string());
+            deed.sightings.push_back({place, object});
+            if (goes) deed.hidden.push_back(object);
+        }
+        if (goes) {
+            product_.uninstall(application);
+        } else {
+            product_.install(application);
+        }
+        log_.add(std::move(deed));
+    }
+
+    void logDeed(std::string what) { log_.add({.call = std::move(what)}); }
 
     void stop() {
         logDeed("the product ends");
@@ -208,8 +250,9 @@ class Run {
         if (!ok()) return;
         product_.mood().setCalm(true);
         note(product_.settle());
-        Ledger::Barrier barrier{.deeds = log_.take(),
-                                .rows = walk(base(), Product::tagAttribute())};
+        Ledger::Barrier barrier{
+            .deeds = log_.take(),
+            .rows = walk(base(), Product::tagAttribute(), product_.applications())};
         barrier.forgetsIdentifiers = std::exchange(forgetsIdentifiers_, false);
         replicas_[1].goBack();
         while (replicas_[2].isListing()) replicas_[2].listStep(product_.service());
@@ -220,7 +263,9 @@ class Run {
             barrier.deleted.merge(replica->takeDeleted());
             note(replica->compare(barrier.rows, barrier.identifiers));
             if (replica->refusals() == 0 || product_.mood().overflows() > 0) continue;
-            if (!has(faultStoreLoss)) note("an anchor was refused although nothing was lost");
+            // Of the clients of the working set, one is told of another set of applications.
+            if (!has(faultStoreLoss) && !has(faultLibraries))
+                note("an anchor was refused although nothing was lost");
         }
         const auto isFolder = [](const WalkedRow& row) {
             return row.kind == 'd' || row.kind == 'p';

@@ -20,6 +20,7 @@ enum Fault : unsigned {
     faultClock = 256,       ///< seconds pass between two calls
     faultStoreLoss = 512,   ///< a restart finds no store
     faultSplits = 1024,     ///< a read gives only some of what is there
+    faultLibraries = 2048,  ///< applications come and go, with their documents
 };
 
 struct RunOptions {

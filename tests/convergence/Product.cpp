@@ -1,10 +1,12 @@
 #include "tests/convergence/Product.h"
 
 #include <filesystem>
+#include <fstream>
 
 #include "platform/dispatch/Queue.h"
 #include "platform/fileprovider/QSFileProviderItem.h"
 #include "platform/foundation/QSKeyedArchiver.h"
+#include "tidewell/provider/InstalledApps.h"
 #include "tidewell/provider/LocalFileProvider.h"
 
 namespace tests {
@@ -33,19 +35,25 @@ std::string Product::start() {
             return std::chrono::steady_clock::time_point(std::chrono::milliseconds(clock_));
         };
     };
+    platform::RegistrySources applications;
+    applications.dataHome = stores_ + "/share";
+    applications.containers = base_ + "/l";
     auto made = platform::Platform::make({.folders = {.storage = base_ + "/s",
                                                       .data = stores_ + "/data",
                                                       .state = stores_ + "/state",
                                                       .cache = stores_ + "/cache",
                                                       .config = stores_ + "/config",
                                                       .applicationSupport = stores_ + "/apps"},
-                                          .applications = platform::RegistrySources{},
+                                          .followsAtStart = !isManual_,
+                                          .applications = applications,
                                           .adjustVolume = adjust});
     if (!made) return made.error().description();
     platform_ = std::move(*made);
     platform_->install();
-    service_ =
-        std::make_unique<host::DocumentService>([] { return tidewell::makeLocalFileProvider(); });
+    libraries_ = tidewell::AppLibraries::load();
+    if (isManual_) refreshApplications();  // as the provider does, but now
+    service_ = std::make_unique<host::DocumentService>(
+        [this] { return tidewell::makeLocalFileProvider(libraries_); });
     if (!isManual_) {
         auto following = service_->follow(
             std::string(platform::QSFileProviderWorkingSetContainerItemIdentifier));
@@ -63,6 +71,7 @@ std::string Product::start() {
 void Product::stop() {
     following_.reset();
     service_.reset();
+    libraries_.reset();
     platform::mainQueue().sync([] {});
     platform_.reset();
 }
@@ -80,11 +89,35 @@ void Product::step() {
     if (isManual_) platform_->volume().step();
 }
 
+std::string Product::entryOf(const std::string& application) const {
+    return stores_ + "/share/applications/" + application + ".desktop";
+}
+
+void Product::install(const std::string& application) {
+    std::filesystem::create_directories(stores_ + "/share/applications");
+    std::ofstream(entryOf(application)) << "[Desktop Entry]\nType=Application\nName=" << application
+                                        << "\nX-Quenby-SupportsDocumentBrowser=true\n";
+    applications_.insert(application);
+    if (isManual_ && isRunning()) refreshApplications();
+}
+
+void Product::uninstall(const std::string& application) {
+    std::filesystem::remove(entryOf(application));
+    applications_.erase(application);
+    if (isManual_ && isRunning()) refreshApplications();
+}
+
+void Product::refreshApplications() {
+    platform_->workspace().refresh();
+    tidewell::refreshInstalledApps(*libraries_);
+}
+
 bool Product::isSignalled() {
     return isManual_ || following_->wait(std::chrono::milliseconds(1));
 }
 
 std::string Product::settle() {
+    refreshApplications();
     auto& volume = platform_->volume();
     if (!isManual_) {
         const auto settled = volume.waitUntilSettled();

@@ -3,12 +3,14 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "host/DocumentService.h"
 #include "host/Following.h"
 #include "platform/fileprovider/Platform.h"
 #include "tests/convergence/ScriptedKernel.h"
+#include "tidewell/applibraries/AppLibraries.h"
 
 namespace tests {
 
@@ -41,6 +43,12 @@ class Product {
         return platform_->volume().statistics();
     }
 
+    /// Applications that are installed; the documents of "x" are in "l/x/Documents" in the base
+    /// folder. Runs or not.
+    [[nodiscard]] const std::set<std::string>& applications() const { return applications_; }
+    void install(const std::string& application);
+    void uninstall(const std::string& application);
+
     [[nodiscard]] KernelMood& mood() { return *mood_; }
 
     /// The extended attribute that carries tags, and one that carries a tag.
@@ -48,11 +56,16 @@ class Product {
     [[nodiscard]] static std::string tagValue();
 
   private:
+    [[nodiscard]] std::string entryOf(const std::string& application) const;
+    void refreshApplications();
+
     const std::string base_, stores_;
     const std::shared_ptr<KernelMood> mood_;
     const bool isManual_;
     std::atomic<std::int64_t> clock_ = 1'000'000;  // ms
+    std::set<std::string> applications_;
     std::unique_ptr<platform::Platform> platform_;
+    std::shared_ptr<tidewell::AppLibraries> libraries_;
     std::unique_ptr<host::DocumentService> service_;
     std::unique_ptr<host::Following> following_;
 };

@@ -25,6 +25,8 @@ std::string difference(const host::ItemRecord& item, const WalkedRow& row) {
         if (ours != onDisk) text << what << " " << ours << ", on disk " << onDisk << "; ";
     };
     compare("kind", kindOf(item), row.kind);
+    // Of changes of the folder itself nobody is told.
+    if (item.itemIdentifier.starts_with('#')) return text.str();
     compare("size", item.documentSize.value_or(0), row.size);
     compare("children", item.childItemCount.value_or(0), row.kind == 'd' ? row.entries : 0);
     const auto modified = item.contentModificationDate.value_or(platform::QSDate{});

@@ -51,9 +51,18 @@ struct Walk {
 
 }  // namespace
 
-std::vector<WalkedRow> walk(const std::string& base, const std::string& attribute) {
+std::vector<WalkedRow> walk(const std::string& base, const std::string& attribute,
+                            const std::set<std::string>& applications) {
     Walk walk{base, attribute};
     walk.add("s", {}, true);
+    for (const auto& application : applications) {
+        const auto first = walk.rows.size();
+        const auto container = "l/" + application, root = container + "/Documents";
+        walk.add(root, objectKey(base + "/" + container), true);
+        for (auto i = first; i < walk.rows.size(); ++i) {
+            walk.rows[i].path.replace(0, root.size(), "s/" + application);
+        }
+    }
     return std::move(walk.rows);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,7 +24,9 @@ struct WalkedRow {
 };
 
 /// What is below "s" in the base folder, while nobody works on it; the folder itself comes first.
+/// The documents of the applications, below "l" on disk, follow as "s/" and the application's name.
 /// Shares no code with the product.
-[[nodiscard]] std::vector<WalkedRow> walk(const std::string& base, const std::string& attribute);
+[[nodiscard]] std::vector<WalkedRow> walk(const std::string& base, const std::string& attribute,
+                                          const std::set<std::string>& applications = {});
 
 }  // namespace tests
