@@ -1,5 +1,6 @@
 #include "platform/fileprovider/AppContainers.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -7,6 +8,7 @@
 #include <filesystem>
 #include <memory>
 #include <set>
+#include <utility>
 
 #include "platform/log/Log.h"
 
@@ -29,22 +31,33 @@ QSURL rootURL(std::string_view identifier) {
     return containerURL(identifier).URLByAppendingPathComponent("Documents");
 }
 
+/// Links followed.
+bool getState(const std::string& path, int flags, struct statx& status) {
+    constexpr unsigned wanted = STATX_TYPE | STATX_INO | STATX_BTIME | STATX_MNT_ID;
+    return statx(AT_FDCWD, path.c_str(), flags, wanted, &status) == 0;
+}
+
+bool isOnOneMount(const struct statx& one, const struct statx& other) {
+    return one.stx_dev_major == other.stx_dev_major && one.stx_dev_minor == other.stx_dev_minor &&
+           one.stx_mnt_id == other.stx_mnt_id;
+}
+
 /// A folder, or the nearest one above it that there is.
 struct Nearest {
     std::string path;
-    struct stat status {};
+    struct statx status {};
 };
 
 Result<Nearest> nearestTo(const std::string& wanted) {
     Nearest nearest{wanted};
-    while (stat(nearest.path.c_str(), &nearest.status) != 0) {
+    while (!getState(nearest.path, 0, nearest.status)) {
         const auto slash = nearest.path.rfind('/');
         if (errno != ENOENT || slash == std::string::npos || nearest.path == "/") {
             return std::unexpected(errorFromErrno(errno, wanted));
         }
         nearest.path.resize(slash == 0 ? 1 : slash);
     }
-    if (!S_ISDIR(nearest.status.st_mode)) return std::unexpected(errorFromErrno(ENOTDIR, wanted));
+    if (!S_ISDIR(nearest.status.stx_mode)) return std::unexpected(errorFromErrno(ENOTDIR, wanted));
     return nearest;
 }
 
@@ -55,8 +68,8 @@ Result<QSURL> AppContainers::URLForContainer(std::string_view identifier,
     const auto nearest = nearestTo(path);
     if (!nearest) return std::unexpected(nearest.error());
     const auto& storage = files_.nativeStoragePath();
-    struct stat own {};
-    if (stat(storage.c_str(), &own) == 0 && own.st_dev != nearest->status.st_dev) {
+    struct statx own {};
+    if (getState(storage, 0, own) && !isOnOneMount(own, nearest->status)) {
         return std::unexpected(errorFromErrno(EXDEV, path));
     }
     const std::unique_ptr<char, void (*)(void*)> real(realpath(nearest->path.c_str(), nullptr),
@@ -77,17 +90,14 @@ std::map<std::string, QSError> AppContainers::show(std::span<const BundleRef> bu
         wanted.emplace(*bundle->bundleIdentifier, bundle->dataContainerPath);
     }
     std::set<std::string> gone;
-    for (const auto& [identifier, path] : shown_) {
+    for (const auto& [identifier, shown] : shown_) {
         if (!wanted.contains(identifier)) gone.insert(identifier);
     }
     for (const auto& identifier : gone) letOut(identifier);
     std::map<std::string, QSError> failures;
     for (const auto& [identifier, path] : wanted) {
         const auto done = letIn(identifier, path, true);
-        if (done) {
-            shown_.insert_or_assign(identifier, path);
-            continue;
-        }
+        if (done) continue;
         Log::platformLog().write(LogLevel::Error, [&] {
             return "can't show the documents of " + identifier + "; " + done.error().description();
         });
@@ -99,8 +109,8 @@ std::map<std::string, QSError> AppContainers::show(std::span<const BundleRef> bu
 
 void AppContainers::lookAgain() {
     const std::scoped_lock lock(mutex_);
-    for (const auto& [identifier, path] : shown_) {
-        if (const auto done = letIn(identifier, path, false); !done) {
+    for (const auto& [identifier, shown] : shown_) {
+        if (const auto done = letIn(identifier, shown.path, false); !done) {
             Log::platformLog().write(LogLevel::Debug, [&] {
                 return "the documents of " + identifier + " are away; " +
                        done.error().description();
@@ -111,6 +121,11 @@ void AppContainers::lookAgain() {
 
 Result<void> AppContainers::letIn(const std::string& identifier, const std::string& path,
                                   bool makesFolders) {
+    const auto known = shown_.find(identifier);
+    if (known != shown_.end() && known->second.path == path && !known->second.state.empty() &&
+        known->second.state == stateOf(path)) {
+        return {};
+    }
     if (auto url = URLForContainer(identifier, path); !url) return std::unexpected(url.error());
     if (makesFolders) {
         std::error_code error;
@@ -126,7 +141,31 @@ Result<void> AppContainers::letIn(const std::string& identifier, const std::stri
     if (makesFolders) {
         if (auto made = files_.makeFolder(root); !made) return made;
     }
-    return volume_.addRoot(root);
+    // Taken before it is opened by the volume: what comes between is looked at again.
+    auto state = stateOf(path);
+    if (auto added = volume_.addRoot(root); !added) return added;
+    shown_.insert_or_assign(identifier, Shown{path, std::move(state)});
+    return {};
+}
+
+std::vector<std::uint64_t> AppContainers::stateOf(const std::string& path) {
+    std::vector<std::uint64_t> state;
+    for (const auto& [folder, flags] :
+         {std::pair(path, 0), std::pair(path + "/Documents", AT_SYMLINK_NOFOLLOW)}) {
+        struct statx status {};
+        const bool isKnown = getState(folder, flags, status) && S_ISDIR(status.stx_mode) &&
+                             (status.stx_mask & STATX_BTIME) != 0;
+        if (!isKnown) return {};
+        // An inode number is soon used again, but not within a tick of the clock.
+        for (const std::uint64_t part :
+             {std::uint64_t{status.stx_dev_major}, std::uint64_t{status.stx_dev_minor},
+              std::uint64_t{status.stx_mnt_id}, std::uint64_t{status.stx_ino},
+              static_cast<std::uint64_t>(status.stx_btime.tv_sec),
+              std::uint64_t{status.stx_btime.tv_nsec}}) {
+            state.push_back(part);
+        }
+    }
+    return state;
 }
 
 void AppContainers::letOut(const std::string& identifier) {

@@ -5,6 +5,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/files/FileSystem.h"
 #include "platform/registry/QLBundleProxy.h"
@@ -36,6 +37,13 @@ class AppContainers {
     void lookAgain();
 
   private:
+    struct Shown {
+        std::string path;  ///< native
+        /// What tells the folders there from all others; empty where nothing does.
+        std::vector<std::uint64_t> state;
+    };
+
+    [[nodiscard]] static std::vector<std::uint64_t> stateOf(const std::string& path);
     [[nodiscard]] Result<void> letIn(const std::string& identifier, const std::string& path,
                                      bool makesFolders);
     void letOut(const std::string& identifier);
@@ -44,7 +52,7 @@ class AppContainers {
     VolumeService& volume_;
 
     std::mutex mutex_;
-    std::map<std::string, std::string> shown_;  // guarded by mutex_; native paths by identifier
+    std::map<std::string, Shown> shown_;  // guarded by mutex_; by identifier
 };
 
 }  // namespace platform
