@@ -217,6 +217,7 @@ void Reconciler::decideAfterScan(Time now) {
 
 void Reconciler::decideFor(std::span<const VolumeService::IdentityRequest> requests, Time now) {
     now_ = now;
+    occasion_ = Occasion::Live;
     std::vector<std::uint32_t> documents;
     {
         const std::shared_lock lock(state_.indexMutex);
@@ -232,12 +233,31 @@ void Reconciler::decideFor(std::span<const VolumeService::IdentityRequest> reque
             }
         }
     }
+    for (const auto& request : requests) renewFor(request);
     for (const auto document : documents) decide(document, now, true);
     finishOrphans([&](const Orphan& orphan) {
         return std::ranges::any_of(requests, [&](const auto& request) {
             return request.object->identity.inode == orphan.node.inode;
         });
     });
+}
+
+/// Where the request's object has the number of another, that one has gone, and what it held.
+void Reconciler::renewFor(const VolumeService::IdentityRequest& request) {
+    const auto& seen = request.object->identity;
+    const auto replaced = [&] {
+        const auto node = state_.index.findInode(seen.inode);
+        if (node == ObjectIndex::none || seen.generation == 0) return ObjectIndex::none;
+        const auto known = state_.index.node(node).generation;
+        return known == 0 || known == seen.generation ? ObjectIndex::none : node;
+    };
+    {
+        const std::shared_lock lock(state_.indexMutex);
+        if (replaced() == ObjectIndex::none) return;
+    }
+    if (!state_.isThere(request)) return;
+    const std::unique_lock lock(state_.indexMutex);
+    if (const auto node = replaced(); node != ObjectIndex::none) renew(node, seen.generation);
 }
 
 void Reconciler::finish(NodeNumber node) {

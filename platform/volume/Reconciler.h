@@ -114,6 +114,7 @@ class Reconciler {
     void notice(const FolderReading& reading, const Sighting& sighting, NodeNumber object);
     void orphan(const ObjectIndex::Node& gone, const FormerPlace& last);
     void renew(NodeNumber node, std::uint64_t generation);
+    void renewFor(const VolumeService::IdentityRequest& request);
     void noticeFolder(const FolderReading& reading);
     void noticeAbsent(const FolderReading& reading);
     void setState(NodeNumber node, const ObjectState& state);

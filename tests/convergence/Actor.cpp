@@ -185,18 +185,16 @@ bool Actor::step() {
         words[i] = place_.base + "/" + words[i];
         folders[i] = objectKey(folderOf(words[i]));
     }
-    // What moves is noted before too: another actor may take it from the new place at once.
-    const auto moved = words[0] == "mv" ? objectKey(words[1]) : ObjectKey();
+    // What goes is noted before: another actor may take it from its new place at once.
+    const bool goes = words[0] == "mv" || words[0] == "rm";
+    const auto gone = goes ? objectKey(words[1]) : ObjectKey();
     deed.error = call(words[0], words[1], words[2]);
     if (deed.error == 0) {
-        if (!moved.empty()) {
-            for (std::size_t i = 1; i <= 2; ++i) {
-                const auto name = words[i].substr(words[i].rfind('/') + 1);
-                deed.sightings.push_back({placeOf(folders[i], name), moved});
-            }
-        }
         for (std::size_t i = 1; i < words.size(); ++i) {
-            if (!words[i].empty()) sight(deed, words[i], folders[i]);
+            if (words[i].empty()) continue;
+            const auto name = words[i].substr(words[i].rfind('/') + 1);
+            if (!gone.empty()) deed.sightings.push_back({placeOf(folders[i], name), gone});
+            sight(deed, words[i], folders[i]);
         }
     } else if (!mayFail) {
         next_ = calls_.size();

@@ -207,7 +207,7 @@ class Run {
             replica.goBack();
         } else {
             replica.pull(product_.service());
-            if (below(random, 4) == 0) replica.keep();
+            if (!replica.isListing() && below(random, 4) == 0) replica.keep();
         }
     }
 
@@ -255,7 +255,10 @@ class Run {
             .rows = walk(base(), Product::tagAttribute(), product_.applications())};
         barrier.forgetsIdentifiers = std::exchange(forgetsIdentifiers_, false);
         replicas_[1].goBack();
-        while (replicas_[2].isListing()) replicas_[2].listStep(product_.service());
+        do {
+            while (replicas_[2].isListing()) replicas_[2].listStep(product_.service());
+            replicas_[2].pull(product_.service());
+        } while (replicas_[2].isListing());
         Replica fresh("a new listing");
         fresh.list(product_.service());
         for (auto* replica : {&replicas_[0], &replicas_[1], &replicas_[2], &fresh}) {

@@ -87,7 +87,9 @@ void Replica::take(const host::ChangePage& page) {
     if (page.updates.size() + page.deletions.size() > 100) failure_ = name_ + ": a page too large";
     for (const auto& item : page.updates) {
         if (item.isTrashed) failure_ = name_ + ": trashed, but updated: " + item.filename;
-        state_.items[item.itemIdentifier] = item;
+        const auto isNew = state_.items.insert_or_assign(item.itemIdentifier, item).second;
+        // It may have gone from a folder not yet listed to one that was, with all that is in it.
+        if (isNew && isListed_ && item.isFolder()) pending_.push_back({item.itemIdentifier});
     }
     for (const auto& identifier : page.deletions) {
         state_.items.erase(identifier);
