@@ -134,10 +134,7 @@ void Reconciler::leaveLostFolders(Time now) {
     const std::unique_lock lock(state_.indexMutex);
     occasion_ = Occasion::Scan;
     now_ = now;
-    for (const auto entry : state_.index.entriesInNoFolder()) {
-        // A folder that may come back comes with all that is in it.
-        if (!departures_.departure(state_.index.entry(entry).folder)) leave(entry);
-    }
+    for (const auto entry : state_.index.entriesInNoFolder()) leave(entry);
 }
 
 void Reconciler::noticeAbsent(const FolderReading& reading) {
