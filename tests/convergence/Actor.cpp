@@ -186,7 +186,7 @@ bool Actor::step() {
         folders[i] = objectKey(folderOf(words[i]));
     }
     // What goes is noted before: another actor may take it from its new place at once.
-    const bool goes = words[0] == "mv" || words[0] == "rm";
+    const bool goes = words[0] == "mv" || words[0] == "rm" || words[0] == "rmtree";
     const auto gone = goes ? objectKey(words[1]) : ObjectKey();
     deed.error = call(words[0], words[1], words[2]);
     if (deed.error == 0) {
