@@ -85,7 +85,7 @@ void Reconciler::decide(std::uint32_t document, Time passStart, bool mustDecide)
         successor = state_.index.findObject(vacancy.place.folder, vacancy.place.name);
         for (const auto node : {vacancy.owner, successor}) {
             if (node == ObjectIndex::none) continue;
-            state_.index.setUndecided(node, false);
+            updateUndecided(node);
             updateHold(node);
         }
     }
@@ -270,7 +270,7 @@ void Reconciler::finish(NodeNumber node) {
     updateHold(node);
     if (!departure || index.node(node).firstName != ObjectIndex::none) return;
     recordGone(index.node(node), departure->last);
-    index.setUndecided(node, false);
+    updateUndecided(node);
     if (index.node(node).kind != ObjectKind::Directory) return;
     goneFolders_.push_back(node);
     forgetBelow(node, departure->last.path);
@@ -288,7 +288,7 @@ void Reconciler::finishOrphan(const Orphan& orphan) {
     decide(orphan.documentID, now_, true);
     const std::unique_lock lock(state_.indexMutex);
     const auto node = state_.index.findInode(orphan.node.inode);
-    if (node != ObjectIndex::none) state_.index.setUndecided(node, false);
+    if (node != ObjectIndex::none) updateUndecided(node);
     orphanChanges_.push_back({orphan.documentID, std::nullopt});
     if (state_.index.findDocumentID(orphan.documentID) != ObjectIndex::none) return;
     recordGone(orphan.node, orphan.departure.last);

@@ -251,6 +251,22 @@ void Reconciler::updateHold(NodeNumber node) {
     state_.index.setHeld(node, departures_.departure(node) || (vacancy && vacancy->owner == node));
 }
 
+/// Which identifier it has is open where it has lost a document's name, has taken one, or has the
+/// number of an object whose document may go on.
+void Reconciler::updateUndecided(NodeNumber node) {
+    auto& index = state_.index;
+    const auto& object = index.node(node);
+    const auto* vacancy = object.documentID == 0 ? nullptr : departures_.vacancy(object.documentID);
+    bool isOpen = vacancy && vacancy->owner == node;
+    index.forEachName(node, [&](ObjectIndex::EntryNumber at) {
+        const auto& entry = index.entry(at);
+        isOpen |= departures_.documentThatLeft(entry.folder, index.name(entry)) != 0;
+    });
+    isOpen |= std::ranges::any_of(
+        orphans_, [&](const Orphan& orphan) { return orphan.node.inode == object.inode; });
+    index.setUndecided(node, isOpen);
+}
+
 /// An index that lags behind two moves may have `folder` below `node`: then that link is out of
 /// date, since on the disk it is the other way round.
 void Reconciler::openCircle(NodeNumber node, NodeNumber folder) {
@@ -311,7 +327,7 @@ void Reconciler::arrive(const FolderReading& reading, const Sighting& sighting) 
     auto& vacancy = *departures_.vacancy(document);
     if (vacancy.owner == object && node.documentID == document) {
         departures_.closeVacancy(document);
-        index.setUndecided(object, false);
+        updateUndecided(object);
         updateHold(object);
         return;
     }

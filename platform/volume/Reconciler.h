@@ -108,6 +108,7 @@ class Reconciler {
     void leave(ObjectIndex::EntryNumber entry);
     void vacate(std::uint32_t document, const Departures::Vacancy& vacancy);
     void updateHold(NodeNumber node);
+    void updateUndecided(NodeNumber node);
     void openCircle(NodeNumber node, NodeNumber folder);
     [[nodiscard]] std::string pathOfFolder(NodeNumber folder) const;
     [[nodiscard]] FormerPlace placeOf(ObjectIndex::EntryNumber entry) const;
