@@ -190,6 +190,8 @@ bool Actor::step() {
     const auto gone = goes ? objectKey(words[1]) : ObjectKey();
     deed.error = call(words[0], words[1], words[2]);
     if (deed.error == 0) {
+        // A hard link of it may be elsewhere.
+        if (words[0] == "rm" && !gone.empty()) deed.left.push_back(gone);
         for (std::size_t i = 1; i < words.size(); ++i) {
             if (words[i].empty()) continue;
             const auto name = words[i].substr(words[i].rfind('/') + 1);
