@@ -214,8 +214,13 @@ void FSChangesEnumerator::collect(const FSEvent& event, const QSURL& url,
 /// The object is not at the URL, or not shown there.
 void FSChangesEnumerator::collectElsewhere(const FSEvent& event, const QSURL& url,
                                            const std::string& identifier) {
-    bool indexIsBehind = false;
-    for (const auto& known : placesOf(event)) {
+    const auto places = placesOf(event);
+    // Nowhere: it has gone or may come back, and an event of its own will say which. But a folder
+    // that left may have left an identifier of the other kind with its name.
+    const bool isEnd = (event.flags & fsEventRemoved) != 0 &&
+                       (event.flags & (fsEventMoved | fsEventIsFolder)) != fsEventMoved;
+    bool indexIsBehind = places.empty() && !isEnd;
+    for (const auto& known : places) {
         if (cover_.placeOf(known).cover != Cover::Shown) continue;
         const auto place = QSURL::fileURLWithPath(known.path());
         if (!Platform::current().files().attributes(place)) {
