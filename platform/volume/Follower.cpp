@@ -500,11 +500,12 @@ Result<void> Follower::wait(Barrier barrier) {
             const std::scoped_lock lock(mutex_);
             if (isStopped_) return leave(std::unexpected(errorFromErrno(ECANCELED)));
             const auto due = nextTime();
+            if (barrier == Barrier::SeenEverywhere && !hasStepped) lookAtUnwatched();
             const bool more = stepLocked();
             isSooner |= more || nextTime() < due;
             if (storageTrouble_) return leave(std::unexpected(*storageTrouble_));
             if (hasFailed_ && hasStepped) return leave(std::unexpected(errorFromErrno(EIO)));
-            isDone = !more && (barrier == Barrier::Seen || reconciler_.isSettled());
+            isDone = !more && (barrier != Barrier::Settled || reconciler_.isSettled());
             if (more) continue;
         }
         state_.announce();

@@ -45,8 +45,8 @@ class Follower {
     /// One round; true where there is more to do at once.
     bool step();
 
-    /// The two strengths of barrier; see VolumeService. Works on the calling thread.
-    enum class Barrier : std::uint8_t { Seen, Settled };
+    /// The strengths of barrier; see VolumeService. Works on the calling thread.
+    enum class Barrier : std::uint8_t { Seen, SeenEverywhere, Settled };
     Result<void> wait(Barrier barrier);
 
     /// Makes sure that no identifier of these objects is given out against what will be decided

@@ -127,6 +127,10 @@ Result<void> VolumeService::waitUntilSeen() {
     return state_->follower->wait(Follower::Barrier::Seen);
 }
 
+Result<void> VolumeService::waitUntilSeenEverywhere() {
+    return state_->follower->wait(Follower::Barrier::SeenEverywhere);
+}
+
 Result<void> VolumeService::waitUntilSettled() {
     return state_->follower->wait(Follower::Barrier::Settled);
 }

@@ -91,7 +91,9 @@ class VolumeService final : public EventHistory {
     /// may still be waiting for a successor. ECANCELED where the service closes, else the reason
     /// for which the storage cannot be read.
     Result<void> waitUntilSeen();
-    /// The same, and until no such wait is left.
+    /// The same, also of folders that the kernel does not report.
+    Result<void> waitUntilSeenEverywhere();
+    /// As waitUntilSeen(), and until no such wait is left.
     Result<void> waitUntilSettled();
 
     /// Where the index has the object with that identifier, all its names; nothing is checked on

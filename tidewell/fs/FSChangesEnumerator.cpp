@@ -204,7 +204,10 @@ void FSChangesEnumerator::collect(const FSEvent& event, const QSURL& url,
         }
         if (cover == Cover::NotAFolder) return ignore(url, cover);
     }
-    if (!identifier) return ignore(url, place.cover);
+    if (!identifier) {
+        hasMissed_ |= !item && (event.flags & fsEventRemoved) == 0;
+        return ignore(url, place.cover);
+    }
     if (cover_.showsFoldersOnly() && event.identifierKind == IdentifierKind::Document) {
         return ignore(url, Cover::NotAFolder);
     }
@@ -236,6 +239,7 @@ void FSChangesEnumerator::collectElsewhere(const FSEvent& event, const QSURL& ur
         }
     }
     if (indexIsBehind) {
+        hasMissed_ |= !places.empty();
         logDebug([&] { return "ignore update of " + url.description() + "; it is on the move"; });
         return;
     }
@@ -310,6 +314,10 @@ void FSChangesEnumerator::deliverWhatIsReady() {
 /// Whether a folder went elsewhere while places were looked at. What happened below it before then
 /// has no event at its new place, and may have been looked for at the old one in vain.
 bool FSChangesEnumerator::foldersHaveMoved() {
+    // The kernel may not report where they went. A failure shows where the history is read.
+    if (std::exchange(hasMissed_, false)) {
+        (void)Platform::current().volume().waitUntilSeenEverywhere();
+    }
     const auto now = currentFSEventIDAfterCatchingUp();
     if (now == lookedSinceFSEventID_) return false;
     const auto events =

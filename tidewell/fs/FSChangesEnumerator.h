@@ -119,6 +119,7 @@ class FSChangesEnumerator final : public FSEventReaderDelegate,
     std::uint64_t startupFSEventID_;
     /// What was moved up to here was known when places were first looked at.
     std::uint64_t lookedSinceFSEventID_ = 0;
+    bool hasMissed_ = false;  // something was not where its event or the index says
     int beginnings_ = 1;
     Feed docIDBased_;
     Feed pathBased_;
