@@ -399,6 +399,19 @@ std::string Reconciler::coverOfPath(const std::string& path) const {
     return {};
 }
 
+/// Whether the folder or one above it has moved too, so that a path in it may not be where things
+/// were shown before.
+bool Reconciler::isAboveMoved(NodeNumber folder) const {
+    for (int depth = 0; folder != ObjectIndex::none && depth < deepest; ++depth) {
+        const auto change = changes_.find(folder);
+        if (change != changes_.end() && !change->second.left.empty()) return true;
+        const auto entry = state_.index.node(folder).firstName;
+        if (entry == ObjectIndex::none) break;
+        folder = state_.index.entry(entry).folder;
+    }
+    return false;
+}
+
 void Reconciler::resolve(NodeNumber node, Change& change) {
     const auto& index = state_.index;
     const auto& object = index.node(node);
@@ -435,7 +448,8 @@ void Reconciler::resolve(NodeNumber node, Change& change) {
         const bool isMove = came && !change.left.empty();
         // Who listed while it was away has seen nothing of what is in it.
         if (isMove && object.kind == ObjectKind::Directory &&
-            (change.wasAway || coverOfPath(change.left.front().path) != coverOfPath(path))) {
+            (change.wasAway || isAboveMoved(change.left.front().folder) ||
+             coverOfPath(change.left.front().path) != coverOfPath(path))) {
             whole = path;
         }
         const auto flags = isMove ? fsEventMoved : came ? fsEventCreated : fsEventModified;

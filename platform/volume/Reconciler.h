@@ -122,6 +122,7 @@ class Reconciler {
     [[nodiscard]] bool isSilent(const FolderReading& reading, const ObjectState& state) const;
 
     void resolve(NodeNumber node, Change& change);
+    [[nodiscard]] bool isAboveMoved(NodeNumber folder) const;
     void recordBelow(NodeNumber folder, const std::string& path);
     void depart(NodeNumber node, const FormerPlace& last);
     [[nodiscard]] bool isDocument(const ObjectIndex::Node& node, std::string_view path) const;
