@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <ranges>
 
 #include "platform/log/Log.h"
 
@@ -500,18 +501,43 @@ Result<void> Follower::wait(Barrier barrier) {
             const std::scoped_lock lock(mutex_);
             if (isStopped_) return leave(std::unexpected(errorFromErrno(ECANCELED)));
             const auto due = nextTime();
-            if (barrier == Barrier::SeenEverywhere && !hasStepped) lookAtUnwatched();
             const bool more = stepLocked();
             isSooner |= more || nextTime() < due;
             if (storageTrouble_) return leave(std::unexpected(*storageTrouble_));
             if (hasFailed_ && hasStepped) return leave(std::unexpected(errorFromErrno(EIO)));
-            isDone = !more && (barrier != Barrier::Settled || reconciler_.isSettled());
+            isDone = !more && (barrier == Barrier::Seen || reconciler_.isSettled());
             if (more) continue;
         }
         state_.announce();
         if (isDone) return leave({});
         pollfd fd{wake_.get(), POLLIN, 0};
         (void)poll(&fd, 1, static_cast<int>(longestNap.count()));
+    }
+}
+
+Result<void> Follower::waitLooking(std::span<const std::string> folders) {
+    {
+        const std::scoped_lock lock(mutex_);
+        std::ranges::for_each(folders, [&](const auto& folder) { markPath(folder); });
+        lookAtUnwatched();
+    }
+    return wait(Barrier::Seen);
+}
+
+/// Each name on the way is looked at once more.
+void Follower::markPath(std::string_view folder) {
+    const std::shared_lock lock(state_.indexMutex);
+    for (const auto& root : state_.roots) {
+        const auto& path = root.url.path();
+        if (!folder.starts_with(path + "/")) continue;
+        auto at = root.node;
+        for (const auto part : std::views::split(folder.substr(path.size() + 1), '/')) {
+            const std::string_view name(part.begin(), part.end());
+            auto& mark = marks_[at];
+            if (!mark.isWhole) mark.names.try_emplace(std::string(name), false);
+            at = state_.index.findObject(at, name);
+            if (at == ObjectIndex::none) break;
+        }
     }
 }
 

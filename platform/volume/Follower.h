@@ -8,7 +8,9 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -46,8 +48,10 @@ class Follower {
     bool step();
 
     /// The strengths of barrier; see VolumeService. Works on the calling thread.
-    enum class Barrier : std::uint8_t { Seen, SeenEverywhere, Settled };
+    enum class Barrier : std::uint8_t { Seen, Settled };
     Result<void> wait(Barrier barrier);
+    /// Seen, for what the kernel has not reported there either.
+    Result<void> waitLooking(std::span<const std::string> folders);
 
     /// Makes sure that no identifier of these objects is given out against what will be decided
     /// about it: decides now.
@@ -88,6 +92,7 @@ class Follower {
     void lose(std::string why);
     void lookAtMarks();
     void lookAtUnwatched();
+    void markPath(std::string_view folder);
     void scanSome();
     /// Compares the last of the folders and puts what they hold in their place.
     Result<void> scanSomeOf(std::deque<NodeNumber>& toScan, Reconciler::Occasion occasion);

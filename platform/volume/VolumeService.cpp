@@ -127,8 +127,8 @@ Result<void> VolumeService::waitUntilSeen() {
     return state_->follower->wait(Follower::Barrier::Seen);
 }
 
-Result<void> VolumeService::waitUntilSeenEverywhere() {
-    return state_->follower->wait(Follower::Barrier::SeenEverywhere);
+Result<void> VolumeService::waitUntilSeenLooking(std::span<const std::string> folders) {
+    return state_->follower->waitLooking(folders);
 }
 
 Result<void> VolumeService::waitUntilSettled() {
@@ -145,6 +145,17 @@ std::vector<QSURL> VolumeService::placesOfDocumentID(std::uint32_t documentID) c
     const std::shared_lock lock(state_->indexMutex);
     const auto number = state_->index.findDocumentID(documentID);
     return number == ObjectIndex::none ? std::vector<QSURL>{} : state_->urlsOf(number);
+}
+
+bool VolumeService::isAway(const FSEvent& event) const {
+    const std::shared_lock lock(state_->indexMutex);
+    const auto& index = state_->index;
+    const auto number = event.identifierKind == IdentifierKind::Document
+                            ? index.findDocumentID(event.documentID)
+                            : index.findFileID(event.fileID);
+    if (number == ObjectIndex::none) return false;
+    const auto& node = index.node(number);
+    return node.isHeld && node.firstName == ObjectIndex::none;
 }
 
 Result<void> VolumeService::identify(std::span<IdentityRequest> requests) {

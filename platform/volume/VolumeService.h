@@ -91,8 +91,9 @@ class VolumeService final : public EventHistory {
     /// may still be waiting for a successor. ECANCELED where the service closes, else the reason
     /// for which the storage cannot be read.
     Result<void> waitUntilSeen();
-    /// The same, also of folders that the kernel does not report.
-    Result<void> waitUntilSeenEverywhere();
+    /// The same, and whether these folders (presented paths) are where the index has them, and what
+    /// happened in those that the kernel does not report.
+    Result<void> waitUntilSeenLooking(std::span<const std::string> folders);
     /// As waitUntilSeen(), and until no such wait is left.
     Result<void> waitUntilSettled();
 
@@ -100,6 +101,8 @@ class VolumeService final : public EventHistory {
     /// the disk. Empty where it is not known or has gone.
     [[nodiscard]] std::vector<QSURL> placesOfFileID(std::uint64_t fileID) const;
     [[nodiscard]] std::vector<QSURL> placesOfDocumentID(std::uint32_t documentID) const;
+    /// Whether the event's object is nowhere and may come back or be succeeded. An event will tell.
+    [[nodiscard]] bool isAway(const FSEvent& event) const;
 
     struct Identity {
         std::uint64_t fileID = 0;      ///< durable; never another object's

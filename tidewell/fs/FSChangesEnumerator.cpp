@@ -205,7 +205,7 @@ void FSChangesEnumerator::collect(const FSEvent& event, const QSURL& url,
         if (cover == Cover::NotAFolder) return ignore(url, cover);
     }
     if (!identifier) {
-        hasMissed_ |= !item && (event.flags & fsEventRemoved) == 0;
+        if (!item && (event.flags & fsEventRemoved) == 0) miss(url);
         return ignore(url, place.cover);
     }
     if (cover_.showsFoldersOnly() && event.identifierKind == IdentifierKind::Document) {
@@ -217,17 +217,18 @@ void FSChangesEnumerator::collect(const FSEvent& event, const QSURL& url,
 /// The object is not at the URL, or not shown there.
 void FSChangesEnumerator::collectElsewhere(const FSEvent& event, const QSURL& url,
                                            const std::string& identifier) {
-    const auto places = placesOf(event);
-    // Nowhere: it has gone or may come back, and an event of its own will say which. But a folder
-    // that left may have left an identifier of the other kind with its name.
+    // What is away has an event of its own to come. But a folder that left may have left an
+    // identifier of the other kind with its name.
     const bool isEnd = (event.flags & fsEventRemoved) != 0 &&
                        (event.flags & (fsEventMoved | fsEventIsFolder)) != fsEventMoved;
-    bool indexIsBehind = places.empty() && !isEnd;
-    for (const auto& known : places) {
+    const bool isAway = !isEnd && Platform::current().volume().isAway(event);
+    bool indexIsBehind = isAway;
+    for (const auto& known : placesOf(event)) {
         if (cover_.placeOf(known).cover != Cover::Shown) continue;
         const auto place = QSURL::fileURLWithPath(known.path());
         if (!Platform::current().files().attributes(place)) {
             indexIsBehind = true;
+            miss(place);
             continue;
         }
         const auto item = LocalItem::initWithURL(place);
@@ -236,14 +237,20 @@ void FSChangesEnumerator::collectElsewhere(const FSEvent& event, const QSURL& ur
             if (cover_.coverOf(*item) == Cover::Shown) return add(event.id, identifier, item);
         } else if (!hasFileID(*item, event.fileID)) {
             indexIsBehind = true;
+            miss(place);
         }
     }
     if (indexIsBehind) {
-        hasMissed_ |= !places.empty();
         logDebug([&] { return "ignore update of " + url.description() + "; it is on the move"; });
         return;
     }
     add(event.id, identifier, nullptr);
+}
+
+/// It is not where it should be. If it went by itself, an event tells; if a folder above it went,
+/// perhaps none does.
+void FSChangesEnumerator::miss(const QSURL& url) {
+    missedFolders_.insert(url.URLByDeletingLastPathComponent().path());
 }
 
 void FSChangesEnumerator::collectPackage(std::uint64_t eventID, const QSURL& url) {
@@ -314,9 +321,11 @@ void FSChangesEnumerator::deliverWhatIsReady() {
 /// Whether a folder went elsewhere while places were looked at. What happened below it before then
 /// has no event at its new place, and may have been looked for at the old one in vain.
 bool FSChangesEnumerator::foldersHaveMoved() {
-    // The kernel may not report where they went. A failure shows where the history is read.
-    if (std::exchange(hasMissed_, false)) {
-        (void)Platform::current().volume().waitUntilSeenEverywhere();
+    // The kernel may not have reported it. A failure shows where the history is read.
+    if (!missedFolders_.empty()) {
+        const std::vector folders(missedFolders_.begin(), missedFolders_.end());
+        (void)Platform::current().volume().waitUntilSeenLooking(folders);
+        missedFolders_.clear();
     }
     const auto now = currentFSEventIDAfterCatchingUp();
     if (now == lookedSinceFSEventID_) return false;

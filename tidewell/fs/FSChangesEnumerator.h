@@ -89,6 +89,7 @@ class FSChangesEnumerator final : public FSEventReaderDelegate,
     void beginAgain();
     [[nodiscard]] bool isFinished() const { return !observer_; }
     void collect(const FSEvent& event, const QSURL& url, const std::shared_ptr<LocalItem>& item);
+    void miss(const QSURL& url);
     void collectPackage(std::uint64_t eventID, const QSURL& url);
     void collectElsewhere(const FSEvent& event, const QSURL& url, const std::string& identifier);
     void scan(std::uint64_t eventID, const QSURL& folder);
@@ -119,7 +120,7 @@ class FSChangesEnumerator final : public FSEventReaderDelegate,
     std::uint64_t startupFSEventID_;
     /// What was moved up to here was known when places were first looked at.
     std::uint64_t lookedSinceFSEventID_ = 0;
-    bool hasMissed_ = false;  // something was not where its event or the index says
+    std::set<std::string> missedFolders_;  // of what was not where its event or the index says
     int beginnings_ = 1;
     Feed docIDBased_;
     Feed pathBased_;
