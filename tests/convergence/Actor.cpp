@@ -136,14 +136,15 @@ int Actor::call(std::string_view verb, const std::string& at, const std::string&
 }
 
 /// Notes what is at the path, in the folder that was there before the call and in that which is
-/// there now; and what a move put out of sight.
+/// there now; and what a move or a link put out of sight.
 void Actor::sight(Deed& deed, const std::string& path, const ObjectKey& folder) const {
     const auto object = objectKey(path);
     if (object.empty()) return;
     const auto name = path.substr(path.rfind('/') + 1);
     deed.sightings.push_back({placeOf(folder, name), object});
     deed.sightings.push_back({placeOf(objectKey(folderOf(path)), name), object});
-    if (deed.call.find("mv ") == std::string::npos && !deed.call.starts_with("swap ")) return;
+    const auto verb = deed.call.substr(deed.call.starts_with('?') ? 1 : 0);
+    if (!verb.starts_with("mv ") && !verb.starts_with("swap ") && !verb.starts_with("ln ")) return;
 
     const auto root = place_.base + "/s/";
     const bool isOutside = !path.starts_with(root);
