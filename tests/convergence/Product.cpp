@@ -120,6 +120,8 @@ std::string Product::settle() {
     refreshApplications();
     auto& volume = platform_->volume();
     if (!isManual_) {
+        // Its clock does not come to the next look at what is not watched.
+        (void)volume.waitUntilSeenLooking({});
         const auto settled = volume.waitUntilSettled();
         return settled ? std::string() : settled.error().description();
     }
