@@ -64,9 +64,8 @@ std::shared_ptr<LocalFileProvider> LocalFileProvider::init(
     self->appRefreshPacer_->setEventBlock(
         [libraries = self->appLibraries_] { refreshInstalledApps(*libraries); });
     self->appRefreshPacer_->resume();
-    // Before the first refresh, or what is registered after that has read would be heard by nobody.
-    self->observeRegistry(self);
     self->appRefreshPacer_->signal();
+    self->observeRegistry(self);
     logInfo("auto notify changes on QSFileProviderWorkingSetContainerItemIdentifier at startup");
     QSFileProviderManager::defaultManager().signalEnumeratorForContainerItemIdentifier(
         std::string(QSFileProviderWorkingSetContainerItemIdentifier),
