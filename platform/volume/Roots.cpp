@@ -79,8 +79,11 @@ Reconciler::NodeNumber Reconciler::welcome(const ObjectIdentity& identity, const
         const std::unique_lock lock(state_.indexMutex);
         auto& index = state_.index;
         const auto node = index.ensure(identity.inode);
-        const auto known = index.node(node).generation;
-        if (known != 0 && known != identity.generation) renew(node, identity.generation);
+        const auto& known = index.node(node);
+        // One that was seen and never looked at has no generation, but may have a name.
+        const bool wasSeen =
+            known.generation != 0 || known.stamp != 0 || known.firstName != ObjectIndex::none;
+        if (wasSeen && known.generation != identity.generation) renew(node, identity.generation);
     }
     state_.addRoot(identity, url);
     const std::unique_lock lock(state_.indexMutex);

@@ -285,9 +285,11 @@ std::optional<std::set<std::string>> LocalRootEnumerator::identifiersLost(
             if (!identifier || found.contains(*identifier)) continue;
             const auto isShown = [&](const QSURL& place) {
                 if (cover.placeOf(place).cover != Cover::Shown) return false;
-                // A folder that has become a package there has another identifier.
+                // A folder that has become a package there has another identifier. Where something
+                // else stands, the index is behind, and an event is to come.
                 const auto item = LocalItem::initWithURL(QSURL::fileURLWithPath(place.path()));
-                return item && item->itemIdentifier() == *identifier;
+                return !item || item->itemIdentifier() == *identifier ||
+                       !hasFileID(*item, event.fileID);
             };
             if (std::ranges::none_of(placesOf(event), isShown)) found.insert(*identifier);
         }

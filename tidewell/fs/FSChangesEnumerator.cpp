@@ -38,16 +38,6 @@ std::optional<std::string> identifierKeptBy(const QSURL& url, const FSEvent& eve
     return identifier ? identifier : identifierOf(event);
 }
 
-/// Whether the item's object has that file ID, whatever its identifier is made of.
-bool hasFileID(const LocalItem& item, std::uint64_t fileID) {
-    if (fileID == 0) return false;
-    if (item.docID()) {
-        const auto number = static_cast<std::uint32_t>(*item.docID());
-        return Platform::current().volume().fileIDForDocumentID(number) == fileID;
-    }
-    return item.itemIdentifier() == "fid=" + std::to_string(fileID);
-}
-
 }  // namespace
 
 FSChangesEnumerator::FSChangesEnumerator(const FSChangeToken& token, std::string container,

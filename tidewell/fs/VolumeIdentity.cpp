@@ -1,6 +1,7 @@
 #include "tidewell/fs/VolumeIdentity.h"
 
 #include <limits>
+#include <string>
 
 #include "platform/fileprovider/Platform.h"
 #include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
@@ -38,6 +39,15 @@ std::optional<std::string> identifierOf(const FSEvent& event) {
     }
     if (event.fileID == 0) return std::nullopt;
     return TWPFileObjectIdentifier::fromFileID(event.fileID);
+}
+
+bool hasFileID(const LocalItem& item, std::uint64_t fileID) {
+    if (fileID == 0) return false;
+    if (item.docID()) {
+        const auto number = static_cast<std::uint32_t>(*item.docID());
+        return Platform::current().volume().fileIDForDocumentID(number) == fileID;
+    }
+    return item.itemIdentifier() == "fid=" + std::to_string(fileID);
 }
 
 std::vector<QSURL> placesOf(const FSEvent& event) {
