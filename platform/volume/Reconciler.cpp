@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "platform/log/Log.h"
+#include "platform/volume/Follower.h"
 #include "platform/volume/SaveNames.h"
 
 namespace platform {
@@ -119,6 +120,7 @@ void Reconciler::takeUpUndecided(Time now) {
         orphans_.push_back({row.documentID, node, {last, now, true}});
     }
     for (auto& [object, folder, name] : index.takeDisplaced()) {
+        index.markDirty(object);  // or the next run would ask once more
         const auto& node = index.node(object);
         if (node.firstName != ObjectIndex::none) continue;
         FormerPlace place{folder, name, joined(pathOfFolder(folder), name)};
@@ -163,6 +165,12 @@ void Reconciler::rememberScan(NodeNumber root, const ObjectState& own) {
     const std::unique_lock lock(state_.indexMutex);
     setState(root, own);
     loudFolders_.clear();
+}
+
+/// Whether what is seen now happened before this run. Else a save may be under way, also where a
+/// comparison finds its first half.
+bool Reconciler::isPast() const {
+    return occasion_ != Occasion::Live && !state_.follower->isCaughtUp();
 }
 
 Reconciler::Change& Reconciler::changeOf(NodeNumber node) {
@@ -223,7 +231,7 @@ void Reconciler::leave(ObjectIndex::EntryNumber entry) {
     const auto& node = index.node(object);
     if (node.documentID != 0) {
         vacate(node.documentID, {object, node.fileID, node.kind, place, index.metadata(object),
-                                 now_, occasion_ != Occasion::Live, false});
+                                 now_, isPast(), false});
         if (state_.isRemoving(node)) departures_.vacancy(node.documentID)->isFinal = true;
     }
     changeOf(place.folder).isModified = true;
@@ -385,7 +393,7 @@ void Reconciler::orphan(const ObjectIndex::Node& gone, const FormerPlace& last) 
         row.vacantFolder = inodeOf(vacancy->place.folder);
         row.vacantName = vacancy->place.name;
     }
-    orphans_.push_back({gone.documentID, gone, {last, now_, occasion_ != Occasion::Live}});
+    orphans_.push_back({gone.documentID, gone, {last, now_, isPast()}});
     orphanChanges_.push_back({gone.documentID, std::move(row)});
 }
 
@@ -471,7 +479,7 @@ void Reconciler::recordBelow(NodeNumber folder, const std::string& path) {
 }
 
 void Reconciler::depart(NodeNumber node, const FormerPlace& last) {
-    departures_.depart(node, {last, now_, occasion_ != Occasion::Live});
+    departures_.depart(node, {last, now_, isPast()});
     updateHold(node);
     expiry_.emplace_back(now_, node);
 }

@@ -103,6 +103,7 @@ class Reconciler {
     };
     enum class Verdict : std::uint8_t { Wait, Stays, Moves };
 
+    [[nodiscard]] bool isPast() const;
     Change& changeOf(NodeNumber node);
     void arrive(const FolderReading& reading, const Sighting& sighting);
     void leave(ObjectIndex::EntryNumber entry);
