@@ -12,6 +12,7 @@
 #include "tests/support/ScratchFolder.h"
 
 // CONVERGE_D and CONVERGE_R are the numbers of seeds, CONVERGE_FIRST is the first of them.
+// CONVERGE_FIRSTS is how many first calls of pairs are tried.
 
 namespace tests {
 namespace {
@@ -168,11 +169,12 @@ std::vector<std::string> callsOnSmallTree() {
     return calls;
 }
 
-/// All pairs of calls, each on a tree of its own.
-TEST_F(ScriptsTest, EveryPairOfCallsConverges) {
+/// Pairs of calls, each on a tree of its own: some first calls with all second ones. All of them
+/// take an hour with sanitizers: CONVERGE_FIRSTS=144.
+TEST_F(ScriptsTest, PairsOfCallsConverge) {
     const auto calls = callsOnSmallTree();
-    const auto pairs = std::min(number("CONVERGE_PAIRS", calls.size()), calls.size());
-    for (std::size_t first = 0; first < pairs && !HasFailure(); ++first) {
+    const auto step = std::max(calls.size() / number("CONVERGE_FIRSTS", 4), std::size_t{1});
+    for (std::size_t first = 0; first < calls.size() && !HasFailure(); first += step) {
         const auto scripts = [&](const std::string& script) {
             for (std::size_t second = 0; second < calls.size(); ++second) {
                 run(Recipe{"", false, script.empty() ? calls[second] : script}.on(
@@ -184,7 +186,7 @@ TEST_F(ScriptsTest, EveryPairOfCallsConverges) {
             "mkdir @p.lutebox|excl @p.lutebox/f|put|close");
         settle();
         scripts(calls[first]);
-        if (first % 2 == 0) product.step();
+        if (first / step % 2 == 0) product.step();
         scripts("");
         settle();
         EXPECT_FALSE(HasFailure()) << calls[first];
