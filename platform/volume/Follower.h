@@ -47,7 +47,7 @@ class Follower {
     /// One round; true where there is more to do at once.
     bool step();
 
-    /// The strengths of barrier; see VolumeService. Works on the calling thread.
+    /// The two strengths of barrier; see VolumeService. Works on the calling thread.
     enum class Barrier : std::uint8_t { Seen, Settled };
     Result<void> wait(Barrier barrier);
     /// Seen, for what the kernel has not reported there either.

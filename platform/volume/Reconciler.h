@@ -73,7 +73,7 @@ class Reconciler {
     /// A scan has seen every folder: what lies in others has left them. To be committed before
     /// what waits for the scan's end is decided.
     void leaveLostFolders(Time now);
-    /// A scan has ended: what it did not find has gone.
+    /// The scan at the start has ended: what it did not find has gone.
     void decideAfterScan(Time now);
     /// Decides at once what concerns these objects, since an identifier of one is asked for.
     void decideFor(std::span<const VolumeService::IdentityRequest> requests, Time now);

@@ -169,8 +169,8 @@ std::vector<std::string> callsOnSmallTree() {
     return calls;
 }
 
-/// Pairs of calls, each on a tree of its own: some first calls with all second ones. All of them
-/// take an hour with sanitizers: CONVERGE_FIRSTS=144.
+/// Pairs of calls, each on a tree of its own: some first calls with all second ones, or with
+/// CONVERGE_FIRSTS=144 all of them.
 TEST_F(ScriptsTest, PairsOfCallsConverge) {
     const auto calls = callsOnSmallTree();
     const auto step = std::max(calls.size() / number("CONVERGE_FIRSTS", 4), std::size_t{1});
