@@ -33,6 +33,7 @@ Reconciler::Verdict Reconciler::judge(std::uint32_t document, const Departures::
     std::string ownerName;
     std::optional<QSURL> successorURL;
     bool isYoung = false;
+    bool isInTrash = false;
     {
         const std::shared_lock lock(state_.indexMutex);
         const auto& index = state_.index;
@@ -40,7 +41,10 @@ Reconciler::Verdict Reconciler::judge(std::uint32_t document, const Departures::
             owner = index.node(vacancy.owner);
             if (owner.documentID != document) return Verdict::Stays;
             if (owner.firstName != ObjectIndex::none) {
-                ownerName = index.name(index.entry(owner.firstName));
+                const auto place = placeOf(owner.firstName);
+                ownerName = place.name;
+                isInTrash = place.folder != vacancy.place.folder &&
+                            pathOfFolder(place.folder).ends_with("/.Trash");
             }
         }
         const auto heir = index.findObject(vacancy.place.folder, vacancy.place.name);
@@ -67,7 +71,7 @@ Reconciler::Verdict Reconciler::judge(std::uint32_t document, const Departures::
         const bool isSure = vacancy.at < passStart && age >= windows.rest;
         return mayWait && !isSure ? Verdict::Wait : Verdict::Moves;
     }
-    if (isBackupName(ownerName, vacancy.place.name)) return Verdict::Moves;
+    if (!isInTrash && isBackupName(ownerName, vacancy.place.name)) return Verdict::Moves;
     if (vacancy.isExchange && isYoung) return Verdict::Moves;
     return mayWait && age < windows.rename ? Verdict::Wait : Verdict::Stays;
 }
