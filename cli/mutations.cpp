@@ -58,7 +58,7 @@ class Run {
         return [this, verb](const host::Mutations::Progress& reached) {
             auto text = fmt::format("{} items {}", reached.items, verb);
             if (reached.bytes > 0) text += ", " + humanSize(reached.bytes);
-            progress_.update(text);
+            if (reached.items > 0 || reached.bytes > 0) progress_.update(text);
             return !interruption_.hasCome();
         };
     }
@@ -76,9 +76,9 @@ class Run {
             case Command::Rename:
                 return mutations.rename(*identifier, *given_.name);
             case Command::Move:
-                return mutations.move(*identifier, folder_, given_.name);
+                return mutations.move(*identifier, folder_, given_.name, drawn("copied"));
             case Command::Trash:
-                return mutations.trash(*identifier);
+                return mutations.trash(*identifier, drawn("copied"));
             case Command::Untrash:
                 return untrash(*identifier);
             default:
@@ -87,8 +87,8 @@ class Run {
     }
 
     [[nodiscard]] Result<ItemRecord> untrash(const std::string& identifier) {
-        auto done = service_.mutations().untrash(identifier,
-                                                 given_.to ? std::optional(folder_) : std::nullopt);
+        auto done = service_.mutations().untrash(
+            identifier, given_.to ? std::optional(folder_) : std::nullopt, drawn("copied"));
         const bool isRefused = !done && done.error().domain == platform::QPErrorDomain &&
                                done.error().code == platform::QPInvalidParameterErrorCode;
         if (!isRefused) return done;

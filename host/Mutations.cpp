@@ -17,7 +17,6 @@ namespace {
 constexpr std::chrono::milliseconds betweenLooks{100};
 
 struct Nothing {};
-using ItemAnswer = Answer<Nothing, platform::ItemRef>;
 
 /// What has to be handed to the extension for an answer.
 template <typename End>
@@ -65,68 +64,69 @@ auto plain(Call call) {
     };
 }
 
-Result<ItemRecord> recordOf(const ExtensionSession& session,
-                            const Result<platform::ItemRef>& item) {
-    if (!item) return std::unexpected(item.error());
-    return session.record(**item);
-}
-
 }  // namespace
+
+template <typename Start>
+Result<ItemRecord> Mutations::runForItem(const Start& start,
+                                         const ProgressHandler& progress) const {
+    const auto item = run<platform::ItemRef>(start, progress);
+    if (!item) return std::unexpected(item.error());
+    return session_->record(**item);
+}
 
 Result<ItemRecord> Mutations::makeDirectory(std::string_view name,
                                             const std::string& parent) const {
-    return recordOf(*session_, run<platform::ItemRef>(plain([&](auto& extension, auto handler) {
-                                                          extension.createDirectoryWithName(
-                                                              name, parent, std::move(handler));
-                                                      }),
-                                                      {}));
+    return runForItem(plain([&](auto& extension, auto handler) {
+                          extension.createDirectoryWithName(name, parent, std::move(handler));
+                      }),
+                      {});
 }
 
 Result<ItemRecord> Mutations::import(std::string_view path, const std::string& parent,
                                      const ProgressHandler& progress) const {
     const auto url = session_->paths().URLForNativePath(path);
-    return recordOf(*session_, run<platform::ItemRef>(
-                                   [&](auto& extension, auto handler) {
-                                       return extension.importDocumentAtURL(url, parent,
-                                                                            std::move(handler));
-                                   },
-                                   progress));
+    return runForItem(
+        [&](auto& extension, auto handler) {
+            return extension.importDocumentAtURL(url, parent, std::move(handler));
+        },
+        progress);
 }
 
 Result<ItemRecord> Mutations::rename(const std::string& identifier, std::string_view name) const {
-    return recordOf(*session_, run<platform::ItemRef>(plain([&](auto& extension, auto handler) {
-                                                          extension.renameItemWithIdentifier(
-                                                              identifier, name, std::move(handler));
-                                                      }),
-                                                      {}));
+    return runForItem(plain([&](auto& extension, auto handler) {
+                          extension.renameItemWithIdentifier(identifier, name, std::move(handler));
+                      }),
+                      {});
 }
 
 Result<ItemRecord> Mutations::move(const std::string& identifier, const std::string& parent,
-                                   const std::optional<std::string>& name) const {
-    return recordOf(*session_, run<platform::ItemRef>(plain([&](auto& extension, auto handler) {
-                                                          extension.reparentItemWithIdentifier(
-                                                              identifier, parent, name,
-                                                              std::move(handler));
-                                                      }),
-                                                      {}));
+                                   const std::optional<std::string>& name,
+                                   const ProgressHandler& progress) const {
+    return runForItem(
+        [&](auto& extension, auto handler) {
+            return extension.reparentItemWithIdentifier(identifier, parent, name,
+                                                        std::move(handler));
+        },
+        progress);
 }
 
-Result<ItemRecord> Mutations::trash(const std::string& identifier) const {
-    return recordOf(*session_, run<platform::ItemRef>(plain([&](auto& extension, auto handler) {
-                                                          extension.trashItemWithIdentifier(
-                                                              identifier, std::move(handler));
-                                                      }),
-                                                      {}));
+Result<ItemRecord> Mutations::trash(const std::string& identifier,
+                                    const ProgressHandler& progress) const {
+    return runForItem(
+        [&](auto& extension, auto handler) {
+            return extension.trashItemWithIdentifier(identifier, std::move(handler));
+        },
+        progress);
 }
 
 Result<ItemRecord> Mutations::untrash(const std::string& identifier,
-                                      const std::optional<std::string>& parent) const {
-    return recordOf(*session_, run<platform::ItemRef>(plain([&](auto& extension, auto handler) {
-                                                          extension.untrashItemWithIdentifier(
-                                                              identifier, parent,
-                                                              std::move(handler));
-                                                      }),
-                                                      {}));
+                                      const std::optional<std::string>& parent,
+                                      const ProgressHandler& progress) const {
+    return runForItem(
+        [&](auto& extension, auto handler) {
+            return extension.untrashItemWithIdentifier(identifier, parent, std::move(handler));
+        },
+        progress);
 }
 
 Result<void> Mutations::remove(const std::string& identifier,

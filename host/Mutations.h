@@ -50,11 +50,14 @@ class Mutations {
                                                       std::string_view name) const;
     [[nodiscard]] platform::Result<ItemRecord> move(const std::string& identifier,
                                                     const std::string& parent,
-                                                    const std::optional<std::string>& name) const;
-    [[nodiscard]] platform::Result<ItemRecord> trash(const std::string& identifier) const;
+                                                    const std::optional<std::string>& name,
+                                                    const ProgressHandler& progress) const;
+    [[nodiscard]] platform::Result<ItemRecord> trash(const std::string& identifier,
+                                                     const ProgressHandler& progress) const;
     /// Without a parent, to where it was.
-    [[nodiscard]] platform::Result<ItemRecord> untrash(
-        const std::string& identifier, const std::optional<std::string>& parent) const;
+    [[nodiscard]] platform::Result<ItemRecord> untrash(const std::string& identifier,
+                                                       const std::optional<std::string>& parent,
+                                                       const ProgressHandler& progress) const;
     [[nodiscard]] platform::Result<void> remove(const std::string& identifier,
                                                 const ProgressHandler& progress) const;
 
@@ -66,6 +69,9 @@ class Mutations {
   private:
     template <typename End, typename Start>
     platform::Result<End> run(const Start& start, const ProgressHandler& progress) const;
+    template <typename Start>
+    platform::Result<ItemRecord> runForItem(const Start& start,
+                                            const ProgressHandler& progress) const;
 
     const std::unique_ptr<ExtensionSession>& session_;
     const std::chrono::milliseconds stallDeadline_;

@@ -14,7 +14,7 @@ trap 'umount "$work"/* 2> /dev/null || true; rm -rf "$work"' EXIT
 run_suites() { # FOLDER
     for suite in "test_platform_files *" \
         "test_platform_volume *Inode*:*Moves*:*Look*:HistoryTest.*-*CannotBeRead*:*Storm*" \
-        "test_tidewell IdentityTest.*:ListingTest.*:ItemTest.*-*Saturates*"; do
+        "test_tidewell IdentityTest.*:ListingTest.*:ItemTest.*:MutationsTest.*:TrashTest.*-*Saturates*"; do
         set -- "$1" ${suite% *} "${suite#* }"
         TMPDIR=$1 "$build/tests/$2" --gtest_brief=1 "--gtest_filter=$3"
     done
@@ -33,6 +33,19 @@ for system in ext4 xfs btrfs tmpfs; do
     run_suites "$work/$system"
     umount "$work/$system"
 done
+
+echo "== another mount in the storage"
+mkdir -p "$work/storage/mounted"
+touch "$work/storage/document"
+mount -t tmpfs tmpfs "$work/storage/mounted"
+touch "$work/storage/mounted/inside"
+for words in "mv document --to mounted" "mv mounted/inside --to root" "trash mounted"; do
+    status=0
+    (cd "$work/storage" && "$build/cli/tidewell" --storage . --state "$work/state" $words) \
+        2> "$work/error" || status=$?
+    [ "$status" -eq 3 ] && grep -q 'mounted.*: not an item of the document storage' "$work/error"
+done
+umount "$work/storage/mounted"
 
 echo "== another user, who may not read everything"
 home=$work/home

@@ -15,7 +15,6 @@
 #include "platform/files/Folder.h"
 #include "platform/files/ItemNames.h"
 #include "platform/files/SystemCalls.h"
-#include "platform/files/TreeCopy.h"
 #include "platform/files/TreeRemoval.h"
 
 namespace platform {
@@ -77,7 +76,8 @@ QSError MutableTree::failure(int code, const QSURL& url) const {
         error.userInfo.emplace(QSDescriptionErrorKey, why);
     };
     if (code == EINVAL) tell("a folder cannot be moved or copied into itself");
-    if (code == ENOTSUP) tell("only files, folders and links can be imported");
+    if (code == ENOTSUP) tell("only files, folders and links can be copied");
+    if (code == EXDEV) tell("the file system does not let it be moved");
     if (code == E2BIG) tell("the extended attributes do not fit the file system");
     return error;
 }
@@ -159,7 +159,8 @@ bool MutableTree::putBack(int from, const std::string& hidden, const HeldItem& i
 }
 
 Result<QSURL> MutableTree::moveHeld(const HeldItem& item, const OpenFolder& folder,
-                                    const std::string& name, Naming naming) const {
+                                    const std::string& name, Naming naming,
+                                    QSProgress& progress) const {
     const auto itemURL = made(item.parent, item.name);
     if (name == item.name) {
         const auto here = readIdentity(item.parent.fd.get(), "", nullptr, files_.credentials());
@@ -169,7 +170,7 @@ Result<QSURL> MutableTree::moveHeld(const HeldItem& item, const OpenFolder& fold
     const auto reached = renameInto(item.parent.fd.get(), item.name, folder, name, naming);
     if (!reached) {
         const auto code = reached.error().domain == QSPOSIXErrorDomain ? reached.error().code : 0;
-        if (code == EXDEV) return copyAcross(item, folder, name, naming);
+        if (code == EXDEV) return copyAcross(item, folder, name, naming, progress);
         if (code == ENOENT) return std::unexpected(goneError(files_.nativePath(itemURL)));
         return std::unexpected(reached.error());
     }
@@ -180,27 +181,32 @@ Result<QSURL> MutableTree::moveHeld(const HeldItem& item, const OpenFolder& fold
     return made(folder, *reached);
 }
 
+/// For folders between which the file system moves nothing.
 Result<QSURL> MutableTree::copyAcross(const HeldItem& item, const OpenFolder& folder,
-                                      const std::string& name, Naming naming) const {
-    QSProgress progress;
-    auto copied = copyInto(item.parent.fd.get(), item.name, folder, name, naming, progress);
+                                      const std::string& name, Naming naming,
+                                      QSProgress& progress) const {
+    auto copied = copyInto(item.parent.fd.get(), item.name, folder, name, naming,
+                           TreeCopy::Special::Refused, progress);
     if (!copied) return copied;
-    const auto removed = removeHeld(item, progress);
+    const auto copy = hold(*copied);
+    QSProgress removal;
+    const auto removed = removeHeld(item, removal);
     if (removed) return copied;
-    // The item is still there, or another one is that may not even be what was copied.
-    const std::string copy(copied->lastPathComponent());
-    (void)removeTree(folder.fd.get(), copy, progress);
+    // Once something of the item has gone, only the copy is whole. Before, the item is, or another
+    // one is there that may not even be what was copied.
+    if (copy && removal.completedItems() == 0) (void)removeHeld(*copy, removal);
     return std::unexpected(removed.error());
 }
 
 Result<QSURL> MutableTree::copyInto(int source, const std::string& sourceName,
                                     const OpenFolder& folder, const std::string& name,
-                                    Naming naming, QSProgress& progress) const {
+                                    Naming naming, TreeCopy::Special special,
+                                    QSProgress& progress) const {
     const auto url = made(folder, name);
     auto record = unfinished_.begin(UnfinishedWork::Kind::Copy, url, {});
     if (!record) return std::unexpected(record.error());
     const auto& hidden = (*record)->name();
-    TreeCopy copy(progress);
+    TreeCopy copy(progress, special);
     auto done = copy.copy(source, sourceName, folder.fd.get(), hidden);
     if (done) done = copy.sync(folder.fd.get(), hidden);
     const auto reached = !done ? std::unexpected(done.error())
@@ -270,11 +276,13 @@ Result<QSURL> MutableTree::import(const QSURL& source, const QSURL& folderURL,
     if (auto checked = checkNotInside(object, *folder); !checked) {
         return std::unexpected(checked.error());
     }
-    return copyInto(parent->get(), name, *folder, name, Naming::Free, progress);
+    return copyInto(parent->get(), name, *folder, name, Naming::Free, TreeCopy::Special::LeftOut,
+                    progress);
 }
 
 Result<QSURL> MutableTree::move(const QSURL& url, const QSURL& folderURL,
-                                const std::optional<std::string>& name, Naming naming) const {
+                                const std::optional<std::string>& name, Naming naming,
+                                QSProgress& progress) const {
     if (name) {
         if (auto checked = checkName(*name); !checked) return std::unexpected(checked.error());
     }
@@ -282,10 +290,11 @@ Result<QSURL> MutableTree::move(const QSURL& url, const QSURL& folderURL,
     if (!item) return std::unexpected(item.error());
     const auto folder = openFolder(folderURL);
     if (!folder) return std::unexpected(folder.error());
-    return moveHeld(*item, *folder, name.value_or(item->name), naming);
+    return moveHeld(*item, *folder, name.value_or(item->name), naming, progress);
 }
 
-Result<QSURL> MutableTree::trash(const QSURL& url, const QSURL& trashURL) const {
+Result<QSURL> MutableTree::trash(const QSURL& url, const QSURL& trashURL,
+                                 QSProgress& progress) const {
     const auto item = hold(url);
     if (!item) return std::unexpected(item.error());
     const auto refused = [&](std::string_view why) {
@@ -303,7 +312,7 @@ Result<QSURL> MutableTree::trash(const QSURL& url, const QSURL& trashURL) const 
         return refused("the trash can be written by others");
     }
     volume_.moveBegins(item->identity);
-    auto moved = moveHeld(*item, {trashURL, std::move(*fd)}, item->name, Naming::Free);
+    auto moved = moveHeld(*item, {trashURL, std::move(*fd)}, item->name, Naming::Free, progress);
     volume_.moveEnds(item->identity, moved.has_value());
     return moved;
 }

@@ -6,6 +6,7 @@
 #include "platform/fileprovider/UnfinishedWork.h"
 #include "platform/files/FileDescriptor.h"
 #include "platform/files/FileSystem.h"
+#include "platform/files/TreeCopy.h"
 #include "platform/foundation/QSProgress.h"
 #include "platform/volume/VolumeService.h"
 
@@ -25,8 +26,10 @@ class MutableTree {
                                        QSProgress& progress) const;
     /// Into `folder`, under `name` or its own.
     [[nodiscard]] Result<QSURL> move(const QSURL& url, const QSURL& folder,
-                                     const std::optional<std::string>& name, Naming naming) const;
-    [[nodiscard]] Result<QSURL> trash(const QSURL& url, const QSURL& trash) const;
+                                     const std::optional<std::string>& name, Naming naming,
+                                     QSProgress& progress) const;
+    [[nodiscard]] Result<QSURL> trash(const QSURL& url, const QSURL& trash,
+                                      QSProgress& progress) const;
     Result<void> remove(const QSURL& url, QSProgress& progress) const;
 
   private:
@@ -46,12 +49,15 @@ class MutableTree {
     [[nodiscard]] Result<OpenFolder> openFolder(const QSURL& url) const;
     [[nodiscard]] Result<HeldItem> hold(const QSURL& url) const;
     [[nodiscard]] Result<QSURL> moveHeld(const HeldItem& item, const OpenFolder& folder,
-                                         const std::string& name, Naming naming) const;
+                                         const std::string& name, Naming naming,
+                                         QSProgress& progress) const;
     [[nodiscard]] Result<QSURL> copyAcross(const HeldItem& item, const OpenFolder& folder,
-                                           const std::string& name, Naming naming) const;
+                                           const std::string& name, Naming naming,
+                                           QSProgress& progress) const;
     [[nodiscard]] Result<QSURL> copyInto(int source, const std::string& sourceName,
                                          const OpenFolder& folder, const std::string& name,
-                                         Naming naming, QSProgress& progress) const;
+                                         Naming naming, TreeCopy::Special special,
+                                         QSProgress& progress) const;
     Result<void> removeHeld(const HeldItem& item, QSProgress& progress) const;
     Result<void> hideAndRemove(const HeldItem& item, QSProgress& progress) const;
     Result<void> checkNotInside(const FileDescriptor& object, const OpenFolder& folder) const;

@@ -15,17 +15,20 @@ namespace {
 
 using Naming = MutableTree::Naming;
 
-/// Runs `work` on some worker. The platform waits for operations that have begun; one that comes
-/// too late is cancelled.
+/// Runs `work` on some worker, which tells of its progress. The platform waits for operations that
+/// have begun; one that comes too late is cancelled.
 template <typename Work, typename Handler>
-void start(Work work, Handler handler) {
+std::shared_ptr<QSProgress> start(Work work, Handler handler) {
+    auto progress = std::make_shared<QSProgress>();
     dispatchConcurrently([gate = Platform::current().events().gate, work = std::move(work),
-                          handler = std::move(handler)]() mutable {
+                          handler = std::move(handler), progress]() mutable {
         const auto pass = gate->enter();
         if (!pass) return handler(std::unexpected(errorFromErrno(ECANCELED)));
         auto& platform = Platform::current();
-        handler(work(MutableTree(platform.files(), platform.unfinished(), platform.volume())));
+        handler(work(MutableTree(platform.files(), platform.unfinished(), platform.volume()),
+                     *progress));
     });
+    return progress;
 }
 
 /// A result's URL keeps the object's attributes, so that whoever gets it can tell it from others.
@@ -40,56 +43,62 @@ qp_URLHandler withAttributes(qp_URLHandler handler) {
 
 void qp_createSubFolder(const QSURL& folder, std::string_view name,
                         qp_URLHandler completionHandler) {
-    start([folder, name = std::string(name)](
-              const MutableTree& tree) { return tree.makeFolder(folder, name); },
-          withAttributes(std::move(completionHandler)));
+    (void)start([folder, name = std::string(name)](
+                    const MutableTree& tree, QSProgress&) { return tree.makeFolder(folder, name); },
+                withAttributes(std::move(completionHandler)));
 }
 
 std::shared_ptr<QSProgress> qp_importUnderFolder(const QSURL& source, const QSURL& folder,
                                                  qp_URLHandler completionHandler) {
-    auto progress = std::make_shared<QSProgress>();
-    start([source, folder,
-           progress](const MutableTree& tree) { return tree.import(source, folder, *progress); },
-          withAttributes(std::move(completionHandler)));
-    return progress;
-}
-
-void qp_renameWithNewName(const QSURL& url, std::string_view newName,
-                          qp_URLHandler completionHandler) {
-    qp_reparentUnderFolder(url, url.URLByDeletingLastPathComponent(), std::string(newName),
-                           std::move(completionHandler));
-}
-
-void qp_reparentUnderFolder(const QSURL& url, const QSURL& folder,
-                            const std::optional<std::string>& newName,
-                            qp_URLHandler completionHandler) {
-    start(
-        [url, folder, newName](const MutableTree& tree) {
-            return tree.move(url, folder, newName, newName ? Naming::Exact : Naming::Free);
+    return start(
+        [source, folder](const MutableTree& tree, QSProgress& progress) {
+            return tree.import(source, folder, progress);
         },
         withAttributes(std::move(completionHandler)));
 }
 
-void qp_reparentUnderFolder(const QSURL& url, const QSURL& folder, bool allowBouncing,
-                            qp_URLHandler completionHandler) {
-    start([url, folder, naming = allowBouncing ? Naming::Free : Naming::Exact](
-              const MutableTree& tree) { return tree.move(url, folder, std::nullopt, naming); },
-          withAttributes(std::move(completionHandler)));
+void qp_renameWithNewName(const QSURL& url, std::string_view newName,
+                          qp_URLHandler completionHandler) {
+    (void)qp_reparentUnderFolder(url, url.URLByDeletingLastPathComponent(), std::string(newName),
+                                 std::move(completionHandler));
 }
 
-void qp_trashUnderFolder(const QSURL& url, const QSURL& trash, qp_URLHandler completionHandler) {
-    start([url, trash](const MutableTree& tree) { return tree.trash(url, trash); },
-          withAttributes(std::move(completionHandler)));
+std::shared_ptr<QSProgress> qp_reparentUnderFolder(const QSURL& url, const QSURL& folder,
+                                                   const std::optional<std::string>& newName,
+                                                   qp_URLHandler completionHandler) {
+    return start(
+        [url, folder, newName](const MutableTree& tree, QSProgress& progress) {
+            return tree.move(url, folder, newName, newName ? Naming::Exact : Naming::Free,
+                             progress);
+        },
+        withAttributes(std::move(completionHandler)));
+}
+
+std::shared_ptr<QSProgress> qp_reparentUnderFolder(const QSURL& url, const QSURL& folder,
+                                                   bool allowBouncing,
+                                                   qp_URLHandler completionHandler) {
+    return start(
+        [url, folder, naming = allowBouncing ? Naming::Free : Naming::Exact](
+            const MutableTree& tree, QSProgress& progress) {
+            return tree.move(url, folder, std::nullopt, naming, progress);
+        },
+        withAttributes(std::move(completionHandler)));
+}
+
+std::shared_ptr<QSProgress> qp_trashUnderFolder(const QSURL& url, const QSURL& trash,
+                                                qp_URLHandler completionHandler) {
+    return start([url, trash](const MutableTree& tree,
+                              QSProgress& progress) { return tree.trash(url, trash, progress); },
+                 withAttributes(std::move(completionHandler)));
 }
 
 std::shared_ptr<QSProgress> qp_deleteWithCompletionHandler(const QSURL& url,
                                                            qp_ErrorHandler completionHandler) {
-    auto progress = std::make_shared<QSProgress>();
-    start([url, progress](const MutableTree& tree) { return tree.remove(url, *progress); },
-          [handler = std::move(completionHandler)](Result<void> result) mutable {
-              handler(result ? std::nullopt : std::optional(std::move(result.error())));
-          });
-    return progress;
+    return start(
+        [url](const MutableTree& tree, QSProgress& progress) { return tree.remove(url, progress); },
+        [handler = std::move(completionHandler)](Result<void> result) mutable {
+            handler(result ? std::nullopt : std::optional(std::move(result.error())));
+        });
 }
 
 Result<FileDescriptor> openSameObject(const QSURL& url) {

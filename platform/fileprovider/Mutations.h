@@ -47,17 +47,19 @@ void qp_renameWithNewName(const QSURL& url, std::string_view newName,
                           qp_URLHandler completionHandler);
 
 /// Moves the object into the folder: under `newName` or not at all; without one under a free name
-/// like its own.
-void qp_reparentUnderFolder(const QSURL& url, const QSURL& folder,
-                            const std::optional<std::string>& newName,
-                            qp_URLHandler completionHandler);
+/// like its own. Where the file system cannot move it, it is copied, synced and then removed.
+std::shared_ptr<QSProgress> qp_reparentUnderFolder(const QSURL& url, const QSURL& folder,
+                                                   const std::optional<std::string>& newName,
+                                                   qp_URLHandler completionHandler);
 /// The same under its own name; under a free name like it only where `allowBouncing`.
-void qp_reparentUnderFolder(const QSURL& url, const QSURL& folder, bool allowBouncing,
-                            qp_URLHandler completionHandler);
+std::shared_ptr<QSProgress> qp_reparentUnderFolder(const QSURL& url, const QSURL& folder,
+                                                   bool allowBouncing,
+                                                   qp_URLHandler completionHandler);
 
 /// Moves the object into a trash folder, under a free name. One that is already directly in it
 /// stays. A folder that is a link, another user's or writable for others is refused with 513.
-void qp_trashUnderFolder(const QSURL& url, const QSURL& trash, qp_URLHandler completionHandler);
+std::shared_ptr<QSProgress> qp_trashUnderFolder(const QSURL& url, const QSURL& trash,
+                                                qp_URLHandler completionHandler);
 
 /// Removes the object with all that is below it. After a failure or a cancel, what is left of it is
 /// back in its place; after the end of the process, the next one goes on with it.

@@ -31,23 +31,26 @@ void QSFileProviderExtension::renameItemWithIdentifier(
     refuse(completionHandler);
 }
 
-void QSFileProviderExtension::reparentItemWithIdentifier(
+std::shared_ptr<QSProgress> QSFileProviderExtension::reparentItemWithIdentifier(
     const QSFileProviderItemIdentifier& /*identifier*/,
     const QSFileProviderItemIdentifier& /*toParentItemWithIdentifier*/,
     const std::optional<std::string>& /*newName*/, ItemCompletionHandler completionHandler) {
     refuse(completionHandler);
+    return nullptr;
 }
 
-void QSFileProviderExtension::trashItemWithIdentifier(
+std::shared_ptr<QSProgress> QSFileProviderExtension::trashItemWithIdentifier(
     const QSFileProviderItemIdentifier& /*identifier*/, ItemCompletionHandler completionHandler) {
     refuse(completionHandler);
+    return nullptr;
 }
 
-void QSFileProviderExtension::untrashItemWithIdentifier(
+std::shared_ptr<QSProgress> QSFileProviderExtension::untrashItemWithIdentifier(
     const QSFileProviderItemIdentifier& /*identifier*/,
     const std::optional<QSFileProviderItemIdentifier>& /*toParentItemIdentifier*/,
     ItemCompletionHandler completionHandler) {
     refuse(completionHandler);
+    return nullptr;
 }
 
 std::shared_ptr<QSProgress> QSFileProviderExtension::deleteItemWithIdentifier(

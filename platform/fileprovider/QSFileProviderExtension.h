@@ -55,13 +55,13 @@ class QSFileProviderExtension {
     virtual void renameItemWithIdentifier(const QSFileProviderItemIdentifier& identifier,
                                           std::string_view toName,
                                           ItemCompletionHandler completionHandler);
-    virtual void reparentItemWithIdentifier(
+    virtual std::shared_ptr<QSProgress> reparentItemWithIdentifier(
         const QSFileProviderItemIdentifier& identifier,
         const QSFileProviderItemIdentifier& toParentItemWithIdentifier,
         const std::optional<std::string>& newName, ItemCompletionHandler completionHandler);
-    virtual void trashItemWithIdentifier(const QSFileProviderItemIdentifier& identifier,
-                                         ItemCompletionHandler completionHandler);
-    virtual void untrashItemWithIdentifier(
+    virtual std::shared_ptr<QSProgress> trashItemWithIdentifier(
+        const QSFileProviderItemIdentifier& identifier, ItemCompletionHandler completionHandler);
+    virtual std::shared_ptr<QSProgress> untrashItemWithIdentifier(
         const QSFileProviderItemIdentifier& identifier,
         const std::optional<QSFileProviderItemIdentifier>& toParentItemIdentifier,
         ItemCompletionHandler completionHandler);

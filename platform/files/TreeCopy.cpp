@@ -91,7 +91,7 @@ Result<void> TreeCopy::copyObject(Side source, Side target, unsigned depth) {
     }
     if (S_ISLNK(status.st_mode)) return copyLink(source, target);
     if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
-        return depth == 0 ? failure(ENOTSUP) : Result<void>();
+        return depth == 0 || special_ == Special::Refused ? failure(ENOTSUP) : Result<void>();
     }
     FileDescriptor object(openat(source.folder, source.name,
                                  O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));

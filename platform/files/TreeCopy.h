@@ -11,16 +11,19 @@ namespace platform {
 
 /// Copies of whole trees: contents (shared with the source where the file system can, holes kept),
 /// permissions, times and extended attributes; symbolic links as links. Owners are this process's,
-/// hard links become files of their own, and what is below a folder and neither file, folder nor
-/// link is left out. Blocks for the file systems; one thread.
+/// hard links become files of their own. Blocks for the file systems; one thread.
 class TreeCopy {
   public:
-    explicit TreeCopy(QSProgress& progress) : progress_(progress) {}
+    /// What to do with what is neither file, folder nor link, where it is below a folder.
+    enum class Special : std::uint8_t { LeftOut, Refused };
+
+    TreeCopy(QSProgress& progress, Special special) : progress_(progress), special_(special) {}
 
     /// Copies the object `sourceName` in `source` to the new entry `targetName` in `target`; both
-    /// directories may be O_PATH, and no link is followed. ENOTSUP for a source that is neither
-    /// file, folder nor link, EEXIST where the entry exists, ECANCELED once the progress is
-    /// cancelled. After a failure, what was made so far is the caller's to remove.
+    /// directories may be O_PATH, and no link is followed. ENOTSUP for what is refused, which a
+    /// source that is neither file, folder nor link always is, EEXIST where the entry exists,
+    /// ECANCELED once the progress is cancelled. After a failure, what was made so far is the
+    /// caller's to remove.
     Result<void> copy(int source, const std::string& sourceName, int target,
                       const std::string& targetName);
 
@@ -41,6 +44,7 @@ class TreeCopy {
     Result<void> copyRange(int source, int target, std::int64_t begin, std::int64_t end);
 
     QSProgress& progress_;
+    const Special special_;
     bool canClone_ = true;
     bool canCopyInKernel_ = true;
     std::uint64_t objects_ = 0;  ///< files and folders made

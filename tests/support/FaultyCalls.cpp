@@ -1,10 +1,12 @@
 // Preloaded into the command by tests/support/sweep.sh. Counts the calls that change what is below
 // the folders of FAULT_BELOW, in all threads together; the one with the number FAULT_AT kills the
-// process, or fails with the errno FAULT_ERROR, and is named in the file FAULT_LOG.
+// process, or fails with the errno FAULT_ERROR, and is named in the file FAULT_LOG. With
+// FAULT_APART no rename leads from one folder to another (EXDEV).
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -37,8 +39,21 @@ bool isBelow(int folder, const char* path) {
     return false;
 }
 
-bool fails(const char* call, int folder, const char* path = nullptr) {
+constexpr int nowhere = -1;
+
+bool areApart(int from, int to) {
+    struct stat one {};
+    struct stat other {};
+    return from != nowhere && !setting("FAULT_APART").empty() && fstat(from, &one) == 0 &&
+           fstat(to, &other) == 0 && one.st_ino != other.st_ino;
+}
+
+bool fails(const char* call, int folder, const char* path = nullptr, int from = nowhere) {
     static std::atomic<int> count = 0;
+    if (areApart(from, folder)) {
+        errno = EXDEV;
+        return true;
+    }
     const int before = errno;
     const bool isDue = isBelow(folder, path) && std::to_string(++count) == setting("FAULT_AT");
     errno = before;
@@ -52,8 +67,6 @@ bool fails(const char* call, int folder, const char* path = nullptr) {
     errno = std::atoi(error.c_str());
     return true;
 }
-
-constexpr int nowhere = -1;
 
 }  // namespace
 
@@ -78,7 +91,7 @@ FAULTY(int, symlinkat, (const char* target, int at, const char* p), (target, at,
 FAULTY(int, link, (const char* from, const char* p), (from, p), AT_FDCWD, p)
 FAULTY(int, rename, (const char* from, const char* p), (from, p), AT_FDCWD, p)
 FAULTY(int, renameat2, (int from, const char* name, int at, const char* p, unsigned flags),
-       (from, name, at, p, flags), at, p)
+       (from, name, at, p, flags), at, p, from)
 FAULTY(int, unlink, (const char* p), (p), AT_FDCWD, p)
 FAULTY(int, unlinkat, (int at, const char* p, int flags), (at, p, flags), at, p)
 FAULTY(ssize_t, pwrite, (int fd, const void* data, std::size_t size, off_t to),

@@ -1,4 +1,6 @@
 #include <gmock/gmock.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
@@ -120,12 +122,18 @@ TEST_F(MutationsTest, NothingSucceedsWhatIsRemovedOrTrashed) {
     const auto created = id("in/doc");
     EXPECT_THAT((std::set{removed, imported}), testing::Not(testing::Contains(created)));
     EXPECT_FALSE(remove(created));
+    (void)file("in/sedAbCdEf");  // a name of those that programs put a document aside under
+    const auto temporary = id("in/sedAbCdEf");
     end();
     installed.reset();
     (void)file("in/doc");
+    fs::rename(storage() / "in/sedAbCdEf", storage() / ".Trash/sedAbCdEf");
+    (void)file("in/sedAbCdEf");
     restart();
     start();
     EXPECT_NE(id("in/doc"), created);
+    EXPECT_NE(id("in/sedAbCdEf"), temporary);
+    EXPECT_EQ(id(".Trash/sedAbCdEf"), temporary);
 }
 
 TEST_F(MutationsTest, ProtectedPlacesStay) {
@@ -201,6 +209,52 @@ TEST_F(MutationsTest, ACancelledOperationLeavesNothingAndTakesNothing) {
                 Pair(QSPOSIXErrorDomain, ECANCELED));
     EXPECT_EQ(pathsBelow(storage() / "in"),
               (std::set<std::string>{"source", "source/a", "source/a/b"}));
+    EXPECT_TRUE(fs::is_empty(scratch / "state/unfinished"));
+}
+
+/// Some file systems rename nothing into a folder of another project.
+TEST_F(MutationsTest, WhatCannotBeRenamedIsCopiedAndRemoved) {
+    const FileDescriptor apart(open(folder("apart").c_str(), O_RDONLY | O_DIRECTORY));
+    fsxattr project{};
+    project.fsx_xflags = FS_XFLAG_PROJINHERIT;
+    project.fsx_projid = 77;
+    if (ioctl(apart.get(), FS_IOC_FSSETXATTR, &project) != 0) GTEST_SKIP() << "needs projects";
+    const auto tree = file("in/tree/below").parent_path();
+    setxattr(tree.c_str(), "user.tag", "red", 3, 0);
+
+    const MutableTree moves(installed->files(), installed->unfinished(), installed->volume());
+    QSProgress progress;
+    const auto whole = pathsBelow(storage() / "in");
+    mkfifo((tree / "fifo").c_str(), 0600);
+    EXPECT_THAT(codeOf(move(id("in/tree"), id("apart"))), Pair(QSPOSIXErrorDomain, ENOTSUP));
+    fs::remove(tree / "fifo");
+    progress.cancel();
+    EXPECT_THAT(
+        codeOf(moves.move(url("in/tree"), url("apart"), {}, MutableTree::Naming::Free, progress)),
+        Pair(QSPOSIXErrorDomain, ECANCELED));
+    EXPECT_TRUE(fs::is_empty(storage() / "apart"));
+    EXPECT_EQ(pathsBelow(storage() / "in"), whole);
+
+    const auto item = id("in/tree");
+    const auto moved = move(item, id("apart"));
+    ASSERT_TRUE(moved) << moved.error().description();
+    EXPECT_NE((*moved)->itemIdentifier(), item);
+    EXPECT_TRUE(fs::is_empty(storage() / "in"));
+    char value[4] = {};
+    EXPECT_EQ(getxattr((storage() / "apart/tree").c_str(), "user.tag", value, sizeof value), 3);
+    EXPECT_TRUE(trash((*moved)->itemIdentifier()).value()->isTrashed());
+
+    (void)file("in/half/below");
+    const FileDescriptor immutable(open(file("in/half/stays").c_str(), O_RDONLY));
+    int flags = FS_IMMUTABLE_FL;
+    ASSERT_EQ(ioctl(immutable.get(), FS_IOC_SETFLAGS, &flags), 0);
+    EXPECT_THAT(codeOf(move(id("in/half"), id("apart"))), Pair(QSPOSIXErrorDomain, EPERM));
+    EXPECT_TRUE(fs::exists(storage() / "in/half/stays"));
+    // Either the original is whole, or the copy that was made of it.
+    EXPECT_TRUE(fs::exists(storage() / "in/half/below") ||
+                pathsBelow(storage() / "apart").contains("half/below"));
+    flags = 0;
+    EXPECT_EQ(ioctl(immutable.get(), FS_IOC_SETFLAGS, &flags), 0);
     EXPECT_TRUE(fs::is_empty(scratch / "state/unfinished"));
 }
 

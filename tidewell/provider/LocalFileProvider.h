@@ -53,13 +53,15 @@ class LocalFileProvider final : public QSFileProviderExtension {
     void renameItemWithIdentifier(const QSFileProviderItemIdentifier& identifier,
                                   std::string_view toName,
                                   ItemCompletionHandler completionHandler) override;
-    void reparentItemWithIdentifier(const QSFileProviderItemIdentifier& identifier,
-                                    const QSFileProviderItemIdentifier& toParentItemWithIdentifier,
-                                    const std::optional<std::string>& newName,
-                                    ItemCompletionHandler completionHandler) override;
-    void trashItemWithIdentifier(const QSFileProviderItemIdentifier& identifier,
-                                 ItemCompletionHandler completionHandler) override;
-    void untrashItemWithIdentifier(
+    std::shared_ptr<QSProgress> reparentItemWithIdentifier(
+        const QSFileProviderItemIdentifier& identifier,
+        const QSFileProviderItemIdentifier& toParentItemWithIdentifier,
+        const std::optional<std::string>& newName,
+        ItemCompletionHandler completionHandler) override;
+    std::shared_ptr<QSProgress> trashItemWithIdentifier(
+        const QSFileProviderItemIdentifier& identifier,
+        ItemCompletionHandler completionHandler) override;
+    std::shared_ptr<QSProgress> untrashItemWithIdentifier(
         const QSFileProviderItemIdentifier& identifier,
         const std::optional<QSFileProviderItemIdentifier>& toParentItemIdentifier,
         ItemCompletionHandler completionHandler) override;

@@ -95,7 +95,7 @@ void LocalFileProvider::renameItemWithIdentifier(const QSFileProviderItemIdentif
                          completingWithItem(identifier, std::move(completionHandler)));
 }
 
-void LocalFileProvider::reparentItemWithIdentifier(
+std::shared_ptr<QSProgress> LocalFileProvider::reparentItemWithIdentifier(
     const QSFileProviderItemIdentifier& identifier,
     const QSFileProviderItemIdentifier& toParentItemWithIdentifier,
     const std::optional<std::string>& newName, ItemCompletionHandler completionHandler) {
@@ -103,17 +103,19 @@ void LocalFileProvider::reparentItemWithIdentifier(
         return "move item " + quoted(identifier) + " to parent " +
                quoted(toParentItemWithIdentifier);
     });
+    const auto refuse = [&](QSError error) {
+        completionHandler(std::unexpected(std::move(error)));
+        return nullptr;
+    };
     if (toParentItemWithIdentifier == QSFileProviderRootContainerItemIdentifier) {
-        return completionHandler(std::unexpected(errorFileWriteNoPermission()));
+        return refuse(errorFileWriteNoPermission());
     }
     const auto url = _urlForItemWithPersistentIdentifier(identifier);
-    if (!url) return completionHandler(std::unexpected(QPItemNotFoundError(identifier)));
+    if (!url) return refuse(QPItemNotFoundError(identifier));
     const auto parent = _urlForItemWithPersistentIdentifier(toParentItemWithIdentifier);
-    if (!parent) {
-        return completionHandler(std::unexpected(QPItemNotFoundError(toParentItemWithIdentifier)));
-    }
-    qp_reparentUnderFolder(*url, *parent, newName,
-                           completingWithItem(identifier, std::move(completionHandler)));
+    if (!parent) return refuse(QPItemNotFoundError(toParentItemWithIdentifier));
+    return qp_reparentUnderFolder(*url, *parent, newName,
+                                  completingWithItem(identifier, std::move(completionHandler)));
 }
 
 }  // namespace tidewell

@@ -40,31 +40,35 @@ bool isReachableFolder(const QSURL& url) {
 
 }  // namespace
 
-void LocalFileProvider::trashItemWithIdentifier(const QSFileProviderItemIdentifier& identifier,
-                                                ItemCompletionHandler completionHandler) {
+std::shared_ptr<QSProgress> LocalFileProvider::trashItemWithIdentifier(
+    const QSFileProviderItemIdentifier& identifier, ItemCompletionHandler completionHandler) {
     const LogSection section([&] { return "trash item " + quoted(identifier); });
+    const auto refuse = [&](QSError error) {
+        completionHandler(std::unexpected(std::move(error)));
+        return nullptr;
+    };
     const auto url = _urlForItemWithPersistentIdentifier(identifier);
-    if (!url) return completionHandler(std::unexpected(QPItemNotFoundError(identifier)));
+    if (!url) return refuse(QPItemNotFoundError(identifier));
     const auto trash = trashFolderFor(*url);
-    if (!trash) return completionHandler(std::unexpected(trash.error()));
+    if (!trash) return refuse(trash.error());
     if (auto made = Platform::current().files().makeFolder(*trash); !made) {
-        return completionHandler(std::unexpected(made.error()));
+        return refuse(std::move(made.error()));
     }
-    qp_trashUnderFolder(*url, *trash,
-                        [identifier, formerURL = *url,
-                         handler = std::move(completionHandler)](Result<QSURL> newURL) mutable {
-                            if (!newURL) {
-                                return handler(std::unexpected(
-                                    normalisedError(std::move(newURL.error()), identifier)));
-                            }
-                            // One that lay in the trash already keeps the record of where it came
-                            // from.
-                            if (!(*newURL == formerURL)) {
-                                setTrashDate(*newURL, QSDate::now());
-                                setPutBackString(formerURL, *newURL);
-                            }
-                            handler(itemForResult(freshAfterMove(formerURL, *newURL)));
-                        });
+    return qp_trashUnderFolder(
+        *url, *trash,
+        [identifier, formerURL = *url,
+         handler = std::move(completionHandler)](Result<QSURL> newURL) mutable {
+            if (!newURL) {
+                return handler(
+                    std::unexpected(normalisedError(std::move(newURL.error()), identifier)));
+            }
+            // One that lay in the trash already keeps the record of where it came from.
+            if (!(*newURL == formerURL)) {
+                setTrashDate(*newURL, QSDate::now());
+                setPutBackString(formerURL, *newURL);
+            }
+            handler(itemForResult(freshAfterMove(formerURL, *newURL)));
+        });
 }
 
 std::optional<QSURL> LocalFileProvider::untrashDestination(
@@ -93,13 +97,14 @@ std::optional<QSURL> LocalFileProvider::untrashDestination(
     return library->fileURL();
 }
 
-void LocalFileProvider::untrashItemWithIdentifier(
+std::shared_ptr<QSProgress> LocalFileProvider::untrashItemWithIdentifier(
     const QSFileProviderItemIdentifier& identifier,
     const std::optional<QSFileProviderItemIdentifier>& toParentItemIdentifier,
     ItemCompletionHandler completionHandler) {
     const LogSection section([&] { return "untrash item " + quoted(identifier); });
     const auto refuse = [&](QSError error) {
         completionHandler(std::unexpected(std::move(error)));
+        return nullptr;
     };
     const auto url = _urlForItemWithPersistentIdentifier(identifier);
     if (!url) return refuse(QPItemNotFoundError(identifier));
@@ -116,7 +121,7 @@ void LocalFileProvider::untrashItemWithIdentifier(
         logDebug([&] { return "can't compute valid parent URL for " + identifier; });
         return refuse(QPInvalidParameterError("itemIdentifier", identifier));
     }
-    qp_reparentUnderFolder(
+    return qp_reparentUnderFolder(
         *url, *destination, true,
         [identifier, handler = std::move(completionHandler)](Result<QSURL> newURL) mutable {
             if (!newURL) {

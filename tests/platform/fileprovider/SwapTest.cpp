@@ -55,13 +55,14 @@ class SwapTest : public tests::VolumeFixture, public testing::WithParamInterface
         constexpr auto free = MutableTree::Naming::Free;
         switch (GetParam()) {
             case Verb::Rename:
-                (void)tree.move(document, url("in/sub"), "renamed", MutableTree::Naming::Exact);
+                (void)tree.move(document, url("in/sub"), "renamed", MutableTree::Naming::Exact,
+                                progress);
                 break;
             case Verb::Move:
-                (void)tree.move(document, url("to"), std::nullopt, free);
+                (void)tree.move(document, url("to"), std::nullopt, free, progress);
                 break;
             case Verb::Trash:
-                (void)tree.trash(document, url(".Trash"));
+                (void)tree.trash(document, url(".Trash"), progress);
                 break;
             case Verb::Remove:
                 (void)tree.remove(document, progress);
