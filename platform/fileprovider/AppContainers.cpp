@@ -5,9 +5,7 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
-#include <set>
 #include <utility>
 
 #include "platform/log/Log.h"
@@ -15,8 +13,6 @@
 namespace platform {
 
 namespace {
-
-namespace fs = std::filesystem;
 
 bool liesIn(const std::string& path, const std::string& folder) {
     return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
@@ -89,28 +85,33 @@ std::map<std::string, QSError> AppContainers::show(std::span<const BundleRef> bu
         if (!bundle->bundleIdentifier || !bundle->dataContainerURL) continue;
         wanted.emplace(*bundle->bundleIdentifier, bundle->dataContainerPath);
     }
-    std::set<std::string> gone;
+    std::vector<std::string> gone;
     for (const auto& [identifier, shown] : shown_) {
-        if (!wanted.contains(identifier)) gone.insert(identifier);
+        if (!wanted.contains(identifier)) gone.push_back(identifier);
     }
-    for (const auto& identifier : gone) letOut(identifier);
+    for (const auto& identifier : gone) {
+        letOut(identifier);
+        shown_.erase(identifier);
+    }
     std::map<std::string, QSError> failures;
     for (const auto& [identifier, path] : wanted) {
-        const auto done = letIn(identifier, path, true);
+        const auto done = letIn(identifier, path);
         if (done) continue;
         Log::platformLog().write(LogLevel::Error, [&] {
             return "can't show the documents of " + identifier + "; " + done.error().description();
         });
         failures.emplace(identifier, done.error());
         letOut(identifier);
+        shown_.insert_or_assign(identifier, Shown{path, {}});
     }
+    for (const auto& root : volume_.formerRoots()) removeRoot(root);
     return failures;
 }
 
 void AppContainers::lookAgain() {
     const std::scoped_lock lock(mutex_);
     for (const auto& [identifier, shown] : shown_) {
-        if (const auto done = letIn(identifier, shown.path, false); !done) {
+        if (const auto done = letIn(identifier, shown.path); !done) {
             Log::platformLog().write(LogLevel::Debug, [&] {
                 return "the documents of " + identifier + " are away; " +
                        done.error().description();
@@ -119,31 +120,20 @@ void AppContainers::lookAgain() {
     }
 }
 
-Result<void> AppContainers::letIn(const std::string& identifier, const std::string& path,
-                                  bool makesFolders) {
+Result<void> AppContainers::letIn(const std::string& identifier, const std::string& path) {
     const auto known = shown_.find(identifier);
     if (known != shown_.end() && known->second.path == path && !known->second.state.empty() &&
         known->second.state == stateOf(path)) {
         return {};
     }
     if (auto url = URLForContainer(identifier, path); !url) return std::unexpected(url.error());
-    if (makesFolders) {
-        std::error_code error;
-        const bool isNew = fs::create_directories(path, error);
-        if (error) return std::unexpected(errorFromErrno(error.value(), path));
-        if (isNew) fs::permissions(path, fs::perms::owner_all, error);
-    }
     // Opening it anew finds one that took its place.
     if (auto url = files_.addContainer(identifier, path); !url) {
         return std::unexpected(url.error());
     }
-    const auto root = rootURL(identifier);
-    if (makesFolders) {
-        if (auto made = files_.makeFolder(root); !made) return made;
-    }
     // Taken before it is opened by the volume: what comes between is looked at again.
     auto state = stateOf(path);
-    if (auto added = volume_.addRoot(root); !added) return added;
+    if (auto added = volume_.addRoot(rootURL(identifier)); !added) return added;
     shown_.insert_or_assign(identifier, Shown{path, std::move(state)});
     return {};
 }
@@ -169,13 +159,16 @@ std::vector<std::uint64_t> AppContainers::stateOf(const std::string& path) {
 }
 
 void AppContainers::letOut(const std::string& identifier) {
-    if (const auto done = volume_.removeRoot(rootURL(identifier)); !done) {
-        Log::platformLog().write(LogLevel::Error, [&] {
-            return "can't record that " + identifier + " has gone; " + done.error().description();
-        });
-    }
+    removeRoot(rootURL(identifier));
     files_.removeContainer(identifier);
-    shown_.erase(identifier);
+}
+
+void AppContainers::removeRoot(const QSURL& root) {
+    const auto done = volume_.removeRoot(root);
+    if (done) return;
+    Log::platformLog().write(LogLevel::Error, [&] {
+        return "can't record that " + root.path() + " has gone; " + done.error().description();
+    });
 }
 
 }  // namespace platform

@@ -27,13 +27,14 @@ class AppContainers {
     [[nodiscard]] Result<QSURL> URLForContainer(std::string_view identifier,
                                                 const std::string& path) const;
 
-    /// Lets in exactly these, and out all others. Folders that are missing are made (mode 0700). By
-    /// the time it returns, what has come and gone with them is in the volume's history. Yields
-    /// those that could not be let in, by identifier; they are not part of the tree. Records
-    /// without a container are passed over.
+    /// Lets in exactly these, and out all others, those of the last run too. By the time it
+    /// returns, what has come and gone with them is in the volume's history. Yields those that
+    /// could not be let in, by identifier; they are not part of the tree, but are looked for again.
+    /// Records without a container are passed over.
     std::map<std::string, QSError> show(std::span<const BundleRef> bundles);
 
-    /// Looks for containers that were replaced on disk by others, or have come back. Makes none.
+    /// Looks for containers that were replaced on disk by others, have come back, or could not be
+    /// let in.
     void lookAgain();
 
   private:
@@ -44,9 +45,9 @@ class AppContainers {
     };
 
     [[nodiscard]] static std::vector<std::uint64_t> stateOf(const std::string& path);
-    [[nodiscard]] Result<void> letIn(const std::string& identifier, const std::string& path,
-                                     bool makesFolders);
+    [[nodiscard]] Result<void> letIn(const std::string& identifier, const std::string& path);
     void letOut(const std::string& identifier);
+    void removeRoot(const QSURL& root);
 
     FileSystem& files_;
     VolumeService& volume_;

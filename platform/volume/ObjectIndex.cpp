@@ -10,6 +10,13 @@ namespace {
 /// Deeper than any path that the kernel would take; also what ends a chain that runs in a circle.
 constexpr std::size_t deepest = 4096;
 
+const std::string& textOf(const std::unordered_map<ObjectIndex::NodeNumber, std::string>& texts,
+                          ObjectIndex::NodeNumber number) {
+    static const std::string nothing;
+    const auto found = texts.find(number);
+    return found == texts.end() ? nothing : found->second;
+}
+
 std::uint64_t keyOfName(ObjectIndex::NodeNumber folder, std::string_view name) {
     return std::hash<std::string_view>()(name) ^ (folder * std::uint64_t{0x9E3779B97F4A7C15});
 }
@@ -26,6 +33,7 @@ ObjectRow ObjectIndex::row(NodeNumber number) const {
                   .stamp = node.stamp,
                   .names = {},
                   .metadata = metadata(number),
+                  .rootPath = rootPath(number),
                   .hadMoreNames = node.hasMoreNames};
     forEachName(number, [&](EntryNumber at) {
         const Entry& own = entry(at);
@@ -100,6 +108,11 @@ void ObjectIndex::load(const ObjectRow& row) {
 
 void ObjectIndex::loadFurtherName(std::uint64_t inode, const ObjectRow::Name& name) {
     const NodeNumber number = ensure(inode);
+    if (name.folder == 0) {
+        rootPaths_[number] = name.name;
+        nodes_[number].hasMoreNames = true;
+        return;
+    }
     const NodeNumber folder = ensure(name.folder);
     if (findEntry(folder, name.name) != none) return;
     const bool wasDirty = nodes_[number].isDirty;
@@ -108,17 +121,36 @@ void ObjectIndex::loadFurtherName(std::uint64_t inode, const ObjectRow::Name& na
 }
 
 const std::string& ObjectIndex::metadata(NodeNumber number) const {
-    static const std::string nothing;
-    const auto found = metadata_.find(number);
-    return found == metadata_.end() ? nothing : found->second;
+    return textOf(metadata_, number);
 }
 
 void ObjectIndex::setMetadata(NodeNumber number, std::string metadata) {
-    if (this->metadata(number) == metadata) return;
-    if (metadata.empty()) {
-        metadata_.erase(number);
+    setText(metadata_, number, std::move(metadata));
+}
+
+const std::string& ObjectIndex::rootPath(NodeNumber number) const {
+    return textOf(rootPaths_, number);
+}
+
+void ObjectIndex::setRootPath(NodeNumber number, std::string path) {
+    if (!path.empty()) nodes_[number].hasMoreNames = true;  // it is stored among them
+    setText(rootPaths_, number, std::move(path));
+}
+
+std::vector<ObjectIndex::NodeNumber> ObjectIndex::formerRoots() const {
+    std::vector<NodeNumber> former;
+    for (const auto& [number, path] : rootPaths_) {
+        if (!node(number).isRoot) former.push_back(number);
+    }
+    return former;
+}
+
+void ObjectIndex::setText(Texts& texts, NodeNumber number, std::string text) {
+    if (textOf(texts, number) == text) return;
+    if (text.empty()) {
+        texts.erase(number);
     } else {
-        metadata_[number] = std::move(metadata);
+        texts[number] = std::move(text);
     }
     markDirty(number);
 }
@@ -131,6 +163,7 @@ void ObjectIndex::clear() {
     for (auto* table : {&byInode_, &byFreshFileID_, &byDocumentID_, &byName_}) table->clear();
     dirty_.clear();
     metadata_.clear();
+    rootPaths_.clear();
     displaced_.clear();
 }
 

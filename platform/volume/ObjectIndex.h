@@ -33,6 +33,7 @@ struct ObjectRow {
     std::uint64_t stamp = 0;    ///< of its state when it was last read; 0 = not read yet
     std::vector<Name> names;    ///< where it is; several for a file with hard links
     std::string metadata;       ///< user metadata that it was seen with, packed; mostly empty
+    std::string rootPath;       ///< of a root: where it is presented; else empty
     bool hadMoreNames = false;  ///< the store may hold further names of it
 };
 
@@ -126,6 +127,12 @@ class ObjectIndex {
     void removeName(EntryNumber number);
 
     void setRoot(NodeNumber number, bool isRoot) { nodes_[number].isRoot = isRoot; }
+    /// Where a root is presented, or was in the last run; empty for all that is no root. The store
+    /// keeps it, and not whether paths begin there.
+    [[nodiscard]] const std::string& rootPath(NodeNumber number) const;
+    void setRootPath(NodeNumber number, std::string path);
+    /// Those with a path where none begins yet.
+    [[nodiscard]] std::vector<NodeNumber> formerRoots() const;
     struct Path {
         NodeNumber root = none;
         std::string below;  ///< without a leading "/"; empty for the root itself
@@ -187,6 +194,9 @@ class ObjectIndex {
         std::uint32_t size_ = 0;
     };
 
+    using Texts = std::unordered_map<NodeNumber, std::string>;
+    void setText(Texts& texts, NodeNumber number, std::string text);
+
     [[nodiscard]] std::uint64_t entryKey(EntryNumber number) const;
     NameArena::Place storedName(std::string_view name);
 
@@ -200,7 +210,9 @@ class ObjectIndex {
     SlotTable byName_;
     std::vector<Displaced> displaced_;
     std::vector<NodeNumber> dirty_;  // may name a node twice, or one that was stored meanwhile
-    std::unordered_map<NodeNumber, std::string> metadata_;  // never an empty one
+    // Never an empty text.
+    Texts metadata_;
+    Texts rootPaths_;
 };
 
 }  // namespace platform

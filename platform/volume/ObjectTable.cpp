@@ -103,7 +103,11 @@ Result<void> ObjectTable::writeNames(const ObjectRow& row) {
         insertName_.bindBlob(3, row.names[i].name);
         if (auto done = insertName_.run(); !done) return done;
     }
-    return {};
+    if (row.rootPath.empty()) return {};
+    insertName_.bind(1, row.inode);
+    insertName_.bind(2, 0);
+    insertName_.bindBlob(3, row.rootPath);
+    return insertName_.run();
 }
 
 }  // namespace platform

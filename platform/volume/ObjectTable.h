@@ -8,7 +8,7 @@
 namespace platform {
 
 /// The tables of objects in the store's database: one row an object with the first of its names,
-/// and one for each further name. Not synchronised.
+/// and one for each further name, or in no folder for the path of a root. Not synchronised.
 class ObjectTable {
   public:
     static constexpr const char* schema =

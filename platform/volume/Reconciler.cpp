@@ -209,6 +209,7 @@ std::string Reconciler::pathOfFolder(NodeNumber folder) const {
     std::string below;
     for (int depth = 0; depth < deepest; ++depth) {
         if (const auto* gone = departures_.departure(folder)) return gone->last.path + below;
+        if (const auto& root = index.rootPath(folder); !root.empty()) return root + below;
         const auto entry = index.node(folder).firstName;
         if (entry == ObjectIndex::none) break;
         below = joined("", index.name(index.entry(entry))) + below;
@@ -348,6 +349,8 @@ void Reconciler::arrive(const FolderReading& reading, const Sighting& sighting) 
 
 void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
     auto& index = state_.index;
+    // The root of the last run that had the number is not there to be let go.
+    if (!index.node(object).isRoot && !index.rootPath(object).empty()) forgetRoot(object);
     index.forEachChild(object, [&](auto at) { leave(at); });
     index.forEachName(object, [&](auto at) { leave(at); });
     for (const auto owner : departures_.closeVacanciesIn(object)) updateHold(owner);

@@ -142,6 +142,8 @@ class Reconciler {
     void inheritMetadata(const std::string& metadata, const QSURL& url, const ObjectIdentity& heir);
     void captureMetadata();
     void decideBelow(const QSURL& root);
+    /// REQUIRES: indexMutex is held.
+    void forgetRoot(NodeNumber root);
     void forgetBelow(NodeNumber folder, const std::string& path);
 
     VolumeService::State& state_;

@@ -11,15 +11,17 @@ Result<void> Follower::addRoot(const ObjectIdentity& identity, const QSURL& url)
     std::deque<NodeNumber> folders;
     {
         const std::scoped_lock lock(mutex_);
-        const auto [node, isSame] = [&] {
+        bool isOther = false;
+        {
             const std::shared_lock index(state_.indexMutex);
-            const auto known = state_.rootAt(url);
-            return std::pair(known, known != ObjectIndex::none &&
-                                        known == state_.index.findInode(identity.inode) &&
-                                        state_.index.node(known).generation == identity.generation);
-        }();
-        if (isSame) return {};
-        if (node != ObjectIndex::none) {
+            const auto node = state_.rootAt(url);
+            isOther = node != ObjectIndex::none &&
+                      (node != state_.index.findInode(identity.inode) ||
+                       state_.index.node(node).generation != identity.generation);
+            const bool isKnown = node != ObjectIndex::none && state_.index.node(node).isRoot;
+            if (isKnown && !isOther) return {};
+        }
+        if (isOther) {
             if (auto done = letGoOf(url); !done) return done;
         }
         {
@@ -103,21 +105,26 @@ bool Reconciler::letGo(const QSURL& url) {
     occasion_ = Occasion::Live;
     decideBelow(url);
     const std::unique_lock lock(state_.indexMutex);
+    forgetRoot(state_.rootAt(url));
+    return true;
+}
+
+void Reconciler::forgetRoot(NodeNumber root) {
     auto& index = state_.index;
-    const auto root = state_.rootAt(url);
-    forgetBelow(root, url.path());
+    const auto path = index.rootPath(root);
+    forgetBelow(root, path);
     goneFolders_.push_back(root);
     // Nothing else tells that it has gone where nothing is in it.
     EventRecord& gone = events_.emplace_back();
     gone.event.flags = fsEventRemoved | fsEventIsFolder;
-    gone.event.path = url.path();
+    gone.event.path = path;
     gone.time = std::time(nullptr);
     // Should it come back, that is news.
     index.setState(root, index.node(root).kind, 0, false);
     index.setRoot(root, false);
-    std::erase_if(state_.roots, [&](const auto& known) { return known.url == url; });
+    index.setRootPath(root, {});
+    std::erase_if(state_.roots, [&](const auto& known) { return known.node == root; });
     changeOf(state_.roots.front().node).isModified = true;
-    return true;
 }
 
 /// Nobody will look there any more for what went, or for what took its place.

@@ -59,12 +59,24 @@ Result<void> VolumeService::addRoot(const QSURL& root) {
     if ((*attributes)->device != state_->device) {
         return std::unexpected(errorFromErrno(EXDEV, root.path()));
     }
+    if ((*attributes)->kind() != ObjectKind::Directory) {
+        return std::unexpected(errorFromErrno(ENOTDIR, root.path()));
+    }
     return state_->follower->addRoot((*attributes)->identity, root);
 }
 
 Result<void> VolumeService::removeRoot(const QSURL& root) {
     if (root == state_->configuration.files.storageURL()) return {};
     return state_->follower->removeRoot(root);
+}
+
+std::vector<QSURL> VolumeService::formerRoots() const {
+    const std::shared_lock lock(state_->indexMutex);
+    std::vector<QSURL> urls;
+    for (const auto node : state_->index.formerRoots()) {
+        urls.push_back(QSURL::fileURLWithPath(state_->index.rootPath(node)));
+    }
+    return urls;
 }
 
 std::optional<QSUUID> VolumeService::UUIDForDevice(std::uint32_t device) const {

@@ -65,13 +65,16 @@ class VolumeService final : public EventHistory {
     /// Also follows what is below `root` (an application's library; the storage itself need not be
     /// added). While following, everything below it has been recorded as created when this returns,
     /// and a change of the storage folder as well; it blocks for the disk that long. EXDEV where it
-    /// is on another device. Again is fine; another folder under the same URL replaces the first.
+    /// is on another device, ENOTDIR where it is no folder. Again is fine; another folder under the
+    /// same URL replaces the first.
     Result<void> addRoot(const QSURL& root);
     /// Lets a root go: everything below it that has an identifier is recorded as removed, and a
     /// change of the storage folder. Nothing on disk is touched, and what comes back, here or
-    /// elsewhere, has the identifiers that it had. One that is no root, or the storage, is kept as
-    /// it is.
+    /// elsewhere, has the identifiers that it had. One of the last run need not be added for that.
+    /// One that is no root, or the storage, is kept as it is.
     Result<void> removeRoot(const QSURL& root);
+    /// Those of the last run that were neither added again nor removed.
+    [[nodiscard]] std::vector<QSURL> formerRoots() const;
 
     /// The UUID of the event history: another one after a store was rebuilt or rolled back, or the
     /// file system was replaced. Null for a device that is not this volume's.

@@ -61,12 +61,17 @@ void VolumeService::State::addRoot(const ObjectIdentity& identity, const QSURL& 
     const auto node = index.ensure(identity.inode);
     index.setGeneration(node, identity.generation);
     index.setRoot(node, true);
+    index.setRootPath(node, url.path());
     roots.push_back({node, url});
 }
 
 ObjectIndex::NodeNumber VolumeService::State::rootAt(const QSURL& url) const {
     const auto root = std::ranges::find(roots, url, &Root::url);
-    return root == roots.end() ? ObjectIndex::none : root->node;
+    if (root != roots.end()) return root->node;
+    const auto former = index.formerRoots();
+    const auto found =
+        std::ranges::find_if(former, [&](auto node) { return index.rootPath(node) == url.path(); });
+    return found == former.end() ? ObjectIndex::none : *found;
 }
 
 std::optional<QSURL> VolumeService::State::urlOf(ObjectIndex::NodeNumber number) const {

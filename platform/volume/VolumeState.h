@@ -33,7 +33,8 @@ struct VolumeService::State {
     };
     /// REQUIRES: there is no root under that URL.
     void addRoot(const ObjectIdentity& identity, const QSURL& url);
-    /// The root of that URL; none where there is none. REQUIRES: indexMutex is held.
+    /// The root of that URL, also one of the last run that was not added yet; none where there is
+    /// none. REQUIRES: indexMutex is held.
     [[nodiscard]] ObjectIndex::NodeNumber rootAt(const QSURL& url) const;
 
     /// The URL where the index locates the object, checked on the disk.

@@ -29,24 +29,27 @@ const std::string allDirectories(platform::QSFileProviderAllDirectoriesContainer
 /// One who keeps a replica of a container out of its listing and changes alone.
 class Client {
   public:
-    Client(host::DocumentService& service, std::string container, bool isFollowing = false)
+    using Service = std::unique_ptr<host::DocumentService>;
+    Client(const Service& service, std::string container, bool isFollowing = false)
         : service_(service), container_(std::move(container)) {
-        if (isFollowing) following_ = service_.follow(container_).value();
+        if (isFollowing) following_ = service_->follow(container_).value();
     }
 
+    void readAll() {
+        anchor = service_->anchor(container_).value();
+        names = listed();
+    }
     void sync() {
-        ASSERT_TRUE(service_.settle());
+        ASSERT_TRUE(service_->settle());
         for (;;) {
             if (!anchor) readAll();
             const auto apply = [&](const ChangePage& page) {
-                for (const auto& item : page.updates) {
-                    names[item.itemIdentifier] = item.filename;
-                }
+                for (const auto& item : page.updates) names[item.itemIdentifier] = item.filename;
                 for (const auto& identifier : page.deletions) names.erase(identifier);
                 return true;
             };
-            auto reached = following_ ? service_.changes(*following_, *anchor, apply)
-                                      : service_.changes(container_, *anchor, apply);
+            auto reached = following_ ? service_->changes(*following_, *anchor, apply)
+                                      : service_->changes(container_, *anchor, apply);
             if (reached) {
                 anchor = std::move(*reached);
                 break;
@@ -55,17 +58,15 @@ class Client {
             ++restarts;
             anchor.reset();
         }
-        std::map<std::string, std::string> present;
-        ASSERT_TRUE(service_.list(container_, host::Order::ByName, [&](const ItemRecord& item) {
-            present[item.itemIdentifier] = item.filename;
-            return true;
-        }));
-        EXPECT_EQ(names, present) << container_;
+        EXPECT_EQ(names, listed()) << container_;
     }
     [[nodiscard]] std::set<std::string> known() const {
         std::set<std::string> all;
         for (const auto& [identifier, name] : names) all.insert(name);
         return all;
+    }
+    [[nodiscard]] std::uint64_t version() const {
+        return tidewell::FSChangeToken::fromData(anchor.value()).value().appLibraryVersionToken;
     }
 
     std::optional<Anchor> anchor;
@@ -73,16 +74,16 @@ class Client {
     int restarts = 0;
 
   private:
-    void readAll() {
-        names.clear();
-        anchor = service_.anchor(container_).value();
-        ASSERT_TRUE(service_.list(container_, host::Order::ByName, [&](const ItemRecord& item) {
-            names[item.itemIdentifier] = item.filename;
+    [[nodiscard]] std::map<std::string, std::string> listed() const {
+        std::map<std::string, std::string> present;
+        EXPECT_TRUE(service_->list(container_, host::Order::ByName, [&](const ItemRecord& item) {
+            present[item.itemIdentifier] = item.filename;
             return true;
         }));
+        return present;
     }
 
-    host::DocumentService& service_;
+    const Service& service_;
     std::string container_;
     std::unique_ptr<host::Following> following_;
 };
@@ -91,6 +92,10 @@ class AppLibrariesTest : public tests::FedAppLibraries {
   protected:
     AppLibrariesTest() {
         (void)installApplication("org.a", "Name of org.a");
+        adjustVolume = [](platform::VolumeService::Configuration& configuration) {
+            using std::chrono::milliseconds;
+            configuration.windows = {milliseconds(5), milliseconds(40), milliseconds(200)};
+        };
         restart();
         open();
     }
@@ -120,9 +125,6 @@ class AppLibrariesTest : public tests::FedAppLibraries {
         const auto page = service->onePageOfChanges(container, token.data());
         return page ? platform::QSError{} : page.error();
     }
-    [[nodiscard]] static std::uint64_t version(const Anchor& anchor) {
-        return tidewell::FSChangeToken::fromData(anchor).value().appLibraryVersionToken;
-    }
 
     std::unique_ptr<host::DocumentService> service;
 };
@@ -132,12 +134,12 @@ TEST_F(AppLibrariesTest, TwoClientsOfTheWorkingSetMeetEveryAnswer) {
     libraryFile("org.a/Documents/a1");
     libraryFile("org.b/Documents/folder/b1");
     setApps({"org.a"});
-    Client first(*service, workingSet);
-    Client second(*service, workingSet);
+    Client first(service, workingSet);
+    Client second(service, workingSet);
     first.sync();
     second.sync();
     EXPECT_THAT(first.known(), UnorderedElementsAre("own", "Name of org.a", "a1"));
-    EXPECT_GT(version(*first.anchor), 0u) << "the first changes after no version name one";
+    EXPECT_GT(first.version(), 0u) << "the first changes after no version name one";
 
     setApps({"org.a", "org.b"});
     first.sync();  // equal, and upgraded
@@ -152,7 +154,7 @@ TEST_F(AppLibrariesTest, TwoClientsOfTheWorkingSetMeetEveryAnswer) {
     EXPECT_EQ(second.restarts, 1);
     EXPECT_THAT(second.known(), UnorderedElementsAre("own", "Name of org.b", "folder", "b1"));
     EXPECT_TRUE(std::filesystem::exists(scratch / "containers/org.a/Documents/a1"));
-    for (const auto wrong : {version(*first.anchor), version(*second.anchor) + 1}) {
+    for (const auto wrong : {first.version(), second.version() + 1}) {
         EXPECT_TRUE(host::meansExpired(changesWithVersion(workingSet, *second.anchor, wrong)));
     }
     EXPECT_THAT(logged(platform::LogLevel::Info, "app-library version is greater"), IsEmpty());
@@ -172,8 +174,8 @@ TEST_F(AppLibrariesTest, AFollowerOfAWideContainerKeepsItsAnchorAndOthersStartAg
     libraryFile("org.a/Documents/folder/x");
     setApps({"org.a"});
     for (const auto& container : {root, allDirectories}) {
-        Client following(*service, container, true);
-        Client other(*service, container);
+        Client following(service, container, true);
+        Client other(service, container);
         for (const auto& apps : std::vector<std::vector<std::string>>{
                  {"org.a"}, {"org.a", "org.b"}, {"org.b"}, {"org.a"}}) {
             setApps(apps);
@@ -184,7 +186,7 @@ TEST_F(AppLibrariesTest, AFollowerOfAWideContainerKeepsItsAnchorAndOthersStartAg
         EXPECT_EQ(following.restarts, 0);
         EXPECT_EQ(other.restarts, 3);
         log->clear();
-        const auto later = version(*following.anchor) + 1;
+        const auto later = following.version() + 1;
         EXPECT_TRUE(host::meansExpired(changesWithVersion(container, *following.anchor, later)));
         EXPECT_THAT(logged(platform::LogLevel::Info, "app-library version is greater"), SizeIs(1));
     }
@@ -209,6 +211,13 @@ TEST_F(AppLibrariesTest, LibrariesStandBeforeTheDocumentsAndNoPageSurvivesAnothe
             EXPECT_THAT(refused.items, IsEmpty());
         }
     }
+    // Another order is another set, but over the same roots in the same order.
+    setApps({"org.a", "org.b"});
+    const auto before = libraries->mainCache()->versionToken();
+    const auto first = service->onePage(workingSet, host::Order::ByName);
+    setApps({"org.b", "org.a"});
+    EXPECT_GT(libraries->mainCache()->versionToken(), before);
+    EXPECT_TRUE(service->onePage(workingSet, first.next.value().value()).next);
     // The listing that begins again by itself: nothing twice, nothing left out.
     setApps({});
     std::vector<std::string> met;
@@ -227,24 +236,62 @@ TEST_F(AppLibrariesTest, LibrariesStandBeforeTheDocumentsAndNoPageSurvivesAnothe
     EXPECT_THAT(service->onePage("#org.a", host::Order::ByName).items, SizeIs(30));
 }
 
-TEST_F(AppLibrariesTest, ARestartWithTheSameApplicationsChangesNothing) {
-    libraryFile("org.a/Documents/a1");
+TEST_F(AppLibrariesTest, WhatCannotBeSavedWasToldToNobody) {
+    Client following(service, workingSet, true);
+    Client other(service, workingSet);
+    setApps({});
+    following.sync();
+    other.sync();
+    std::filesystem::remove(cacheFile(false));
+    (void)scratch.makeFile("apps/Tidewell/searchable-app-libraries.plist/in the way");
+    setApps({"org.a"});
+    following.sync();  // equal, and upgraded beyond the working set
+    other.sync();      // the same, by an enumerator that is gone with the answer
+    EXPECT_EQ(following.restarts + other.restarts, 0);
+    following.sync();  // equal, but never saved
+    EXPECT_EQ(following.restarts, 1);
+    EXPECT_THAT(logged(platform::LogLevel::Info, "local version was never saved"), SizeIs(1));
+    other.sync();  // matches nothing
+    EXPECT_EQ(other.restarts, 1);
+
+    std::filesystem::remove_all(cacheFile(false));
+    following.sync();
+    EXPECT_EQ(following.restarts, 2);
+    other.sync();
     setApps({"org.a", "org.b"});
-    Client before(*service, root);
-    before.sync();
-    feed({"org.a", "org.b"});
+    following.sync();
+    EXPECT_EQ(following.restarts, 2);
+    EXPECT_THAT(following.known(), IsSupersetOf({"Name of org.a", "Name of org.b"}));
+}
+
+TEST_F(AppLibrariesTest, ARestartChangesNothingAndALostCacheHidesNothing) {
+    libraryFile("org.a/Documents/folder/a1");
+    libraryFile("org.b/Documents/b1");
+    setApps({"org.a", "org.b"});
+    Client ofRoot(service, root);
+    Client told(service, workingSet);
+    ofRoot.sync();
+    told.sync();
     reopen();
     (void)libraries->refresh();
-    Client after(*service, root);
-    after.anchor = before.anchor;
-    after.names = before.names;
-    after.sync();
-    EXPECT_EQ(after.restarts, 0);
+    ofRoot.sync();
+    told.sync();
+    EXPECT_EQ(ofRoot.restarts + told.restarts, 0);
 
-    // A main cache that is lost begins at a version that was never given out.
+    // What goes while nothing says what was there.
+    Client untold(service, workingSet);
+    untold.readAll();
     std::filesystem::remove(cacheFile(true));
+    feed({"org.b"});
     reopen();
-    EXPECT_GT(libraries->mainCache()->versionToken(), version(*before.anchor));
+    EXPECT_GT(libraries->mainCache()->versionToken(), told.version()) << "was never given out";
+    for (auto* client : {&told, &untold, &ofRoot}) client->sync();
+    EXPECT_EQ(told.restarts + untold.restarts, 0);
+    EXPECT_THAT(told.known(), UnorderedElementsAre("Name of org.b", "b1"));
+    setApps({"org.a", "org.b"});
+    told.sync();
+    EXPECT_EQ(told.restarts, 0);
+    EXPECT_THAT(told.known(), IsSupersetOf({"Name of org.a", "folder", "a1"}));
 }
 
 TEST_F(AppLibrariesTest, SearchFollowsTheWorkingSetAndForgetsDomains) {

@@ -31,6 +31,7 @@ class FedAppLibraries : public InstalledPlatform {
                 std::string(platform::presentedContainersPath) + "/" + identifier);
             bundle.displayName = "Name of " + identifier;
             bundle.dataContainerPath = scratch / ("containers/" + identifier);
+            scratch.makeFolder("containers/" + identifier + "/Documents");
             fed.push_back(std::make_shared<const platform::QLBundleProxy>(bundle));
         }
     }

@@ -54,9 +54,11 @@ class InstalledPlatform : public testing::Test {
                 .overrides = {},
                 .languages = {}};
     }
-    /// A desktop entry of the user's with these further lines; what follows the folder will notice.
+    /// A desktop entry of the user's with these further lines, of an application that has run
+    /// before; what follows the folder will notice.
     std::filesystem::path installApplication(const std::string& identifier, const std::string& name,
                                              std::string_view lines = {}) const {
+        scratch.makeFolder("containers/" + identifier + "/Documents");
         return scratch.makeFile(
             "share/applications/" + identifier + ".desktop",
             "[Desktop Entry]\nType=Application\nName=" + name + "\n" + std::string(lines));

@@ -1,7 +1,8 @@
 #include <gmock/gmock.h>
 
-#include <condition_variable>
 #include <latch>
+#include <semaphore>
+#include <thread>
 
 #include "platform/foundation/QSKeyedArchiver.h"
 #include "tests/support/FedAppLibraries.h"
@@ -87,7 +88,17 @@ TEST_F(AppLibrariesTest, SetsAreNamedOnceAndOnlyWhenTheyAreKept) {
     EXPECT_THAT(upgrade.removedIdentifiers(), ElementsAre("#org.a"));
     EXPECT_FALSE(manager.upgradeFromMainCache(*libraries->mainCache(), first));
 
-    // A set that cannot be saved is nobody's, and what left for it comes back.
+    // So is one whose application has its documents elsewhere.
+    auto moved = *bundle("org.b");
+    moved.dataContainerPath = scratch / "containers/org.moved";
+    libraryFile("org.moved/Documents/note");
+    fed = {std::make_shared<const QLBundleProxy>(moved)};
+    EXPECT_TRUE(libraries->refresh());
+    EXPECT_TRUE(installed->files().freshAttributes(
+        TWPAppLibraryManager::rootURLsForAppLibraries().front().URLByAppendingPathComponent(
+            "note")));
+
+    // A set that cannot be saved is nobody's.
     std::filesystem::remove_all(scratch / "apps/Tidewell");
     scratch.makeFile("apps/Tidewell");
     setApps({"org.c"});
@@ -115,18 +126,35 @@ TEST_F(AppLibrariesTest, WhatTheRegistryOffersIsTakenInOrderOnceForEachContainer
     EXPECT_FALSE(std::filesystem::exists(scratch / "containers/org.half"));
 }
 
-/// A provider whose signals and refreshes can be waited for.
+/// A provider over the real registry, whose refreshes can be held and whose signals waited for.
 class RefreshTest : public AppLibrariesTest {
   protected:
+    RefreshTest() {
+        adjustRegistry = [](QLApplicationWorkspace::Configuration& configuration) {
+            configuration.rest = std::chrono::milliseconds(10);
+        };
+        restart();
+    }
+    /// The refresh at the start is held behind the registry.
     void open() {
         installed->manager().setSignalHandler([this](const std::string& container, auto done) {
-            const std::scoped_lock lock(signalMutex);
-            signals.push_back(container);
+            {
+                const std::scoped_lock lock(mutex);
+                signals.push_back(container);
+            }
             done(std::nullopt);
-            signalled.notify_all();
+            signalled.release();
         });
-        load();
+        libraries = AppLibraries::load([this] {
+            auto bundles = retrieveAppLibraries();
+            if (++retrievals == 2) {
+                isHeld.count_down();
+                mayGoOn.wait();
+            }
+            return bundles;
+        });
         provider = LocalFileProvider::init(libraries);
+        isHeld.wait();
     }
     void TearDown() override {
         provider.reset();
@@ -134,77 +162,41 @@ class RefreshTest : public AppLibrariesTest {
         mainQueue().sync([] {});
         installed->manager().setSignalHandler({});
     }
-    void post(int times = 1) const {
-        while (times-- > 0) {
-            installed->notifications()->post("com.quenby.Registrar.applicationRegistered");
-        }
+    void install(const std::string& identifier) const {
+        (void)installApplication(identifier, "App", "X-Quenby-SupportsDocumentBrowser=true\n");
+        installed->workspace().refresh();
     }
-    void awaitSignals(std::size_t count) {
-        std::unique_lock lock(signalMutex);
-        EXPECT_TRUE(signalled.wait_for(lock, std::chrono::seconds(20),
-                                       [&] { return signals.size() >= count; }));
-    }
-    void awaitRetrievals(int count) const {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (retrievals < count && std::chrono::steady_clock::now() < end) {
-            std::this_thread::yield();
-        }
+    void awaitSignals(int count) {
+        while (count-- > 0) EXPECT_TRUE(signalled.try_acquire_for(std::chrono::seconds(20)));
     }
 
+    std::latch isHeld{1};
+    std::latch mayGoOn{1};
     std::shared_ptr<LocalFileProvider> provider;
-    std::mutex signalMutex;
-    std::condition_variable signalled;
-    std::vector<std::string> signals;  // guarded by signalMutex
+    std::vector<std::string> signals;  // guarded by mutex
+    std::counting_semaphore<> signalled{0};
 };
 
 TEST_F(RefreshTest, TenNotificationsAreOneRefreshAndOnlyWhatChangedIsSignalled) {
-    feed({"org.a"});
     open();
-    awaitSignals(2);  // the working set at the start, and what it was never told
-    awaitRetrievals(2);
-    feed({"org.a", "org.b"});
-    post(10);
+    for (int i = 0; i < 10; ++i) install("org." + std::to_string(i));
+    mayGoOn.count_down();
     awaitSignals(4);
     EXPECT_EQ(retrievals, 3);
-    post();
-    awaitRetrievals(4);
-    provider.reset();
-    EXPECT_EQ(retrievals, 4);
-    EXPECT_THAT(signals, ElementsAre(workingSet, workingSet, root, workingSet));
-}
-
-TEST_F(RefreshTest, DefaultContainersAreItemsOrAnInvalidParameter) {
-    (void)installApplication("org.a", "App", "X-Quenby-SupportsDocumentBrowser=true\n");
-    installed->workspace().refresh();
-    provider = LocalFileProvider::init();
-    const auto container = [&](const std::string& identifier) {
-        std::optional<Result<ItemRef>> answer;
-        provider->_defaultApplicationContainerForBundleIdentifier(
-            identifier, [&](Result<ItemRef> given) { answer = std::move(given); });
-        return answer.value();
-    };
-    EXPECT_EQ(container("org.a").value()->itemIdentifier(), "#org.a");
-    EXPECT_EQ(container("org.none").error(),
-              QPInvalidParameterError("bundleIdentifier", "org.none"));
-    EXPECT_THAT(logged(LogLevel::Error, "can't create bundle proxy with 'org.none'"), SizeIs(1));
+    EXPECT_THAT(TWPAppLibraryManager::rootURLsForAppLibraries(), SizeIs(10));
+    installed->notifications()->post(applicationRegisteredNotification);  // of nothing
+    while (retrievals < 4) std::this_thread::yield();
+    std::filesystem::remove(scratch / "share/applications/org.0.desktop");
+    awaitSignals(2);
+    EXPECT_THAT(signals, ElementsAre(workingSet,        // at the start
+                                     workingSet,        // which was never told of a set
+                                     root, workingSet,  // what came
+                                     root, workingSet));
 }
 
 TEST_F(RefreshTest, ASlowRegistryHoldsUpNobodyAndObserversMayAsk) {
-    (void)installApplication("org.a", "App", "X-Quenby-SupportsDocumentBrowser=true\n");
-    installed->workspace().refresh();
-    std::latch isInside(1);
-    std::latch mayEnd(1);
-    std::atomic<bool> isSlow = false;
-    libraries = AppLibraries::load([&] {
-        if (isSlow.exchange(false)) {
-            isInside.count_down();
-            mayEnd.wait();
-        }
-        return retrieveAppLibraries();
-    });
-    isSlow = true;
-    provider = LocalFileProvider::init(libraries);  // which refreshes once
-    isInside.wait();
+    install("org.a");
+    open();
     const auto enumerator = provider->enumeratorForContainerItemIdentifier(std::string(root));
     std::optional<QSFileProviderSyncAnchor> anchor;
     (*enumerator)->currentSyncAnchorWithCompletionHandler([&](auto now) { anchor = now; });
@@ -217,7 +209,18 @@ TEST_F(RefreshTest, ASlowRegistryHoldsUpNobodyAndObserversMayAsk) {
     EXPECT_EQ(observer->end.get_future().wait_for(std::chrono::seconds(20)),
               std::future_status::ready);
     EXPECT_EQ(found, 1);
-    mayEnd.count_down();
+
+    const auto container = [&](const std::string& identifier) {
+        std::optional<Result<ItemRef>> answer;
+        provider->_defaultApplicationContainerForBundleIdentifier(
+            identifier, [&](Result<ItemRef> given) { answer = std::move(given); });
+        return answer.value();
+    };
+    EXPECT_EQ(container("org.a").value()->itemIdentifier(), "#org.a");
+    EXPECT_EQ(container("org.none").error(),
+              QPInvalidParameterError("bundleIdentifier", "org.none"));
+    EXPECT_THAT(logged(LogLevel::Error, "can't create bundle proxy with 'org.none'"), SizeIs(1));
+    mayGoOn.count_down();
     (void)libraries->refresh();  // runs behind it
     (*enumerator)->invalidate();
 }

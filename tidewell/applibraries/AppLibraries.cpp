@@ -49,10 +49,13 @@ std::shared_ptr<AppLibraries> AppLibraries::load(LocalAppLibraryManager::Source 
     std::shared_ptr<AppLibraries> libraries(new AppLibraries(std::move(source)));
     const bool isLoaded = loadCache(*libraries->main_);
     (void)loadCache(*libraries->workingSet_);
-    show(libraries->main_->content().bundleProxies);
     libraries->mainManager_ = std::make_unique<LocalAppLibraryManager>(libraries->main_);
     libraries->sharedManager_ = std::make_unique<LocalAppLibraryManager>(libraries->workingSet_);
-    if (isLoaded || !libraries->refresh()) finishWhatWasLeft();
+    // With nothing to go by it is the registry that says what of the last run is still there.
+    if (isLoaded || !libraries->refresh()) {
+        show(libraries->main_->content().bundleProxies);
+        finishWhatWasLeft();
+    }
     return libraries;
 }
 
@@ -61,7 +64,11 @@ AppLibraries::~AppLibraries() {
 }
 
 bool AppLibraries::refresh() {
-    if (!mainManager_->refresh(source_, show)) return false;
+    if (!mainManager_->refresh(source_, show)) {
+        // The source may have made a folder that was missing.
+        Platform::current().containers().lookAgain();
+        return false;
+    }
     finishWhatWasLeft();
     std::vector<std::shared_ptr<std::function<void()>>> told;
     {

@@ -159,12 +159,11 @@ Result<bool> LocalAppLibraryCache::update(const Change& change, const Written& w
         const AppLibraryContent before{bundleProxies_, _versionToken};
         auto now = change(before);
         if (!now) return;
-        auto done = write(*now);
-        if (written) written(done ? *now : before);
-        if (!done) {
+        if (auto done = write(*now); !done) {
             result = std::unexpected(std::move(done.error()));
             return;
         }
+        if (written) written(*now);
         bundleProxies_ = std::move(now->bundleProxies);
         _versionToken = now->versionToken;
         result = true;

@@ -41,8 +41,7 @@ class LocalAppLibraryCache {
     /// What is to be saved instead of the present content; none leaves that as it is.
     using Change =
         std::function<std::optional<AppLibraryContent>(const AppLibraryContent& present)>;
-    /// Gets the content that is in force, once the file is written (or could not be) and before
-    /// anyone sees it.
+    /// Gets what was saved, once the file is written and before anyone sees it.
     using Written = std::function<void(const AppLibraryContent& content)>;
     /// One step that nobody sees half of; true where there was something to save. Both are called
     /// on queue().

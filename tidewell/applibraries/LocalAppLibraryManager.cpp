@@ -1,7 +1,6 @@
 #include "tidewell/applibraries/LocalAppLibraryManager.h"
 
 #include <algorithm>
-#include <iterator>
 
 #include "platform/fileprovider/Platform.h"
 #include "tidewell/common/Logging.h"
@@ -25,17 +24,6 @@ bool areIdentical(const std::vector<BundleRef>& a, const std::vector<BundleRef>&
     return std::ranges::equal(a, b, [](const BundleRef& left, const BundleRef& right) {
         return left->dataContainerURL == right->dataContainerURL;
     });
-}
-
-/// Those of the first whose containers are in the second.
-std::vector<BundleRef> common(const std::vector<BundleRef>& first,
-                              const std::vector<BundleRef>& second) {
-    const auto roots = rootsOf(second);
-    std::vector<BundleRef> bundles;
-    std::ranges::copy_if(first, std::back_inserter(bundles), [&](const BundleRef& bundle) {
-        return bundle->dataContainerURL && roots.contains(rootOf(*bundle));
-    });
-    return bundles;
 }
 
 /// The record with the name that its application has now.
@@ -128,7 +116,6 @@ bool LocalAppLibraryManager::refresh(const Source& source, const Show& show) {
                     logInfo("bundle proxies are identical to previous version");
                     return std::nullopt;
                 }
-                show(common(present.bundleProxies, bundles));
                 return AppLibraryContent{bundles, versionAfter(present.versionToken)};
             },
             [&](const AppLibraryContent& content) { show(content.bundleProxies); });

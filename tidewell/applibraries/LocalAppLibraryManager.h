@@ -39,10 +39,9 @@ class LocalAppLibraryManager {
     using Source = std::function<std::vector<BundleRef>()>;
     /// Makes exactly these the roots of the tree.
     using Show = std::function<void(const std::vector<BundleRef>& bundles)>;
-    /// Brings the cache up to the source and answers whether the set is another one. What leaves
-    /// the set is let out before that is saved, and what comes is let in afterwards, so that a
-    /// process that ends in between is made good by showing what was saved. A failure is logged,
-    /// and the set stays as it was.
+    /// Brings the cache up to the source and answers whether the set is another one. It is saved
+    /// before it is shown, so that a process that ends in between is made good by showing what was
+    /// saved. A failure is logged, and the set stays as it was.
     bool refresh(const Source& source, const Show& show);
 
     /// Takes over the present content of the main cache. None, and nothing is taken over, where

@@ -16,18 +16,24 @@ namespace fs = std::filesystem;
 
 class AppContainersTest : public InstalledPlatform {
   protected:
+    /// Of an application whose library has the file "note".
     BundleRef bundle(const std::string& identifier) const {
+        const auto container = scratch / ("containers/" + identifier);
+        if (!fs::exists(container)) (void)makeNote(identifier);
         return std::make_shared<const QLBundleProxy>(QLBundleProxy{
             .bundleIdentifier = identifier,
             .dataContainerURL =
-                QSURL::fileURLWithPath("/private/var/tidewell/Containers/" + identifier),
+                QSURL::fileURLWithPath(std::string(presentedContainersPath) + "/" + identifier),
             .displayName = {},
-            .dataContainerPath = scratch / ("containers/" + identifier)});
+            .dataContainerPath = container});
+    }
+    fs::path makeNote(const std::string& identifier) const {
+        return scratch.makeFile("containers/" + identifier + "/Documents/note");
     }
     bool isShown(const std::string& identifier) const {
-        const auto root =
-            QSURL::fileURLWithPath("/private/var/tidewell/Containers/" + identifier + "/Documents");
-        return installed->files().freshAttributes(root).has_value();
+        const auto note = QSURL::fileURLWithPath(std::string(presentedContainersPath) + "/" +
+                                                 identifier + "/Documents/note");
+        return installed->files().freshAttributes(note).has_value();
     }
     std::size_t roots() const { return installed->volume().statistics().roots.size(); }
 };
@@ -35,14 +41,16 @@ class AppContainersTest : public InstalledPlatform {
 TEST_F(AppContainersTest, LetsInExactlyThoseThatAreNamed) {
     const std::vector both{bundle("org.a"), bundle("org.b")};
     EXPECT_THAT(installed->containers().show(both), IsEmpty());
-    EXPECT_TRUE(fs::is_directory(scratch / "containers/org.a/Documents"));
     EXPECT_TRUE(isShown("org.a") && isShown("org.b"));
     EXPECT_EQ(roots(), 3U);
-    (void)scratch.makeFile("containers/org.a/Documents/note");
+    // Those of the last run too, though nobody has named them.
+    restart();
+    EXPECT_EQ(installed->volume().formerRoots().size(), 2U);
     EXPECT_THAT(installed->containers().show(std::span(both).last(1)), IsEmpty());
     EXPECT_FALSE(isShown("org.a"));
     EXPECT_TRUE(fs::exists(scratch / "containers/org.a/Documents/note"));
     EXPECT_EQ(roots(), 2U);
+    EXPECT_THAT(installed->volume().formerRoots(), IsEmpty());
     EXPECT_THAT(installed->containers().show({}), IsEmpty());
     EXPECT_EQ(roots(), 1U);
 }
@@ -52,14 +60,17 @@ TEST_F(AppContainersTest, WhatIsNoContainerOfThisVolumeIsRefused) {
         const auto url = installed->containers().URLForContainer("org.a", path);
         return url ? 0 : url.error().code;
     };
-    EXPECT_EQ(code(scratch / "not/there/yet"), 0);
-    EXPECT_EQ(code("/proc/self"), EXDEV);
-    EXPECT_EQ(code(storage() / "inside"), EINVAL);
-    EXPECT_EQ(code(scratch.path()), EINVAL);
     fs::create_directory_symlink("/proc", scratch / "far");
-    EXPECT_EQ(code(scratch / "far"), EXDEV);
-    EXPECT_EQ(code(scratch.makeFile("file")), ENOTDIR);
-    // A library that is a link out of its container.
+    for (const auto& [path, expected] :
+         std::vector<std::pair<fs::path, int>>{{scratch / "not/there/yet", 0},
+                                               {"/proc/self", EXDEV},
+                                               {scratch / "far", EXDEV},
+                                               {storage() / "inside", EINVAL},
+                                               {scratch.path(), EINVAL},
+                                               {scratch.makeFile("file"), ENOTDIR}}) {
+        EXPECT_EQ(code(path), expected) << path;
+    }
+    // A library that is a link out of its container, until it is none.
     scratch.makeFolder("containers/org.link");
     fs::create_directory_symlink(storage(), scratch / "containers/org.link/Documents");
     EXPECT_THAT(installed->containers().show(std::vector{bundle("org.link"), bundle("org.a")}),
@@ -67,6 +78,10 @@ TEST_F(AppContainersTest, WhatIsNoContainerOfThisVolumeIsRefused) {
     EXPECT_TRUE(isShown("org.a"));
     EXPECT_EQ(roots(), 2U);
     EXPECT_THAT(logged(LogLevel::Error, "can't show the documents of org.link; "), SizeIs(1));
+    fs::remove(scratch / "containers/org.link/Documents");
+    (void)makeNote("org.link");
+    installed->containers().lookAgain();
+    EXPECT_TRUE(isShown("org.link"));
 }
 
 TEST_F(AppContainersTest, AContainerThatIsReplacedIsFoundAgain) {
@@ -80,16 +95,13 @@ TEST_F(AppContainersTest, AContainerThatIsReplacedIsFoundAgain) {
     };
     restart();
     read.acquire();
+    (void)makeNote("org.a");
     (void)installApplication("org.a", "A", "X-Quenby-SupportsDocumentBrowser=true\n");
     installed->workspace().refresh();
-    EXPECT_THAT(installed->containers().show(
-                    std::vector{installed->workspace().bundleProxyForIdentifier("org.a")}),
-                IsEmpty());
+    EXPECT_THAT(installed->containers().show(std::vector{bundle("org.a")}), IsEmpty());
     fs::rename(scratch / "containers/org.a", scratch / "elsewhere");
-    (void)scratch.makeFile("containers/org.a/Documents/note");
-    const auto note =
-        QSURL::fileURLWithPath("/private/var/tidewell/Containers/org.a/Documents/note");
-    while (!installed->files().freshAttributes(note)) read.acquire();
+    (void)makeNote("org.a");
+    while (!isShown("org.a")) read.acquire();
     EXPECT_EQ(roots(), 2U);
     installed->workspace().stop();
 }
