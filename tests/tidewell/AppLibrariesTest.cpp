@@ -117,6 +117,7 @@ TEST_F(AppLibrariesTest, WhatTheRegistryOffersIsTakenInOrderOnceForEachContainer
     install("org.half", "X-Quenby-SupportsOpenInPlace=true\n");
     install("org.browser", "X-Quenby-SupportsDocumentBrowser=true\n");
     install("org.stuck", "X-Quenby-SupportsDocumentBrowser=true\n");
+    std::filesystem::remove_all(scratch / "containers");
     scratch.makeFile("containers/org.stuck/Documents");
     installed->workspace().refresh();
     std::vector<std::string> kept;

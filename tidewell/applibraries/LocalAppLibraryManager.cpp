@@ -20,9 +20,11 @@ std::string textOf(const QLBundleProxy& bundle) {
            (bundle.dataContainerURL ? bundle.dataContainerURL->path() : std::string("(null)"));
 }
 
+/// The folder counts too: an application that was renamed may get another one under its URL.
 bool areIdentical(const std::vector<BundleRef>& a, const std::vector<BundleRef>& b) {
     return std::ranges::equal(a, b, [](const BundleRef& left, const BundleRef& right) {
-        return left->dataContainerURL == right->dataContainerURL;
+        return left->dataContainerURL == right->dataContainerURL &&
+               left->dataContainerPath == right->dataContainerPath;
     });
 }
 
