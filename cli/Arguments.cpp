@@ -238,6 +238,7 @@ platform::Result<std::string> absolutePath(const std::string& path) {
     if (folder.empty() && !path.empty()) folder = ".";
     std::error_code failure;
     const auto real = std::filesystem::canonical(folder, failure);
+    if (path.empty()) failure = std::make_error_code(std::errc::no_such_file_or_directory);
     if (failure) return std::unexpected(platform::errorFromErrno(failure.value(), path));
     if (isWhole && path.ends_with('/') && !std::filesystem::is_directory(real)) {
         return std::unexpected(platform::errorFromErrno(ENOTDIR, path));

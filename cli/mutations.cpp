@@ -141,7 +141,9 @@ class Run {
     [[nodiscard]] ExitCode print(const Result<ItemRecord>& item, std::string_view subject) {
         if (!item) {
             progress_.end();
-            return report(item.error(), subject, arguments_.json);
+            const bool isOfFolder =
+                given_.to && item.error().domain == platform::QSMochaErrorDomain;
+            return report(item.error(), isOfFolder ? *given_.to : subject, arguments_.json);
         }
         const bool isOneOnly = arguments_.command != Command::Import &&
                                arguments_.command != Command::Trash &&

@@ -60,6 +60,16 @@ bool meansGone(int code) {
     return code == ENOENT || code == ENOTDIR || code == ELOOP || code == EXDEV;
 }
 
+/// Of two objects that are both held open.
+bool areSame(const struct stat& one, const struct stat& other) {
+    return one.st_ino == other.st_ino && one.st_dev == other.st_dev;
+}
+bool areSame(int one, int other) {
+    struct stat first {};
+    struct stat second {};
+    return fstat(one, &first) == 0 && fstat(other, &second) == 0 && areSame(first, second);
+}
+
 QSError goneError(const std::string& path) {
     auto error = QPItemNotFoundError(path);
     error.userInfo.insert_or_assign(std::string(QSDescriptionErrorKey),
@@ -80,6 +90,14 @@ QSError MutableTree::failure(int code, const QSURL& url) const {
     if (code == EXDEV) tell("the file system does not let it be moved");
     if (code == E2BIG) tell("the extended attributes do not fit the file system");
     return error;
+}
+
+QSError MutableTree::failure(const QSError& error, const QSURL& url) const {
+    if (error.domain != QSPOSIXErrorDomain) return error;
+    auto told = failure(static_cast<int>(error.code), url);
+    const auto path = error.userInfo.find(QSFilePathErrorKey);
+    if (path != error.userInfo.end()) told.userInfo.insert_or_assign(path->first, path->second);
+    return told;
 }
 
 Result<MutableTree::OpenFolder> MutableTree::openFolder(const QSURL& url) const {
@@ -162,10 +180,8 @@ Result<QSURL> MutableTree::moveHeld(const HeldItem& item, const OpenFolder& fold
                                     const std::string& name, Naming naming,
                                     QSProgress& progress) const {
     const auto itemURL = made(item.parent, item.name);
-    if (name == item.name) {
-        const auto here = readIdentity(item.parent.fd.get(), "", nullptr, files_.credentials());
-        const auto there = readIdentity(folder.fd.get(), "", nullptr, files_.credentials());
-        if (here && there && *here == *there) return made(folder, name);
+    if (name == item.name && areSame(item.parent.fd.get(), folder.fd.get())) {
+        return made(folder, name);
     }
     const auto reached = renameInto(item.parent.fd.get(), item.name, folder, name, naming);
     if (!reached) {
@@ -216,8 +232,7 @@ Result<QSURL> MutableTree::copyInto(int source, const std::string& sourceName,
     if (!reached) {
         QSProgress removal;
         if (!removeTree(folder.fd.get(), hidden, removal)) (*record)->keep();
-        if (reached.error().domain != QSPOSIXErrorDomain) return std::unexpected(reached.error());
-        return std::unexpected(failure(static_cast<int>(reached.error().code), url));
+        return std::unexpected(failure(reached.error(), url));
     }
     const FileDescriptor readable(openat(folder.fd.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (readable && fsync(readable.get()) != 0) {
@@ -238,10 +253,8 @@ Result<void> MutableTree::checkNotInside(const FileDescriptor& object,
     if (fstat(object.get(), &source) != 0) return std::unexpected(failure(errno, folder.url));
     FileDescriptor above(openat(folder.fd.get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
     for (struct stat last{}, now{}; above && fstat(above.get(), &now) == 0; last = now) {
-        if (now.st_ino == source.st_ino && now.st_dev == source.st_dev) {
-            return std::unexpected(failure(EINVAL, folder.url));
-        }
-        if (now.st_ino == last.st_ino && now.st_dev == last.st_dev) break;  // the top
+        if (areSame(now, source)) return std::unexpected(failure(EINVAL, folder.url));
+        if (areSame(now, last)) break;  // the top
         above.reset(openat(above.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
     }
     return {};
@@ -349,7 +362,7 @@ Result<void> MutableTree::hideAndRemove(const HeldItem& item, QSProgress& progre
     const auto removed = removeTree(folder, hidden, progress);
     if (removed) return {};
     if (!putBack(folder, hidden, item)) (*record)->keep();
-    return std::unexpected(failure(static_cast<int>(removed.error().code), url));
+    return std::unexpected(failure(removed.error(), url));
 }
 
 }  // namespace platform

@@ -69,6 +69,8 @@ class MutableTree {
     bool putBack(int from, const std::string& hidden, const HeldItem& item) const;
     [[nodiscard]] QSURL made(const OpenFolder& folder, const std::string& name) const;
     [[nodiscard]] QSError failure(int code, const QSURL& url) const;
+    /// The same for what went wrong, which may name another object.
+    [[nodiscard]] QSError failure(const QSError& error, const QSURL& url) const;
 
     const FileSystem& files_;
     UnfinishedWork& unfinished_;

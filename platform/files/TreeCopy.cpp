@@ -12,9 +12,11 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <limits>
 #include <vector>
 
 #include "platform/files/DirectoryStream.h"
+#include "platform/files/SystemCalls.h"
 #include "platform/foundation/QSData.h"
 
 namespace platform {
@@ -28,6 +30,14 @@ constexpr std::int64_t rangeAtOnce = 16 << 20;  // between two looks at the prog
 
 Result<void> failure(int code) {
     return std::unexpected(errorFromErrno(code));
+}
+
+/// The same with the native path of what it is about.
+Result<void> failureAt(int folder, const char* name, int code) {
+    std::array<char, PATH_MAX> place;
+    const auto size = readlink(descriptorPath(folder, "").c_str(), place.data(), place.size());
+    const std::string path(place.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    return std::unexpected(errorFromErrno(code, path + "/" + name));
 }
 
 /// Attributes that go with a copy: users' own and access lists.
@@ -87,15 +97,16 @@ Result<void> TreeCopy::copyObject(Side source, Side target, unsigned depth) {
     if (depth > deepestTree) return failure(ENAMETOOLONG);
     struct stat status {};
     if (fstatat(source.folder, source.name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        return failure(errno);
+        return failureAt(source.folder, source.name, errno);
     }
     if (S_ISLNK(status.st_mode)) return copyLink(source, target);
     if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
-        return depth == 0 || special_ == Special::Refused ? failure(ENOTSUP) : Result<void>();
+        const bool isRefused = depth == 0 || special_ == Special::Refused;
+        return isRefused ? failureAt(source.folder, source.name, ENOTSUP) : Result<void>();
     }
     FileDescriptor object(openat(source.folder, source.name,
                                  O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (!object) return failure(errno);
+    if (!object) return failureAt(source.folder, source.name, errno);
     Result<void> copied;
     if (S_ISDIR(status.st_mode)) {
         copied = copyFolder(std::move(object), target, depth);
@@ -109,7 +120,7 @@ Result<void> TreeCopy::copyObject(Side source, Side target, unsigned depth) {
 Result<void> TreeCopy::copyLink(Side source, Side target) {
     std::array<char, PATH_MAX> text;
     const auto size = readlinkat(source.folder, source.name, text.data(), text.size() - 1);
-    if (size < 0) return failure(errno);
+    if (size < 0) return failureAt(source.folder, source.name, errno);
     text[static_cast<std::size_t>(size)] = '\0';
     if (symlinkat(text.data(), target.folder, target.name) != 0) return failure(errno);
     struct stat status {};
@@ -164,7 +175,8 @@ Result<void> TreeCopy::copyFolder(FileDescriptor source, Side target, unsigned d
 }
 
 Result<void> TreeCopy::copyContent(int source, int target, std::uint64_t size) {
-    if (size == 0) return {};
+    // Some file systems that make up what is read tell no sizes.
+    if (size == 0) return copyRange(source, target, 0, std::numeric_limits<off_t>::max(), false);
     if (canClone_) {
         if (ioctl(target, FICLONE, source) == 0) {
             progress_.addBytes(size);
@@ -182,20 +194,21 @@ Result<void> TreeCopy::copyContent(int source, int target, std::uint64_t size) {
         const auto hole = data < 0 ? end : std::max(lseek(source, begin, SEEK_HOLE), begin);
         const auto upTo = hole == begin ? end : std::min<off_t>(hole, end);
         if (begin >= end) break;
-        if (auto copied = copyRange(source, target, begin, upTo); !copied) return copied;
+        if (auto copied = copyRange(source, target, begin, upTo, true); !copied) return copied;
         at = upTo;
     }
     if (ftruncate(target, end) != 0) return failure(errno);
     return {};
 }
 
-Result<void> TreeCopy::copyRange(int source, int target, std::int64_t begin, std::int64_t end) {
+Result<void> TreeCopy::copyRange(int source, int target, std::int64_t begin, std::int64_t end,
+                                 bool inKernel) {
     std::vector<char> buffer;
     for (off_t at = begin; at < end;) {
         if (progress_.isCancelled()) return failure(ECANCELED);
         const auto wanted = static_cast<std::size_t>(std::min<off_t>(end - at, rangeAtOnce));
         ssize_t count = -1;
-        if (canCopyInKernel_) {
+        if (inKernel && canCopyInKernel_) {
             off_t from = at;
             off_t to = at;
             count = copy_file_range(source, &from, target, &to, wanted, 0);

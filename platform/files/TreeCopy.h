@@ -22,8 +22,8 @@ class TreeCopy {
     /// Copies the object `sourceName` in `source` to the new entry `targetName` in `target`; both
     /// directories may be O_PATH, and no link is followed. ENOTSUP for what is refused, which a
     /// source that is neither file, folder nor link always is, EEXIST where the entry exists,
-    /// ECANCELED once the progress is cancelled. After a failure, what was made so far is the
-    /// caller's to remove.
+    /// ECANCELED once the progress is cancelled. A failure that is about an object of the source
+    /// has its native path. After one, what was made so far is the caller's to remove.
     Result<void> copy(int source, const std::string& sourceName, int target,
                       const std::string& targetName);
 
@@ -41,7 +41,8 @@ class TreeCopy {
     Result<void> copyFolder(FileDescriptor source, Side target, unsigned depth);
     Result<void> copyLink(Side source, Side target);
     Result<void> copyContent(int source, int target, std::uint64_t size);
-    Result<void> copyRange(int source, int target, std::int64_t begin, std::int64_t end);
+    Result<void> copyRange(int source, int target, std::int64_t begin, std::int64_t end,
+                           bool inKernel);
 
     QSProgress& progress_;
     const Special special_;
