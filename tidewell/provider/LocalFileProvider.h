@@ -104,8 +104,9 @@ class LocalFileProvider final : public QSFileProviderExtension {
     [[nodiscard]] Result<QSURL> throwingURLForItem(const QSFileProviderItemIdentifier& identifier);
     [[nodiscard]] std::optional<QSURL> _urlForItemWithPersistentIdentifier(
         const QSFileProviderItemIdentifier& identifier);
+    /// `built`, where given, becomes the item that had to be built for that, if one had.
     [[nodiscard]] static std::optional<QSFileProviderItemIdentifier> _persistentIdentifierForItemAt(
-        const QSURL& url);
+        const QSURL& url, ItemRef* built = nullptr);
     /// The item at the URL that an operation arrived at; logs where there is none.
     [[nodiscard]] static Result<ItemRef> itemForResult(const QSURL& url);
     /// What the operation is to be handed: completes with the item, or with the error as the host

@@ -26,12 +26,13 @@ QSError normalisedError(QSError error, const std::string& identifier) {
 }
 
 Result<ItemRef> LocalFileProvider::itemForResult(const QSURL& url) {
-    const auto identifier = _persistentIdentifierForItemAt(url);
+    ItemRef item;
+    const auto identifier = _persistentIdentifierForItemAt(url, &item);
     if (!identifier) {
         logError([&] { return "identifier lookup failed for URL " + quoted(url.description()); });
         return std::unexpected(makeError(LocalFileProviderError::itemLookupFailed));
     }
-    auto item = LocalItem::initWithURL(url, {.itemID = identifier});
+    if (!item) item = LocalItem::initWithURL(url, {.itemID = identifier});
     if (!item) {
         logError([&] { return "can't create item for URL " + quoted(url.description()); });
         return std::unexpected(makeError(LocalFileProviderError::itemLookupFailed));

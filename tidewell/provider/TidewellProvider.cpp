@@ -124,7 +124,7 @@ std::optional<QSURL> LocalFileProvider::_urlForItemWithPersistentIdentifier(
 }
 
 std::optional<QSFileProviderItemIdentifier> LocalFileProvider::_persistentIdentifierForItemAt(
-    const QSURL& url) {
+    const QSURL& url, ItemRef* built) {
     const LogSection section(
         [&] { return "fetching item identifier for " + quoted(url.description()); });
     std::optional<std::string> identifier;
@@ -135,6 +135,7 @@ std::optional<QSFileProviderItemIdentifier> LocalFileProvider::_persistentIdenti
         const auto item = LocalItem::initWithURL(url);
         if (!item) return std::nullopt;
         identifier = item->itemIdentifier();
+        if (built) *built = item;
     }
     logDebug([&] { return "found " + *identifier; });
     return identifier;
