@@ -57,18 +57,18 @@ struct ScriptedChanges {
     std::optional<platform::QSError> failure = {};  ///< the end instead
 };
 
-/// What one container holds and how its listing goes wrong. Pages hold two rows.
+/// What one container holds and how its listing goes wrong. Pages hold two rows; all answers come
+/// from other threads.
 struct ScriptedContainer {
-    std::vector<platform::ItemRef> rows;
+    std::vector<platform::ItemRef> rows = {};
     /// For each try in turn: the page (from 0) that is refused, with its items sent before. Tries
     /// beyond the list run through.
-    std::vector<std::size_t> refusedPages;
+    std::vector<std::size_t> refusedPages = {};
     /// The answer to every page instead, where set.
-    std::optional<platform::QSError> failure;
+    std::optional<platform::QSError> failure = {};
     /// By the anchor before them. Any other anchor has expired.
-    std::map<std::string, ScriptedChanges> changes;
-    std::optional<std::string> anchor;  ///< the present one
-    bool answersOnOtherThread = false;
+    std::map<std::string, ScriptedChanges> changes = {};
+    std::optional<std::string> anchor = {};  ///< the present one
     bool neverAnswers = false;
 
     std::size_t tries = 0;  ///< initial pages asked for
@@ -76,7 +76,7 @@ struct ScriptedContainer {
     int enumeratorsMade = 0;
     int enumeratorsInvalidated = 0;
     int watches = 0;  ///< enumerators started and not stopped
-    std::string lastInitialPage;
+    std::string lastInitialPage = {};
 };
 
 class ScriptedEnumerator final : public platform::QSFileProviderEnumerator {
@@ -110,9 +110,7 @@ class ScriptedEnumerator final : public platform::QSFileProviderEnumerator {
   private:
     template <typename Work>
     void run(Work work) {
-        if (container_.neverAnswers) return;
-        if (!container_.answersOnOtherThread) return work();
-        threads_.emplace_back(std::move(work));
+        if (!container_.neverAnswers) threads_.emplace_back(std::move(work));
     }
 
     void answerChanges(platform::QSFileProviderChangeObserver& observer,

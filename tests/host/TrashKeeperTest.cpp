@@ -12,13 +12,10 @@ TEST(TrashKeeper, RunsAtTheStartAndDailyUnlessTheClocksDisagree) {
     std::chrono::seconds monotonic = 1000h;
     std::chrono::seconds wall = 500'000h;
     std::vector<std::int64_t> removals;
+    const auto wallClock = [&] { return platform::QSDate{wall.count(), 0}; };
     host::TrashKeeper keeper(
         30 * 24h, [&](const platform::QSDate& date) { removals.push_back(date.seconds); },
-        {[&] {
-             return platform::QSDate{wall.count(), 0};
-         },
-         [&] { return monotonic; }},
-        false);
+        {wallClock, [&] { return monotonic; }}, false);
     const auto pass = [&](std::chrono::seconds real, std::chrono::seconds shown) {
         monotonic += real;
         wall += shown;

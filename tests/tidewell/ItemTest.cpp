@@ -5,15 +5,14 @@
 #include "platform/files/ExtendedAttributes.h"
 #include "platform/files/FileDescriptor.h"
 #include "platform/foundation/QSKeyedArchiver.h"
-#include "tests/support/InstalledPlatform.h"
-#include "tidewell/applibraries/TWPAppLibraryManager.h"
+#include "tests/tidewell/MutationsFixture.h"
 #include "tidewell/items/LocalAppLibraryItem.h"
 #include "tidewell/items/LocalItem.h"
 
 namespace tidewell {
 namespace {
 
-class ItemTest : public tests::InstalledPlatform {};
+using ItemTest = tests::MutationsFixture;
 
 TEST_F(ItemTest, FileFolderAndRoot) {
     const auto path = scratch.makeFile("storage/d/a.txt", "12345");
@@ -46,7 +45,7 @@ TEST_F(ItemTest, FileFolderAndRoot) {
     EXPECT_EQ(folderItem->parentItemIdentifier(), root->itemIdentifier());
 }
 
-TEST_F(ItemTest, TrashNeedsTheAdjacentPair) {
+TEST_F(ItemTest, TrashNeedsTheAdjacentPairAndPackagesOfSomeTypesHaveASize) {
     for (const auto& [path, isTrashed] : {std::pair{".Trash/a.txt", true},
                                           {".Trash/sub/a.txt", true},
                                           {"x/.Trash/a.txt", false},
@@ -54,9 +53,6 @@ TEST_F(ItemTest, TrashNeedsTheAdjacentPair) {
         (void)file(path);
         EXPECT_EQ(LocalItem::initWithURL(url(path))->isTrashed(), isTrashed) << path;
     }
-}
-
-TEST_F(ItemTest, PackagesOfSomeTypesHaveASize) {
     scratch.makeFile("storage/song.lutebox/a/b", "12345");
     scratch.makeFile("storage/song.lutebox/c", "123");
     std::filesystem::create_directory_symlink(scratch.path(), storage() / "song.lutebox/link");
@@ -97,14 +93,10 @@ TEST_F(ItemTest, MetadataOfTheWrongClassIsAbsentAndTheItemWhole) {
 
 TEST_F(ItemTest, AppLibraryItem) {
     for (const auto* name : {"Inbox", ".Trash", "a", "b"}) {
-        scratch.makeFolder("container/Documents/" + std::string(name));
+        scratch.makeFolder("containers/org.a/Documents/" + std::string(name));
     }
-    const auto container =
-        installed->files().addContainer("org.a", (scratch / "container").string()).value();
-    const auto root = container.URLByAppendingPathComponent("Documents");
-    const QLBundleProxy bundle{"org.a", container, "An App"};
-    AppLibraryRootTable::shared().replace({{root, std::make_shared<const QLBundleProxy>(bundle)}});
-    const auto library = LocalAppLibraryItem::initFrom(bundle);
+    const auto container = libraryURL().URLByDeletingLastPathComponent();
+    const auto library = LocalAppLibraryItem::initFrom({"org.a", container, "An App"});
     ASSERT_TRUE(library);
     EXPECT_EQ(library->itemIdentifier(), "#org.a");
     EXPECT_EQ(library->parentItemIdentifier(), QSFileProviderRootContainerItemIdentifier);
@@ -114,15 +106,14 @@ TEST_F(ItemTest, AppLibraryItem) {
     EXPECT_TRUE(library->qp_isContainer());
     EXPECT_EQ(library->qp_appContainerBundleIdentifier(), "org.a");
 
-    const auto inner = LocalItem::initWithURL(root.URLByAppendingPathComponent("a"));
+    const auto inner = LocalItem::initWithURL(libraryURL("a"));
     EXPECT_EQ(inner->parentItemIdentifier(), "#org.a");
     EXPECT_EQ(inner->qp_beaconDomainIdentifier(), "org.a");
-    EXPECT_FALSE(LocalItem::initWithURL(root.URLByAppendingPathComponent("Inbox")));
+    EXPECT_FALSE(LocalItem::initWithURL(libraryURL("Inbox")));
     const auto nameless = LocalAppLibraryItem::initFrom({{}, container, {}});
     EXPECT_EQ(nameless->itemIdentifier(), "#(null)");
     EXPECT_EQ(nameless->filename(), "Documents");
     EXPECT_FALSE(LocalAppLibraryItem::initFrom({"org.a", {}, {}}));
-    AppLibraryRootTable::shared().replace({});
 }
 
 }  // namespace

@@ -22,27 +22,19 @@ const std::string root(QSFileProviderRootContainerItemIdentifier);
 using MutationsTest = tests::MutationsFixture;
 
 TEST_F(MutationsTest, FailuresNameWhatTheyAreAboutAndChangeNothing) {
-    const auto item = id("in");
     (void)file("in/a");
     (void)file("in/b");
-    const auto before = pathsBelow(scratch.path() / "storage");
-    for (const auto& [moved, parent, named] :
-         {std::tuple{std::string("did=9999"), item, "did=9999"},
-          std::tuple{id("in/a"), std::string("fid=9999"), "fid=9999"}}) {
-        EXPECT_EQ(move(moved, parent).error(), QPItemNotFoundError(named));
-    }
-    for (const auto& taken : {rename(id("in/a"), "b"), move(id("in/a"), item, "b")}) {
-        ASSERT_FALSE(taken);
+    const auto in = id("in");
+    const auto a = id("in/a");
+    const std::string longest(255, 'n');
+    const auto before = pathsBelow(scratch.path());
+    EXPECT_EQ(move("did=9999", in).error(), QPItemNotFoundError("did=9999"));
+    EXPECT_EQ(move(a, "fid=9999").error(), QPItemNotFoundError("fid=9999"));
+    for (const auto& taken : {rename(a, "b"), move(a, in, "b")}) {
         EXPECT_EQ(
             taken.error().userInfo.at(std::string(QSFileProviderErrorCollidingItemIdentifierKey)),
             id("in/b"));
     }
-    EXPECT_EQ(pathsBelow(scratch.path() / "storage"), before);
-}
-
-TEST_F(MutationsTest, NamesOfClientsAreCheckedBeforeAnythingIsTouched) {
-    (void)file("in/a");
-    const auto before = pathsBelow(scratch.path());
     for (const auto& [name, code] : {std::pair{std::string(), EINVAL},
                                      {".", EINVAL},
                                      {"..", EINVAL},
@@ -50,19 +42,15 @@ TEST_F(MutationsTest, NamesOfClientsAreCheckedBeforeAnythingIsTouched) {
                                      {"/x", EINVAL},
                                      {std::string("a\0b", 3), EINVAL},
                                      {".tidewell-x", EINVAL},
-                                     {std::string(256, 'n'), ENAMETOOLONG}}) {
-        for (const auto& result :
-             {create(name, id("in")), rename(id("in/a"), name), move(id("in/a"), id("in"), name)}) {
+                                     {longest + "n", ENAMETOOLONG}}) {
+        for (const auto& result : {create(name, in), rename(a, name), move(a, in, name)}) {
             EXPECT_THAT(codeOf(result), Pair(QSPOSIXErrorDomain, code)) << name;
         }
     }
     EXPECT_EQ(pathsBelow(scratch.path()), before);
-    for (const auto& name :
-         {std::string("\xff\xfe"), std::string("line\nfeed"), std::string("\u202Etxt.exe"),
-          std::string(" x "), std::string(255, 'n'), std::string("..."), std::string("\"")}) {
-        const auto made = create(name, id("in"));
-        ASSERT_TRUE(made) << made.error().description();
-        EXPECT_EQ((*made)->filename(), name);
+    for (const std::string name :
+         {"\xff\xfe", "line\nfeed", "\u202Etxt.exe", " x ", "...", "\"", longest.c_str()}) {
+        EXPECT_EQ(create(name, in).value()->filename(), name);
     }
 }
 
@@ -80,10 +68,9 @@ TEST_F(MutationsTest, FreeNamesAreNumberedAndFit) {
     (void)file("in/doc.txt");
     EXPECT_EQ(import(source, id("in")).value()->filename(), "doc 2.txt");
     EXPECT_EQ(import(source, id("in")).value()->filename(), "doc 3.txt");
-    EXPECT_EQ(contentOf(storage() / "in/doc.txt"), "x");
-    EXPECT_EQ(create("doc.txt", id("in")).value()->filename(), "doc 4.txt");
     (void)file("doc.txt");
-    EXPECT_EQ(move(id("doc.txt"), id("in")).value()->filename(), "doc 5.txt");
+    EXPECT_EQ(move(id("doc.txt"), id("in")).value()->filename(), "doc 4.txt");
+    EXPECT_EQ(contentOf(storage() / "in/doc.txt"), "x");
 }
 
 TEST_F(MutationsTest, ItemsKeepTheirIdentifiersAndAreFoundAtOnce) {
@@ -160,8 +147,6 @@ TEST_F(MutationsTest, AnImportIsAWholeCopy) {
     fs::create_symlink("/etc/passwd", source / "a/link");
     fs::create_symlink("nowhere", source / "dangling");
     mkfifo((source / "a/fifo").c_str(), 0600);
-    setxattr((source / "a/b/file").c_str(), "user.tag", "red", 3, 0);
-    setxattr((source / "a").c_str(), "user.tag", "blue", 4, 0);
     chmod((source / "a/b/file").c_str(), 04751);
     chmod((source / "a").c_str(), 0750);
     {  // a hole, data, and a hole
@@ -171,6 +156,7 @@ TEST_F(MutationsTest, AnImportIsAWholeCopy) {
     fs::resize_file(source / "sparse", 1 << 20);
     for (const auto* path : {"a/b/file", "a/b", "a"}) {
         const std::array times{timespec{1000, 5}, timespec{2000, 7}};
+        setxattr((source / path).c_str(), "user.tag", "red", 3, 0);
         utimensat(AT_FDCWD, (source / path).c_str(), times.data(), 0);
     }
     const auto item = import(source, id("in"));
@@ -192,6 +178,10 @@ TEST_F(MutationsTest, AnImportIsAWholeCopy) {
         char value[8] = {};
         EXPECT_GT(getxattr((copy / path).c_str(), "user.tag", value, sizeof value), 0) << path;
     }
+    // Of no size, as stat has it.
+    EXPECT_GT(import("/proc/sys/kernel/ostype", id("in")).value()->documentSize(), 0U);
+    const auto refused = import(source / "a/fifo", id("in"));
+    EXPECT_EQ(refused.error().userInfo.at(std::string(QSFilePathErrorKey)), source / "a/fifo");
     EXPECT_TRUE(fs::is_empty(scratch / "state/unfinished"));
 }
 
@@ -220,7 +210,6 @@ TEST_F(MutationsTest, WhatCannotBeRenamedIsCopiedAndRemoved) {
     project.fsx_projid = 77;
     if (ioctl(apart.get(), FS_IOC_FSSETXATTR, &project) != 0) GTEST_SKIP() << "needs projects";
     const auto tree = file("in/tree/below").parent_path();
-    setxattr(tree.c_str(), "user.tag", "red", 3, 0);
 
     const MutableTree moves(installed->files(), installed->unfinished(), installed->volume());
     QSProgress progress;
@@ -240,55 +229,29 @@ TEST_F(MutationsTest, WhatCannotBeRenamedIsCopiedAndRemoved) {
     ASSERT_TRUE(moved) << moved.error().description();
     EXPECT_NE((*moved)->itemIdentifier(), item);
     EXPECT_TRUE(fs::is_empty(storage() / "in"));
-    char value[4] = {};
-    EXPECT_EQ(getxattr((storage() / "apart/tree").c_str(), "user.tag", value, sizeof value), 3);
     EXPECT_TRUE(trash((*moved)->itemIdentifier()).value()->isTrashed());
-
-    (void)file("in/half/below");
-    const FileDescriptor immutable(open(file("in/half/stays").c_str(), O_RDONLY));
-    int flags = FS_IMMUTABLE_FL;
-    ASSERT_EQ(ioctl(immutable.get(), FS_IOC_SETFLAGS, &flags), 0);
-    EXPECT_THAT(codeOf(move(id("in/half"), id("apart"))), Pair(QSPOSIXErrorDomain, EPERM));
-    EXPECT_TRUE(fs::exists(storage() / "in/half/stays"));
-    // Either the original is whole, or the copy that was made of it.
-    EXPECT_TRUE(fs::exists(storage() / "in/half/below") ||
-                pathsBelow(storage() / "apart").contains("half/below"));
-    flags = 0;
-    EXPECT_EQ(ioctl(immutable.get(), FS_IOC_SETFLAGS, &flags), 0);
     EXPECT_TRUE(fs::is_empty(scratch / "state/unfinished"));
 }
 
-TEST_F(MutationsTest, WhatAKilledProcessLeftIsFinishedOrPutBack) {
-    const auto recordFor = [&](char kind, const std::string& object, const std::string& place,
-                               const std::string& token) {
-        (void)scratch.makeFolder("state/unfinished");
-        const auto attributes = installed->files().freshAttributes(url(object)).value();
-        char name[128];
-        std::snprintf(name, sizeof name, "%c.%lx.%lx.%s", kind, attributes->identity.inode,
-                      attributes->identity.generation, token.c_str());
-        fs::create_symlink(url(place).path(), scratch / "state/unfinished" / name);
-    };
-    (void)file("in/doomed/below");
-    (void)file("in/stranger");
-    (void)file("in/copy/incomplete");
-    (void)file("in/bystander");
-    fs::create_symlink(url("in/bystander").path(),
-                       scratch.makeFolder("state/unfinished") / "not a record");
-    recordFor('r', "in/doomed", "in/doomed", std::string(20, 'd'));
-    recordFor('r', "in/doomed", "in/taken", std::string(20, 's'));  // meant another object
-    recordFor('c', "in/copy", "in/copy", std::string(20, 'c'));
-    fs::rename(storage() / "in/doomed", storage() / ("in/.tidewell-" + std::string(20, 'd')));
-    fs::rename(storage() / "in/stranger", storage() / ("in/.tidewell-" + std::string(20, 's')));
-    fs::rename(storage() / "in/copy", storage() / ("in/.tidewell-" + std::string(20, 'c')));
+/// What was meant itself is swept by killing the command.
+TEST_F(MutationsTest, AStrangerThatAKilledProcessSetAsideGoesBack) {
     (void)file("in/taken");
+    const auto meant = installed->files().freshAttributes(url("in/taken")).value()->identity;
+    const auto hidden = ".tidewell-" + std::string(20, 's');
+    fs::create_directory(storage() / "in" / hidden);
+    const auto records = scratch.makeFolder("state/unfinished");
+    char name[128];
+    std::snprintf(name, sizeof name, "r.%lx.%lx.%s", meant.inode, meant.generation,
+                  hidden.substr(10).c_str());
+    fs::create_symlink(url("in/taken").path(), records / name);
+    fs::create_symlink(url("in/taken").path(), records / "not a record");
     end();
     restart();
     start();
     end();
     installed.reset();  // waits for what has begun
-    EXPECT_EQ(pathsBelow(storage() / "in"),
-              (std::set<std::string>{"bystander", "taken", "taken 2"}));
-    EXPECT_THAT(pathsBelow(scratch / "state/unfinished"), testing::ElementsAre("not a record"));
+    EXPECT_EQ(pathsBelow(storage() / "in"), (std::set<std::string>{"taken", "taken 2"}));
+    EXPECT_THAT(pathsBelow(records), testing::ElementsAre("not a record"));
 }
 
 }  // namespace

@@ -39,10 +39,8 @@ enum class Verb { Rename, Move, Trash, Remove, MakeFolder, Import };
 class SwapTest : public tests::VolumeFixture, public testing::WithParamInterface<Verb> {
   protected:
     SwapTest() {
-        for (const auto* name : {"in/sub", "to", ".Trash"}) {
-            fs::permissions(scratch.makeFolder(std::string("storage/") + name),
-                            fs::perms::owner_all);
-        }
+        for (const auto* name : {"in/sub", "to"}) fs::create_directories(native(name));
+        fs::permissions(scratch.makeFolder("storage/.Trash"), fs::perms::owner_all);
         scratch.makeFile("outside/sub/doc", "outside");
         scratch.makeFile("source", "imported");
         open();
@@ -55,25 +53,19 @@ class SwapTest : public tests::VolumeFixture, public testing::WithParamInterface
         constexpr auto free = MutableTree::Naming::Free;
         switch (GetParam()) {
             case Verb::Rename:
-                (void)tree.move(document, url("in/sub"), "renamed", MutableTree::Naming::Exact,
-                                progress);
-                break;
+                return (void)tree.move(document, url("in/sub"), "renamed",
+                                       MutableTree::Naming::Exact, progress);
             case Verb::Move:
-                (void)tree.move(document, url("to"), std::nullopt, free, progress);
-                break;
+                return (void)tree.move(document, url("to"), std::nullopt, free, progress);
             case Verb::Trash:
-                (void)tree.trash(document, url(".Trash"), progress);
-                break;
+                return (void)tree.trash(document, url(".Trash"), progress);
             case Verb::Remove:
-                (void)tree.remove(document, progress);
-                break;
+                return (void)tree.remove(document, progress);
             case Verb::MakeFolder:
-                (void)tree.makeFolder(url("in/sub"), "made");
-                break;
+                return (void)tree.makeFolder(url("in/sub"), "made");
             case Verb::Import:
-                (void)tree.import(QSURL::fileURLWithPath((scratch / "source").string()),
-                                  url("in/sub"), progress);
-                break;
+                return (void)tree.import(QSURL::fileURLWithPath((scratch / "source").string()),
+                                         url("in/sub"), progress);
         }
     }
     [[nodiscard]] auto objectsInStorage() const {
@@ -151,13 +143,16 @@ TEST_P(LinkSwapTest, AFolderThatBecomesALinkLeadsNowhere) {
     const auto to = opened(native("to"));
     const auto trash = opened(native(".Trash"));
     const auto outside = opened(scratch / "outside/sub");
+    const auto secret = [&] {
+        struct stat status {};
+        fstatat(outside.get(), "doc", &status, 0);
+        return status;
+    };
     // Whatever happens in it or to what it holds moves these.
     const auto timesOutside = [&] {
-        struct stat document {};
-        fstatat(outside.get(), "doc", &document, 0);
-        const auto folder = statusOf(outside.get());
-        return std::array{folder.st_ctim.tv_sec, folder.st_ctim.tv_nsec, document.st_ctim.tv_sec,
-                          document.st_ctim.tv_nsec};
+        const auto folder = statusOf(outside.get()).st_ctim;
+        const auto document = secret().st_ctim;
+        return std::array{folder.tv_sec, folder.tv_nsec, document.tv_sec, document.tv_nsec};
     };
     const auto before = timesOutside();
     fs::create_directory_symlink(scratch / "outside", native("link"));
@@ -170,6 +165,8 @@ TEST_P(LinkSwapTest, AFolderThatBecomesALinkLeadsNowhere) {
     });
     for (int i = 0; i < tries(); ++i) {
         close(openat(in.get(), "doc", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        const auto read = files->openObject(url("in/sub/doc"), O_RDONLY);
+        ASSERT_TRUE(!read || statusOf(read->get()).st_ino != secret().st_ino) << i;
         run(url("in/sub/doc"));
         ASSERT_EQ(timesOutside(), before) << i;
         for (const auto* name : {"doc", "renamed", "source"}) unlinkat(in.get(), name, 0);
