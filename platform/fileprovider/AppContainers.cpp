@@ -57,6 +57,12 @@ Result<Nearest> nearestTo(const std::string& wanted) {
     return nearest;
 }
 
+QSError noContainer(int code, const std::string& path, std::string_view why) {
+    auto error = errorFromErrno(code, path);
+    error.userInfo.emplace(QSDescriptionErrorKey, why);
+    return error;
+}
+
 }  // namespace
 
 Result<QSURL> AppContainers::URLForContainer(std::string_view identifier,
@@ -66,14 +72,16 @@ Result<QSURL> AppContainers::URLForContainer(std::string_view identifier,
     const auto& storage = files_.nativeStoragePath();
     struct statx own {};
     if (getState(storage, 0, own) && !isOnOneMount(own, nearest->status)) {
-        return std::unexpected(errorFromErrno(EXDEV, path));
+        return std::unexpected(
+            noContainer(EXDEV, path, "it is on another device or mount than the documents"));
     }
     const std::unique_ptr<char, void (*)(void*)> real(realpath(nearest->path.c_str(), nullptr),
                                                       std::free);
     if (!real) return std::unexpected(errorFromErrno(errno, path));
     const bool holdsStorage = nearest->path == path && liesIn(storage, real.get());
     if (holdsStorage || liesIn(real.get(), storage)) {
-        return std::unexpected(errorFromErrno(EINVAL, path));
+        return std::unexpected(
+            noContainer(EINVAL, path, "it lies in the folder of the documents, or around it"));
     }
     return containerURL(identifier);
 }

@@ -207,7 +207,11 @@ Result<void> QLApplicationWorkspace::setOverride(std::string_view identifier, Ov
     const auto& folder = state_->configuration.sources.overrides;
     const auto installed = applicationProxyForIdentifier(identifier);
     if (!installed && given != Override::Remove) {
-        return std::unexpected(errorFromErrno(ENOENT, identifier));
+        auto error = errorFromErrno(ENOENT);
+        error.userInfo.emplace(
+            QSDescriptionErrorKey,
+            "no application with the identifier " + std::string(identifier) + " is installed");
+        return std::unexpected(std::move(error));
     }
     // Of an application that was renamed, the present name counts.
     const auto name = installed ? *installed->bundleIdentifier : std::string(identifier);
