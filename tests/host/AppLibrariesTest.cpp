@@ -1,24 +1,22 @@
 #include <gmock/gmock.h>
 
 #include <map>
+#include <mutex>
 #include <set>
 
 #include "host/Search.h"
 #include "host/errors.h"
-#include "tests/support/FedAppLibraries.h"
+#include "tests/support/InstalledPlatform.h"
+#include "tidewell/applibraries/AppLibraries.h"
 #include "tidewell/fs/FSChangeToken.h"
 #include "tidewell/provider/LocalFileProvider.h"
 
 namespace {
 
-using host::Anchor;
-using host::ChangePage;
 using host::ItemRecord;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::IsSupersetOf;
-using testing::Not;
 using testing::SizeIs;
 using testing::UnorderedElementsAre;
 
@@ -26,69 +24,77 @@ const std::string root(platform::QSFileProviderRootContainerItemIdentifier);
 const std::string workingSet(platform::QSFileProviderWorkingSetContainerItemIdentifier);
 const std::string allDirectories(platform::QSFileProviderAllDirectoriesContainerItemIdentifier);
 
+using Service = std::unique_ptr<host::DocumentService>;
+
 /// One who keeps a replica of a container out of its listing and changes alone.
 class Client {
   public:
-    using Service = std::unique_ptr<host::DocumentService>;
     Client(const Service& service, std::string container, bool isFollowing = false)
         : service_(service), container_(std::move(container)) {
         if (isFollowing) following_ = service_->follow(container_).value();
     }
 
     void readAll() {
-        anchor = service_->anchor(container_).value();
-        names = listed();
+        anchor_ = service_->anchor(container_).value();
+        names_ = listed();
     }
     void sync() {
         ASSERT_TRUE(service_->settle());
-        for (;;) {
-            if (!anchor) readAll();
-            const auto apply = [&](const ChangePage& page) {
-                for (const auto& item : page.updates) names[item.itemIdentifier] = item.filename;
-                for (const auto& identifier : page.deletions) names.erase(identifier);
-                return true;
-            };
-            auto reached = following_ ? service_->changes(*following_, *anchor, apply)
-                                      : service_->changes(container_, *anchor, apply);
-            if (reached) {
-                anchor = std::move(*reached);
-                break;
-            }
-            ASSERT_TRUE(host::meansExpired(reached.error())) << reached.error().description();
-            ++restarts;
-            anchor.reset();
-        }
-        EXPECT_EQ(names, listed()) << container_;
+        if (anchor_.empty()) readAll();
+        for (; !catchUp(); ++restarts) readAll();
+        EXPECT_EQ(names_, listed()) << container_;
     }
     [[nodiscard]] std::set<std::string> known() const {
         std::set<std::string> all;
-        for (const auto& [identifier, name] : names) all.insert(name);
+        for (const auto& [identifier, name] : names_) all.insert(name);
         return all;
     }
-    [[nodiscard]] std::uint64_t version() const {
-        return tidewell::FSChangeToken::fromData(anchor.value()).value().appLibraryVersionToken;
+    [[nodiscard]] std::uint64_t version() const { return token().appLibraryVersionToken; }
+    /// Whether its anchor would be refused if it had that version.
+    [[nodiscard]] bool isRefusedWith(std::uint64_t version) const {
+        auto changed = token();
+        changed.appLibraryVersionToken = version;
+        const auto page = service_->onePageOfChanges(container_, changed.data());
+        return !page && host::meansExpired(page.error());
     }
 
-    std::optional<Anchor> anchor;
-    std::map<std::string, std::string> names;
     int restarts = 0;
 
   private:
-    [[nodiscard]] std::map<std::string, std::string> listed() const {
-        std::map<std::string, std::string> present;
+    using Names = std::map<std::string, std::string>;  // by identifier
+    [[nodiscard]] tidewell::FSChangeToken token() const {
+        return tidewell::FSChangeToken::fromData(anchor_).value();
+    }
+    [[nodiscard]] Names listed() const {
+        Names present;
         EXPECT_TRUE(service_->list(container_, host::Order::ByName, [&](const ItemRecord& item) {
-            present[item.itemIdentifier] = item.filename;
-            return true;
+            return present.emplace(item.itemIdentifier, item.filename).second;
         }));
         return present;
+    }
+    /// False where the anchor has expired.
+    bool catchUp() {
+        const auto apply = [&](const host::ChangePage& page) {
+            for (const auto& item : page.updates) names_[item.itemIdentifier] = item.filename;
+            for (const auto& identifier : page.deletions) names_.erase(identifier);
+            return true;
+        };
+        const auto reached = following_ ? service_->changes(*following_, anchor_, apply)
+                                        : service_->changes(container_, anchor_, apply);
+        if (!reached) return !host::meansExpired(reached.error());
+        anchor_ = *reached;
+        return true;
     }
 
     const Service& service_;
     std::string container_;
     std::unique_ptr<host::Following> following_;
+    host::Anchor anchor_;
+    Names names_;
 };
 
-class AppLibrariesTest : public tests::FedAppLibraries {
+/// A service whose app libraries are what a test says they are.
+class AppLibrariesTest : public tests::InstalledPlatform {
   protected:
     AppLibrariesTest() {
         (void)installApplication("org.a", "Name of org.a");
@@ -96,16 +102,10 @@ class AppLibrariesTest : public tests::FedAppLibraries {
             using std::chrono::milliseconds;
             configuration.windows = {milliseconds(5), milliseconds(40), milliseconds(200)};
         };
-        restart();
-        open();
+        reopen();
     }
     ~AppLibrariesTest() override { close(); }
 
-    void open() {
-        load();
-        service = std::make_unique<host::DocumentService>(
-            [this] { return tidewell::makeLocalFileProvider(libraries); });
-    }
     void close() {
         service.reset();
         libraries.reset();
@@ -114,19 +114,45 @@ class AppLibrariesTest : public tests::FedAppLibraries {
     void reopen() {
         close();
         restart();
-        open();
+        libraries = tidewell::AppLibraries::load([this] {
+            const std::scoped_lock lock(mutex);
+            return fed;
+        });
+        service = std::make_unique<host::DocumentService>(
+            [this] { return tidewell::makeLocalFileProvider(libraries); });
     }
-    /// The error of changes from an anchor with another version.
-    [[nodiscard]] platform::QSError changesWithVersion(const std::string& container,
-                                                       const Anchor& anchor,
-                                                       std::uint64_t version) const {
-        auto token = tidewell::FSChangeToken::fromData(anchor).value();
-        token.appLibraryVersionToken = version;
-        const auto page = service->onePageOfChanges(container, token.data());
-        return page ? platform::QSError{} : page.error();
+    /// `container`: the name of its folder, if it is not the identifier.
+    void feed(const std::vector<std::string>& identifiers, const std::string& container = {}) {
+        const std::scoped_lock lock(mutex);
+        fed.clear();
+        for (const auto& identifier : identifiers) {
+            platform::QLBundleProxy bundle;
+            bundle.bundleIdentifier = identifier;
+            bundle.dataContainerURL = platform::QSURL::fileURLWithPath(
+                std::string(platform::presentedContainersPath) + "/" + identifier);
+            bundle.displayName = "Name of " + identifier;
+            bundle.dataContainerPath =
+                scratch.makeFolder("containers/" + (container.empty() ? identifier : container));
+            scratch.makeFolder("containers/" + identifier + "/Documents");
+            fed.push_back(std::make_shared<const platform::QLBundleProxy>(bundle));
+        }
+    }
+    void setApps(const std::vector<std::string>& identifiers) {
+        feed(identifiers);
+        (void)libraries->refresh();
+    }
+    void libraryFile(const std::string& below) const {
+        (void)scratch.makeFile("containers/" + below);
+    }
+    [[nodiscard]] std::string cacheFile(bool isMain) const {
+        return scratch / (isMain ? "apps/Tidewell/app-libraries.plist"
+                                 : "apps/Tidewell/searchable-app-libraries.plist");
     }
 
-    std::unique_ptr<host::DocumentService> service;
+    std::mutex mutex;
+    std::vector<platform::BundleRef> fed;  // guarded by mutex
+    std::shared_ptr<tidewell::AppLibraries> libraries;
+    Service service;
 };
 
 TEST_F(AppLibrariesTest, TwoClientsOfTheWorkingSetMeetEveryAnswer) {
@@ -151,12 +177,10 @@ TEST_F(AppLibrariesTest, TwoClientsOfTheWorkingSetMeetEveryAnswer) {
 
     setApps({"org.b"});
     second.sync();
-    EXPECT_EQ(second.restarts, 1);
     EXPECT_THAT(second.known(), UnorderedElementsAre("own", "Name of org.b", "folder", "b1"));
     EXPECT_TRUE(std::filesystem::exists(scratch / "containers/org.a/Documents/a1"));
-    for (const auto wrong : {first.version(), second.version() + 1}) {
-        EXPECT_TRUE(host::meansExpired(changesWithVersion(workingSet, *second.anchor, wrong)));
-    }
+    EXPECT_TRUE(second.isRefusedWith(first.version()));
+    EXPECT_TRUE(second.isRefusedWith(second.version() + 1));
     EXPECT_THAT(logged(platform::LogLevel::Info, "app-library version is greater"), IsEmpty());
     EXPECT_THAT(logged(platform::LogLevel::Info, "matches nothing, need to restart"), SizeIs(3));
 
@@ -172,7 +196,6 @@ TEST_F(AppLibrariesTest, TwoClientsOfTheWorkingSetMeetEveryAnswer) {
 
 TEST_F(AppLibrariesTest, AFollowerOfAWideContainerKeepsItsAnchorAndOthersStartAgain) {
     libraryFile("org.a/Documents/folder/x");
-    setApps({"org.a"});
     for (const auto& container : {root, allDirectories}) {
         Client following(service, container, true);
         Client other(service, container);
@@ -186,8 +209,7 @@ TEST_F(AppLibrariesTest, AFollowerOfAWideContainerKeepsItsAnchorAndOthersStartAg
         EXPECT_EQ(following.restarts, 0);
         EXPECT_EQ(other.restarts, 3);
         log->clear();
-        const auto later = following.version() + 1;
-        EXPECT_TRUE(host::meansExpired(changesWithVersion(container, *following.anchor, later)));
+        EXPECT_TRUE(following.isRefusedWith(following.version() + 1));
         EXPECT_THAT(logged(platform::LogLevel::Info, "app-library version is greater"), SizeIs(1));
     }
 }
@@ -195,44 +217,40 @@ TEST_F(AppLibrariesTest, AFollowerOfAWideContainerKeepsItsAnchorAndOthersStartAg
 TEST_F(AppLibrariesTest, LibrariesStandBeforeTheDocumentsAndNoPageSurvivesAnotherSet) {
     for (int i = 0; i < 450; ++i) (void)file("f" + std::to_string(i));
     for (int i = 0; i < 30; ++i) libraryFile("org.a/Documents/a" + std::to_string(i));
-    for (const bool restarts : {false, true}) {
-        for (const bool isAddedOnly : {false, true}) {
-            setApps({});
-            ASSERT_TRUE(service->settle());
-            auto page = service->onePage(workingSet, host::Order::ByName);
-            page = service->onePage(workingSet, page.next.value().value());
-            const auto third = page.next.value().value();
-            setApps({"org.a"});
-            if (!isAddedOnly) setApps({});
-            if (restarts) reopen();
-            const auto refused = service->onePage(workingSet, third);
-            ASSERT_FALSE(refused.next);
-            EXPECT_TRUE(host::meansExpired(refused.next.error()));
-            EXPECT_THAT(refused.items, IsEmpty());
-        }
+    const auto page = [&](const auto& start) { return service->onePage(workingSet, start); };
+    const auto after = [](const host::Page& before) { return before.next.value().value(); };
+    for (const auto& [restarts, isAddedOnly] :
+         {std::pair(false, false), {false, true}, {true, false}, {true, true}}) {
+        setApps({});
+        ASSERT_TRUE(service->settle());
+        const auto third = after(page(after(page(host::Order::ByName))));
+        setApps({"org.a"});
+        if (!isAddedOnly) setApps({});
+        if (restarts) reopen();
+        const auto refused = page(third);
+        EXPECT_TRUE(!refused.next && host::meansExpired(refused.next.error()));
+        EXPECT_THAT(refused.items, IsEmpty());
     }
     // Another order is another set, but over the same roots in the same order.
     setApps({"org.a", "org.b"});
     const auto before = libraries->mainCache()->versionToken();
-    const auto first = service->onePage(workingSet, host::Order::ByName);
+    const auto second = after(page(host::Order::ByName));
     setApps({"org.b", "org.a"});
     EXPECT_GT(libraries->mainCache()->versionToken(), before);
-    EXPECT_TRUE(service->onePage(workingSet, first.next.value().value()).next);
+    EXPECT_TRUE(page(second).next);
     // The listing that begins again by itself: nothing twice, nothing left out.
     setApps({});
-    std::vector<std::string> met;
+    std::set<std::string> met;
     ASSERT_TRUE(service->list(workingSet, host::Order::ByName, [&](const ItemRecord& item) {
-        met.push_back(item.filename);
+        EXPECT_TRUE(met.insert(item.itemIdentifier).second) << item.filename;
         if (met.size() == 399) setApps({"org.a"});
         return true;
     }));
     EXPECT_THAT(met, SizeIs(450 + 30 + 1));
-    EXPECT_EQ(std::set<std::string>(met.begin(), met.end()).size(), met.size());
 
-    std::vector<ItemRecord> items = service->onePage(root, host::Order::ByDate).items;
-    ASSERT_FALSE(items.empty());
-    EXPECT_EQ(items[0].itemIdentifier, "#org.a");
-    EXPECT_EQ(items[0].childItemCount, 30);
+    const auto first = service->onePage(root, host::Order::ByDate).items.at(0);
+    EXPECT_EQ(first.itemIdentifier, "#org.a");
+    EXPECT_EQ(first.childItemCount, 30);
     EXPECT_THAT(service->onePage("#org.a", host::Order::ByName).items, SizeIs(30));
 }
 
@@ -262,6 +280,15 @@ TEST_F(AppLibrariesTest, WhatCannotBeSavedWasToldToNobody) {
     following.sync();
     EXPECT_EQ(following.restarts, 2);
     EXPECT_THAT(following.known(), IsSupersetOf({"Name of org.a", "Name of org.b"}));
+
+    // Nor is a set of the main cache anybody's before it is saved.
+    std::filesystem::remove(cacheFile(true));
+    (void)scratch.makeFile("apps/Tidewell/app-libraries.plist/in the way");
+    const auto before = following.known();
+    setApps({"org.c"});
+    EXPECT_THAT(logged(platform::LogLevel::Error, "can't refresh app libraries;"), SizeIs(1));
+    following.sync();
+    EXPECT_EQ(following.known(), before);
 }
 
 TEST_F(AppLibrariesTest, ARestartChangesNothingAndALostCacheHidesNothing) {
@@ -290,29 +317,34 @@ TEST_F(AppLibrariesTest, ARestartChangesNothingAndALostCacheHidesNothing) {
     EXPECT_THAT(told.known(), UnorderedElementsAre("Name of org.b", "b1"));
     setApps({"org.a", "org.b"});
     told.sync();
-    EXPECT_EQ(told.restarts, 0);
     EXPECT_THAT(told.known(), IsSupersetOf({"Name of org.a", "folder", "a1"}));
+    // The application may have its documents elsewhere one day.
+    libraryFile("former a/Documents/other");
+    feed({"org.a"}, "former a");
+    EXPECT_TRUE(libraries->refresh());
+    told.sync();
+    EXPECT_THAT(told.known(), UnorderedElementsAre("Name of org.a", "other"));
+    EXPECT_EQ(told.restarts, 0);
 }
 
 TEST_F(AppLibrariesTest, SearchFollowsTheWorkingSetAndForgetsDomains) {
     (void)file("Letter to \"Zoë\".txt");
     libraryFile("org.a/Documents/old letter.txt");
     setApps({"org.a"});
-    host::Search search(*service, scratch / "cache/deep/search.sqlite");
+    (void)scratch.makeFile("cache/search.sqlite", "a damaged replica is read anew");
+    host::Search search(*service, scratch / "cache/search.sqlite");
     const auto found = [&](std::string_view text) {
-        std::vector<std::string> names;
-        EXPECT_TRUE(search.find(text, [&](const ItemRecord& item) {
-            names.push_back(item.filename);
-            return true;
-        }));
+        std::set<std::string> names;
+        EXPECT_TRUE(search.find(
+            text, [&](const ItemRecord& item) { return names.insert(item.filename).second; }));
         return names;
     };
-    EXPECT_THAT(found("LETT"), UnorderedElementsAre("Letter to \"Zoë\".txt", "old letter.txt"));
+    EXPECT_THAT(found("LETT"), ElementsAre("Letter to \"Zoë\".txt", "old letter.txt"));
     EXPECT_THAT(found("zoe let"), ElementsAre("Letter to \"Zoë\".txt"));
     EXPECT_THAT(found("name org"), ElementsAre("Name of org.a"));
-    for (const auto* odd : {"", "\"", "* ORX", "NEAR(", "nothing"})
+    for (const auto* odd : {"", "\"", "* ORX", "NEAR(", "nothing"}) {
         EXPECT_THAT(found(odd), IsEmpty());
-
+    }
     std::filesystem::rename(storage() / "Letter to \"Zoë\".txt", storage() / "note");
     EXPECT_THAT(found("lett"), ElementsAre("old letter.txt"));
     std::optional<std::uint64_t> removed;
@@ -325,13 +357,6 @@ TEST_F(AppLibrariesTest, SearchFollowsTheWorkingSetAndForgetsDomains) {
     EXPECT_THAT(found("lett"), ElementsAre("old letter.txt"));
     setApps({});
     EXPECT_THAT(found("lett"), IsEmpty());
-
-    // A damaged replica is read anew.
-    (void)scratch.makeFile("other/search.sqlite", "this is no database, whatever it is called");
-    host::Search other(*service, scratch / "other/search.sqlite");
-    std::size_t count = 0;
-    EXPECT_TRUE(other.find("note", [&](const ItemRecord&) { return ++count > 0; }));
-    EXPECT_EQ(count, 1u);
 }
 
 }  // namespace

@@ -1,11 +1,13 @@
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <latch>
+#include <mutex>
 #include <semaphore>
 #include <thread>
 
 #include "platform/foundation/QSKeyedArchiver.h"
-#include "tests/support/FedAppLibraries.h"
+#include "tests/support/InstalledPlatform.h"
 #include "tests/tidewell/Observers.h"
 #include "tidewell/applibraries/Registrar.h"
 #include "tidewell/enumeration/LocalRootEnumerator.h"
@@ -21,114 +23,54 @@ using testing::SizeIs;
 constexpr auto root = QSFileProviderRootContainerItemIdentifier;
 constexpr auto workingSet = QSFileProviderWorkingSetContainerItemIdentifier;
 
-class AppLibrariesTest : public tests::FedAppLibraries {
-  protected:
-    bool loadCache(const QSPropertyList& archive) {
-        scratch.makeFile("apps/Tidewell/app-libraries.plist",
-                         stringFromData(archivedDataWithRootObject(archive).value()));
+TEST(AppLibraryCacheTest, ComesBackWholeOrNotAtAll) {
+    const tests::ScratchFolder scratch;
+    const auto bundleOf = [](const std::string& identifier) {
+        QLBundleProxy bundle;
+        bundle.bundleIdentifier = identifier;
+        bundle.dataContainerURL = QSURL::fileURLWithPath("/containers/" + identifier);
+        return std::make_shared<const QLBundleProxy>(bundle);
+    };
+    LocalAppLibraryCache cache("test", scratch / "new/app-libraries.plist");
+    const auto load = [&] {
         bool isLoaded = false;
         cache.queue().sync([&] { isLoaded = cache.load(); });
         return isLoaded;
-    }
-    BundleRef bundle(const std::string& identifier) {
-        feed({identifier});
-        return fed.front();
-    }
-
-    LocalAppLibraryCache cache{"test", cacheFile(true)};
-};
-
-TEST_F(AppLibrariesTest, CacheComesBackWholeOrNotAtAll) {
-    ASSERT_TRUE(cache.save({bundle("org.a"), bundle("org.b")}, 70)) << "makes its folder";
-    LocalAppLibraryCache again("again", cacheFile(true));
-    again.queue().sync([&] { EXPECT_TRUE(again.load()); });
-    EXPECT_EQ(again.versionToken(), 70u);
-    ASSERT_THAT(again.content().bundleProxies, SizeIs(2));
-    EXPECT_EQ(again.content().bundleProxies[1]->dataContainerURL,
-              bundle("org.b")->dataContainerURL);
-    again.setVersionToken(90);
-    again.queue().sync([&] { EXPECT_TRUE(again.load()); });
-    EXPECT_EQ(again.versionToken(), 90u) << "a load never lowers it";
+    };
+    ASSERT_TRUE(cache.save({bundleOf("org.a"), bundleOf("org.b")}, 70)) << "makes its folder";
+    cache.reset();
+    EXPECT_TRUE(load());
+    EXPECT_EQ(cache.versionToken(), 70u);
+    ASSERT_THAT(cache.content().bundleProxies, SizeIs(2));
+    EXPECT_EQ(cache.content().bundleProxies[1]->dataContainerURL->path(), "/containers/org.b");
+    cache.setVersionToken(90);
+    EXPECT_TRUE(load());
+    EXPECT_EQ(cache.versionToken(), 90u) << "a load never lowers it";
 
     using Dictionary = QSPropertyList::Dictionary;
     const QSPropertyList::Array none;
     const Dictionary record{{"bundleIdentifier", "org.a"}};
-    for (const Dictionary& broken :
-         {Dictionary{}, Dictionary{{"versionToken", 5}}, Dictionary{{"bundleProxy", none}},
-          Dictionary{{"versionToken", "5"}, {"bundleProxy", none}},
-          Dictionary{{"versionToken", -5}, {"bundleProxy", none}},
-          Dictionary{{"versionToken", 5}, {"bundleProxy", "none"}},
-          Dictionary{{"versionToken", 5}, {"bundleProxy", QSPropertyList::Array{record}}},
-          Dictionary{{"versionToken", 5}, {"bundleProxy", none}, {"x", QSDate{}}}}) {
-        ASSERT_TRUE(cache.save({bundle("org.a")}, 70));
-        EXPECT_FALSE(loadCache(broken));
+    for (const auto& [archive, isWhole] : std::vector<std::pair<Dictionary, bool>>{
+             {{}, false},
+             {{{"versionToken", 5}}, false},
+             {{{"bundleProxy", none}}, false},
+             {{{"versionToken", "5"}, {"bundleProxy", none}}, false},
+             {{{"versionToken", -5}, {"bundleProxy", none}}, false},
+             {{{"versionToken", 5}, {"bundleProxy", "none"}}, false},
+             {{{"versionToken", 5}, {"bundleProxy", QSPropertyList::Array{record}}}, false},
+             {{{"versionToken", 5}, {"bundleProxy", none}, {"x", QSDate{}}}, false},
+             {{{"versionToken", 95}, {"bundleProxy", none}}, true}}) {
+        ASSERT_TRUE(cache.save({bundleOf("org.a")}, 70));
+        scratch.makeFile("new/app-libraries.plist",
+                         stringFromData(archivedDataWithRootObject(archive).value()));
+        EXPECT_EQ(load(), isWhole);
         EXPECT_THAT(cache.content().bundleProxies, IsEmpty());
     }
-    EXPECT_TRUE(loadCache(Dictionary{{"versionToken", 5}, {"bundleProxy", none}}));
-    EXPECT_EQ(cache.versionToken(), 5u);
-
-    scratch.makeFile("blocked");
-    LocalAppLibraryCache unwritable("unwritable", scratch / "blocked/below/file");
-    EXPECT_FALSE(unwritable.save({bundle("org.a")}, 7));
-    EXPECT_EQ(unwritable.versionToken(), 0u);
-}
-
-TEST_F(AppLibrariesTest, SetsAreNamedOnceAndOnlyWhenTheyAreKept) {
-    feed({"org.a", "org.b"});
-    load();
-    EXPECT_EQ(retrievals, 1) << "with no main cache";
-    const auto first = libraries->mainCache()->versionToken();
-    EXPECT_FALSE(libraries->refresh());
-    LocalAppLibraryManager manager(libraries->mainCache());
-    setApps({"org.b", "org.a"});
-    EXPECT_GT(libraries->mainCache()->versionToken(), first) << "the order counts";
-    setApps({"org.b"});
-    const auto upgrade = manager.upgradeFromMainCache(*libraries->mainCache(), first).value();
-    EXPECT_THAT(upgrade.domains(), ElementsAre("org.a"));
-    EXPECT_THAT(upgrade.removedIdentifiers(), ElementsAre("#org.a"));
-    EXPECT_FALSE(manager.upgradeFromMainCache(*libraries->mainCache(), first));
-
-    // So is one whose application has its documents elsewhere.
-    auto moved = *bundle("org.b");
-    moved.dataContainerPath = scratch / "containers/org.moved";
-    libraryFile("org.moved/Documents/note");
-    fed = {std::make_shared<const QLBundleProxy>(moved)};
-    EXPECT_TRUE(libraries->refresh());
-    EXPECT_TRUE(installed->files().freshAttributes(
-        TWPAppLibraryManager::rootURLsForAppLibraries().front().URLByAppendingPathComponent(
-            "note")));
-
-    // A set that cannot be saved is nobody's.
-    std::filesystem::remove_all(scratch / "apps/Tidewell");
-    scratch.makeFile("apps/Tidewell");
-    setApps({"org.c"});
-    EXPECT_THAT(logged(LogLevel::Error, "can't refresh app libraries;"), SizeIs(1));
-    EXPECT_EQ(libraries->mainCache()->content().bundleProxies.size(), 1u);
-    ASSERT_THAT(TWPAppLibraryManager::rootURLsForAppLibraries(), SizeIs(1));
-    EXPECT_TRUE(installed->files().freshAttributes(
-        TWPAppLibraryManager::rootURLsForAppLibraries().front()));
-}
-
-TEST_F(AppLibrariesTest, WhatTheRegistryOffersIsTakenInOrderOnceForEachContainer) {
-    const auto install = [&](const char* identifier, std::string_view lines) {
-        (void)installApplication(identifier, identifier, lines);
-    };
-    install("org.both", "X-Quenby-SupportsOpenInPlace=true\nX-Quenby-FileSharingEnabled=true\n");
-    install("org.half", "X-Quenby-SupportsOpenInPlace=true\n");
-    install("org.browser", "X-Quenby-SupportsDocumentBrowser=true\n");
-    install("org.stuck", "X-Quenby-SupportsDocumentBrowser=true\n");
-    std::filesystem::remove_all(scratch / "containers");
-    scratch.makeFile("containers/org.stuck/Documents");
-    installed->workspace().refresh();
-    std::vector<std::string> kept;
-    for (const auto& one : retrieveAppLibraries()) kept.push_back(*one->bundleIdentifier);
-    EXPECT_THAT(kept, ElementsAre("org.both", "org.browser"));
-    EXPECT_TRUE(std::filesystem::is_directory(scratch / "containers/org.both/Documents"));
-    EXPECT_FALSE(std::filesystem::exists(scratch / "containers/org.half"));
+    EXPECT_EQ(cache.versionToken(), 95u);
 }
 
 /// A provider over the real registry, whose refreshes can be held and whose signals waited for.
-class RefreshTest : public AppLibrariesTest {
+class RefreshTest : public tests::InstalledPlatform {
   protected:
     RefreshTest() {
         adjustRegistry = [](QLApplicationWorkspace::Configuration& configuration) {
@@ -163,32 +105,57 @@ class RefreshTest : public AppLibrariesTest {
         mainQueue().sync([] {});
         installed->manager().setSignalHandler({});
     }
-    void install(const std::string& identifier) const {
-        (void)installApplication(identifier, "App", "X-Quenby-SupportsDocumentBrowser=true\n");
+    void install(const std::string& identifier, std::string_view lines = browser) const {
+        (void)installApplication(identifier, "App", lines);
         installed->workspace().refresh();
     }
     void awaitSignals(int count) {
         while (count-- > 0) EXPECT_TRUE(signalled.try_acquire_for(std::chrono::seconds(20)));
     }
 
+    static constexpr std::string_view browser = "X-Quenby-SupportsDocumentBrowser=true\n";
+    static constexpr std::string_view inPlace = "X-Quenby-SupportsOpenInPlace=true\n";
+    static constexpr std::string_view sharing = "X-Quenby-FileSharingEnabled=true\n";
     std::latch isHeld{1};
     std::latch mayGoOn{1};
+    std::atomic<int> retrievals = 0;
+    std::shared_ptr<AppLibraries> libraries;
     std::shared_ptr<LocalFileProvider> provider;
+    std::mutex mutex;
     std::vector<std::string> signals;  // guarded by mutex
     std::counting_semaphore<> signalled{0};
 };
 
 TEST_F(RefreshTest, TenNotificationsAreOneRefreshAndOnlyWhatChangedIsSignalled) {
     open();
-    for (int i = 0; i < 10; ++i) install("org." + std::to_string(i));
+    for (int i = 0; i < 6; ++i) install("org." + std::to_string(i));
+    install("org.both", std::string(inPlace) + std::string(sharing));
+    install("org.open", inPlace);
+    install("org.shared", sharing);
+    install("org.stuck");
+    std::filesystem::remove_all(scratch / "containers");
+    scratch.makeFile("containers/org.stuck/Documents");
     mayGoOn.count_down();
     awaitSignals(4);
     EXPECT_EQ(retrievals, 3);
-    EXPECT_THAT(TWPAppLibraryManager::rootURLsForAppLibraries(), SizeIs(10));
+    std::vector<std::string> shown;
+    for (const auto& bundle : libraries->mainCache()->content().bundleProxies) {
+        shown.push_back(*bundle->bundleIdentifier);
+        EXPECT_TRUE(std::filesystem::is_directory(bundle->dataContainerPath + "/Documents"));
+    }
+    EXPECT_THAT(shown,
+                ElementsAre("org.0", "org.1", "org.2", "org.3", "org.4", "org.5", "org.both"));
+    EXPECT_FALSE(std::filesystem::exists(scratch / "containers/org.open"));
     installed->notifications()->post(applicationRegisteredNotification);  // of nothing
     while (retrievals < 4) std::this_thread::yield();
     std::filesystem::remove(scratch / "share/applications/org.0.desktop");
     awaitSignals(2);
+    // A container that is replaced is found again without a signal.
+    std::filesystem::rename(scratch / "containers/org.1", scratch / "elsewhere");
+    scratch.makeFile("containers/org.1/Documents/note");
+    const auto library = TWPAppLibraryManager::rootURLsForAppLibraries().at(0);
+    const auto note = library.URLByAppendingPathComponent("note");
+    while (!installed->files().freshAttributes(note)) std::this_thread::yield();
     EXPECT_THAT(signals, ElementsAre(workingSet,        // at the start
                                      workingSet,        // which was never told of a set
                                      root, workingSet,  // what came

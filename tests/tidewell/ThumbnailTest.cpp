@@ -45,7 +45,7 @@ class ThumbnailTest : public tests::InstalledPlatform {
         provider.reset();
         mainQueue().sync([] {});
     }
-    void start(const char* deviceClass, const char* scale) {
+    void start(const char* deviceClass, const char* scale, std::vector<int> present) {
         setenv("TIDEWELL_DEVICE_CLASS", deviceClass, 1);
         setenv("TIDEWELL_SCREEN_SCALE", scale, 1);
         provider.reset();
@@ -53,41 +53,37 @@ class ThumbnailTest : public tests::InstalledPlatform {
         restart();
         installed->workspace().refresh();
         provider = LocalFileProvider::init();
+        scripted->present = std::move(present);
+        scripted->asked.clear();
     }
     /// Each identifier as it is answered, with the type of its picture; the completion handler has
     /// to come last, and once.
     std::vector<std::string> fetch(const std::vector<std::string>& identifiers) {
-        std::vector<std::string> found, untyped;
-        int completions = 0;
-        const auto done = [&](const std::optional<QSError>& error) {
-            EXPECT_FALSE(error);
-            ++completions;
-        };
-        const LocalFileProvider::PerThumbnailCompletionHandlerWithType typed =
+        std::vector<std::string> found;
+        bool isComplete = false;
+        const LocalFileProvider::PerThumbnailCompletionHandlerWithType each =
             [&](const auto& identifier, const auto& data, const auto& type, const auto& error) {
-                EXPECT_FALSE(error || completions > 0);
+                EXPECT_FALSE(error || isComplete);
                 EXPECT_EQ(data.has_value(), type.has_value());
                 found.push_back(identifier + (type ? " " + *type : ""));
             };
-        EXPECT_EQ(provider->fetchThumbnailsForItemIdentifiers(identifiers, {}, typed, done)
-                      ->completedItems(),
-                  identifiers.size());
-        const LocalFileProvider::PerThumbnailCompletionHandler plain =
-            [&](const auto& identifier, const auto&, const auto&) {
-                untyped.push_back(identifier);
-            };
-        EXPECT_TRUE(provider->fetchThumbnailsForItemIdentifiers(identifiers, {}, plain, done));
-        EXPECT_EQ(completions, 2);
-        EXPECT_EQ(untyped, identifiers);
+        const auto progress = provider->fetchThumbnailsForItemIdentifiers(
+            identifiers, {}, each, [&](const std::optional<QSError>& error) {
+                EXPECT_FALSE(error || std::exchange(isComplete, true));
+            });
+        EXPECT_TRUE(isComplete);
+        EXPECT_EQ(progress->completedItems(), identifiers.size());
         return found;
     }
-    /// The variants that one application's icon is looked for in.
+    /// The variants that one application's icon is looked for in, by the form without types.
     std::vector<int> walk(const char* deviceClass, const char* scale, std::vector<int> present) {
-        start(deviceClass, scale);
-        scripted->present = std::move(present);
-        scripted->asked.clear();
-        const LocalFileProvider::PerThumbnailCompletionHandler none = [](const auto&...) {};
-        provider->fetchThumbnailsForItemIdentifiers({"#org.good"}, {}, none, [](const auto&) {});
+        start(deviceClass, scale, std::move(present));
+        int answers = 0;
+        const LocalFileProvider::PerThumbnailCompletionHandler each = [&](const auto&...) {
+            ++answers;
+        };
+        provider->fetchThumbnailsForItemIdentifiers({"#org.good"}, {}, each,
+                                                    [&](const auto&) { EXPECT_EQ(answers, 1); });
         return scripted->asked;
     }
 
@@ -105,8 +101,7 @@ TEST_F(ThumbnailTest, TheVariantFollowsTheDevice) {
 }
 
 TEST_F(ThumbnailTest, EachIdentifierIsAnsweredInOrderAndFailuresAreItsOwn) {
-    start("3", "1");
-    scripted->present = {1};
+    start("3", "1", {1});
     const auto file = provider->persistentIdentifierForItemAtURL(url("")).value();
     EXPECT_THAT(
         fetch({file, "#org.bad", "#org.good", "#", "#no", "#org.odd", "did=4", "#org.good"}),

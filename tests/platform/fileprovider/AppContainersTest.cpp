@@ -1,7 +1,5 @@
 #include <gmock/gmock.h>
 
-#include <semaphore>
-
 #include "tests/support/InstalledPlatform.h"
 
 namespace tests {
@@ -55,7 +53,7 @@ TEST_F(AppContainersTest, LetsInExactlyThoseThatAreNamed) {
     EXPECT_EQ(roots(), 1U);
 }
 
-TEST_F(AppContainersTest, WhatIsNoContainerOfThisVolumeIsRefused) {
+TEST_F(AppContainersTest, WhatIsNoContainerOfThisVolumeIsRefusedAndLookedForAgain) {
     const auto code = [&](const fs::path& path) {
         const auto url = installed->containers().URLForContainer("org.a", path);
         return url ? 0 : url.error().code;
@@ -82,27 +80,12 @@ TEST_F(AppContainersTest, WhatIsNoContainerOfThisVolumeIsRefused) {
     (void)makeNote("org.link");
     installed->containers().lookAgain();
     EXPECT_TRUE(isShown("org.link"));
-}
-
-TEST_F(AppContainersTest, AContainerThatIsReplacedIsFoundAgain) {
-    std::counting_semaphore<> read{0};
-    adjustRegistry = [&](QLApplicationWorkspace::Configuration& configuration) {
-        configuration.rest = std::chrono::milliseconds(20);
-        configuration.afterReading = [&read, inner = configuration.afterReading] {
-            inner();
-            read.release();
-        };
-    };
-    restart();
-    read.acquire();
-    (void)makeNote("org.a");
-    (void)installApplication("org.a", "A", "X-Quenby-SupportsDocumentBrowser=true\n");
-    installed->workspace().refresh();
-    EXPECT_THAT(installed->containers().show(std::vector{bundle("org.a")}), IsEmpty());
+    // One that was replaced is found again.
     fs::rename(scratch / "containers/org.a", scratch / "elsewhere");
     (void)makeNote("org.a");
-    while (!isShown("org.a") || roots() != 2U) read.acquire();
-    installed->workspace().stop();
+    installed->containers().lookAgain();
+    EXPECT_TRUE(isShown("org.a"));
+    EXPECT_EQ(roots(), 3U);
 }
 
 }  // namespace

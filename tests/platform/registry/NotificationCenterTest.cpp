@@ -8,8 +8,6 @@
 
 #include "platform/registry/QSDistributedNotificationCenter.h"
 
-using namespace std::chrono_literals;
-
 namespace platform {
 namespace {
 
@@ -20,35 +18,23 @@ class NotificationCenterTest : public testing::Test {
     int other_ = 0;
 };
 
-TEST_F(NotificationCenterTest, CallsTheObserversOfTheNameWithTheirAddress) {
+TEST_F(NotificationCenterTest, CallsTheObserversOfTheNameWhoMayChangeThem) {
+    int third = 0;
     std::vector<const void*> called;
     const auto note = [&](const void* observer) { called.push_back(observer); };
-    center_.addObserver(&observer_, "registered", note);
-    center_.addObserver(&observer_, "unregistered", note);
-    center_.addObserver(&other_, "registered", note);
-    center_.post("registered");
-    EXPECT_EQ(called, (std::vector<const void*>{&observer_, &other_}));
-    center_.removeEveryObserver(&observer_);
-    center_.post("unregistered");
-    center_.post("registered");
-    EXPECT_EQ(called.size(), 3U);
-}
-
-TEST_F(NotificationCenterTest, CallbacksMayChangeTheObservers) {
-    int calls = 0;
-    int otherCalls = 0;
     center_.addObserver(&observer_, "name", [&](const void* observer) {
-        ++calls;
+        note(observer);
         center_.removeEveryObserver(observer);
         center_.removeEveryObserver(&other_);  // its turn in this very post would have come
-        center_.addObserver(&observer_, "later", [&](const void*) { ++calls; });
+        center_.addObserver(&observer_, "later", note);
         center_.post("later");
         center_.post("name");
     });
-    center_.addObserver(&other_, "name", [&](const void*) { ++otherCalls; });
+    center_.addObserver(&other_, "name", note);
+    center_.addObserver(&third, "name", note);
+    center_.addObserver(&third, "another", note);
     center_.post("name");
-    EXPECT_EQ(calls, 2);
-    EXPECT_EQ(otherCalls, 0);
+    EXPECT_EQ(called, (std::vector<const void*>{&observer_, &observer_, &third, &third}));
 }
 
 TEST_F(NotificationCenterTest, RemovalWaitsForTheCallbackThatRuns) {
@@ -74,21 +60,6 @@ TEST_F(NotificationCenterTest, RemovalWaitsForTheCallbackThatRuns) {
     mayEnd.release();
     removed.wait();
     center_.post("name");
-}
-
-TEST_F(NotificationCenterTest, ThreadsMayPostAddAndRemoveAtWill) {
-    std::vector<std::jthread> threads;
-    for (int thread = 0; thread < 3; ++thread) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 300; ++i) {
-                auto count = std::make_unique<int>(0);
-                center_.addObserver(count.get(), "name", [&count](const void*) { ++*count; });
-                center_.post("name");
-                center_.removeEveryObserver(count.get());
-                EXPECT_GE(*count, 1);
-            }
-        });
-    }
 }
 
 }  // namespace

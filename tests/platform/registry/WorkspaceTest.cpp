@@ -2,10 +2,11 @@
 #include <sys/stat.h>
 
 #include <array>
-#include <fstream>
+#include <semaphore>
 
 #include "platform/registry/DesktopEntry.h"
-#include "tests/platform/registry/RegistryFixture.h"
+#include "platform/registry/QLApplicationWorkspace.h"
+#include "tests/support/ScratchFolder.h"
 
 namespace tests {
 namespace {
@@ -15,30 +16,93 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::SizeIs;
 namespace fs = std::filesystem;
 using enum QLApplicationType;
+using enum QLApplicationWorkspace::Override;
 
 const std::string browser = "X-Quenby-SupportsDocumentBrowser=true\n";
 
-class WorkspaceTest : public RegistryFixture {};
+/// A registry over scratch folders, which are not there yet.
+class WorkspaceTest : public testing::Test {
+  protected:
+    WorkspaceTest() {
+        configuration.sources = {.dataHome = scratch / "home/share",
+                                 .dataFolders = {scratch / "local/share", scratch / "usr/share"},
+                                 .flatpakUser = scratch / "home/share/flatpak",
+                                 .flatpakSystem = scratch / "flatpak",
+                                 .flatpakInstallations = scratch / "etc/installations.d",
+                                 .containers = scratch / "containers",
+                                 .overrides = scratch / "config/applications",
+                                 .languages = localeNames("sr_RS.UTF-8@latin")};
+        configuration.report = [this](const std::string& trouble) { troubles.push_back(trouble); };
+        configuration.afterReading = [this] { read.release(); };
+        configuration.rest = std::chrono::milliseconds(20);
+        auto& center =
+            *(configuration.notifications = std::make_shared<QSDistributedNotificationCenter>());
+        center.addObserver(this, std::string(applicationRegisteredNotification),
+                           [this](const void*) { registered.release(); });
+        center.addObserver(this, std::string(applicationUnregisteredNotification),
+                           [this](const void*) { unregistered.release(); });
+    }
+    ~WorkspaceTest() override { workspace.reset(); }
+
+    void open() { workspace = std::make_unique<QLApplicationWorkspace>(configuration); }
+    void follow() {
+        workspace.reset();
+        while (read.try_acquire()) continue;
+        open();
+        workspace->follow();
+        read.acquire();
+    }
+    /// An entry at a path below the scratch folder.
+    fs::path entry(std::string_view path, std::string_view name,
+                   const std::string& lines = {}) const {
+        return scratch.makeFile(
+            path, "[Desktop Entry]\nType=Application\nName=" + std::string(name) + "\n" + lines);
+    }
+    /// "ID name", sorted by ID.
+    [[nodiscard]] std::vector<std::string> listed(QLApplicationType type) const {
+        std::vector<std::string> found;
+        workspace->enumerateApplicationsOfType(type, [&](const auto& application) {
+            found.push_back(*application->bundleIdentifier + " " +
+                            application->localizedName().value_or("-"));
+        });
+        return found;
+    }
+    /// Whether the documents are offered, and whether the user has a say in it.
+    [[nodiscard]] std::pair<bool, bool> state(std::string_view identifier) const {
+        const auto bundle = workspace->bundleProxyForIdentifier(identifier);
+        return {bundle->supportsDocumentBrowser, bundle->hasOverride};
+    }
+
+    ScratchFolder scratch;
+    QLApplicationWorkspace::Configuration configuration;
+    std::vector<std::string> troubles;
+    std::counting_semaphore<> registered{0};
+    std::counting_semaphore<> unregistered{0};
+    std::counting_semaphore<> read{0};
+    std::unique_ptr<QLApplicationWorkspace> workspace;
+};
 
 TEST_F(WorkspaceTest, TheFirstFolderWithAnEntryOfThatNameDecides) {
-    entry("usr/share/applications/org.a.desktop", "System");
-    entry("local/share/applications/org.a.desktop", "Local");
-    entry("usr/share/applications/org.b.desktop", "Masked");
-    entry("home/share/applications/org.b.desktop", "Gone", "Hidden=true\n");
-    entry("usr/share/applications/org.c.desktop", "Masked by a link");
-    entry("home/share/applications/org.c.desktop", "Link", "Type=Link\n");
-    entry("usr/share/applications/kde/tool.desktop", "Below");
-    entry("usr/share/applications/org.d.desktop", "Good");
+    for (const auto& [folder, name, text, lines] : std::vector<std::array<std::string, 4>>{
+             {"usr", "org.a", "System", ""},
+             {"local", "org.a", "Local", ""},
+             {"usr", "org.b", "Masked", ""},
+             {"home", "org.b", "Gone", "Hidden=true\n"},
+             {"usr", "org.c", "Masked by a link", ""},
+             {"home", "org.c", "Link", "Type=Link\n"},
+             {"usr", "kde/tool", "Below", ""},
+             {"usr", "org.d", "Good", ""},
+             {"usr", "org.e", "Native", ""},
+             {"flatpak/exports", "org.e", "Flatpak", "X-Flatpak=org.e\n"},
+             {"home/share/flatpak/exports", "org.f", "F", "X-Flatpak=org.f\n"},
+             {"extra/exports", "org.g", "Extra", "X-Flatpak=org.g\n"}}) {
+        entry(folder + "/share/applications/" + name + ".desktop", text, lines);
+    }
     scratch.makeFile("home/share/applications/org.d.desktop", "half writ");
-    entry("flatpak/exports/share/applications/org.e.desktop", "Flatpak", "X-Flatpak=org.e\n");
-    entry("usr/share/applications/org.e.desktop", "Native");
-    entry("home/share/flatpak/exports/share/applications/org.f.desktop", "F", "X-Flatpak=org.f\n");
     scratch.makeFile("etc/installations.d/1.conf",
                      "[Installation \"x\"]\nPath=" + (scratch / "extra").string() + "\n");
-    entry("extra/exports/share/applications/org.g.desktop", "Extra", "X-Flatpak=org.g\n");
     open();
     EXPECT_THAT(listed(User), ElementsAre("org.f F"));
     EXPECT_THAT(listed(System), ElementsAre("kde-tool Below", "org.a Local", "org.d Good",
@@ -82,42 +146,32 @@ TEST_F(WorkspaceTest, OneApplicationMayHaveSeveralEntriesAndFormerNames) {
               scratch / "containers/org.new");
 }
 
-TEST(DesktopEntryTest, NamesAreMatchedByLocale) {
-    EXPECT_THAT(localeNames("sr_RS.UTF-8@latin"),
-                ElementsAre("sr_RS@latin", "sr_RS", "sr@latin", "sr"));
-    EXPECT_THAT(localeNames("de"), ElementsAre("de"));
-    const std::string text =
-        "# comment\n[Desktop Entry]\nName=Pen\nName[sr]=Sr\nName[sr@latin]=L\n"
-        "Name[de]=Stift\nName[fr_FR]=Plume\\sd\n";
-    const auto named = [&](std::string_view locale) {
-        return parseDesktopEntry(text, localeNames(locale))->name;
-    };
-    EXPECT_EQ(named("sr_RS.UTF-8@latin"), "L");
-    EXPECT_EQ(named("sr_RS"), "Sr");
-    EXPECT_EQ(named("de_AT"), "Stift");
-    EXPECT_EQ(named("fr_FR"), "Plume d");
-    EXPECT_EQ(named("fr_CA"), "Pen");
-}
-
 TEST(DesktopEntryTest, AnyBytesAreAnEntryOrAnError) {
     const std::string head = "[Desktop Entry]\n";
+    const auto text = "# comment\n" + head +
+                      "Name=Pen\nName[sr]=Sr\nName[sr@latin]=L\nName[de]=Stift\n"
+                      "Name[fr_FR]=Plume\\sd\njunk\n[Other]\nName=b\n";
+    for (const auto& [locale, name] : {std::pair("sr_RS.UTF-8@latin", "L"),
+                                       {"sr_RS", "Sr"},
+                                       {"de_AT", "Stift"},
+                                       {"fr_FR", "Plume d"},
+                                       {"fr_CA", "Pen"}}) {
+        EXPECT_EQ(parseDesktopEntry(text, localeNames(locale))->name, name) << locale;
+    }
     const auto flags = parseDesktopEntry(
         head + "X-Quenby-SupportsOpenInPlace=true\nX-Quenby-FileSharingEnabled=yes\n", {});
     EXPECT_EQ(flags->flags.openInPlace, true);
     EXPECT_EQ(flags->flags.fileSharing, std::nullopt);
-    EXPECT_TRUE(parseDesktopEntry(head + "junk\nName=a\n[Other]\nName=b\n", {})->name == "a");
     EXPECT_EQ(parseDesktopEntry(head + "Name=\xff\xfe\n", {})->name, "");
-    for (const std::string text : {"", "Name=a\n", "[Other]\nName=a\n", "[Desktop Entry\nName=a"}) {
-        EXPECT_FALSE(parseDesktopEntry(text, {})) << text;
+    for (const std::string bad : {"", "Name=a\n", "[Other]\nName=a\n", "[Desktop Entry\nName=a"}) {
+        EXPECT_FALSE(parseDesktopEntry(bad, {})) << bad;
     }
-    std::string nul = head + "Name=a";
-    nul += std::string("\0b\n", 3);
-    (void)parseDesktopEntry(nul, {});
-    for (const auto* bad : {"", ".", "..", ".a", "a/b", "a\nb", "\xff"}) {
+    (void)parseDesktopEntry(head + "Name=a" + std::string("\0b\n", 3), {});
+    for (const auto& bad :
+         {std::string(), std::string("."), std::string(".."), std::string(".a"), std::string("a/b"),
+          std::string("a\nb"), std::string("\xff"), std::string(241, 'a')}) {
         EXPECT_FALSE(isBundleIdentifier(bad)) << bad;
     }
-    EXPECT_FALSE(isBundleIdentifier(std::string(241, 'a')));
-    EXPECT_TRUE(isBundleIdentifier("org.example.App"));
 }
 
 TEST_F(WorkspaceTest, StrangeFilesDoNoHarm) {
@@ -132,12 +186,18 @@ TEST_F(WorkspaceTest, StrangeFilesDoNoHarm) {
     fs::create_directory(applications / "folder.desktop");
     scratch.makeFile("usr/share/applications/huge.desktop", "[Desktop Entry]\n");
     fs::resize_file(applications / "huge.desktop", mostEntryBytes + 1);
-    std::string deep = "usr/share/applications/";
-    for (int depth = 0; depth < 12; ++depth) deep += "d/";
-    entry(deep + "deep.desktop", "Deep");
+    entry("usr/share/applications/1/2/3/4/5/6/7/8/9/deep.desktop", "Deep");
+    // A container that cannot be presented is named for those that want theirs.
+    configuration.presentContainer = [](std::string_view, const std::string& path) {
+        return Result<QSURL>(std::unexpected(errorFromErrno(EXDEV, path)));
+    };
+    entry("usr/share/applications/org.far.desktop", "Far", browser);
     open();
-    EXPECT_THAT(listed(System), ElementsAre("org.a A"));
-    EXPECT_THAT(troubles, ElementsAre(HasSubstr("nest too deeply"), HasSubstr("huge.desktop")));
+    EXPECT_THAT(listed(System), ElementsAre("org.a A", "org.far Far"));
+    EXPECT_THAT(troubles, ElementsAre(HasSubstr("can't show the documents of org.far; "),
+                                      HasSubstr("nest too deeply"), HasSubstr("huge.desktop")));
+    EXPECT_FALSE(workspace->bundleProxyForIdentifier("org.far")->dataContainerURL);
+    EXPECT_TRUE(workspace->bundleProxyForIdentifier("org.far")->containerTrouble);
     troubles.clear();
     workspace->refresh();  // what is known to be wrong is not said again
     EXPECT_THAT(troubles, IsEmpty());
@@ -145,94 +205,44 @@ TEST_F(WorkspaceTest, StrangeFilesDoNoHarm) {
     fs::remove(applications / "huge.desktop");
     entry("usr/share/applications/huge.desktop", "Mended");
     workspace->refresh();
-    EXPECT_THAT(listed(System), ElementsAre("huge Mended", "org.b A"));
+    EXPECT_THAT(listed(System), ElementsAre("huge Mended", "org.b A", "org.far Far"));
 }
 
 TEST_F(WorkspaceTest, TheUsersOverridesGoBeforeWhatAnApplicationSays) {
-    const auto path = entry("usr/share/applications/org.a.desktop", "A", browser);
+    entry("usr/share/applications/org.a.desktop", "A", browser);
     entry("usr/share/applications/org.b.desktop", "B");
     open();
-    using enum QLApplicationWorkspace::Override;
-    const auto state = [&](std::string_view identifier) {
-        const auto bundle = workspace->bundleProxyForIdentifier(identifier);
-        return std::pair(bundle->supportsDocumentBrowser, bundle->hasOverride);
-    };
-    int posted = 0;
-    configuration.notifications->addObserver(this, std::string(applicationRegisteredNotification),
-                                             [&](const void*) { ++posted; });
-    ASSERT_TRUE(workspace->setOverride("org.a", Deny));
-    ASSERT_TRUE(workspace->setOverride("org.b", Allow));
-    EXPECT_EQ(posted, 2);
-    EXPECT_EQ(state("org.a"), std::pair(false, true));
-    EXPECT_EQ(state("org.b"), std::pair(true, true));
+    for (const auto& [identifier, given] : {std::pair("org.a", Deny), {"org.b", Allow}}) {
+        ASSERT_TRUE(workspace->setOverride(identifier, given));
+        EXPECT_TRUE(registered.try_acquire()) << identifier;
+        EXPECT_EQ(state(identifier), std::pair(given == Allow, true));
+    }
     open();  // it is the files that count
     EXPECT_EQ(state("org.b"), std::pair(true, true));
-    ASSERT_TRUE(workspace->setOverride("org.a", Remove));
-    ASSERT_TRUE(workspace->setOverride("org.a", Remove));
-    EXPECT_EQ(state("org.a"), std::pair(true, false));
-    std::ofstream(scratch / "config/applications/org.b.override") << "rubbish";
+    for (int times = 0; times < 2; ++times) {
+        ASSERT_TRUE(workspace->setOverride("org.a", Remove));
+        EXPECT_EQ(state("org.a"), std::pair(true, false));
+    }
+    scratch.makeFile("config/applications/org.b.override", "rubbish");
     workspace->refresh();
     EXPECT_EQ(state("org.b"), std::pair(false, false));
     EXPECT_EQ(workspace->setOverride("org.none", Allow).error().code, ENOENT);
     EXPECT_EQ(workspace->setOverride("../org.a", Remove).error().code, EINVAL);
-    configuration.notifications->removeEveryObserver(this);
 }
 
-TEST_F(WorkspaceTest, ContainersThatCannotBePresentedAreNamedForThoseThatWantThem) {
-    configuration.presentContainer = [](std::string_view identifier, const std::string& path) {
-        if (identifier == "org.ok") return Result<QSURL>(QSURL::fileURLWithPath("/c/org.ok"));
-        return Result<QSURL>(std::unexpected(errorFromErrno(EXDEV, path)));
-    };
-    for (const auto* name : {"org.ok", "org.far"}) {
-        entry("usr/share/applications/" + std::string(name) + ".desktop", name, browser);
-    }
-    entry("usr/share/applications/org.silent.desktop", "Silent");
-    open();
-    EXPECT_EQ(workspace->bundleProxyForIdentifier("org.ok")->dataContainerURL->path(), "/c/org.ok");
-    const auto far = workspace->bundleProxyForIdentifier("org.far");
-    EXPECT_FALSE(far->dataContainerURL);
-    EXPECT_TRUE(far->containerTrouble);
-    EXPECT_THAT(troubles, ElementsAre(HasSubstr("can't show the documents of org.far; ")));
-}
-
-/// Waits for notifications of what happens on disk.
-class WorkspaceWatchTest : public RegistryFixture {
-  protected:
-    WorkspaceWatchTest() {
-        const auto release = [](auto& semaphore) {
-            return [&semaphore](const void*) { semaphore.release(); };
-        };
-        auto& center = *configuration.notifications;
-        center.addObserver(this, std::string(applicationRegisteredNotification),
-                           release(registered));
-        center.addObserver(this, std::string(applicationUnregisteredNotification),
-                           release(unregistered));
-        configuration.afterReading = [this] { read.release(); };
-    }
-    ~WorkspaceWatchTest() override { workspace.reset(); }
-    void follow() {
-        open().follow();
-        read.acquire();
-    }
-
-    std::counting_semaphore<> registered{0};
-    std::counting_semaphore<> unregistered{0};
-    std::counting_semaphore<> read{0};
-};
-
-TEST_F(WorkspaceWatchTest, NoticesFoldersThatAreMadeAndWhatHappensInThem) {
+TEST_F(WorkspaceTest, NoticesFoldersThatAreMadeAndWhatHappensInThem) {
     follow();
     EXPECT_TRUE(workspace->isWatchedWhole());
     EXPECT_THAT(listed(User), IsEmpty());
-    const auto path = entry("home/share/applications/org.a.desktop", "A");
+    entry("home/share/applications/org.a.desktop", "A");
     registered.acquire();
     EXPECT_THAT(listed(User), ElementsAre("org.a A"));
     entry("home/share/applications/sub/b.desktop", "B");
     registered.acquire();
-    EXPECT_THAT(listed(User), SizeIs(2));
-    std::ofstream(path, std::ios::app) << browser;
+    EXPECT_THAT(listed(User), ElementsAre("org.a A", "sub-b B"));
+    std::ofstream(scratch / "home/share/applications/org.a.desktop", std::ios::app) << browser;
     registered.acquire();
-    EXPECT_TRUE(workspace->bundleProxyForIdentifier("org.a")->supportsDocumentBrowser);
+    EXPECT_EQ(state("org.a"), std::pair(true, false));
     fs::rename(scratch / "home/share/applications", scratch / "away");
     unregistered.acquire();
     EXPECT_THAT(listed(User), IsEmpty());
@@ -241,21 +251,19 @@ TEST_F(WorkspaceWatchTest, NoticesFoldersThatAreMadeAndWhatHappensInThem) {
     scratch.makeFile("config/applications/org.a.override",
                      "[Desktop Entry]\nX-Quenby-SupportsDocumentBrowser=false\n");
     registered.acquire();
-    EXPECT_FALSE(workspace->bundleProxyForIdentifier("org.a")->supportsDocumentBrowser);
-}
+    EXPECT_EQ(state("org.a"), std::pair(false, true));
 
-TEST_F(WorkspaceWatchTest, ReadsNowAndThenWhereWatchesAreMissing) {
-    scratch.makeFolder("usr/share/applications");
+    // Where watches are missing they are read now and then.
     configuration.mostWatches = 1;
     configuration.unwatchedPeriod = std::chrono::milliseconds(20);
     follow();
     EXPECT_FALSE(workspace->isWatchedWhole());
-    entry("usr/share/applications/org.a.desktop", "A");
+    entry("usr/share/applications/org.c.desktop", "C");
     registered.acquire();
     // Stopping ends it whatever it waits for, and nothing is posted afterwards.
     workspace->stop();
     while (registered.try_acquire()) continue;
-    entry("usr/share/applications/org.b.desktop", "B");
+    entry("usr/share/applications/org.d.desktop", "D");
     EXPECT_FALSE(registered.try_acquire());
 }
 
