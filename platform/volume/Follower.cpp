@@ -10,6 +10,7 @@
 #include <ctime>
 #include <ranges>
 
+#include "platform/files/ItemNames.h"
 #include "platform/log/Log.h"
 
 namespace platform {
@@ -222,9 +223,12 @@ void Follower::take(const KernelEvent& event) {
         marks_[folder].isWhole = true;
         return;
     }
+    const bool isWritten = (event.mask & (IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB)) != 0;
+    // What a copy takes in is told once, with its name, and not committed while it grows.
+    if (isWritten && event.name.starts_with(hiddenNamePrefix)) return;
     auto& mark = marks_[folder];
     if (mark.isWhole || event.name.empty()) return;
-    mark.names[event.name] |= (event.mask & (IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB)) != 0;
+    mark.names[event.name] |= isWritten;
     constexpr std::size_t mostNames = 8192;
     if (mark.names.size() <= mostNames) return;
     mark.names.clear();
