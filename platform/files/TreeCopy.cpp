@@ -142,8 +142,7 @@ Result<void> TreeCopy::copyFile(const FileDescriptor& source, Side target) {
     FileDescriptor file(openat(target.folder, target.name,
                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!file) return failure(errno);
-    const auto size = static_cast<std::uint64_t>(status.st_size);
-    if (auto copied = copyContent(source.get(), file.get(), size); !copied) return copied;
+    if (auto copied = copyContent(source.get(), status, file.get()); !copied) return copied;
     if (auto copied = copyMetadata(source.get(), status, file.get()); !copied) return copied;
     ++objects_;
     return {};
@@ -174,19 +173,23 @@ Result<void> TreeCopy::copyFolder(FileDescriptor source, Side target, unsigned d
     return copyMetadata(source.get(), status, folder.get());
 }
 
-Result<void> TreeCopy::copyContent(int source, int target, std::uint64_t size) {
+Result<void> TreeCopy::copyContent(int source, const struct stat& status, int target) {
+    const auto end = status.st_size;
     // Some file systems that make up what is read tell no sizes.
-    if (size == 0) return copyRange(source, target, 0, std::numeric_limits<off_t>::max(), false);
+    if (end == 0) return copyRange(source, target, 0, std::numeric_limits<off_t>::max(), false);
     if (canClone_) {
         if (ioctl(target, FICLONE, source) == 0) {
-            progress_.addBytes(size);
+            progress_.addBytes(static_cast<std::uint64_t>(end));
             return {};
         }
         if (errno == ENOSPC || errno == EDQUOT || errno == EIO) return failure(errno);
         canClone_ = false;
     }
+    constexpr off_t blockSize = 512;
+    if (status.st_blocks >= (end + blockSize - 1) / blockSize) {
+        return copyRange(source, target, 0, end, true);
+    }
     // Data by data; what lies between is a hole and stays one.
-    const auto end = static_cast<off_t>(size);
     for (off_t at = 0; at < end;) {
         const auto data = lseek(source, at, SEEK_DATA);
         if (data < 0 && errno == ENXIO) break;  // nothing but a hole is left
@@ -203,7 +206,6 @@ Result<void> TreeCopy::copyContent(int source, int target, std::uint64_t size) {
 
 Result<void> TreeCopy::copyRange(int source, int target, std::int64_t begin, std::int64_t end,
                                  bool inKernel) {
-    std::vector<char> buffer;
     for (off_t at = begin; at < end;) {
         if (progress_.isCancelled()) return failure(ECANCELED);
         const auto wanted = static_cast<std::size_t>(std::min<off_t>(end - at, rangeAtOnce));
@@ -219,11 +221,11 @@ Result<void> TreeCopy::copyRange(int source, int target, std::int64_t begin, std
             }
         }
         if (count < 0) {
-            buffer.resize(bufferSize);
-            count = pread(source, buffer.data(), std::min(wanted, buffer.size()), at);
+            buffer_.resize(bufferSize);
+            count = pread(source, buffer_.data(), std::min(wanted, buffer_.size()), at);
             if (count < 0 && errno == EINTR) continue;
             if (count > 0)
-                count = pwrite(target, buffer.data(), static_cast<std::size_t>(count), at);
+                count = pwrite(target, buffer_.data(), static_cast<std::size_t>(count), at);
             if (count < 0) return failure(errno);
         }
         if (count == 0) break;  // it became shorter

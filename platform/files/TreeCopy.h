@@ -1,7 +1,10 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/files/FileDescriptor.h"
 #include "platform/foundation/QSError.h"
@@ -40,12 +43,13 @@ class TreeCopy {
     Result<void> copyFile(const FileDescriptor& source, Side target);
     Result<void> copyFolder(FileDescriptor source, Side target, unsigned depth);
     Result<void> copyLink(Side source, Side target);
-    Result<void> copyContent(int source, int target, std::uint64_t size);
+    Result<void> copyContent(int source, const struct stat& status, int target);
     Result<void> copyRange(int source, int target, std::int64_t begin, std::int64_t end,
                            bool inKernel);
 
     QSProgress& progress_;
     const Special special_;
+    std::vector<char> buffer_;
     bool canClone_ = true;
     bool canCopyInKernel_ = true;
     std::uint64_t objects_ = 0;  ///< files and folders made
