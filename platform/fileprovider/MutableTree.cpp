@@ -132,13 +132,7 @@ Result<MutableTree::HeldItem> MutableTree::hold(const QSURL& url) const {
     const auto identity = readIdentity(object.get(), "", nullptr, files_.credentials());
     if (!identity) return std::unexpected(identity.error());
     if (expected && expected->identity != *identity) return std::unexpected(goneError(native));
-    struct stat status {};
-    if (fstat(object.get(), &status) != 0) return std::unexpected(failure(errno, url));
-    return HeldItem{{parentURL, std::move(*parent)},
-                    std::move(name),
-                    std::move(object),
-                    *identity,
-                    status.st_mode};
+    return HeldItem{{parentURL, std::move(*parent)}, std::move(name), std::move(object), *identity};
 }
 
 bool MutableTree::is(const ObjectIdentity& object, int folder, const std::string& name) const {

@@ -43,7 +43,6 @@ class MutableTree {
         std::string name;
         FileDescriptor object;
         ObjectIdentity identity;
-        std::uint32_t mode = 0;
     };
 
     [[nodiscard]] Result<OpenFolder> openFolder(const QSURL& url) const;
