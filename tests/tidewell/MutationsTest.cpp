@@ -60,16 +60,13 @@ TEST_F(MutationsTest, FreeNamesAreNumberedAndFit) {
     EXPECT_EQ(numberedName(".hidden", 2), ".hidden 2");
     std::string umlauts;
     while (umlauts.size() < 250) umlauts += "ä";
-    const auto cut = numberedName(umlauts + ".txt", 12);
-    EXPECT_LE(cut.size(), 255U);
-    EXPECT_EQ(cut, umlauts.substr(0, 248) + " 12.txt");
+    EXPECT_EQ(numberedName(umlauts + ".txt", 12), umlauts.substr(0, 248) + " 12.txt");
 
-    const auto source = scratch.makeFile("source/doc.txt", "new");
     (void)file("in/doc.txt");
-    EXPECT_EQ(import(source, id("in")).value()->filename(), "doc 2.txt");
-    EXPECT_EQ(import(source, id("in")).value()->filename(), "doc 3.txt");
+    EXPECT_EQ(import(scratch.makeFile("source/doc.txt", "new"), id("in")).value()->filename(),
+              "doc 2.txt");
     (void)file("doc.txt");
-    EXPECT_EQ(move(id("doc.txt"), id("in")).value()->filename(), "doc 4.txt");
+    EXPECT_EQ(move(id("doc.txt"), id("in")).value()->filename(), "doc 3.txt");
     EXPECT_EQ(contentOf(storage() / "in/doc.txt"), "x");
 }
 
