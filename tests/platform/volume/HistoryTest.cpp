@@ -1,10 +1,8 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <map>
 #include <set>
@@ -19,7 +17,6 @@ using namespace std::chrono_literals;
 using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 using testing::UnorderedElementsAre;
 namespace fs = std::filesystem;
 
@@ -53,8 +50,6 @@ class HistoryTest : public VolumeFixture {
         follows = true;
         adjust = [this](VolumeService::Configuration& configuration) {
             configuration.windows = {5ms, 40ms, 200ms};
-            configuration.isPackageName = [](auto name) { return name.ends_with(".pkg"); };
-            configuration.metadataNames = {"tag"};
             if (adjustMore) adjustMore(configuration);
             if (!distort) return;
             configuration.makeSource = [this]() -> Result<std::unique_ptr<KernelEventSource>> {
@@ -122,6 +117,10 @@ TEST_F(HistoryTest, RecordsWhatHappensWhereItHappens) {
     fs::rename(native("a/one"), native("b/uno"));
     EXPECT_THAT(changes(), UnorderedElementsAre("a", "b", "a/one", "b/uno"));
     EXPECT_EQ(documentID("b/uno"), one);
+    write("b/temporary", "saved anew");
+    fs::rename(native("b/temporary"), native("b/uno"));
+    EXPECT_THAT(changes(), Contains(HasSubstr("/changed/" + std::to_string(one) + "/src=")));
+    EXPECT_EQ(documentID("b/uno"), one);
     fs::rename(native("b"), native("c"));
     EXPECT_THAT(changes(), UnorderedElementsAre(HasSubstr("private"), "b", "c"));
     EXPECT_THAT(gone, IsEmpty());
@@ -135,9 +134,6 @@ TEST_F(HistoryTest, RecordsWhatHappensWhereItHappens) {
     fs::remove_all(native("c"));
     EXPECT_THAT(changes(), Contains("c/uno"));
     EXPECT_THAT(gone, UnorderedElementsAre(one, folder));
-    fs::create_directories(native("deep/1/2/3/4"));
-    makeFile("deep/1/2/3/4/file");
-    EXPECT_THAT(changes(), Contains("deep/1/2/3/4/file"));
 }
 
 TEST_F(HistoryTest, FindsOutWhatHappenedWhileItWasAway) {
@@ -168,87 +164,6 @@ TEST_F(HistoryTest, FindsOutWhatHappenedWhileItWasAway) {
     EXPECT_EQ(documentID("e/inner"), documents["d/inner"]);
     EXPECT_NE(documentID("takes the number"), documents["deleted"]);
     EXPECT_THAT(changes(), IsEmpty());
-}
-
-TEST_F(HistoryTest, WhatStartsOrStopsBeingShownIsRecordedObjectByObject) {
-    makeFile("folder/sub/file");
-    start();
-    const auto document = documentID("folder/sub/file");
-    for (const auto& [from, to] :
-         std::initializer_list<std::pair<const char*, const char*>>{{"folder", ".hidden"},
-                                                                    {".hidden", "x.pkg"},
-                                                                    {"x.pkg", ".Trash/y"},
-                                                                    {".Trash/y", "z"}}) {
-        fs::create_directory(native(".Trash"));
-        changes();
-        fs::rename(native(from), native(to));
-        const std::string now = to;
-        EXPECT_THAT(changes(), testing::IsSupersetOf({now, now + "/sub", now + "/sub/file"}));
-        EXPECT_THAT(gone, IsEmpty());
-    }
-    fs::rename(native("z"), native("same cover"));
-    EXPECT_THAT(changes(), Not(Contains("same cover/sub/file")));
-    // Out of the roots, for good as it seems, and back.
-    const auto folder = identify("same cover").fileID;
-    fs::rename(native("same cover"), scratch / "outside");
-    changes();
-    EXPECT_THAT(gone, UnorderedElementsAre(document, folder));
-    fs::rename(scratch / "outside", native("back"));
-    EXPECT_THAT(changes(), testing::IsSupersetOf({"back", "back/sub", "back/sub/file"}));
-    EXPECT_EQ(documentID("back/sub/file"), document);
-    EXPECT_EQ(identify("back").fileID, folder);
-    write("back/sub/file", "it is watched again");
-    EXPECT_THAT(changes(), UnorderedElementsAre("back/sub/file"));
-}
-
-TEST_F(HistoryTest, ADocumentIDGoesToWhatTookTheDocumentsPlace) {
-    start();
-    const auto replace = [&] {
-        write("new", "new content");
-        fs::rename(native("new"), native("doc"));
-    };
-    const auto recreate = [&] {
-        fs::remove(native("doc"));
-        write("doc", "new content");
-    };
-    const auto backup = [&](const char* name) {
-        return [this, name] {
-            fs::rename(native("doc"), native(name));
-            write("doc", "new content");
-        };
-    };
-    const std::pair<std::string, std::function<void()>> keeps[] = {
-        {"replaced", replace}, {"recreated", recreate}, {"backup", backup("doc~")}};
-    for (const auto& [what, save] : keeps) {
-        SCOPED_TRACE(what);
-        write("doc", "old");
-        ASSERT_EQ(setxattr(native("doc").c_str(), "user.tag", "red", 3, 0), 0);
-        changes();
-        const auto document = documentID("doc");
-        const auto object = attributes("doc")->identity;
-        save();
-        EXPECT_THAT(changes(),
-                    Contains(HasSubstr("/changed/" + std::to_string(document) + "/src=")));
-        EXPECT_NE(attributes("doc")->identity, object);
-        EXPECT_EQ(documentID("doc"), document);
-        EXPECT_THAT(gone, Not(Contains(document)));
-        char tag[8] = {};
-        EXPECT_EQ(getxattr(native("doc").c_str(), "user.tag", tag, sizeof tag), 3);
-        if (what == "backup") {
-            EXPECT_NE(documentID("doc~"), document);
-        }
-        fs::remove(native("doc"));
-        fs::remove(native("doc~"));
-        changes();
-    }
-    // A user's rename: the name is nothing that a program would choose.
-    write("doc", "old");
-    changes();
-    const auto document = documentID("doc");
-    backup("put aside")();
-    changes();
-    EXPECT_EQ(documentID("put aside"), document);
-    EXPECT_NE(documentID("doc"), document);
 }
 
 TEST_F(HistoryTest, AnOverflowIsAGapAndEverythingIsComparedAgain) {
@@ -327,28 +242,24 @@ TEST_F(HistoryTest, AFolderThatCannotBeReadLosesNothing) {
 }
 
 TEST_F(HistoryTest, AStormIsTakenInWhole) {
-    constexpr int folders = 20;
-    constexpr int count = 1000;  // in each; with what is written and removed some 100,000 events
+    constexpr int count = 1000;  // in each folder; with what is written and removed 100,000 events
     start();
-    for (int folder = 0; folder < folders; ++folder) {
+    std::set<std::string> kept;
+    for (int folder = 0; folder < 20; ++folder) {
         const auto name = "s" + std::to_string(folder) + "/deep/er";
         fs::create_directories(native(name));
         for (int file = 0; file < count; ++file) {
             const auto path = name + "/" + std::to_string(file);
             write(path, "x");
-            if (file % 2 == 0) fs::remove(native(path));
+            if (file % 2 == 0)
+                fs::remove(native(path));
+            else
+                kept.insert(path);
         }
     }
     const auto found = changes();
-    std::set<std::string> missing;
-    for (int folder = 0; folder < folders && gaps == 0; ++folder) {
-        for (int file = 1; file < count; file += 2) {
-            const auto path = "s" + std::to_string(folder) + "/deep/er/" + std::to_string(file);
-            if (!found.contains(path)) missing.insert(path);
-        }
-    }
-    EXPECT_THAT(missing, IsEmpty());
-    for (int folder = 0; folder < folders; ++folder) {
+    EXPECT_TRUE(gaps > 0 || std::ranges::includes(found, kept));
+    for (int folder = 0; folder < 20; ++folder) {
         const auto at = attributes("s" + std::to_string(folder) + "/deep/er");
         EXPECT_EQ(service->entryCount(*at), count / 2u) << folder;
     }
