@@ -235,8 +235,9 @@ std::optional<LocalRootEnumerator::Told> LocalRootEnumerator::appLibraryStep(FSC
     if (upgrade->changed || changeTokenVersion == 0) {
         told.items = appLibraryManager_.appLibraryItems();
     }
-    // A token that names no version does not say either which libraries its host has listed.
-    if (upgrade->lost.empty() && changeTokenVersion != 0) return told;
+    // A library may have come and gone, with what was moved there. And a token that names no
+    // version does not say either which libraries its host has listed.
+    if (upgrade->versionToken == changeTokenVersion && changeTokenVersion != 0) return told;
     auto lost = identifiersLost(token.streamEventID);
     if (!lost) return std::nullopt;
     told.deletions = upgrade->removedIdentifiers();
