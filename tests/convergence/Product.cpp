@@ -104,7 +104,11 @@ void Product::install(const std::string& application) {
 void Product::uninstall(const std::string& application) {
     std::filesystem::remove(entryOf(application));
     applications_.erase(application);
-    if (isManual_ && isRunning()) refreshApplications();
+    if (!isManual_ || !isRunning()) return;
+    // What has left before has been told by then: a real queue is complete.
+    mood().setCalm(true);
+    refreshApplications();
+    mood().setCalm(false);
 }
 
 void Product::refreshApplications() {
