@@ -443,8 +443,16 @@ void Reconciler::resolve(NodeNumber node, Change& change) {
         return index.findObject(place.folder, place.name) == node;
     };
     const bool hasOtherPlaces = !change.left.empty() || !change.came.empty();
+    const auto isPackage = [&](std::string_view name) {
+        return object.kind == ObjectKind::Directory && isDocument(object, name);
+    };
+    const auto& present = index.entry(object.firstName);
     for (const auto& place : change.left) {
-        if (!isNow(place)) record(fsEventMoved | fsEventRemoved, node, place.path, place.folder);
+        if (isNow(place)) continue;
+        // With its name a package leaves its identifier, and so does a folder that becomes one.
+        const bool isEnd = isPackage(place.name) != isPackage(index.name(present));
+        record(isEnd ? fsEventRemoved : fsEventMoved | fsEventRemoved, node, place.path,
+               place.folder);
     }
     std::string whole;  // the path of a folder that now is shown otherwise
     index.forEachName(node, [&](ObjectIndex::EntryNumber at) {

@@ -207,10 +207,8 @@ void FSChangesEnumerator::collect(const FSEvent& event, const QSURL& url,
 /// The object is not at the URL, or not shown there.
 void FSChangesEnumerator::collectElsewhere(const FSEvent& event, const QSURL& url,
                                            const std::string& identifier) {
-    // What is away has an event of its own to come. But a folder that left may have left an
-    // identifier of the other kind with its name.
-    const bool isEnd = (event.flags & fsEventRemoved) != 0 &&
-                       (event.flags & (fsEventMoved | fsEventIsFolder)) != fsEventMoved;
+    // What is away has an event of its own to come.
+    const bool isEnd = (event.flags & (fsEventRemoved | fsEventMoved)) == fsEventRemoved;
     const bool isAway = !isEnd && Platform::current().volume().isAway(event);
     bool indexIsBehind = isAway;
     for (const auto& known : placesOf(event)) {
