@@ -294,7 +294,9 @@ void Reconciler::finishOrphan(const Orphan& orphan) {
     const auto node = state_.index.findInode(orphan.node.inode);
     if (node != ObjectIndex::none) updateUndecided(node);
     orphanChanges_.push_back({orphan.documentID, std::nullopt});
-    if (state_.index.findDocumentID(orphan.documentID) != ObjectIndex::none) return;
+    // It may go on in another object; what was shown as a folder does not.
+    const bool goesOn = state_.index.findDocumentID(orphan.documentID) != ObjectIndex::none;
+    if (goesOn && isDocument(orphan.node, orphan.departure.last.path)) return;
     recordGone(orphan.node, orphan.departure.last);
 }
 
