@@ -31,17 +31,16 @@ void Departures::closeVacancy(std::uint32_t documentID) {
     vacancies_.erase(found);
 }
 
-std::vector<Departures::NodeNumber> Departures::closeVacanciesIn(NodeNumber folder) {
-    std::vector<NodeNumber> owners;
+std::vector<std::pair<std::uint32_t, Departures::NodeNumber>> Departures::closeVacanciesIn(
+    NodeNumber folder) {
+    std::vector<std::pair<std::uint32_t, NodeNumber>> closed;
     for (auto at = byPlace_.lower_bound({folder, {}});
          at != byPlace_.end() && at->first.first == folder;) {
         const auto ended = vacancies_.extract(at->second);
-        if (!ended.empty() && ended.mapped().owner != ObjectIndex::none) {
-            owners.push_back(ended.mapped().owner);
-        }
+        if (!ended.empty()) closed.emplace_back(ended.key(), ended.mapped().owner);
         at = byPlace_.erase(at);
     }
-    return owners;
+    return closed;
 }
 
 Departures::Vacancy* Departures::vacancy(std::uint32_t documentID) {

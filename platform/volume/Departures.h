@@ -59,8 +59,8 @@ class Departures {
     /// the owner of a vacancy that this one ends, none where there is none.
     NodeNumber vacate(std::uint32_t documentID, const Vacancy& vacancy);
     void closeVacancy(std::uint32_t documentID);
-    /// The folder has gone, and its number is another one's. Returns the owners.
-    std::vector<NodeNumber> closeVacanciesIn(NodeNumber folder);
+    /// The folder has gone, and its number is another one's. Returns the documents and the owners.
+    std::vector<std::pair<std::uint32_t, NodeNumber>> closeVacanciesIn(NodeNumber folder);
     [[nodiscard]] Vacancy* vacancy(std::uint32_t documentID);
     /// The document that left this name, 0 where none did.
     [[nodiscard]] std::uint32_t documentThatLeft(NodeNumber folder, std::string_view name) const;

@@ -91,6 +91,10 @@ void ObjectIndex::load(const ObjectRow& row) {
     const NodeNumber number = ensure(row.inode);
     setIdentity(number, row);
     for (const auto& [folder, name] : row.names) {
+        if (folder == 0) {
+            displaced_.push_back({number, none, name});
+            continue;
+        }
         const auto holder = ensure(folder);
         if (findEntry(holder, name) == none) {
             addName(number, holder, name);

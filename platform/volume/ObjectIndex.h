@@ -21,8 +21,8 @@ inline constexpr std::uint64_t firstFreshFileID = std::uint64_t{1} << 62;
 /// One object as the store keeps it.
 struct ObjectRow {
     struct Name {
-        std::uint64_t folder = 0;  ///< inode number
-        std::string name;
+        std::uint64_t folder = 0;  ///< inode number; 0: the folder's number is another's by now
+        std::string name;          ///< the path, as presented then, where there is no folder
     };
 
     std::uint64_t inode = 0;
@@ -99,11 +99,11 @@ class ObjectIndex {
     void loadFurtherName(std::uint64_t inode, const ObjectRow::Name& name);
 
     /// Of two rows that claim one place one was held when the last run ended. The one that came
-    /// second has no name there now.
+    /// second has no name there now, and nor has one whose folder's number is another's.
     struct Displaced {
         NodeNumber object = none;
         NodeNumber folder = none;
-        std::string name;
+        std::string name;  ///< the path where there is no folder
     };
     [[nodiscard]] std::vector<Displaced> takeDisplaced() { return std::exchange(displaced_, {}); }
     void clear();

@@ -52,8 +52,8 @@ Result<void> ObjectTable::load(SQLiteDatabase& database, ObjectIndex& index) con
         row.generation = objects->column(1);
         row.fileID = objects->column(2);
         row.documentID = static_cast<std::uint32_t>(objects->column(3));
-        if (const auto folder = objects->column(4); folder != 0) {
-            row.names.push_back({folder, std::string(objects->columnBytes(5))});
+        if (std::string name(objects->columnBytes(5)); !name.empty()) {
+            row.names.push_back({objects->column(4), std::move(name)});
         }
         row.kind = static_cast<ObjectKind>(objects->column(6));
         row.stamp = objects->column(7);

@@ -123,6 +123,10 @@ void Reconciler::takeUpUndecided(Time now) {
         index.markDirty(object);  // or the next run would ask once more
         const auto& node = index.node(object);
         if (node.firstName != ObjectIndex::none) continue;
+        if (folder == ObjectIndex::none) {
+            depart(object, {folder, name.substr(name.rfind('/') + 1), name});
+            continue;
+        }
         FormerPlace place{folder, name, joined(pathOfFolder(folder), name)};
         if (node.documentID != 0) {
             vacate(node.documentID, {object, node.fileID, node.kind, place, index.metadata(object),
@@ -353,7 +357,15 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
     if (!index.node(object).isRoot && !index.rootPath(object).empty()) forgetRoot(object);
     index.forEachChild(object, [&](auto at) { leave(at); });
     index.forEachName(object, [&](auto at) { leave(at); });
-    for (const auto owner : departures_.closeVacanciesIn(object)) updateHold(owner);
+    for (const auto& [document, owner] : departures_.closeVacanciesIn(object)) {
+        if (owner != ObjectIndex::none) {
+            updateHold(owner);
+            strays_.push_back(owner);
+        } else if (const auto gone = std::ranges::find(orphans_, document, &Orphan::documentID);
+                   gone != orphans_.end()) {
+            orphanChanges_.push_back({document, rowOf(*gone)});
+        }
+    }
     const ObjectIndex::Node old = index.node(object);
     const auto departure = departures_.takeDeparture(object);
     FormerPlace last;
@@ -386,18 +398,24 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
 }
 
 void Reconciler::orphan(const ObjectIndex::Node& gone, const FormerPlace& last) {
+    if (auto* vacancy = departures_.vacancy(gone.documentID)) vacancy->owner = ObjectIndex::none;
+    orphans_.push_back({gone.documentID, gone, {last, now_, isPast()}});
+    orphanChanges_.push_back({gone.documentID, rowOf(orphans_.back())});
+}
+
+OrphanRow Reconciler::rowOf(const Orphan& orphan) {
     const auto inodeOf = [&](NodeNumber folder) {
         return folder == ObjectIndex::none ? 0 : state_.index.node(folder).inode;
     };
-    OrphanRow row{gone.documentID, gone.inode,           gone.fileID,
-                  gone.kind,       inodeOf(last.folder), last.path};
-    if (auto* vacancy = departures_.vacancy(gone.documentID)) {
-        vacancy->owner = ObjectIndex::none;
+    const auto& [document, gone, departure] = orphan;
+    const auto& last = departure.last;
+    OrphanRow row{document,  gone.inode,           gone.fileID,
+                  gone.kind, inodeOf(last.folder), last.path};
+    if (const auto* vacancy = departures_.vacancy(document)) {
         row.vacantFolder = inodeOf(vacancy->place.folder);
         row.vacantName = vacancy->place.name;
     }
-    orphans_.push_back({gone.documentID, gone, {last, now_, isPast()}});
-    orphanChanges_.push_back({gone.documentID, std::move(row)});
+    return row;
 }
 
 std::string Reconciler::coverOfPath(const std::string& path) const {
@@ -548,6 +566,12 @@ Result<void> Reconciler::commit() {
         taken = state_.index.takeDirty();
         rows.reserve(taken.size());
         for (const auto number : taken) rows.push_back(state_.index.row(number));
+        for (const auto node : strays_) {
+            const auto* departure = departures_.departure(node);
+            if (!departure) continue;
+            rows.push_back(state_.index.row(node));
+            rows.back().names = {{0, departure->last.path}};
+        }
     }
     // In the order of the table's tree, so that few pages are touched.
     std::ranges::sort(rows, {}, &ObjectRow::inode);
@@ -559,6 +583,7 @@ Result<void> Reconciler::commit() {
         return done;
     }
     orphanChanges_.clear();
+    strays_.clear();
     captureMetadata();
     return {};
 }

@@ -115,6 +115,7 @@ class Reconciler {
     [[nodiscard]] FormerPlace placeOf(ObjectIndex::EntryNumber entry) const;
     void notice(const FolderReading& reading, const Sighting& sighting, NodeNumber object);
     void orphan(const ObjectIndex::Node& gone, const FormerPlace& last);
+    OrphanRow rowOf(const Orphan& orphan);
     void renew(NodeNumber node, std::uint64_t generation);
     void renewFor(const VolumeService::IdentityRequest& request);
     void noticeFolder(const FolderReading& reading);
@@ -157,6 +158,9 @@ class Reconciler {
 
     std::vector<Orphan> orphans_;              ///< documents whose inode number is another object's
     std::vector<OrphanChange> orphanChanges_;  ///< not in the store yet
+    /// Documents that left folders whose numbers are others' by now. Their rows name these numbers,
+    /// so those that wait are written as being nowhere.
+    std::vector<NodeNumber> strays_;
     std::deque<std::pair<Time, NodeNumber>> expiry_;  ///< of departures, in order
     std::unordered_map<NodeNumber, Time> births_;     ///< of what was seen to be made lately
     std::vector<NodeNumber> toCapture_;               ///< documents whose metadata may be news
