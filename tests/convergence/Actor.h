@@ -76,6 +76,7 @@ class Actor {
 
   private:
     [[nodiscard]] int call(std::string_view verb, const std::string& at, const std::string& to);
+    [[nodiscard]] bool isWriteUnheard() const;
     [[nodiscard]] int callOnOpenFile(std::string_view verb, const std::string& at);
     [[nodiscard]] int openAs(const std::string& path, int flags);
     int closeOpenFile();
@@ -91,4 +92,5 @@ class Actor {
     unsigned contents_ = 0;
 };
 
-}  // namespace tests
+}  // namespace tests    [[nodiscard]] bool isWriteUnheard() const;
+

@@ -224,7 +224,9 @@ class Run {
             const auto place =
                 placeOf(objectKey(entry.path().parent_path()), entry.path().filename().string());
             deed.sightings.push_back({place, object});
-            if (goes) deed.hidden.push_back(object);
+            if (!goes) continue;
+            deed.hidden.push_back(object);
+            deed.left.push_back(object);
         }
         if (goes) {
             product_.uninstall(application);
