@@ -8,6 +8,7 @@
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/fs/VolumeIdentity.h"
+#include "tidewell/fs/Whereabouts.h"
 
 namespace tidewell {
 
@@ -284,15 +285,8 @@ std::optional<std::set<std::string>> LocalRootEnumerator::identifiersLost(
             if (!cover.isRecursive()) continue;
             const auto identifier = identifierOf(event);
             if (!identifier || found.contains(*identifier)) continue;
-            const auto isShown = [&](const QSURL& place) {
-                if (cover.placeOf(place).cover != Cover::Shown) return false;
-                // A folder that has become a package there has another identifier. Where something
-                // else stands, the index is behind, and an event is to come.
-                const auto item = LocalItem::initWithURL(QSURL::fileURLWithPath(place.path()));
-                return !item || item->itemIdentifier() == *identifier ||
-                       !hasFileID(*item, event.fileID);
-            };
-            if (std::ranges::none_of(placesOf(event), isShown)) found.insert(*identifier);
+            const auto where = whereaboutsOf(event, *identifier, cover);
+            if (!where.shown && !where.isOnTheMove) found.insert(*identifier);
         }
         if (events->size() < batch) break;
         after = events->back().id;

@@ -9,6 +9,7 @@
 #include "tidewell/common/Logging.h"
 #include "tidewell/fs/ItemFactory.h"
 #include "tidewell/fs/VolumeIdentity.h"
+#include "tidewell/fs/Whereabouts.h"
 #include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
 
 namespace tidewell {
@@ -207,28 +208,10 @@ void FSChangesEnumerator::collect(const FSEvent& event, const QSURL& url,
 /// The object is not at the URL, or not shown there.
 void FSChangesEnumerator::collectElsewhere(const FSEvent& event, const QSURL& url,
                                            const std::string& identifier) {
-    // What is away has an event of its own to come.
-    const bool isEnd = (event.flags & (fsEventRemoved | fsEventMoved)) == fsEventRemoved;
-    const bool isAway = !isEnd && Platform::current().volume().isAway(event);
-    bool indexIsBehind = isAway;
-    for (const auto& known : placesOf(event)) {
-        if (cover_.placeOf(known).cover != Cover::Shown) continue;
-        const auto place = QSURL::fileURLWithPath(known.path());
-        if (!Platform::current().files().attributes(place)) {
-            indexIsBehind = true;
-            miss(place);
-            continue;
-        }
-        const auto item = LocalItem::initWithURL(place);
-        if (!item) continue;
-        if (item->itemIdentifier() == identifier) {
-            if (cover_.coverOf(*item) == Cover::Shown) return add(event.id, identifier, item);
-        } else if (!hasFileID(*item, event.fileID)) {
-            indexIsBehind = true;
-            miss(place);
-        }
-    }
-    if (indexIsBehind) {
+    const auto found = whereaboutsOf(event, identifier, cover_);
+    for (const auto& place : found.missed) miss(place);
+    if (found.shown) return add(event.id, identifier, found.shown);
+    if (found.isOnTheMove) {
         logDebug([&] { return "ignore update of " + url.description() + "; it is on the move"; });
         return;
     }

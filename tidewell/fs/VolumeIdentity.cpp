@@ -41,20 +41,4 @@ std::optional<std::string> identifierOf(const FSEvent& event) {
     return TWPFileObjectIdentifier::fromFileID(event.fileID);
 }
 
-bool hasFileID(const LocalItem& item, std::uint64_t fileID) {
-    if (fileID == 0) return false;
-    if (item.docID()) {
-        const auto number = static_cast<std::uint32_t>(*item.docID());
-        return Platform::current().volume().fileIDForDocumentID(number) == fileID;
-    }
-    return item.itemIdentifier() == "fid=" + std::to_string(fileID);
-}
-
-std::vector<QSURL> placesOf(const FSEvent& event) {
-    const auto& volume = Platform::current().volume();
-    return event.identifierKind == IdentifierKind::Document
-               ? volume.placesOfDocumentID(event.documentID)
-               : volume.placesOfFileID(event.fileID);
-}
-
 }  // namespace tidewell

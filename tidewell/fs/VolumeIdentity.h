@@ -3,12 +3,10 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "platform/foundation/QSURL.h"
 #include "platform/foundation/QSUUID.h"
 #include "platform/volume/EventHistory.h"
-#include "tidewell/items/LocalItem.h"
 
 namespace tidewell {
 
@@ -32,9 +30,5 @@ using namespace platform;
 
 /// The item identifier of the object that the event is about; none where it never had one.
 [[nodiscard]] std::optional<std::string> identifierOf(const FSEvent& event);
-/// Whether the item's object has that file ID, whatever its identifier is made of.
-[[nodiscard]] bool hasFileID(const LocalItem& item, std::uint64_t fileID);
-/// Where the index has that object, all its names.
-[[nodiscard]] std::vector<QSURL> placesOf(const FSEvent& event);
 
 }  // namespace tidewell

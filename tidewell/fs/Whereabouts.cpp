@@ -1,0 +1,56 @@
+#include "tidewell/fs/Whereabouts.h"
+
+#include "platform/fileprovider/Platform.h"
+
+namespace tidewell {
+
+namespace {
+
+std::vector<QSURL> placesOf(const FSEvent& event) {
+    const auto& volume = Platform::current().volume();
+    return event.identifierKind == IdentifierKind::Document
+               ? volume.placesOfDocumentID(event.documentID)
+               : volume.placesOfFileID(event.fileID);
+}
+
+/// Whether the item is the object that the event is about, or the one that its document goes on in,
+/// whatever the item's identifier is made of.
+bool isObjectOf(const LocalItem& item, const FSEvent& event) {
+    const auto& volume = Platform::current().volume();
+    const auto fileID = event.identifierKind == IdentifierKind::Document
+                            ? volume.fileIDForDocumentID(event.documentID).value_or(0)
+                            : event.fileID;
+    if (fileID == 0) return false;
+    if (item.docID()) {
+        const auto number = static_cast<std::uint32_t>(*item.docID());
+        return volume.fileIDForDocumentID(number) == fileID;
+    }
+    return item.itemIdentifier() == "fid=" + std::to_string(fileID);
+}
+
+}  // namespace
+
+Whereabouts whereaboutsOf(const FSEvent& event, const std::string& identifier,
+                          const ContainerCover& cover) {
+    const bool isEnd = (event.flags & (fsEventRemoved | fsEventMoved)) == fsEventRemoved;
+    Whereabouts found;
+    found.isOnTheMove = !isEnd && Platform::current().volume().isAway(event);
+    for (const auto& known : placesOf(event)) {
+        if (cover.placeOf(known).cover != Cover::Shown) continue;
+        const auto place = QSURL::fileURLWithPath(known.path());
+        const bool isThere = Platform::current().files().attributes(place).has_value();
+        const auto item = isThere ? LocalItem::initWithURL(place) : nullptr;
+        if (item && item->itemIdentifier() == identifier) {
+            if (cover.coverOf(*item) != Cover::Shown) continue;
+            found.shown = item;
+            return found;
+        }
+        // With another identifier it has become a package there, or ceased to be one.
+        if (isThere && (!item || isObjectOf(*item, event))) continue;
+        found.isOnTheMove = true;
+        found.missed.push_back(place);
+    }
+    return found;
+}
+
+}  // namespace tidewell

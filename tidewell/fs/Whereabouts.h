@@ -1,0 +1,26 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/volume/EventHistory.h"
+#include "tidewell/fs/ContainerCover.h"
+
+namespace tidewell {
+
+/// Where the object that an event is about is now.
+struct Whereabouts {
+    std::shared_ptr<LocalItem> shown;  ///< null where the container does not show it
+    /// Something is to come that tells where it is, or that it has gone.
+    bool isOnTheMove = false;
+    /// Where the index has it and it is not.
+    std::vector<QSURL> missed;
+};
+
+/// Looks on the disk, at the places where the index has the object, for one with that identifier.
+/// Blocks for the look.
+[[nodiscard]] Whereabouts whereaboutsOf(const FSEvent& event, const std::string& identifier,
+                                        const ContainerCover& cover);
+
+}  // namespace tidewell
