@@ -118,7 +118,10 @@ void ObjectIndex::loadFurtherName(std::uint64_t inode, const ObjectRow::Name& na
         return;
     }
     const NodeNumber folder = ensure(name.folder);
-    if (findEntry(folder, name.name) != none) return;
+    if (findEntry(folder, name.name) != none) {
+        displaced_.push_back({number, folder, name.name});
+        return;
+    }
     const bool wasDirty = nodes_[number].isDirty;
     addName(number, folder, name.name);
     nodes_[number].isDirty = wasDirty;

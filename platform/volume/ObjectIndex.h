@@ -99,7 +99,7 @@ class ObjectIndex {
     void loadFurtherName(std::uint64_t inode, const ObjectRow::Name& name);
 
     /// Of two rows that claim one place one was held when the last run ended. The one that came
-    /// second has no name there now, and nor has one whose folder's number is another's.
+    /// second does not have that name now, and nor has one whose folder's number is another's.
     struct Displaced {
         NodeNumber object = none;
         NodeNumber folder = none;

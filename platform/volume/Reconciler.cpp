@@ -122,9 +122,9 @@ void Reconciler::takeUpUndecided(Time now) {
     for (auto& [object, folder, name] : index.takeDisplaced()) {
         index.markDirty(object);  // or the next run would ask once more
         const auto& node = index.node(object);
-        if (node.firstName != ObjectIndex::none) continue;
+        const bool isNowhere = node.firstName == ObjectIndex::none;
         if (folder == ObjectIndex::none) {
-            depart(object, {folder, name.substr(name.rfind('/') + 1), name});
+            if (isNowhere) depart(object, {folder, name.substr(name.rfind('/') + 1), name});
             continue;
         }
         FormerPlace place{folder, name, joined(pathOfFolder(folder), name)};
@@ -132,7 +132,7 @@ void Reconciler::takeUpUndecided(Time now) {
             vacate(node.documentID, {object, node.fileID, node.kind, place, index.metadata(object),
                                      now, true, false});
         }
-        depart(object, place);
+        if (isNowhere) depart(object, place);
     }
 }
 
