@@ -256,6 +256,7 @@ class Run {
             .deeds = log_.take(),
             .rows = walk(base(), Product::tagAttribute(), product_.applications())};
         barrier.forgetsIdentifiers = std::exchange(forgetsIdentifiers_, false);
+        barrier.isToldLate = has(faultSplits);
         replicas_[1].goBack();
         do {
             while (replicas_[2].isListing()) replicas_[2].listStep(product_.service());

@@ -21,6 +21,7 @@ class Ledger {
         std::map<ObjectKey, std::string> identifiers = {};  ///< of what is shown
         std::set<std::string> deleted = {};                 ///< reported since the last barrier
         bool forgetsIdentifiers = false;                    ///< the store was lost
+        bool isToldLate = false;                            ///< some of it after clients looked
     };
 
     /// The first thing that is wrong, or nothing. A deed "save NAME" says that the operation is a
