@@ -75,8 +75,11 @@ void Replica::listStep(host::DocumentService& service) {
     } else if (!page.next && host::meansNoSuchItem(page.next.error())) {
         // Of a rename the kernel may have told half so far: only then is it found later.
         constexpr int mostRefusals = 4;
-        if (++next.refusals == mostRefusals) return;
-        pending_.push_back({next.container, host::Order::ByName, next.refusals});
+        if (++next.refusals < mostRefusals) {
+            pending_.push_back({next.container, host::Order::ByName, next.refusals});
+        } else {
+            state_.items.erase(next.container);  // if it is there, an update tells
+        }
     } else if (!page.next) {
         // Something else took the folder's path meanwhile; that cannot go on for ever.
         if (++mishaps_ == 100) return fail(page.next.error());
