@@ -6,6 +6,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -155,8 +157,10 @@ void Actor::sight(Deed& deed, const std::string& path, const ObjectKey& folder) 
     const auto name = path.substr(path.rfind('/') + 1);
     deed.sightings.push_back({placeOf(folder, name), object});
     deed.sightings.push_back({placeOf(objectKey(folderOf(path)), name), object});
-    const auto verb = deed.call.substr(deed.call.starts_with('?') ? 1 : 0);
-    if (!verb.starts_with("mv ") && !verb.starts_with("swap ") && !verb.starts_with("ln ")) return;
+    constexpr std::array moves{"mv ", "swap ", "ln ", "trash "};
+    if (std::ranges::none_of(moves, [&](const auto* verb) { return deed.call.contains(verb); })) {
+        return;
+    }
 
     const auto root = place_.base + "/s/";
     const bool isOutside = !path.starts_with(root);
@@ -191,6 +195,8 @@ bool Actor::step() {
     Deed deed{.actor = number_, .operation = operation_, .call = calls_[next_++]};
     const bool mayFail = deed.call.starts_with('?');
     auto words = split(deed.call.substr(mayFail ? 1 : 0), ' ');
+    const bool isOwn = words[0] == "own";
+    if (isOwn) words.erase(words.begin());
     words.resize(3);
     ObjectKey folders[3];
     for (std::size_t i = 1; i < words.size(); ++i) {
@@ -199,14 +205,22 @@ bool Actor::step() {
         folders[i] = objectKey(folderOf(words[i]));
     }
     // What goes is noted before: another actor may take it from its new place at once.
-    const bool goes = words[0] == "mv" || words[0] == "rm" || words[0] == "rmtree";
+    const bool goes =
+        words[0] == "mv" || words[0] == "rm" || words[0] == "rmtree" || words[0] == "trash";
     const auto gone = goes ? objectKey(words[1]) : ObjectKey();
-    deed.error = call(words[0], words[1], words[2]);
+    if (isOwn) {
+        auto place = place_.perform(words[0], words[1], words[2]);
+        deed.error = place ? 0 : place.error();
+        if (place) words[2] = std::move(*place);
+    } else {
+        deed.error = call(words[0], words[1], words[2]);
+    }
     if (deed.error == 0) {
         // A hard link of it may be elsewhere.
         if (words[0] == "rm" && !gone.empty()) deed.left.push_back(gone);
         for (std::size_t i = 1; i < words.size(); ++i) {
             if (words[i].empty()) continue;
+            if (isOwn) folders[i] = objectKey(folderOf(words[i]));
             const auto name = words[i].substr(words[i].rfind('/') + 1);
             if (!gone.empty()) deed.sightings.push_back({placeOf(folders[i], name), gone});
             sight(deed, words[i], folders[i]);

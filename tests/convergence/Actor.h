@@ -1,5 +1,7 @@
 #pragma once
 
+#include <expected>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -57,12 +59,17 @@ class DeedLog {
 /// A program that works on files, by system calls alone. Its scripts are calls separated by "|",
 /// each a verb and paths below the base folder: "new s/a|put|close". The calls that open keep the
 /// descriptor for those that come after. A call that fails ends its script, unless it begins with
-/// "?". One thread at a time.
+/// "?". "own" before a verb has the product do it. One thread at a time.
 class Actor {
   public:
     /// What is below "s" is the tree; "attr" sets the attribute.
     struct Place {
         std::string base, attribute, attributeValue;
+        /// Does what the product can do, with absolute paths. Returns where the object is then,
+        /// empty if nowhere, or an errno.
+        using Perform = std::function<std::expected<std::string, int>(
+            const std::string& verb, const std::string& at, const std::string& to)>;
+        Perform perform = {};
     };
     Actor(int number, Place place, DeedLog& log)
         : number_(number), place_(std::move(place)), log_(log) {}

@@ -29,6 +29,7 @@ unsigned faultsOf(const RunOptions& options) {
     if (below(random, 4) != 0) faults &= ~static_cast<unsigned>(faultWatchLimit);
     if (below(random, 8) != 0) faults &= ~static_cast<unsigned>(faultStoreLoss);
     if (below(random, 4) == 0) faults |= faultLibraries;
+    if (below(random, 3) == 0) faults |= faultOwnVerbs;
     return faults;
 }
 
@@ -48,6 +49,24 @@ std::string partlyInLibraries(const Operation& operation, Random random) {
         at += isPath ? 3 : 1;
     }
     return script;
+}
+
+/// The script with some of its calls made through the product.
+std::string partlyThroughProduct(const std::string& script, Random random) {
+    std::string partly;
+    std::istringstream calls(script);
+    for (std::string call; std::getline(calls, call, '|');) {
+        const auto at = call.starts_with('?') ? 1U : 0U;
+        const auto verb = call.substr(at, call.find(' ') - at);
+        const bool isOwn = verb == "mv" || verb == "rm" || verb == "rmtree" || verb == "mkdir";
+        if (isOwn && below(random, 2) == 0) {
+            const bool isTrashed = verb == "rm" && below(random, 2) == 0;
+            call = call.substr(0, at) + "own " + (isTrashed ? "trash" : "") +
+                   call.substr(at + (isTrashed ? 2 : 0));
+        }
+        partly += call + "|";
+    }
+    return partly;
 }
 
 /// A difference without what depends on the run.
@@ -120,6 +139,10 @@ class Run {
         auto operation = randomOperation(random);
         if (has(faultLibraries)) {
             operation.script = partlyInLibraries(operation, Random(options_.seed * 777 + index));
+        }
+        if (has(faultOwnVerbs) && !operation.recipe) {
+            operation.script =
+                partlyThroughProduct(operation.script, Random(options_.seed * 555 + index));
         }
         if (operation.recipe && operation.recipe->replaces) {
             const auto name = operation.document.substr(operation.document.rfind('/') + 1);
@@ -289,9 +312,12 @@ class Run {
     // In memory: it is not the disk's patience that is tested.
     ScratchFolder stores_{"/dev/shm"};
     DeedLog log_;
-    const Actor::Place place_{base(), Product::tagAttribute(), Product::tagValue()};
-    std::array<Actor, 2> actors_{{{0, place_, log_}, {1, place_, log_}}};
     Product product_;
+    const Actor::Place place_{base(), Product::tagAttribute(), Product::tagValue(),
+                              [this](const auto& verb, const auto& at, const auto& to) {
+                                  return product_.perform(verb, at, to);
+                              }};
+    std::array<Actor, 2> actors_{{{0, place_, log_}, {1, place_, log_}}};
     std::array<Replica, 3> replicas_{Replica("R1"), Replica("R2"), Replica("R3")};
     Ledger ledger_;
     std::size_t pause_ = 0;

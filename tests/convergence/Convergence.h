@@ -21,6 +21,7 @@ enum Fault : unsigned {
     faultStoreLoss = 512,   ///< a restart finds no store
     faultSplits = 1024,     ///< a read gives only some of what is there
     faultLibraries = 2048,  ///< applications come and go, with their documents
+    faultOwnVerbs = 4096,   ///< no fault: some of the changes are made through the product
 };
 
 struct RunOptions {

@@ -23,6 +23,7 @@ Product::Product(std::string base, std::string stores, std::shared_ptr<KernelMoo
       isManual_(isManual) {}
 
 std::string Product::start() {
+    const std::unique_lock life(life_);
     const auto adjust = [this](VolumeService::Configuration& volume) {
         volume.makeSource = [mood = mood_]() -> Result<std::unique_ptr<KernelEventSource>> {
             auto kernel = platform::makeInotifySource();
@@ -69,6 +70,7 @@ std::string Product::start() {
 }
 
 void Product::stop() {
+    const std::unique_lock life(life_);
     following_.reset();
     service_.reset();
     libraries_.reset();
@@ -109,6 +111,43 @@ void Product::uninstall(const std::string& application) {
     mood().setCalm(true);
     refreshApplications();
     mood().setCalm(false);
+}
+
+std::expected<std::string, int> Product::perform(const std::string& verb, const std::string& at,
+                                                 const std::string& to) {
+    const std::shared_lock life(life_);
+    if (!isRunning()) return std::unexpected(ENOTCONN);
+    const auto& mutations = service_->mutations();
+    const auto on = [&](const std::string& path, const auto& act) -> Result<host::ItemRecord> {
+        const auto identifier = service_->resolve(path);
+        if (!identifier) return std::unexpected(identifier.error());
+        return act(*identifier);
+    };
+    const auto folderOf = [](const std::string& path) { return path.substr(0, path.rfind('/')); };
+    const auto nameOf = [](const std::string& path) { return path.substr(path.rfind('/') + 1); };
+    Result<host::ItemRecord> item;
+    if (verb == "mkdir") {
+        item = on(folderOf(at), [&](const std::string& parent) {
+            return mutations.makeDirectory(nameOf(at), parent);
+        });
+    } else if (verb == "mv") {
+        item = on(at, [&](const std::string& moved) {
+            return on(folderOf(to), [&](const std::string& parent) {
+                return mutations.move(moved, parent, nameOf(to));
+            });
+        });
+    } else {
+        item = on(at, [&](const std::string& gone) -> Result<host::ItemRecord> {
+            if (verb == "trash") return mutations.trash(gone);
+            const auto done = mutations.remove(gone, {});
+            if (!done) return std::unexpected(done.error());
+            return host::ItemRecord{};
+        });
+    }
+    if (!item) return std::unexpected(EPERM);
+    if (item->itemIdentifier.empty()) return std::string();
+    const auto place = service_->path(item->itemIdentifier);
+    return place ? *place : std::string();
 }
 
 void Product::refreshApplications() {

@@ -2,8 +2,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <expected>
 #include <memory>
 #include <set>
+#include <shared_mutex>
 #include <string>
 
 #include "host/DocumentService.h"
@@ -49,6 +51,12 @@ class Product {
     void install(const std::string& application);
     void uninstall(const std::string& application);
 
+    /// Makes, moves, trashes or deletes by one of the product's own verbs. Returns where the object
+    /// is then (absolute; empty if nowhere), or an errno. Any thread, running or not.
+    [[nodiscard]] std::expected<std::string, int> perform(const std::string& verb,
+                                                          const std::string& at,
+                                                          const std::string& to);
+
     [[nodiscard]] KernelMood& mood() { return *mood_; }
 
     /// The extended attribute that carries tags, and one that carries a tag.
@@ -62,6 +70,7 @@ class Product {
     const std::string base_, stores_;
     const std::shared_ptr<KernelMood> mood_;
     const bool isManual_;
+    std::shared_mutex life_;  // shared while it performs, alone where it begins or ends
     std::atomic<std::int64_t> clock_ = 1'000'000;  // ms
     std::set<std::string> applications_;
     std::unique_ptr<platform::Platform> platform_;
