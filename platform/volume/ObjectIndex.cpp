@@ -315,8 +315,10 @@ std::vector<ObjectIndex::EntryNumber> ObjectIndex::entriesInNoFolder() const {
         const auto folder = entry(number).folder;
         if (folder == none) continue;
         const Node& holder = node(folder);
-        // One without a name may be a root that is not presented at the moment.
-        if (holder.stamp != 0 && holder.kind != ObjectKind::Directory) found.push_back(number);
+        const bool isFolder = holder.stamp == 0 || holder.kind == ObjectKind::Directory;
+        const bool isSomewhere =
+            holder.firstName != none || holder.isRoot || !rootPath(folder).empty();
+        if (!isFolder || !isSomewhere) found.push_back(number);
     }
     return found;
 }

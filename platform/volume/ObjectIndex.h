@@ -162,7 +162,8 @@ class ObjectIndex {
     /// The nodes that differ from the store and are not held; they count as stored from now on.
     [[nodiscard]] std::vector<NodeNumber> takeDirty();
 
-    /// Entries in what is no folder, since its number is another object's. Looks at every entry.
+    /// Entries in what is no folder, since its number is another object's, and in folders that are
+    /// nowhere. Looks at every entry.
     [[nodiscard]] std::vector<EntryNumber> entriesInNoFolder() const;
     void markDirty(NodeNumber number);
     void markStored(NodeNumber number) { nodes_[number].isDirty = false; }

@@ -140,7 +140,10 @@ void Reconciler::leaveLostFolders(Time now) {
     const std::unique_lock lock(state_.indexMutex);
     occasion_ = Occasion::Scan;
     now_ = now;
-    for (const auto entry : state_.index.entriesInNoFolder()) leave(entry);
+    for (const auto entry : state_.index.entriesInNoFolder()) {
+        // What is in a folder that is away goes or comes back with it.
+        if (!departures_.departure(state_.index.entry(entry).folder)) leave(entry);
+    }
 }
 
 void Reconciler::noticeAbsent(const FolderReading& reading) {

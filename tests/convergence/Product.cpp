@@ -133,12 +133,12 @@ std::expected<std::string, int> Product::perform(const std::string& verb, const 
     } else if (verb == "mv") {
         item = on(at, [&](const std::string& moved) {
             return on(folderOf(to), [&](const std::string& parent) {
-                return mutations.move(moved, parent, nameOf(to));
+                return mutations.move(moved, parent, nameOf(to), {});
             });
         });
     } else {
         item = on(at, [&](const std::string& gone) -> Result<host::ItemRecord> {
-            if (verb == "trash") return mutations.trash(gone);
+            if (verb == "trash") return mutations.trash(gone, {});
             const auto done = mutations.remove(gone, {});
             if (!done) return std::unexpected(done.error());
             return host::ItemRecord{};
