@@ -146,7 +146,9 @@ std::expected<std::string, int> Product::perform(const std::string& verb, const 
     }
     if (!item) return std::unexpected(EPERM);
     if (item->itemIdentifier.empty()) return std::string();
+    if (isManual_) mood().setCalm(true);
     const auto place = service_->path(item->itemIdentifier);
+    if (isManual_) mood().setCalm(false);
     return place ? *place : std::string();
 }
 
