@@ -326,6 +326,7 @@ void Follower::watch(NodeNumber number, const Folder& folder) {
         folders_[*added] = number;
         watches_[number] = *added;
         unwatched_.erase(number);
+        hasUnwatched_ = !unwatched_.empty();
         return;
     }
     if (unwatched_.empty()) {
@@ -336,10 +337,12 @@ void Follower::watch(NodeNumber number, const Folder& folder) {
         });
     }
     unwatched_.insert(number);
+    hasUnwatched_ = true;
 }
 
 void Follower::unwatch(NodeNumber number) {
     unwatched_.erase(number);
+    hasUnwatched_ = !unwatched_.empty();
     unreadable_.erase(number);
     marks_.erase(number);
     detached_.erase(number);

@@ -37,6 +37,8 @@ class Follower {
     void follow();
     [[nodiscard]] bool isFollowing() const { return isFollowing_; }
     [[nodiscard]] bool isCaughtUp() const { return isCaughtUp_ && !isStopped_; }
+    /// Whether the kernel reports on every folder, and everything before has been found.
+    [[nodiscard]] bool seesEverything() const { return isCaughtUp() && !hasUnwatched_; }
     /// See VolumeService. The caller does the work, in steps.
     Result<void> addRoot(const ObjectIdentity& identity, const QSURL& url);
     Result<void> removeRoot(const QSURL& url);
@@ -141,6 +143,7 @@ class Follower {
     std::optional<QSError> storageTrouble_;
 
     std::atomic<bool> isFollowing_ = false;
+    std::atomic<bool> hasUnwatched_ = false;  ///< whether there are such folders
     std::atomic<bool> isCaughtUp_ = false;
     std::atomic<bool> isStopped_ = false;
     std::atomic<int> waiting_ = 0;

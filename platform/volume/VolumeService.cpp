@@ -227,10 +227,10 @@ std::optional<std::uint64_t> VolumeService::entryCount(const FileAttributes& fol
     const auto number = state_->index.findInode(folder.identity.inode);
     if (number == ObjectIndex::none) return std::nullopt;
     const auto& node = state_->index.node(number);
-    // Once everything is followed, a change that the stamp does not tell has been seen all the
+    // Where everything is followed, a change that the stamp does not tell has been seen all the
     // same.
-    if (!node.isListed || node.stamp != stampOf(folder) || (node.isRacy && !isCaughtUp()))
-        return std::nullopt;
+    const bool isCertain = !node.isRacy || state_->follower->seesEverything();
+    if (!node.isListed || node.stamp != stampOf(folder) || !isCertain) return std::nullopt;
     return node.childCount;
 }
 
