@@ -141,8 +141,10 @@ void Reconciler::leaveLostFolders(Time now) {
     occasion_ = Occasion::Scan;
     now_ = now;
     for (const auto entry : state_.index.entriesInNoFolder()) {
+        const auto holder = state_.index.entry(entry).folder;
+        const bool isFolder = state_.index.node(holder).kind == ObjectKind::Directory;
         // What is in a folder that is away goes or comes back with it.
-        if (!departures_.departure(state_.index.entry(entry).folder)) leave(entry);
+        if (!isFolder || !departures_.departure(holder)) leave(entry);
     }
 }
 
