@@ -294,8 +294,9 @@ Result<FolderReading> Follower::lookAt(NodeNumber number, const QSURL& url, cons
     if (!folder) return std::unexpected(folder.error());
     auto reading = reader_.begin(number, **folder);
     if (!reading) return reading;
-    // Watched first, so that nothing happens unseen between the two.
-    watch(number, **folder);
+    // Watched first, so that nothing happens unseen between the two. What happened before may be
+    // unknown.
+    if (watch(number, **folder) && !mark.isWhole) marks_[number].isWhole = true;
     Result<void> done;
     if (mark.isWhole) {
         done = reader_.readAll(
@@ -314,8 +315,8 @@ Result<FolderReading> Follower::lookAt(NodeNumber number, const QSURL& url, cons
     return reading;
 }
 
-void Follower::watch(NodeNumber number, const Folder& folder) {
-    if (watches_.contains(number)) return;
+bool Follower::watch(NodeNumber number, const Folder& folder) {
+    if (watches_.contains(number)) return false;
     const auto added =
         source_ ? source_->addWatch(folder.descriptor()) : std::unexpected(errorFromErrno(EMFILE));
     if (added) {
@@ -327,7 +328,7 @@ void Follower::watch(NodeNumber number, const Folder& folder) {
         watches_[number] = *added;
         unwatched_.erase(number);
         hasUnwatched_ = !unwatched_.empty();
-        return;
+        return true;
     }
     if (unwatched_.empty()) {
         nextDegradedScan_ = now() + state_.configuration.degradedInterval;
@@ -338,6 +339,7 @@ void Follower::watch(NodeNumber number, const Folder& folder) {
     }
     unwatched_.insert(number);
     hasUnwatched_ = true;
+    return false;
 }
 
 void Follower::unwatch(NodeNumber number) {

@@ -108,7 +108,8 @@ class Follower {
     void noteCommit(const Result<void>& done);
     void afterCommit();
     void decide();
-    void watch(NodeNumber number, const Folder& folder);
+    /// Whether it was not watched until now, and is.
+    bool watch(NodeNumber number, const Folder& folder);
     void unwatch(NodeNumber number);
     void scanEverything(Reconciler::Occasion occasion);
     [[nodiscard]] Time now() const { return state_.configuration.now(); }

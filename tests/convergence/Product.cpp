@@ -170,8 +170,8 @@ std::string Product::settle() {
         const auto settled = volume.waitUntilSettled();
         return settled ? std::string() : settled.error().description();
     }
-    // Longer than any window, and than the time between two looks at what is not watched.
-    for (int seconds = 0; seconds < 70; ++seconds) {
+    // Longer than from one look at what is not watched to the next, and then to a decision.
+    for (int seconds = 0; seconds < 100; ++seconds) {
         advance(std::chrono::seconds(1));
         for (int rounds = 0; volume.step(); ++rounds) {
             if (rounds == 10'000) return "it never comes to rest";
