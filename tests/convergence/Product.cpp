@@ -149,7 +149,7 @@ std::expected<std::string, int> Product::perform(const std::string& verb, const 
     if (isManual_) mood().setCalm(true);
     const auto place = service_->path(item->itemIdentifier);
     if (isManual_) mood().setCalm(false);
-    return place ? *place : std::string();
+    return place ? *place : to;  // out of sight
 }
 
 void Product::refreshApplications() {
