@@ -414,8 +414,7 @@ OrphanRow Reconciler::rowOf(const Orphan& orphan) {
     };
     const auto& [document, gone, departure] = orphan;
     const auto& last = departure.last;
-    OrphanRow row{document,  gone.inode,           gone.fileID,
-                  gone.kind, inodeOf(last.folder), last.path};
+    OrphanRow row{document, gone.inode, gone.fileID, gone.kind, inodeOf(last.folder), last.path};
     if (const auto* vacancy = departures_.vacancy(document)) {
         row.vacantFolder = inodeOf(vacancy->place.folder);
         row.vacantName = vacancy->place.name;

@@ -96,7 +96,7 @@ int Actor::closeOpenFile() {
 bool Actor::isWriteUnheard() const {
     std::error_code error;
     const auto opened = fs::read_symlink("/proc/self/fd/" + std::to_string(open_), error);
-    struct stat status{};
+    struct stat status {};
     return opened.native().ends_with(" (deleted)") && fstat(open_, &status) == 0 &&
            status.st_nlink > 0;
 }

@@ -99,5 +99,4 @@ class Actor {
     unsigned contents_ = 0;
 };
 
-}  // namespace tests    [[nodiscard]] bool isWriteUnheard() const;
-
+}  // namespace tests
