@@ -1,20 +1,18 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <sstream>
 #include <thread>
 
-#include "cli/text.h"
 #include "tests/support/Pictures.h"
 #include "tests/support/ScratchFolder.h"
 
@@ -104,47 +102,6 @@ TEST_F(TidewellTest, PagesHoldEachEntryOnce) {
         page.insert(page.end(), rest.begin(), rest.end());
         EXPECT_THAT(valuesOf(page, "filename"), UnorderedElementsAreArray(made));
     }
-}
-
-TEST_F(TidewellTest, TreeIsWhatIsOnDisk) {
-    for (const auto* name : {"a", "folder/b", "folder/deep/er/c", "folder/deep/d", "empty/e",
-                             "not utf-8 \xe9/\xff\xfe"}) {
-        scratch.makeFile(std::string("Dokumente/") + name);
-    }
-    fs::remove(storage / "empty/e");
-    fs::create_directory_symlink("folder", storage / "link");
-    fs::create_hard_link(storage / "a", storage / "folder/second name of a");
-    std::vector<std::string> expected;
-    for (const auto& entry : fs::recursive_directory_iterator(storage)) {
-        std::string line;
-        cli::appendJsonString(line, entry.path().string());
-        expected.push_back(json::parse(line));
-    }
-    const auto outcome = runJson({"tree"});
-    EXPECT_EQ(outcome.exitCode, 0) << outcome.error;
-    EXPECT_THAT(valuesOf(outcome.lines(), "path"), UnorderedElementsAreArray(expected));
-    EXPECT_NE(run({"tree"}).output.find("└── c\n"), std::string::npos);
-}
-
-TEST_F(TidewellTest, IdentifiersSurviveRenameMoveAndProcess) {
-    scratch.makeFile("Dokumente/file");
-    scratch.makeFile("Dokumente/folder/inner");
-    scratch.makeFolder("Dokumente/other");
-    const auto file = identifierOf(storage / "file");
-    const auto folder = identifierOf(storage / "folder");
-    EXPECT_TRUE(file.starts_with("did=")) << file;
-    EXPECT_TRUE(folder.starts_with("fid=")) << folder;
-    EXPECT_EQ(identifierOf(storage / "file"), file);
-
-    fs::rename(storage / "file", storage / "renamed");
-    EXPECT_EQ(identifierOf(storage / "renamed"), file);
-    fs::rename(storage / "folder", storage / "other/moved");
-    fs::rename(storage / "renamed", storage / "other/moved/file");
-    EXPECT_EQ(identifierOf(storage / "other/moved"), folder);
-    EXPECT_EQ(run({"path", file}).output, (storage / "other/moved/file").string() + "\n");
-    EXPECT_EQ(runJson({"stat", file}).lines().at(0)["parentItemIdentifier"], folder);
-    EXPECT_THAT(valuesOf(runJson({"ls", folder}).lines(), "filename"),
-                testing::UnorderedElementsAre("file", "inner"));
 }
 
 /// What the manual says about exit codes, by domain and code ("any": of all other codes).
@@ -255,11 +212,11 @@ TEST_F(TidewellTest, EveryErrorOfTheManualIsTold) {
 }
 
 TEST_F(TidewellTest, DocumentsAreChanged) {
-    scratch.makeFile("Dokumente/in/a", "a");
+    scratch.makeFile("Dokumente/in/a \xff", "a");
     scratch.makeFile("Dokumente/in/b", "b");
     scratch.makeFile("import/deep/file", "content");
     const auto in = (storage / "in").string();
-    const auto document = identifierOf(storage / "in/a");
+    const auto document = identifierOf(storage / "in/a \xff");
     const auto succeeds = [&](std::vector<std::string> words, const fs::path& place) {
         const auto outcome = runJson(words);
         EXPECT_EQ(outcome.exitCode, 0) << testing::PrintToString(words) << outcome.error;
@@ -270,6 +227,8 @@ TEST_F(TidewellTest, DocumentsAreChanged) {
     EXPECT_EQ(contentOf(storage / "in/import/deep/file"), "content");
     succeeds({"rename", document, "c"}, storage / "in/c");
     succeeds({"mv", document, "--to", storage / "in/new", "--name", "d"}, storage / "in/new/d");
+    EXPECT_EQ(run({"path", document}).output, (storage / "in/new/d").string() + "\n");
+    EXPECT_NE(run({"tree"}).output.find("└── d\n"), std::string::npos);
     succeeds({"trash", document}, storage / ".Trash/d");
     succeeds({"empty-trash", "--older-than", "0s", "--dry-run"}, storage / ".Trash/d");
     succeeds({"untrash", document, "--to", "root"}, storage / "d");
@@ -332,14 +291,8 @@ TEST_F(TidewellTest, AReaderThatGoesAwayEndsItQuietly) {
     for (int i = 0; i < 400; ++i) scratch.makeFile("Dokumente/" + std::to_string(i));
     const auto pipe = (scratch / "pipe").string();
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-    const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    // Its room is small, so the program is in the middle of writing when the reader goes.
-    fcntl(reader, F_SETPIPE_SZ, 4096);
-    std::jthread leave([&] {
-        char byte = 0;
-        while (read(reader, &byte, 1) != 1) std::this_thread::yield();
-        close(reader);
-    });
+    // There is more than the pipe has room for, so the reader goes while it is being written.
+    std::jthread leave([&] { std::ifstream(pipe).get(); });
     const auto outcome = run({"--json", "ls"}, pipe);
     EXPECT_EQ(outcome.exitCode, 0);
     EXPECT_EQ(outcome.error, "");
