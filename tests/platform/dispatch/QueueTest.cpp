@@ -22,7 +22,7 @@ TEST(SerialQueueTest, BlocksOfManyProducersRunOneAtATimeAndInOrder) {
     constexpr int producers = 4;
     constexpr int blocks = 500;
     std::vector<std::vector<int>> seen(producers);  // plain: a race is for the sanitizer to find
-    std::latch done(producers * blocks);
+    int waitedFor = 0;
     std::vector<std::jthread> threads;
     for (int producer = 0; producer < producers; ++producer) {
         threads.emplace_back([&, producer] {
@@ -30,16 +30,20 @@ TEST(SerialQueueTest, BlocksOfManyProducersRunOneAtATimeAndInOrder) {
                 queue.async([&, producer, block] {
                     queue.assertOnQueue();
                     seen[static_cast<std::size_t>(producer)].push_back(block);
-                    done.count_down();
                 });
+                queue.sync([&] { ++waitedFor; });
             }
         });
     }
-    done.wait();
-    for (const auto& order : seen) EXPECT_TRUE(std::ranges::is_sorted(order));
+    threads.clear();
+    for (const auto& order : seen) {
+        EXPECT_EQ(order.size(), blocks);
+        EXPECT_TRUE(std::ranges::is_sorted(order));
+    }
+    EXPECT_EQ(waitedFor, producers * blocks);
 }
 
-TEST(SerialQueueTest, SyncWaitsForWhatWasThereAndExcludesTheRest) {
+TEST(SerialQueueTest, SyncWaitsForWhatWasThere) {
     const SerialQueue queue("sync");
     int value = 0;
     queue.sync([&] { value = 1; });  // nothing ahead
@@ -51,18 +55,6 @@ TEST(SerialQueueTest, SyncWaitsForWhatWasThereAndExcludesTheRest) {
     std::jthread opener([&] { go.release(); });
     queue.sync([&] { value += 5; });
     EXPECT_EQ(value, 15);
-
-    std::vector<std::jthread> threads;
-    for (int thread = 0; thread < 4; ++thread) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 500; ++i) {
-                queue.sync([&] { ++value; });
-                queue.async([&] { ++value; });
-            }
-        });
-    }
-    threads.clear();
-    queue.sync([&] { EXPECT_EQ(value, 4015); });
 }
 
 TEST(SerialQueueTest, BlocksOutliveTheHandleAndAreDestroyedOnTheQueue) {
