@@ -120,47 +120,35 @@ TEST(QSPropertyList, ReadsXML) {
 }
 
 TEST(QSPropertyList, RefusesMalformedXML) {
-    std::vector<std::string> bodies = {std::string("<string>a\0b</string>", 20),
-                                       repeated("<array>", 40) + repeated("</array>", 40)};
-    for (const std::string_view body : {"",
-                                        "<string>a",
-                                        "<string>a</string><string>b</string>",
-                                        "<other/>",
-                                        "text",
-                                        "<integer>9223372036854775808123</integer>",
-                                        "<integer>-9223372036854775809</integer>",
-                                        "<integer>0x10</integer>",
-                                        "<integer></integer>",
-                                        "<integer> 1</integer>",
-                                        "<real>1,5</real>",
-                                        "<true>x</true>",
-                                        "<date>2026-02-30T00:00:00Z</date>",
-                                        "<date>2026-01-01</date>",
-                                        "<data>A</data>",
-                                        "<data>AA=A</data>",
-                                        "<data>====</data>",
-                                        "<string>&undefined;</string>",
-                                        "<string>&#0;</string>",
-                                        "<string>&#4294967296;</string>",
-                                        "<string>&#xD800;</string>",
-                                        "<string>\xFF</string>",
-                                        "<string><true/></string>",
-                                        "<dict><key>a</key></dict>",
-                                        "<dict><true/></dict>",
-                                        "<dict><key>a</key><true/><key>a</key><true/></dict>",
-                                        "<array>x<true/></array>"}) {
-        bodies.emplace_back(body);
+    std::vector<std::string> texts = {
+        "",
+        "<",
+        "plist",
+        "<list><true/></list>",
+        "<plist><true/></plist><plist><true/></plist>",
+        "<!DOCTYPE plist [<!ENTITY a \"b\">]><plist><string>x</string></plist>"};
+    const auto deep = repeated("<array>", 40) + repeated("</array>", 40);
+    const std::pair<std::string, std::vector<std::string>> elements[] = {
+        {"plist", {"", "text", "<other/>", "<string>a", "<true/><true/>", deep}},
+        {"integer", {"9223372036854775808123", "-9223372036854775809", "0x10", "", " 1"}},
+        {"real", {"1,5"}},
+        {"true", {"x"}},
+        {"date", {"2026-02-30T00:00:00Z", "2026-01-01"}},
+        {"data", {"A", "AA=A", "===="}},
+        {"string",
+         {"&undefined;", "&#0;", "&#4294967296;", "&#xD800;", "\xFF", "<true/>", {"a\0b", 3}}},
+        {"dict", {"<key>a</key>", "<true/>", "<key>a</key><true/><key>a</key><true/>"}},
+        {"array", {"x<true/>"}}};
+    for (const auto& [element, contents] : elements) {
+        for (const auto& content : contents) {
+            const auto text = "<" + element + ">" + content + "</" + element + ">";
+            texts.push_back(element == "plist" ? text : "<plist>" + text + "</plist>");
+        }
     }
-    for (const auto& body : bodies) {
-        const auto list = propertyListWithData(dataFromString("<plist>" + body + "</plist>"));
-        ASSERT_FALSE(list) << body;
-        EXPECT_EQ(list.error().code, QSFileReadCorruptFileError);
-    }
-    for (const std::string_view text :
-         {"<!DOCTYPE plist [<!ENTITY a \"b\">]><plist><string>x</string></plist>",
-          "<plist><true/></plist><plist><true/></plist>", "<list><true/></list>", "<", "plist",
-          ""}) {
-        EXPECT_FALSE(propertyListWithData(dataFromString(text))) << text;
+    for (const auto& text : texts) {
+        const auto list = propertyListWithData(dataFromString(text));
+        ASSERT_FALSE(list) << text;
+        EXPECT_EQ(list.error().code, QSFileReadCorruptFileError) << text;
     }
 }
 
