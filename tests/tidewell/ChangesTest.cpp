@@ -283,50 +283,44 @@ TEST_F(CoverTest, WhatAnEventMeansIsSeenOnTheDisk) {
     (void)file("a/p.lutebox/deep/inner");
     const auto kept = eventAt("a/kept");
     const auto inner = eventAt("a/p.lutebox/deep/inner");
-    const auto package = eventAt("a/p.lutebox");
     const auto document = [](const FSEvent& event) {
         return "did=" + std::to_string(event.documentID);
     };
-    auto token = present();
+    const auto onlyKept = ElementsAre(Pair(document(kept), testing::_));
+    const auto onlyPackage = ElementsAre(Pair(document(eventAt("a/p.lutebox")), testing::_));
+    const auto told = [&](std::string_view container, const std::vector<FSEvent>& events) {
+        const auto token = present();
+        for (const auto& event : events) scripted.append(event);
+        return changes(*enumeratorFor(container), token);
+    };
     auto wrong = kept;
     wrong.flags = fsEventRemoved;
-    scripted.append(wrong);
     auto never = goneEvent(0);
     never.fileID = 0;
-    scripted.append(never);
     auto other = kept;
     other.documentID = 4'000'000;
-    scripted.append(other);
-    scripted.append({.path = url().path()});
-    auto told = changes(*enumeratorFor(workingSet), token);
-    EXPECT_THAT(told->updated, ElementsAre(Pair(document(kept), testing::_)));
-    EXPECT_THAT(told->deleted, ElementsAre("did=4000000")) << "another object stands there now";
+    auto answer = told(workingSet, {wrong, never, other, {.path = url().path()}});
+    EXPECT_THAT(answer->updated, onlyKept);
+    EXPECT_THAT(answer->deleted, ElementsAre("did=4000000")) << "another object stands there now";
 
-    token = present();
-    scripted.append(inner);
-    told = changes(*enumeratorFor(folderContainer), token);
-    EXPECT_THAT(told->updated, ElementsAre(Pair(document(package), testing::_)));
-    EXPECT_THAT(told->deleted, IsEmpty());
-    EXPECT_THAT(changes(*enumeratorFor(allDirectories), token)->updated, IsEmpty());
+    answer = told(folderContainer, {inner});
+    EXPECT_THAT(answer->updated, onlyPackage);
+    EXPECT_THAT(answer->deleted, IsEmpty());
+    EXPECT_THAT(told(allDirectories, {inner})->updated, IsEmpty());
 
-    token = present();
-    scripted.append({.flags = fsEventMustScanSubDirs, .path = url("a").path()});
-    EXPECT_THAT(changes(*enumeratorFor(workingSet), token)->updated, SizeIs(3));
+    const auto scan = [&](const char* path) {
+        return FSEvent{.flags = fsEventMustScanSubDirs, .path = url(path).path()};
+    };
+    EXPECT_THAT(told(workingSet, {scan("a")})->updated, SizeIs(3));
     for (int i = 0; i < 100; ++i) (void)file("many/" + std::to_string(i));
-    for (const auto* path : {"many", "", "a"}) {
-        token = present();
-        scripted.append({.flags = fsEventMustScanSubDirs, .path = url(path).path()});
-        const auto container = path == std::string("many") ? workingSet : folderContainer;
-        EXPECT_TRUE(changes(*enumeratorFor(container), token)->error) << path;
-    }
+    EXPECT_TRUE(told(workingSet, {scan("many")})->error);
+    EXPECT_TRUE(told(folderContainer, {scan("")})->error);
+    EXPECT_TRUE(told(folderContainer, {scan("a")})->error);
 
-    token = present();
     std::filesystem::create_hard_link(storage() / "a/kept", storage() / "a/second");
     EXPECT_EQ(eventAt("a/second").documentID, kept.documentID);
     std::filesystem::remove(storage() / "a/kept");
-    scripted.append(kept);
-    told = changes(*enumeratorFor(folderContainer), token);
-    EXPECT_THAT(told->updated, ElementsAre(Pair(document(kept), testing::_)));
+    EXPECT_THAT(told(folderContainer, {kept})->updated, onlyKept);
 }
 
 TEST_F(ChangesTest, SignalsOnceForABatchAndWaitsThreeSecondsAtMost) {
