@@ -31,13 +31,10 @@ class RootsTest : public VolumeFixture {
         scratch.makeFile("container/Documents/deep/er/note");
         makeFile("mine");
         open();
-        root = present();
+        const auto container = files->addContainer("org.a", (scratch / "container").string());
+        root = container.value().URLByAppendingPathComponent("Documents");
         EXPECT_TRUE(service->waitUntilSettled());
         since = service->currentEventID();
-    }
-    QSURL present() const {
-        const auto container = files->addContainer("org.a", (scratch / "container").string());
-        return container.value().URLByAppendingPathComponent("Documents");
     }
     /// Since the last call: what happened, a letter for the kind before each path.
     std::vector<std::string> events() {
@@ -113,10 +110,8 @@ TEST_F(RootsTest, ARootThatIsKnownFromTheLastRunIsNoNews) {
     (void)events();
     ASSERT_TRUE(service->addRoot(root));
     ASSERT_TRUE(service->waitUntilSettled());
-    const auto now = events();
-    EXPECT_THAT(now, Contains("-L/note"));
-    EXPECT_THAT(now, AllOf(Not(Contains("~S")), Not(Contains("+L/deep")),
-                           Not(Contains("+L/deep/er/note"))));
+    EXPECT_THAT(events(), AllOf(Contains("-L/note"), Not(Contains("~S")),
+                                Each(Not(testing::StartsWith("+")))));
     EXPECT_THAT(service->placesOfDocumentID(note.documentID), IsEmpty());
 }
 

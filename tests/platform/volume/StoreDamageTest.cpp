@@ -13,6 +13,7 @@ namespace tests {
 namespace {
 
 using namespace platform;
+using namespace std::string_view_literals;
 namespace fs = std::filesystem;
 
 /// Remembers what every identifier was handed out for.
@@ -71,21 +72,13 @@ TEST_F(StoreDamageTest, NoIdentifierEverComesBackForAnotherObject) {
         {"lost witness", [&] { fs::remove(scratch / "state/witness"); }, Doubted},
         {"copy from before the last run", [&] { restore("early"); }, Doubted},
         {"copy taken while it ran", [&] { restore("running"); }, Doubted},
-        {"lost log of a store that was killed",
-         [&] {
-             restore("killed");
-             fs::remove(scratch / "data/volume.db-wal");
-         },
-         Rebuilt},  // not even the tables had been moved out of the log
+        // Not even the tables had been moved out of the log.
+        {"lost log of a store that was killed", [&] { restore("killed-without-log"); }, Rebuilt},
         {"lost store", [&] { fs::remove(scratch / "data/volume.db"); }, Rebuilt},
         {"emptied store", [&] { fs::resize_file(scratch / "data/volume.db", 0); }, Rebuilt},
         {"cut store", [&] { fs::resize_file(scratch / "data/volume.db", 5000); }, Rebuilt},
         {"no database", [&] { overwrite("data/volume.db", 0, junk); }, Rebuilt},
-        {"later version",
-         [&] {
-             overwrite("data/volume.db", 60, {"\0\0\0\x63", 4});
-         },
-         Rebuilt},
+        {"later version", [&] { overwrite("data/volume.db", 60, "\0\0\0\x63"sv); }, Rebuilt},
         {"lost both", [&] { fs::remove_all(scratch / "data"); }, Rebuilt},
     };
     for (const auto& [name, damage, outcome] : cases) {
@@ -96,7 +89,8 @@ TEST_F(StoreDamageTest, NoIdentifierEverComesBackForAnotherObject) {
         openFiles();
         ledger = {};
         open();
-        copy("data", "killed");
+        copy("data", "killed-without-log");
+        fs::remove(scratch / "killed-without-log/volume.db-wal");
         for (const char* kept : {"a", "b"}) makeFile(kept);
         identifyEverything();
         const auto before = identify("a");
@@ -149,16 +143,12 @@ TEST_F(StoreDamageTest, RandomDamageIsNoticedOrHarmless) {
         copy("witnessed", "state");
         ledger = handedOut;
         const auto at = random() % size;
-        switch (round % 4) {
-            case 0:
-            case 1:
-                overwrite("data/volume.db", at, std::string(1, static_cast<char>(random())));
-                break;
-            case 2:
-                overwrite("data/volume.db", at / 4096 * 4096, std::string(4096, '\0'));
-                break;
-            default:
-                fs::resize_file(scratch / "data/volume.db", at);
+        if (round % 4 < 2) {
+            overwrite("data/volume.db", at, std::string(1, static_cast<char>(random())));
+        } else if (round % 4 == 2) {
+            overwrite("data/volume.db", at / 4096 * 4096, std::string(4096, '\0'));
+        } else {
+            fs::resize_file(scratch / "data/volume.db", at);
         }
         open();
         identifyEverything();
