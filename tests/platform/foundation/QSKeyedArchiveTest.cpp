@@ -118,12 +118,8 @@ TEST(QSKeyedArchive, RefusesHostileArchivesWithinItsMemory) {
         return archiveOf({Map{{"$class", UID{5}}, {"QS.time", 1.0}},
                           Map{{"$classname", std::move(name)}, {"$classes", std::move(classes)}}});
     };
-    struct Case {
-        const char* what;
-        QSPropertyList archive;
-    };
     EXPECT_FALSE(unarchivedObjectOfClasses(anyClass, dataFromString("<plist><dict/></plist>")));
-    const std::vector<Case> cases = {
+    const std::vector<std::pair<const char*, QSPropertyList>> cases = {
         {"no dictionary", List{}},
         {"no version", changed("$version", std::nullopt)},
         {"another version", changed("$version", 100'001)},

@@ -158,14 +158,10 @@ TEST(QSPropertyList, RefusesBadTrailersAndCutOffLists) {
     for (std::size_t size = 0; size < good.size(); ++size) {
         EXPECT_FALSE(propertyListWithData(QSDataView(good).first(size))) << size;
     }
-    struct Change {
-        std::size_t fromEnd;
-        std::uint8_t value;
-    };
-    for (const auto [fromEnd, value] :
-         {Change{26, 0}, Change{26, 9}, Change{25, 0}, Change{25, 9}, Change{24, 0x80},
-          Change{17, 200}, Change{16, 0xFF}, Change{9, 5}, Change{8, 0xFF}, Change{1, 0},
-          Change{1, 8}, Change{1, 0xFF}, Change{33, 0xFF}, Change{37, 7}}) {
+    const std::vector<std::pair<std::size_t, std::uint8_t>> changes = {
+        {26, 0}, {26, 9},   {25, 0}, {25, 9}, {24, 0x80}, {17, 200},  {16, 0xFF},
+        {9, 5},  {8, 0xFF}, {1, 0},  {1, 8},  {1, 0xFF},  {33, 0xFF}, {37, 7}};
+    for (const auto& [fromEnd, value] : changes) {
         auto bad = good;
         bad[bad.size() - fromEnd] = value;
         EXPECT_FALSE(propertyListWithData(bad)) << fromEnd;
@@ -183,12 +179,8 @@ QSData nestedArrays(std::uint64_t count, std::uint64_t width) {
 TEST(QSPropertyList, RefusesHostileObjectsWithinItsMemory) {
     auto bigString = fromHex("5f 12 00 00 40 00");
     bigString.insert(bigString.end(), 0x4000, 'x');
-    struct Case {
-        const char* what;
-        QSData bytes;
-    };
     const auto one = [](std::string_view hex) { return binaryList({fromHex(hex)}); };
-    const std::vector<Case> cases = {
+    const std::vector<std::pair<const char*, QSData>> cases = {
         {"null", one("00")},
         {"unknown type", one("7f")},
         {"set", one("c0")},

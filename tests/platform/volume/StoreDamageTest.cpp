@@ -59,13 +59,8 @@ class StoreDamageTest : public VolumeFixture {
 
 TEST_F(StoreDamageTest, NoIdentifierEverComesBackForAnotherObject) {
     enum Outcome { Harmless, Doubted, Rebuilt };
-    struct Case {
-        const char* name;
-        std::function<void()> damage;
-        Outcome outcome;
-    };
     const std::string junk(1024, 'x');
-    const std::vector<Case> cases{
+    const std::vector<std::tuple<const char*, std::function<void()>, Outcome>> cases{
         {"nothing", [] {}, Harmless},
         {"one torn slot of the witness", [&] { overwrite("state/witness", 100, "x"); }, Harmless},
         {"torn witness", [&] { overwrite("state/witness", 0, junk); }, Doubted},
@@ -187,14 +182,10 @@ TEST_F(StoreDamageTest, AFailedWriteChangesNothingAndIsOverWhenTheDiskRecovers) 
 }
 
 TEST(StoreDecisionTest, AnotherFileSystemKeepsNothingAndAnotherMountEverything) {
-    struct Case {
-        VolumeFingerprint before;
-        VolumeFingerprint now;
-        bool isSame;
-    };
     const ObjectIdentity root{2, 20};
     const ObjectIdentity other{2, 30};
-    for (const auto& [before, now, isSame] : std::vector<Case>{
+    for (const auto& [before, now, isSame] :
+         std::vector<std::tuple<VolumeFingerprint, VolumeFingerprint, bool>>{
              {{"aa", root}, {"aa", root}, true},
              {{"aa", root}, {"aa", other}, true},  // the storage was moved on its volume
              {{"aa", root}, {"bb", root}, false},
