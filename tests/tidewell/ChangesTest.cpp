@@ -248,19 +248,18 @@ TEST_F(CoverTest, ReplicasFollowEveryTransition) {
                     (void)folder(name);
                 }
                 (void)file("a/p.lutebox/inner");
-                const auto first = here + suffix;
-                for (const auto& part : content) (void)file(first + part);
+                auto from = here + suffix;
+                auto to = there + suffix;
+                for (const auto& part : content) (void)file(from + part);
                 ASSERT_TRUE(installed->volume().waitUntilSettled());
-                for (const bool back : {false, true}) {
+                for (int way = 0; way < 2; ++way) {
                     std::map<std::string_view, Replica> replicas;
                     for (const auto container :
                          {workingSet, allDirectories, std::string_view(folderContainer)}) {
                         replicas[container] = listed(container);
                     }
                     const auto token = present();
-                    const auto second = there + suffix;
-                    std::filesystem::rename(storage() / (back ? second : first),
-                                            storage() / (back ? first : second));
+                    std::filesystem::rename(storage() / from, storage() / to);
                     ASSERT_TRUE(installed->volume().waitUntilSettled());
                     for (auto& [container, replica] : replicas) {
                         const auto told = changes(*enumeratorFor(container), token);
@@ -269,9 +268,10 @@ TEST_F(CoverTest, ReplicasFollowEveryTransition) {
                             replica[identifier] = rowOf(*item);
                         }
                         EXPECT_EQ(replica, listed(container))
-                            << container << ": " << first << (back ? " <- " : " -> ") << second
+                            << container << ": " << from << " -> " << to
                             << (content.size() > 1 ? ", with content" : "");
                     }
+                    std::swap(from, to);
                 }
             }
         }
