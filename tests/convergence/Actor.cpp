@@ -91,19 +91,26 @@ int Actor::closeOpenFile() {
     return open_ < 0 ? EBADF : errorOf(close(std::exchange(open_, -1)));
 }
 
-/// The kernel reports a write under the name that was opened. Where that has gone and others are
-/// left, nobody hears of it before the next comparison.
-bool Actor::isWriteUnheard() const {
+/// The kernel reports a write under the name that was used. Where that has gone or is not watched,
+/// and there are others, nobody hears of it before the next comparison.
+bool Actor::isWriteUnheard(std::string_view verb, const std::string& at) const {
+    const auto isOneOf = [&](const auto&... verbs) { return ((verb == verbs) || ...); };
     std::error_code error;
-    const auto opened = fs::read_symlink("/proc/self/fd/" + std::to_string(open_), error);
-    struct stat status {};
-    return opened.native().ends_with(" (deleted)") && fstat(open_, &status) == 0 &&
-           status.st_nlink > 0;
+    std::string name = at;
+    struct stat status{};
+    if (isOneOf("put", "cut", "mode")) {
+        name = fs::read_symlink("/proc/self/fd/" + std::to_string(open_), error).native();
+        if (fstat(open_, &status) != 0) return false;
+        if (name.ends_with(" (deleted)")) return status.st_nlink > 0;
+    } else if (!isOneOf("new", "trunc", "map", "chmod", "attr") ||
+               lstat(at.c_str(), &status) != 0) {
+        return false;
+    }
+    return !S_ISDIR(status.st_mode) && status.st_nlink > 1 &&
+           !name.starts_with(place_.base + "/s/");
 }
 
 int Actor::callOnOpenFile(std::string_view verb, const std::string& at) {
-    const bool isWrite = verb == "put" || verb == "cut" || verb == "mode";
-    if (isWrite && isWriteUnheard()) return ESTALE;
     if (verb == "put") {
         ++contents_;
         const auto content = std::string(contents_ % 3, '+') + std::to_string(number_) + "." +
@@ -120,6 +127,7 @@ int Actor::callOnOpenFile(std::string_view verb, const std::string& at) {
 
 int Actor::call(std::string_view verb, const std::string& at, const std::string& to) {
     const char* path = at.c_str();
+    if (isWriteUnheard(verb, at)) return ESTALE;
     if (verb == "new") return openAs(at, O_WRONLY | O_CREAT | O_TRUNC);
     if (verb == "excl") return openAs(at, O_WRONLY | O_CREAT | O_EXCL);
     if (verb == "open") return openAs(at, O_WRONLY);

@@ -83,7 +83,7 @@ class Actor {
 
   private:
     [[nodiscard]] int call(std::string_view verb, const std::string& at, const std::string& to);
-    [[nodiscard]] bool isWriteUnheard() const;
+    [[nodiscard]] bool isWriteUnheard(std::string_view verb, const std::string& at) const;
     [[nodiscard]] int callOnOpenFile(std::string_view verb, const std::string& at);
     [[nodiscard]] int openAs(const std::string& path, int flags);
     int closeOpenFile();

@@ -37,7 +37,8 @@ std::string Ledger::check(Barrier barrier) {
 }
 
 void Ledger::readInterval() {
-    doubtful_.clear();
+    // Where nobody has seen it since, the doubt stays.
+    std::erase_if(doubtful_, [&](const auto& key) { return before_.identifiers.contains(key); });
     hidden_.clear();
     path_.clear();
     std::map<std::string, std::set<ObjectKey>> objectsAtPlaces;
@@ -71,8 +72,10 @@ void Ledger::readInterval() {
         if (kin_[object].size() > 1) doubtful_.insert(object);
     };
     for (const auto& deed : now_.deeds) std::ranges::for_each(deed.left, goes);
-    for (const auto& [object, identifier] : before_.identifiers) {
-        if (!now_.identifiers.contains(object)) goes(object);
+    for (const auto* rows : {&before_.rows, &now_.rows}) {
+        for (const auto& row : *rows) {
+            if (!now_.identifiers.contains(row.object)) goes(row.object);
+        }
     }
 }
 
@@ -98,7 +101,11 @@ std::string Ledger::describe(const ObjectKey& object) const {
 std::string Ledger::checkObject(const ObjectKey& object, const std::string& identifier) const {
     const auto owner = owners_.find(identifier);
     if (owner != owners_.end() && owner->second != object) {
-        const bool isGone = !path_.contains(owner->second) || doubtful_.contains(owner->second);
+        const auto present = known_.find(owner->second);
+        const bool hasOther = present != known_.end() && !present->second.at(0).empty() &&
+                              present->second.at(0) != identifier;
+        const bool isGone =
+            hasOther || !path_.contains(owner->second) || doubtful_.contains(owner->second);
         if (isDocument(identifier) && isGone && kin_.at(object).contains(owner->second)) return {};
         return identifier + " now names " + describe(object) + "; it was given to " +
                describe(owner->second);

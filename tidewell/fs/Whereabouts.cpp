@@ -35,8 +35,12 @@ Whereabouts whereaboutsOf(const FSEvent& event, const std::string& identifier,
     const bool isEnd = (event.flags & (fsEventRemoved | fsEventMoved)) == fsEventRemoved;
     Whereabouts found;
     found.isOnTheMove = !isEnd && Platform::current().volume().isAway(event);
+    const auto wantsPackage = event.identifierKind == IdentifierKind::Document;
     for (const auto& known : placesOf(event)) {
         if (cover.placeOf(known).cover != Cover::Shown) continue;
+        // A folder by whose name it has an identifier of the other kind, wherever it is by now.
+        const bool isFolder = (event.flags & fsEventIsFolder) != 0;
+        if (isFolder && isPackageName(known.lastPathComponent()) != wantsPackage) continue;
         const auto place = QSURL::fileURLWithPath(known.path());
         const bool isThere = Platform::current().files().attributes(place).has_value();
         const auto item = isThere ? LocalItem::initWithURL(place) : nullptr;
