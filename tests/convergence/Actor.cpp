@@ -97,7 +97,7 @@ bool Actor::isWriteUnheard(std::string_view verb, const std::string& at) const {
     const auto isOneOf = [&](const auto&... verbs) { return ((verb == verbs) || ...); };
     std::error_code error;
     std::string name = at;
-    struct stat status{};
+    struct stat status {};
     if (isOneOf("put", "cut", "mode")) {
         name = fs::read_symlink("/proc/self/fd/" + std::to_string(open_), error).native();
         if (fstat(open_, &status) != 0) return false;
