@@ -118,8 +118,8 @@ void ObjectIndex::loadFurtherName(std::uint64_t inode, const ObjectRow::Name& na
         return;
     }
     const NodeNumber folder = ensure(name.folder);
-    if (findEntry(folder, name.name) != none) {
-        displaced_.push_back({number, folder, name.name});
+    if (const auto known = findEntry(folder, name.name); known != none) {
+        if (entry(known).object != number) displaced_.push_back({number, folder, name.name});
         return;
     }
     const bool wasDirty = nodes_[number].isDirty;

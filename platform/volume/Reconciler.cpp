@@ -310,6 +310,13 @@ void Reconciler::arrive(const FolderReading& reading, const Sighting& sighting) 
                          (node.stamp != 0 && node.kind != state.kind);
     if (isOther) renew(object, sighting.generation);
 
+    // Back where it was, so that what it leaves now is what counts.
+    const auto own = node.documentID;
+    const auto* vacated = own == 0 ? nullptr : departures_.vacancy(own);
+    const bool isBack = vacated && vacated->owner == object &&
+                        departures_.documentThatLeft(reading.folder, sighting.name) == own;
+    if (isBack) departures_.closeVacancy(own);
+
     const bool isDirectory = state.kind == ObjectKind::Directory;
     if (isDirectory || state.linkCount == 1) index.forEachName(object, [&](auto at) { leave(at); });
     if (isDirectory) openCircle(object, reading.folder);
@@ -340,15 +347,14 @@ void Reconciler::arrive(const FolderReading& reading, const Sighting& sighting) 
     index.addName(object, reading.folder, sighting.name);
     setState(object, state);
 
-    const auto document = departures_.documentThatLeft(reading.folder, sighting.name);
-    if (document == 0) return;
-    auto& vacancy = *departures_.vacancy(document);
-    if (vacancy.owner == object && node.documentID == document) {
-        departures_.closeVacancy(document);
+    if (isBack) {
         updateUndecided(object);
         updateHold(object);
         return;
     }
+    const auto document = departures_.documentThatLeft(reading.folder, sighting.name);
+    if (document == 0) return;
+    auto& vacancy = *departures_.vacancy(document);
     index.setUndecided(object, true);
     vacancy.isExchange = vacancy.owner != ObjectIndex::none &&
                          std::ranges::any_of(change.left, [&](const FormerPlace& left) {
