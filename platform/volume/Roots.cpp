@@ -43,8 +43,8 @@ Result<void> Follower::addRoot(const ObjectIdentity& identity, const QSURL& url)
 }
 
 Result<void> Follower::removeRoot(const QSURL& url) {
-    // What has moved out of it before stays, where that can be seen.
-    if (isFollowing_) (void)wait(Barrier::Seen);
+    // What has moved out of it before stays. A comparison at the start is not waited for.
+    if (isCaughtUp()) (void)wait(Barrier::Seen);
     Result<void> done;
     {
         const std::scoped_lock lock(mutex_);
