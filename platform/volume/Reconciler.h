@@ -102,6 +102,11 @@ class Reconciler {
         Departures::Departure departure;
     };
     enum class Verdict : std::uint8_t { Wait, Stays, Moves };
+    static constexpr int deepest = 4096;  ///< folders in one another; ends what runs in a circle
+
+    [[nodiscard]] static std::string joined(const std::string& folder, std::string_view name) {
+        return folder + "/" + std::string(name);
+    }
 
     [[nodiscard]] bool isPast() const;
     Change& changeOf(NodeNumber node);
@@ -115,7 +120,7 @@ class Reconciler {
     [[nodiscard]] FormerPlace placeOf(ObjectIndex::EntryNumber entry) const;
     void notice(const FolderReading& reading, const Sighting& sighting, NodeNumber object);
     void orphan(const ObjectIndex::Node& gone, const FormerPlace& last);
-    OrphanRow rowOf(const Orphan& orphan);
+    [[nodiscard]] OrphanRow rowOf(const Orphan& orphan);
     void renew(NodeNumber node, std::uint64_t generation);
     void renewFor(const VolumeService::IdentityRequest& request);
     void noticeFolder(const FolderReading& reading);

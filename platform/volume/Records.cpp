@@ -1,0 +1,174 @@
+// What the reconciler writes: the events of what has changed, and one commit of all of it.
+#include <algorithm>
+#include <ctime>
+
+#include "platform/volume/Reconciler.h"
+#include "platform/volume/SaveNames.h"
+
+namespace platform {
+
+std::string Reconciler::coverOfPath(const std::string& path) const {
+    for (const auto& root : state_.roots) {
+        const auto& rootPath = root.url.path();
+        if (!path.starts_with(rootPath + "/")) continue;
+        return coverOf(rootPath, std::string_view(path).substr(rootPath.size() + 1),
+                       state_.configuration.isPackageName);
+    }
+    return {};
+}
+
+/// Whether the folder or one above it has moved too, so that a path in it may not be where things
+/// were shown before.
+bool Reconciler::isAboveMoved(NodeNumber folder) const {
+    for (int depth = 0; folder != ObjectIndex::none && depth < deepest; ++depth) {
+        const auto change = changes_.find(folder);
+        if (change != changes_.end() && !change->second.left.empty()) return true;
+        const auto entry = state_.index.node(folder).firstName;
+        if (entry == ObjectIndex::none) break;
+        folder = state_.index.entry(entry).folder;
+    }
+    return false;
+}
+
+void Reconciler::resolve(NodeNumber node, Change& change) {
+    const auto& index = state_.index;
+    const auto& object = index.node(node);
+    if (object.firstName == ObjectIndex::none && !object.isRoot) {
+        const bool matters =
+            object.fileID != 0 || object.documentID != 0 || object.kind == ObjectKind::Directory;
+        if (!change.left.empty() && matters) depart(node, change.left.front());
+        return;
+    }
+    if (change.isSilent) return;
+    if (object.isRoot) {
+        if (change.isModified) {
+            record(fsEventModified, node, state_.urlOf(node)->path(), ObjectIndex::none);
+        }
+        return;
+    }
+    const auto isNow = [&](const FormerPlace& place) {
+        return index.findObject(place.folder, place.name) == node;
+    };
+    const bool hasOtherPlaces = !change.left.empty() || !change.came.empty();
+    const auto isPackage = [&](std::string_view name) {
+        return object.kind == ObjectKind::Directory && isDocument(object, name);
+    };
+    const auto& present = index.entry(object.firstName);
+    for (const auto& place : change.left) {
+        if (isNow(place)) continue;
+        // With its name a package leaves its identifier, and so does a folder that becomes one.
+        const bool isEnd = isPackage(place.name) != isPackage(index.name(present));
+        record(isEnd ? fsEventRemoved : fsEventMoved | fsEventRemoved, node, place.path,
+               place.folder);
+    }
+    std::string whole;  // the path of a folder that now is shown otherwise
+    index.forEachName(node, [&](ObjectIndex::EntryNumber at) {
+        const auto& entry = index.entry(at);
+        const auto came = std::ranges::any_of(change.came, [&](const FormerPlace& place) {
+            return place.folder == entry.folder && place.name == index.name(entry);
+        });
+        if (!came && !change.isModified && !hasOtherPlaces) return;
+        const auto folder = state_.urlOf(entry.folder);
+        if (!folder) return;
+        auto path = joined(folder->path(), index.name(entry));
+        const bool isMove = came && !change.left.empty();
+        // Who listed while it was away has seen nothing of what is in it.
+        if (isMove && object.kind == ObjectKind::Directory &&
+            (change.wasAway || isAboveMoved(change.left.front().folder) ||
+             coverOfPath(change.left.front().path) != coverOfPath(path))) {
+            whole = path;
+        }
+        const auto flags = isMove ? fsEventMoved : came ? fsEventCreated : fsEventModified;
+        record(flags, node, std::move(path), entry.folder);
+    });
+    if (!whole.empty()) recordBelow(node, whole);
+}
+
+void Reconciler::recordBelow(NodeNumber folder, const std::string& path) {
+    const auto& index = state_.index;
+    index.forEachChild(folder, [&](ObjectIndex::EntryNumber at) {
+        const auto& entry = index.entry(at);
+        const auto child = joined(path, index.name(entry));
+        record(fsEventModified, entry.object, child, folder);
+        if (index.node(entry.object).kind == ObjectKind::Directory) {
+            recordBelow(entry.object, child);
+        }
+    });
+}
+
+bool Reconciler::isDocument(const ObjectIndex::Node& node, std::string_view path) const {
+    return node.kind == ObjectKind::RegularFile ||
+           (node.kind == ObjectKind::Directory &&
+            state_.configuration.isPackageName(path.substr(path.rfind('/') + 1)));
+}
+
+void Reconciler::record(FSEventFlags flags, NodeNumber node, std::string path, NodeNumber folder) {
+    const auto& index = state_.index;
+    const auto& object = index.node(node);
+    const bool isDocument = this->isDocument(object, path);
+    EventRecord& made = events_.emplace_back();
+    made.event.flags = flags | (object.kind == ObjectKind::Directory ? fsEventIsFolder : 0);
+    made.event.fileID = object.fileID;
+    made.event.identifierKind = isDocument ? IdentifierKind::Document : IdentifierKind::File;
+    made.event.documentID = object.documentID;
+    made.event.path = std::move(path);
+    made.time = std::time(nullptr);
+    if (folder == ObjectIndex::none) return;
+    made.folder = index.node(folder).inode;
+    made.folderGeneration = index.node(folder).generation;
+}
+
+void Reconciler::recordGone(const ObjectIndex::Node& node, const FormerPlace& last) {
+    // Nobody was ever told of it, or not under the identifier that it had there.
+    const bool wasDocument = isDocument(node, last.path);
+    if ((wasDocument ? node.documentID : node.fileID) == 0) return;
+    EventRecord& made = events_.emplace_back();
+    made.event.flags = fsEventRemoved;
+    made.event.fileID = node.fileID;
+    made.event.documentID = node.documentID;
+    made.event.identifierKind = wasDocument ? IdentifierKind::Document : IdentifierKind::File;
+    made.event.path = last.path;
+    made.time = std::time(nullptr);
+    if (last.folder == ObjectIndex::none) return;
+    made.folder = state_.index.node(last.folder).inode;
+    made.folderGeneration = state_.index.node(last.folder).generation;
+}
+
+void Reconciler::recordGap(std::string path, std::string why) {
+    events_.push_back(gapRecord(std::move(path)));
+    state_.lastGap = std::move(why);
+}
+
+Result<void> Reconciler::commit() {
+    std::vector<ObjectRow> rows;
+    std::vector<NodeNumber> taken;
+    {
+        const std::unique_lock lock(state_.indexMutex);
+        for (const auto node : std::exchange(changedInOrder_, {})) resolve(node, changes_[node]);
+        changes_.clear();
+        taken = state_.index.takeDirty();
+        rows.reserve(taken.size());
+        for (const auto number : taken) rows.push_back(state_.index.row(number));
+        for (const auto node : strays_) {
+            const auto* departure = departures_.departure(node);
+            if (!departure) continue;
+            rows.push_back(state_.index.row(node));
+            rows.back().names = {{0, departure->last.path}};
+        }
+    }
+    // In the order of the table's tree, so that few pages are touched.
+    std::ranges::sort(rows, {}, &ObjectRow::inode);
+    auto events = std::exchange(events_, {});
+    const bool isDurable =
+        std::exchange(tookNumbers_, false) || !events.empty() || !orphanChanges_.empty();
+    if (auto done = state_.write(rows, isDurable, events, orphanChanges_); !done) {
+        state_.putBackDirty(taken);
+        return done;
+    }
+    orphanChanges_.clear();
+    strays_.clear();
+    captureMetadata();
+    return {};
+}
+
+}  // namespace platform
