@@ -56,6 +56,8 @@ Result<void> Follower::removeRoot(const QSURL& url) {
 }
 
 Result<void> Follower::letGoOf(const QSURL& url) {
+    // What has moved out of it may lie where the kernel does not report.
+    if (isCaughtUp()) lookAtUnwatched();
     {
         const std::scoped_lock store(state_.storeMutex);
         if (!reconciler_.letGo(url)) return {};
