@@ -2,7 +2,9 @@
 //
 //   tidewell-bench-mutations import SCRATCH SOURCE   seconds to import
 //   tidewell-bench-mutations copy SCRATCH SOURCE     seconds to copy alone, without syncing
-//   tidewell-bench-mutations trash SCRATCH ITEMS     microseconds an item; then to delete each
+//   tidewell-bench-mutations trash SCRATCH ITEMS     microseconds an item, half of them one after
+//                                                    another, half four at once; then to delete
+//                                                    each
 //   tidewell-bench-mutations delete SCRATCH ITEMS    microseconds an item, as one folder
 //
 // SCRATCH is an empty folder on the file system that is measured. Identifiers are known, as to a
@@ -11,6 +13,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -72,10 +75,13 @@ class Bench {
             bench::fail(item.error().description());
         }
     }
-    void trash(const std::string& item) const {
-        std::promise<platform::Result<platform::ItemRef>> done;
-        provider_->trashItemWithIdentifier(item, [&](auto end) { done.set_value(std::move(end)); });
-        if (const auto end = done.get_future().get(); !end) bench::fail(end.error().description());
+    using Trashed = std::promise<platform::Result<platform::ItemRef>>;
+    [[nodiscard]] std::future<platform::Result<platform::ItemRef>> trash(
+        const std::string& item) const {
+        auto done = std::make_shared<Trashed>();
+        provider_->trashItemWithIdentifier(item,
+                                           [done](auto end) { done->set_value(std::move(end)); });
+        return done->get_future();
     }
     void remove(const std::string& item) const {
         std::promise<std::optional<platform::QSError>> done;
@@ -128,8 +134,24 @@ void measureItems(const fs::path& scratch, int count, bool isTrash) {
         bench::report("folder", each(bench::now() - start));
         return;
     }
-    for (const auto& item : items) product.trash(item);
-    bench::report("trash", each(bench::now() - start));
+    const auto trashAll = [&](const std::vector<std::string>& these, std::size_t atOnce) {
+        std::deque<std::future<platform::Result<platform::ItemRef>>> open;
+        const auto finishOne = [&] {
+            if (const auto end = open.front().get(); !end) bench::fail(end.error().description());
+            open.pop_front();
+        };
+        for (const auto& item : these) {
+            if (open.size() == atOnce) finishOne();
+            open.push_back(product.trash(item));
+        }
+        while (!open.empty()) finishOne();
+    };
+    const auto half = static_cast<std::ptrdiff_t>(items.size() / 2);
+    trashAll({items.begin(), items.begin() + half}, 1);
+    bench::report("trash", 2 * each(bench::now() - start));
+    start = bench::now();
+    trashAll({items.begin() + half, items.end()}, 4);
+    bench::report("trashFour", 2 * each(bench::now() - start));
     start = bench::now();
     for (const auto& item : items) product.remove(item);
     bench::report("each", each(bench::now() - start));
