@@ -126,7 +126,12 @@ std::shared_ptr<void> VolumeService::subscribe(News news) {
     subscriber->news = std::move(news);
     {
         const std::scoped_lock lock(state_->subscribersMutex);
-        state_->subscribers.push_back(subscriber);
+        auto& subscribers = state_->subscribers;
+        // Those that went would stay until there is something to tell.
+        if (subscribers.size() == subscribers.capacity()) {
+            std::erase_if(subscribers, [](const auto& known) { return known.expired(); });
+        }
+        subscribers.push_back(subscriber);
     }
     state_->follower->follow();
     return {subscriber.get(), [subscriber](void*) {

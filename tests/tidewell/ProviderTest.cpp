@@ -4,9 +4,13 @@
 
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "tests/support/InstalledPlatform.h"
+#include "tests/tidewell/Observers.h"
 #include "tidewell/applibraries/TWPAppLibraryManager.h"
 #include "tidewell/common/LocalFileProviderError.h"
 #include "tidewell/provider/LocalFileProvider.h"
+
+// Of <sanitizer/allocator_interface.h>, which GCC does not install.
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 
 namespace tidewell {
 namespace {
@@ -56,6 +60,39 @@ TEST_F(ProviderTest, TemporaryFolderIsMadeOnDemandOrLogged) {
     EXPECT_FALSE(provider->itemForIdentifier(identifier));
     EXPECT_THAT(logged(LogLevel::Error, "can't create temporary directory; "), SizeIs(1));
 }
+
+#ifdef __SANITIZE_ADDRESS__
+TEST_F(ProviderTest, EnumeratorsLeaveNothingBehind) {
+    const auto enumerateOften = [&] {
+        for (int i = 0; i < 1000; ++i) {
+            const auto enumerator = provider->enumeratorForContainerItemIdentifier(
+                std::string(i % 2 == 0 ? QSFileProviderRootContainerItemIdentifier
+                                       : QSFileProviderWorkingSetContainerItemIdentifier));
+            std::promise<QSFileProviderSyncAnchor> present;
+            (*enumerator)->currentSyncAnchorWithCompletionHandler([&](auto anchor) {
+                present.set_value(*anchor);
+            });
+            auto anchor = present.get_future().get();
+            if (i % 4 < 2) anchor.pop_back();
+            const auto collector = std::make_shared<tests::ChangeCollector>();
+            (*enumerator)->enumerateChangesForObserver(collector, anchor);
+            collector->end.get_future().wait();
+            EXPECT_EQ(collector->error.has_value(), i % 4 < 2);
+            (*enumerator)->invalidate();
+            log->clear();
+        }
+    };
+    enumerateOften();  // what is kept once
+    const auto before = __sanitizer_get_current_allocated_bytes();
+    enumerateOften();
+    // Readers end on their own queues.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (__sanitizer_get_current_allocated_bytes() > before + 8192) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+        std::this_thread::yield();
+    }
+}
+#endif
 
 TEST_F(ProviderTest, RegistryNotificationsRefreshTheLibrariesUntilTheProviderIsGone) {
     const auto root = QSURL::fileURLWithPath("/private/var/tidewell/Containers/org.a/Documents");

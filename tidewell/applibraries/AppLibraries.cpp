@@ -89,6 +89,10 @@ AppLibraryUpgrade AppLibraries::upgradeShared() {
 std::shared_ptr<void> AppLibraries::listen(std::function<void()> listener) {
     auto kept = std::make_shared<std::function<void()>>(std::move(listener));
     const std::scoped_lock lock(mutex_);
+    // Those that went would stay until a refresh, which may not come for days.
+    if (listeners_.size() == listeners_.capacity()) {
+        std::erase_if(listeners_, [](const auto& known) { return known.expired(); });
+    }
     listeners_.push_back(kept);
     return kept;
 }
