@@ -261,6 +261,15 @@ void ObjectIndex::removeName(EntryNumber number) {
     firstFree_ = number;
 }
 
+ObjectIndex::NodeNumber ObjectIndex::top(NodeNumber number) const {
+    for (std::size_t depth = 0; depth < deepest && !node(number).isRoot; ++depth) {
+        const auto at = node(number).firstName;
+        if (at == none) break;
+        number = entry(at).folder;
+    }
+    return number;
+}
+
 std::optional<ObjectIndex::Path> ObjectIndex::path(NodeNumber number) const {
     std::vector<std::string_view> components;
     std::size_t length = 0;

@@ -139,6 +139,8 @@ class ObjectIndex {
     };
     /// None where the object is not located below a root. Of several names the first that is.
     [[nodiscard]] std::optional<Path> path(NodeNumber number) const;
+    /// Where a climb by the first name of each ends: at a root, or at what has no name.
+    [[nodiscard]] NodeNumber top(NodeNumber number) const;
 
     /// Calls `visit(EntryNumber)` for each entry of the folder; it may remove that entry.
     template <typename Visit>

@@ -171,8 +171,8 @@ bool VolumeService::isAway(const FSEvent& event) const {
                             ? index.findDocumentID(event.documentID)
                             : index.findFileID(event.fileID);
     if (number == ObjectIndex::none) return false;
-    const auto& node = index.node(number);
-    return node.isHeld && node.firstName == ObjectIndex::none;
+    const auto& top = index.node(index.top(number));
+    return !top.isRoot && top.firstName == ObjectIndex::none && top.isHeld;
 }
 
 Result<void> VolumeService::identify(std::span<IdentityRequest> requests) {
