@@ -247,9 +247,9 @@ class Run {
             const auto place =
                 placeOf(objectKey(entry.path().parent_path()), entry.path().filename().string());
             deed.sightings.push_back({place, object});
-            if (!goes) continue;
-            deed.hidden.push_back(object);
+            // What comes may have lost another name while this one was not shown.
             deed.left.push_back(object);
+            if (goes) deed.hidden.push_back(object);
         }
         if (goes) {
             product_.uninstall(application);
