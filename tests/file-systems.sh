@@ -47,6 +47,29 @@ for words in "mv document --to mounted" "mv mounted/inside --to root" "trash mou
 done
 umount "$work/storage/mounted"
 
+echo "== a folder that the disk does not give any more"
+image=$work/damaged.image
+truncate -s 64M "$image"
+mkfs.ext4 -q -b 4096 "$image"
+mkdir "$work/damaged"
+damaged() { "$build/cli/tidewell" --storage "$work/damaged/storage" --state "$work/damaged-state" "$@"; }
+mount -o loop "$image" "$work/damaged"
+mkdir -p "$work/damaged/storage/"{broken,whole}
+touch "$work/damaged/storage/"{broken,whole}/inside
+damaged tree root > /dev/null
+anchor=$(damaged anchor working-set)
+umount "$work/damaged"
+block=$(debugfs -R "blocks /storage/broken" "$image" 2> /dev/null)
+dd if=/dev/urandom of="$image" bs=4096 count=1 seek="${block% }" conv=notrunc status=none
+mount -o loop "$image" "$work/damaged"
+touch "$work/damaged/storage/broken"
+damaged changes working-set --since "$anchor" 2> "$work/error" && exit 1
+grep -q 'expired' "$work/error"  # not deleted
+damaged ls "$work/damaged/storage/broken" 2> "$work/error" && exit 1
+grep -q 'broken: Bad message' "$work/error"
+damaged ls "$work/damaged/storage/whole" | grep -q inside
+umount "$work/damaged"
+
 echo "== another user, who may not read everything"
 home=$work/home
 mkdir -p "$home/Documents/closed" "$home/Documents/open"

@@ -94,7 +94,12 @@ Result<std::uint64_t> DirectoryWalk::walk(std::uint64_t skipOffset, std::uint64_
         }
         const Level level = levels_.back();
         const auto entry = level.folder->next();
-        if (!entry) logCannotOpen(level.folder->url(), entry.error());
+        if (!entry) {
+            logCannotOpen(level.folder->url(), entry.error());
+            // What has gone holds nothing; a container that cannot be read is not an empty one.
+            const bool isContainer = levels_.size() == 1 && nextRoot_ == 1;
+            if (isContainer && entry.error().code != ENOENT) return std::unexpected(entry.error());
+        }
         if (!entry || !*entry) {
             leave();
             continue;
