@@ -242,7 +242,10 @@ class Run {
         const auto documents = base() + "/l/" + application + "/Documents";
         deed.hidden.push_back(objectKey(documents));
         std::error_code none;
-        for (const auto& entry : std::filesystem::recursive_directory_iterator(documents, none)) {
+        using Iterator = std::filesystem::recursive_directory_iterator;
+        // The actors may take away what it stands in.
+        for (Iterator at(documents, none), end; at != end; at.increment(none)) {
+            const auto& entry = *at;
             const auto object = objectKey(entry.path());
             const auto place =
                 placeOf(objectKey(entry.path().parent_path()), entry.path().filename().string());
