@@ -100,6 +100,7 @@ Result<void> EventTable::append(std::span<const EventRecord> events) {
 
 Result<std::vector<EventRecord>> EventTable::read(std::uint64_t after, std::uint64_t upTo,
                                                   std::size_t limit, EventSelection selection) {
+    if (after >= upTo) return std::vector<EventRecord>();  // without asking
     auto& rows = selection == EventSelection::All ? read_ : readDocumentIDs_;
     rows.bind(1, after);
     rows.bind(2, upTo);
