@@ -35,6 +35,11 @@ std::string folderOf(const std::string& path) {
     return path.substr(0, path.rfind('/'));
 }
 
+bool givesNames(const std::string& call) {
+    constexpr std::array verbs{"mv ", "swap ", "ln ", "trash "};
+    return std::ranges::any_of(verbs, [&](const auto* verb) { return call.contains(verb); });
+}
+
 int storeThroughMapping(const char* path) {
     const int file = open(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK);
     if (file < 0) return errno;
@@ -67,6 +72,15 @@ void DeedLog::add(Deed deed) {
     deeds_.push_back(std::move(deed));
 }
 
+bool DeedLog::hasJustCome(const std::string& place) const {
+    const std::scoped_lock lock(mutex_);
+    return std::ranges::any_of(deeds_, [&](const Deed& deed) {
+        return givesNames(deed.call) && std::ranges::any_of(deed.sightings, [&](const auto& seen) {
+                   return seen.place == place;
+               });
+    });
+}
+
 std::vector<Deed> DeedLog::take() {
     const std::scoped_lock lock(mutex_);
     return std::exchange(deeds_, {});
@@ -91,8 +105,8 @@ int Actor::closeOpenFile() {
     return open_ < 0 ? EBADF : errorOf(close(std::exchange(open_, -1)));
 }
 
-/// The kernel reports a write under the name that was used. Where that has gone or is not watched,
-/// and there are others, nobody hears of it before the next comparison.
+/// The kernel reports a write under the name that was used. Where that is not watched, or gone
+/// before anybody had seen it, and there are others, nobody hears of it before the next comparison.
 bool Actor::isWriteUnheard(std::string_view verb, const std::string& at) const {
     const auto isOneOf = [&](const auto&... verbs) { return ((verb == verbs) || ...); };
     std::error_code error;
@@ -106,8 +120,9 @@ bool Actor::isWriteUnheard(std::string_view verb, const std::string& at) const {
                lstat(at.c_str(), &status) != 0) {
         return false;
     }
-    return !S_ISDIR(status.st_mode) && status.st_nlink > 1 &&
-           !name.starts_with(place_.base + "/s/");
+    if (S_ISDIR(status.st_mode) || status.st_nlink == 1) return false;
+    return !name.starts_with(place_.base + "/s/") ||
+           log_.hasJustCome(placeOf(objectKey(folderOf(name)), name.substr(name.rfind('/') + 1)));
 }
 
 int Actor::callOnOpenFile(std::string_view verb, const std::string& at) {
@@ -165,18 +180,16 @@ void Actor::sight(Deed& deed, const std::string& path, const ObjectKey& folder) 
     const auto name = path.substr(path.rfind('/') + 1);
     deed.sightings.push_back({placeOf(folder, name), object});
     deed.sightings.push_back({placeOf(objectKey(folderOf(path)), name), object});
-    constexpr std::array moves{"mv ", "swap ", "ln ", "trash "};
-    if (std::ranges::none_of(moves, [&](const auto* verb) { return deed.call.contains(verb); })) {
-        return;
-    }
-
+    if (!givesNames(deed.call)) return;
     const auto root = place_.base + "/s/";
     const bool isOutside = !path.starts_with(root);
+    // What comes may have lost a name inside before.
+    const bool isFromOutside = deed.call.contains(" out/");
     bool isHidden = isOutside || path.find("/.", root.size() - 1) != std::string::npos;
     for (const auto& part : split(path, '/')) isHidden = isHidden || isPackageName(part);
     const auto note = [&](const ObjectKey& key) {
         if (isHidden) deed.hidden.push_back(key);
-        if (isOutside) deed.left.push_back(key);
+        if (isOutside || isFromOutside) deed.left.push_back(key);
     };
     note(object);  // a package too: it has an identifier of another kind
     std::error_code error;

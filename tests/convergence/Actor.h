@@ -47,6 +47,8 @@ class DeedLog {
     void add(Deed deed);
     /// Everything since the last call.
     [[nodiscard]] std::vector<Deed> take();
+    /// Whether something got that name since.
+    [[nodiscard]] bool hasJustCome(const std::string& place) const;
     /// The last calls, for people, whether they were taken or not.
     [[nodiscard]] std::string tail(std::size_t count) const;
 
