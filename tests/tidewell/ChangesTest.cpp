@@ -1,4 +1,5 @@
-#include <latch>
+#include <semaphore>
+#include <thread>
 
 #include "tests/tidewell/ChangesFixture.h"
 #include "tidewell/fs/DocIDPath.h"
@@ -184,8 +185,7 @@ TEST_F(ChangesTest, EnumerationsLeaveNothingBehind) {
     auto expired = good;
     expired.streamEventID = UINT64_MAX;
     scripted.append(goneEvent(7000));
-    auto enumerator = enumeratorOf("fid=1");
-    std::weak_ptr<LocalFileEnumerator> watched = enumerator;
+    const auto enumerator = enumeratorOf("fid=1");
     std::vector<std::weak_ptr<tests::ChangeCollector>> observers;
     for (int i = 0; i < count; ++i) {
         const auto answer = changes(*enumerator, i % 2 == 0 ? good : expired);
@@ -198,8 +198,6 @@ TEST_F(ChangesTest, EnumerationsLeaveNothingBehind) {
     while (scripted.subscriberCount() > 0 || !std::ranges::all_of(observers, isGone)) {
         std::this_thread::yield();
     }
-    enumerator.reset();
-    while (!watched.expired()) std::this_thread::yield();
 }
 
 /// A host's copy of a container, by identifier.
@@ -327,23 +325,21 @@ TEST_F(ChangesTest, SignalsOnceForABatchAndWaitsThreeSecondsAtMost) {
     using Clock = std::chrono::steady_clock;
     std::vector<std::pair<Clock::time_point, QSFileProviderManager::CompletionHandler>> signals;
     signals.reserve(10);
-    std::latch first(1);
-    std::latch second(1);
+    std::counting_semaphore<> signalled(0);
     installed->manager().setSignalHandler(
         [&](const QSFileProviderItemIdentifier& container, auto handler) {
             EXPECT_EQ(container, "fid=1");
             signals.emplace_back(Clock::now(), std::move(handler));
-            if (signals.size() == 1) first.count_down();
-            if (signals.size() == 2) second.count_down();
+            signalled.release();
         });
     scripted.append(goneEvent(7000));
     const auto watched = enumeratorOf("fid=1");
     watched->start();
     while (scripted.subscriberCount() == 0) std::this_thread::yield();
     for (std::uint32_t i = 0; i < 300; ++i) scripted.append(goneEvent(8000 + i));
-    first.wait();
+    signalled.acquire();
     scripted.append(goneEvent(9000));
-    second.wait();
+    signalled.acquire();
     EXPECT_GE(signals[1].first - signals[0].first, std::chrono::seconds(3));
     for (auto& [time, handler] : signals) handler(std::nullopt);
     watched->stop();

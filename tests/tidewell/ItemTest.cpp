@@ -6,6 +6,7 @@
 #include "platform/files/FileDescriptor.h"
 #include "platform/foundation/QSKeyedArchiver.h"
 #include "tests/tidewell/MutationsFixture.h"
+#include "tidewell/common/Utilities.h"
 #include "tidewell/items/LocalAppLibraryItem.h"
 #include "tidewell/items/LocalItem.h"
 
@@ -106,6 +107,9 @@ TEST_F(ItemTest, AppLibraryItem) {
     EXPECT_TRUE(library->qp_isContainer());
     EXPECT_EQ(library->qp_appContainerBundleIdentifier(), "org.a");
 
+    EXPECT_EQ(proxyAt(container)->bundleIdentifier, "org.a");
+    EXPECT_FALSE(proxyAt(libraryURL("a")));
+    EXPECT_FALSE(proxyWithContaining(QSURL::fileURLWithPath(container.path() + "2/x")));
     const auto inner = LocalItem::initWithURL(libraryURL("a"));
     EXPECT_EQ(inner->parentItemIdentifier(), "#org.a");
     EXPECT_EQ(inner->qp_beaconDomainIdentifier(), "org.a");

@@ -134,29 +134,6 @@ TEST_F(HistoryTest, RecordsWhatHappensWhereItHappens) {
     EXPECT_THAT(gone, UnorderedElementsAre(one, folder));
 }
 
-TEST_F(HistoryTest, FindsOutWhatHappenedWhileItWasAway) {
-    for (const auto* name : {"moved", "deleted", "d/inner"}) makeFile(name);
-    start();
-    const auto moved = documentID("moved");
-    const auto deleted = documentID("deleted");
-    const auto inner = documentID("d/inner");
-    changes();
-    service.reset();
-    fs::rename(native("moved"), native("d/moved"));
-    fs::remove(native("deleted"));
-    makeFile("takes the number");
-    fs::rename(native("d"), native("e"));
-    start();
-    since = service->statistics().oldestEventID;
-    EXPECT_THAT(changes(), testing::IsSupersetOf(
-                               {"moved", "e/moved", "deleted", "takes the number", "d", "e"}));
-    EXPECT_THAT(gone, UnorderedElementsAre(deleted));
-    EXPECT_EQ(documentID("e/moved"), moved);
-    EXPECT_EQ(documentID("e/inner"), inner);
-    EXPECT_NE(documentID("takes the number"), deleted);
-    EXPECT_THAT(changes(), IsEmpty());
-}
-
 TEST_F(HistoryTest, AnOverflowIsAGapAndEverythingIsComparedAgain) {
     bool drops = false;
     distort = [&](std::vector<KernelEvent>& events) {
