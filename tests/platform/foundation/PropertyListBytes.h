@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <iomanip>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,14 +14,9 @@ namespace tests {
 /// "62 70" as bytes.
 inline platform::QSData fromHex(std::string_view text) {
     platform::QSData bytes;
-    for (std::size_t i = 0; i + 1 < text.size();) {
-        if (text[i] == ' ' || text[i] == '\n') {
-            ++i;
-            continue;
-        }
-        bytes.push_back(
-            static_cast<std::uint8_t>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16)));
-        i += 2;
+    std::istringstream digits{std::string(text)};
+    for (std::string two; digits >> std::setw(2) >> two;) {
+        bytes.push_back(static_cast<std::uint8_t>(std::stoi(two, nullptr, 16)));
     }
     return bytes;
 }

@@ -21,11 +21,7 @@ constexpr auto top63 = std::uint64_t{1} << 63;
 /// `depth` arrays, one within the other.
 QSPropertyList nested(std::size_t depth) {
     QSPropertyList list = Array{};
-    for (std::size_t i = 1; i < depth; ++i) {
-        Array outer;
-        outer.push_back(std::move(list));
-        list = std::move(outer);
-    }
+    while (--depth > 0) list = Array{list};
     return list;
 }
 
@@ -183,7 +179,6 @@ TEST(QSPropertyList, RefusesHostileObjectsWithinItsMemory) {
     const std::vector<std::pair<const char*, QSData>> cases = {
         {"null", one("00")},
         {"unknown type", one("7f")},
-        {"set", one("c0")},
         {"integer of 32 bytes", one("15 00")},
         {"integer above 2^64", one("14 00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 00")},
         {"cut-off integer", one("13 00")},
@@ -194,15 +189,12 @@ TEST(QSPropertyList, RefusesHostileObjectsWithinItsMemory) {
         {"NaN date", one("33 7f f8 00 00 00 00 00 00")},
         {"infinite date", one("33 ff f0 00 00 00 00 00 00")},
         {"UID of 16 bytes", one("8f 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00")},
-        {"count of 2^63", one("af 13 80 00 00 00 00 00 00 00")},
         {"count of 2^64 - 1", one("5f 13 ff ff ff ff ff ff ff ff")},
         {"entries that overflow", one("df 13 7f ff ff ff ff ff ff ff")},
         {"a count that is no integer", one("5f 51 61")},
         {"dangling reference", one("a1 07")},
-        {"itself", one("a1 00")},
         {"a cycle of two", binaryList({fromHex("a1 01"), fromHex("d1 02 00"), fromHex("51 61")})},
         {"key of another type", binaryList({fromHex("d1 01 01"), fromHex("10 01")})},
-        {"key twice", binaryList({fromHex("d2 01 01 02 02"), fromHex("51 61"), fromHex("09")})},
         {"equal keys", binaryList({fromHex("d2 01 02 03 03"), fromHex("51 61"),
                                    fromHex("5f 10 01 61"), fromHex("09")})},
         {"shared a million times", binaryList({arrayOfOne(1, 30'000), fromHex("51 61")}, 2)},

@@ -12,7 +12,6 @@ namespace tests {
 namespace {
 
 using namespace platform;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -111,7 +110,7 @@ TEST_F(WorkspaceTest, TheFirstFolderWithAnEntryOfThatNameDecides) {
     // Where the environment names Flatpak's folder, its place there holds.
     configuration.sources.dataFolders.push_back(scratch / "flatpak/exports/share");
     open();
-    EXPECT_THAT(listed(System), Contains("org.e Native"));
+    EXPECT_THAT(listed(System), testing::Contains("org.e Native"));
 }
 
 TEST_F(WorkspaceTest, OneApplicationMayHaveSeveralEntriesAndFormerNames) {
@@ -166,10 +165,8 @@ TEST(DesktopEntryTest, AnyBytesAreAnEntryOrAnError) {
     for (const std::string bad : {"", "Name=a\n", "[Other]\nName=a\n", "[Desktop Entry\nName=a"}) {
         EXPECT_FALSE(parseDesktopEntry(bad, {})) << bad;
     }
-    (void)parseDesktopEntry(head + "Name=a" + std::string("\0b\n", 3), {});
-    for (const auto& bad :
-         {std::string(), std::string("."), std::string(".."), std::string(".a"), std::string("a/b"),
-          std::string("a\nb"), std::string("\xff"), std::string(241, 'a')}) {
+    const std::string tooLong(241, 'a');
+    for (const auto* bad : {"", ".", "..", ".a", "a/b", "a\nb", "\xff", tooLong.c_str()}) {
         EXPECT_FALSE(isBundleIdentifier(bad)) << bad;
     }
 }
