@@ -54,14 +54,6 @@ TEST(QSURL, CopiesShareOneCache) {
     EXPECT_EQ(url.cachedResourceValue(QSResourceKey::FileSize), QSResourceValue());
 }
 
-TEST(QSDate, WritesRFC3339AlsoBeforeTheEpoch) {
-    EXPECT_EQ((QSDate{1'769'850'900, 1}).rfc3339(), "2026-01-31T09:15:00.000000001Z");
-    EXPECT_EQ((QSDate{-1, 999'999'999}).rfc3339(), "1969-12-31T23:59:59.999999999Z");
-    EXPECT_EQ((QSDate{-62'167'219'200, 0}).rfc3339(), "0000-01-01T00:00:00.000000000Z");
-    EXPECT_EQ((QSDate{std::numeric_limits<std::int64_t>::max(), 0}).rfc3339(),
-              "9999-12-31T23:59:59.000000000Z");
-}
-
 TEST(QSDate, IntervalsCountFrom2001) {
     for (const auto& [date, interval] : {std::pair{QSDate{978'307'200, 0}, 0.0},
                                          std::pair{QSDate{978'307'199, 750'000'000}, -0.25},
@@ -106,10 +98,16 @@ TEST(QSUnicode, AcceptsOnlyWellFormedText) {
 }
 
 TEST(QSDate, ReadsWhatItWritesAndTheOtherFormsOfRFC3339) {
-    for (const QSDate date : {QSDate{0, 0}, QSDate{-62'167'219'200, 1}, QSDate{951'782'400, 5},
-                              QSDate{253'402'300'799, 999'999'999}}) {
-        EXPECT_EQ(QSDate::dateFromRFC3339(date.rfc3339()), date);
+    for (const auto& [date, text] :
+         {std::pair{QSDate{-62'167'219'200, 0}, "0000-01-01T00:00:00.000000000Z"},
+          {QSDate{-1, 999'999'999}, "1969-12-31T23:59:59.999999999Z"},
+          {QSDate{951'782'400, 5}, "2000-02-29T00:00:00.000000005Z"},
+          {QSDate{253'402'300'799, 999'999'999}, "9999-12-31T23:59:59.999999999Z"}}) {
+        EXPECT_EQ(date.rfc3339(), text);
+        EXPECT_EQ(QSDate::dateFromRFC3339(text), date);
     }
+    EXPECT_EQ((QSDate{std::numeric_limits<std::int64_t>::max(), 0}).rfc3339(),
+              "9999-12-31T23:59:59.000000000Z");
     const QSDate half{1'769'850'900, 500'000'000};
     for (const auto* text : {"2026-01-31T09:15:00.5Z", "2026-01-31t10:15:00.500000000999+01:00",
                              "2026-01-31 04:45:00.50-04:30", "2026-02-01T08:14:00.5+22:59"}) {

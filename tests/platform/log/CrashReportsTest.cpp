@@ -57,15 +57,12 @@ TEST_F(CrashReportsTest, OneReportAnHourOfEachKindAmongAllReporters) {
     }
     threads.clear();
     EXPECT_EQ(names().size(), 2U);
-    now_ += 3599;
-    ASSERT_TRUE(reports().simulateCrash(5, "event 99 timed out"));
-    EXPECT_EQ(names().size(), 2U);
-    now_ += 1;
-    ASSERT_TRUE(reports().simulateCrash(5, "event 99 timed out"));
-    EXPECT_EQ(names().size(), 3U);
-    now_ -= 100'000;  // reports of the future silence nothing
-    ASSERT_TRUE(reports().simulateCrash(5, "event 99 timed out"));
-    EXPECT_EQ(names().size(), 4U);
+    // Reports of the future silence nothing.
+    for (const auto& [passed, count] : {std::pair{3599, 2U}, {1, 3U}, {-100'000, 4U}}) {
+        now_ += passed;
+        ASSERT_TRUE(reports().simulateCrash(5, "event 99 timed out"));
+        EXPECT_EQ(names().size(), count) << passed;
+    }
 }
 
 TEST_F(CrashReportsTest, KeepsTheTwentyNewestAndForeignFiles) {
