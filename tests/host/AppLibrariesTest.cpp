@@ -16,9 +16,9 @@ namespace {
 using host::ItemRecord;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::IsSupersetOf;
 using testing::SizeIs;
 using testing::UnorderedElementsAre;
+namespace fs = std::filesystem;
 
 const std::string root(platform::QSFileProviderRootContainerItemIdentifier);
 const std::string workingSet(platform::QSFileProviderWorkingSetContainerItemIdentifier);
@@ -125,17 +125,7 @@ class AppLibrariesTest : public tests::InstalledPlatform {
     void feed(const std::vector<std::string>& identifiers, const std::string& container = {}) {
         const std::scoped_lock lock(mutex);
         fed.clear();
-        for (const auto& identifier : identifiers) {
-            platform::QLBundleProxy bundle;
-            bundle.bundleIdentifier = identifier;
-            bundle.dataContainerURL = platform::QSURL::fileURLWithPath(
-                std::string(platform::presentedContainersPath) + "/" + identifier);
-            bundle.displayName = "Name of " + identifier;
-            bundle.dataContainerPath =
-                scratch.makeFolder("containers/" + (container.empty() ? identifier : container));
-            scratch.makeFolder("containers/" + identifier + "/Documents");
-            fed.push_back(std::make_shared<const platform::QLBundleProxy>(bundle));
-        }
+        for (const auto& identifier : identifiers) fed.push_back(bundle(identifier, container));
     }
     void setApps(const std::vector<std::string>& identifiers) {
         feed(identifiers);
@@ -144,11 +134,9 @@ class AppLibrariesTest : public tests::InstalledPlatform {
     void libraryFile(const std::string& below) const {
         (void)scratch.makeFile("containers/" + below);
     }
-    [[nodiscard]] std::string cacheFile(bool isMain) const {
-        return scratch / (isMain ? "apps/Tidewell/app-libraries.plist"
-                                 : "apps/Tidewell/searchable-app-libraries.plist");
-    }
 
+    const fs::path mainCache = scratch / "apps/Tidewell/app-libraries.plist";
+    const fs::path searchableCache = scratch / "apps/Tidewell/searchable-app-libraries.plist";
     std::mutex mutex;
     std::vector<platform::BundleRef> fed;  // guarded by mutex
     std::shared_ptr<tidewell::AppLibraries> libraries;
@@ -226,8 +214,8 @@ TEST_F(AppLibrariesTest, WhatCannotBeSavedWasToldToNobody) {
     setApps({});
     following.sync();
     other.sync();
-    std::filesystem::remove(cacheFile(false));
-    (void)scratch.makeFile("apps/Tidewell/searchable-app-libraries.plist/in the way");
+    fs::remove(searchableCache);
+    fs::create_directories(searchableCache / "in the way");
     setApps({"org.a"});
     following.sync();  // equal, and upgraded beyond the working set
     other.sync();      // the same, by an enumerator that is gone with the answer
@@ -238,18 +226,18 @@ TEST_F(AppLibrariesTest, WhatCannotBeSavedWasToldToNobody) {
     other.sync();  // matches nothing
     EXPECT_EQ(other.restarts, 1);
 
-    std::filesystem::remove_all(cacheFile(false));
+    fs::remove_all(searchableCache);
     following.sync();
     EXPECT_EQ(following.restarts, 2);
     other.sync();
     setApps({"org.a", "org.b"});
     following.sync();
     EXPECT_EQ(following.restarts, 2);
-    EXPECT_THAT(following.known(), IsSupersetOf({"Name of org.a", "Name of org.b"}));
+    EXPECT_THAT(following.known(), testing::IsSupersetOf({"Name of org.a", "Name of org.b"}));
 
     // Nor is a set of the main cache anybody's before it is saved.
-    std::filesystem::remove(cacheFile(true));
-    (void)scratch.makeFile("apps/Tidewell/app-libraries.plist/in the way");
+    fs::remove(mainCache);
+    fs::create_directories(mainCache / "in the way");
     const auto before = following.known();
     setApps({"org.c"});
     EXPECT_THAT(logged(platform::LogLevel::Error, "can't refresh app libraries;"), SizeIs(1));
@@ -274,7 +262,7 @@ TEST_F(AppLibrariesTest, ARestartChangesNothingAndALostCacheHidesNothing) {
     // What goes while nothing says what was there.
     Client untold(service, workingSet);
     untold.readAll();
-    std::filesystem::remove(cacheFile(true));
+    fs::remove(mainCache);
     feed({"org.b"});
     reopen();
     EXPECT_GT(libraries->mainCache()->versionToken(), told.version()) << "was never given out";
@@ -282,7 +270,7 @@ TEST_F(AppLibrariesTest, ARestartChangesNothingAndALostCacheHidesNothing) {
     EXPECT_EQ(told.restarts + untold.restarts, 0);
     EXPECT_THAT(told.known(), UnorderedElementsAre("Name of org.b", "b1"));
     // What comes back is told as it is now.
-    std::filesystem::remove(scratch / "containers/org.a/Documents/folder/a1");
+    fs::remove(scratch / "containers/org.a/Documents/folder/a1");
     libraryFile("org.a/Documents/a2");
     setApps({"org.a", "org.b"});
     told.sync();
@@ -315,7 +303,7 @@ TEST_F(AppLibrariesTest, SearchFollowsTheWorkingSetAndForgetsDomains) {
     for (const auto* odd : {"", "\"", "* ORX", "NEAR(", "nothing"}) {
         EXPECT_THAT(found(odd), IsEmpty());
     }
-    std::filesystem::rename(storage() / "Letter to \"Zoë\".txt", storage() / "note");
+    fs::rename(storage() / "Letter to \"Zoë\".txt", storage() / "note");
     EXPECT_THAT(found("lett"), ElementsAre("old letter.txt"));
     std::optional<std::uint64_t> removed;
     installed->manager().deleteSearchableItemsInDomains(

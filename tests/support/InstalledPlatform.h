@@ -63,6 +63,18 @@ class InstalledPlatform : public testing::Test {
             "share/applications/" + identifier + ".desktop",
             "[Desktop Entry]\nType=Application\nName=" + name + "\n" + std::string(lines));
     }
+    /// An application with a library; its container need not have the name of the identifier.
+    [[nodiscard]] platform::BundleRef bundle(const std::string& identifier,
+                                             const std::string& container = {}) const {
+        const auto& folder = container.empty() ? identifier : container;
+        return std::make_shared<const platform::QLBundleProxy>(platform::QLBundleProxy{
+            .bundleIdentifier = identifier,
+            .dataContainerURL = platform::QSURL::fileURLWithPath(
+                std::string(platform::presentedContainersPath) + "/" + identifier),
+            .displayName = "Name of " + identifier,
+            .dataContainerPath =
+                scratch.makeFolder("containers/" + folder + "/Documents").parent_path()});
+    }
     [[nodiscard]] std::filesystem::path storage() const { return scratch / "storage"; }
     [[nodiscard]] std::filesystem::path file(const std::string& name) const {
         return scratch.makeFile("storage/" + name);

@@ -6,24 +6,14 @@ namespace tests {
 namespace {
 
 using namespace platform;
-using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Key;
 using testing::SizeIs;
 namespace fs = std::filesystem;
 
 class AppContainersTest : public InstalledPlatform {
   protected:
-    /// Of an application whose library has the file "note".
-    BundleRef bundle(const std::string& identifier) const {
-        const auto container = scratch / ("containers/" + identifier);
-        if (!fs::exists(container)) (void)makeNote(identifier);
-        return std::make_shared<const QLBundleProxy>(QLBundleProxy{
-            .bundleIdentifier = identifier,
-            .dataContainerURL =
-                QSURL::fileURLWithPath(std::string(presentedContainersPath) + "/" + identifier),
-            .displayName = {},
-            .dataContainerPath = container});
+    AppContainersTest() {
+        for (const auto* identifier : {"org.a", "org.b"}) (void)makeNote(identifier);
     }
     fs::path makeNote(const std::string& identifier) const {
         return scratch.makeFile("containers/" + identifier + "/Documents/note");
@@ -72,7 +62,7 @@ TEST_F(AppContainersTest, WhatIsNoContainerOfThisVolumeIsRefusedAndLookedForAgai
     scratch.makeFolder("containers/org.link");
     fs::create_directory_symlink(storage(), scratch / "containers/org.link/Documents");
     EXPECT_THAT(installed->containers().show(std::vector{bundle("org.link"), bundle("org.a")}),
-                ElementsAre(Key("org.link")));
+                testing::ElementsAre(testing::Key("org.link")));
     EXPECT_TRUE(isShown("org.a"));
     EXPECT_EQ(roots(), 2U);
     EXPECT_THAT(logged(LogLevel::Error, "can't show the documents of org.link; "), SizeIs(1));

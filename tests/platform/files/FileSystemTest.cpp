@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,28 +15,20 @@ namespace {
 
 class FileSystemTest : public testing::Test {
   protected:
-    FileSystemTest() {
-        scratch.makeFolder("elsewhere/Dokumente");
-        storage = scratch / "elsewhere/Dokumente";
-        reopen(storage);
-    }
-    void reopen(const std::filesystem::path& path) {
-        files = FileSystem::open(path.string()).value();
-    }
     [[nodiscard]] QSURL url(const std::string& below) const {
         return QSURL::fileURLWithPath(std::string(presentedStoragePath) + "/" + below);
     }
     static std::int64_t codeOf(const auto& result) { return result ? 0 : result.error().code; }
 
     tests::ScratchFolder scratch;
-    std::filesystem::path storage;
-    std::unique_ptr<FileSystem> files;
+    std::filesystem::path storage = scratch.makeFolder("elsewhere/Dokumente");
+    std::unique_ptr<FileSystem> files = FileSystem::open(storage.string()).value();
 };
 
 TEST_F(FileSystemTest, PresentsTheStorageUnderOneNameAndNativePathsToPeople) {
     scratch.makeFile("elsewhere/Dokumente/a/b.txt");
     std::filesystem::create_symlink(storage, scratch / "link");
-    reopen(scratch / "link");
+    files = FileSystem::open((scratch / "link").string()).value();
     EXPECT_EQ(files->nativePath(files->storageURL()), storage);
     EXPECT_EQ(files->nativePath(url("a/b.txt")), storage / "a/b.txt");
     EXPECT_EQ(files->nativePath(QSURL::fileURLWithPath("/usr/share")), "/usr/share");

@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 
-#include <fstream>
 #include <thread>
 
 #include "tests/platform/volume/VolumeFixture.h"
@@ -9,14 +8,12 @@ namespace tests {
 namespace {
 
 using namespace platform;
-using namespace std::chrono_literals;
 using testing::AllOf;
 using testing::Contains;
 using testing::Each;
 using testing::IsEmpty;
 using testing::IsSupersetOf;
 using testing::Not;
-using testing::UnorderedElementsAre;
 namespace fs = std::filesystem;
 
 /// A library "L" beside the storage "S", which a volume service follows.
@@ -24,9 +21,6 @@ class RootsTest : public VolumeFixture {
   protected:
     RootsTest() {
         follows = true;
-        adjust = [](VolumeService::Configuration& configuration) {
-            configuration.windows = {5ms, 40ms, 200ms};
-        };
         scratch.makeFile("container/Documents/note");
         scratch.makeFile("container/Documents/deep/er/note");
         makeFile("mine");
@@ -39,9 +33,8 @@ class RootsTest : public VolumeFixture {
     /// Since the last call: what happened, a letter for the kind before each path.
     std::vector<std::string> events() {
         std::vector<std::string> all;
-        const auto found = service->eventsAfter(since, service->currentEventID(), 100'000);
-        if (!found) throw std::runtime_error(found.error().description());
-        for (const auto& event : *found) {
+        const auto found = service->eventsAfter(since, service->currentEventID(), 100'000).value();
+        for (const auto& event : found) {
             since = event.id;
             auto path = event.path;
             if (path.starts_with(root.path())) path.replace(0, root.path().size(), "L");
@@ -79,7 +72,7 @@ TEST_F(RootsTest, WhatComesAndGoesWithARootIsRecordedObjectByObject) {
 
     ASSERT_TRUE(service->removeRoot(root));
     EXPECT_THAT(events(),
-                UnorderedElementsAre("~S", "-L", "-L/note", "-L/deep", "-L/deep/er/note"));
+                testing::UnorderedElementsAre("~S", "-L", "-L/note", "-L/deep", "-L/deep/er/note"));
     EXPECT_TRUE(fs::exists(scratch / "container/Documents/deep/er/note"));
     EXPECT_THAT(service->placesOfDocumentID(note.documentID), IsEmpty());
     EXPECT_EQ(service->statistics().roots.size(), 1U);

@@ -80,7 +80,6 @@ TEST_F(StoreDamageTest, NoIdentifierEverComesBackForAnotherObject) {
         SCOPED_TRACE(name);
         service.reset();
         for (const char* folder : {"data", "state", "storage"}) fs::remove_all(scratch / folder);
-        scratch.makeFolder("storage");
         openFiles();
         ledger = {};
         open();

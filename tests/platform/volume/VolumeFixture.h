@@ -19,15 +19,10 @@ class VolumeFixture : public testing::Test {
   protected:
     using Identity = platform::VolumeService::Identity;
 
-    VolumeFixture() {
-        scratch.makeFolder("storage");
-        openFiles();
-    }
+    VolumeFixture() { openFiles(); }
 
     void openFiles() {
-        auto opened = platform::FileSystem::open((scratch / "storage").string());
-        if (!opened) throw std::runtime_error(opened.error().description());
-        files = std::move(*opened);
+        files = platform::FileSystem::open(scratch.makeFolder("storage").string()).value();
     }
     platform::Result<std::unique_ptr<platform::VolumeService>> tryOpen() {
         platform::VolumeService::Configuration configuration{
@@ -35,6 +30,8 @@ class VolumeFixture : public testing::Test {
             .dataFolder = (scratch / "data").string(),
             .stateFolder = (scratch / "state").string(),
             .followsAtStart = follows};
+        using std::chrono::milliseconds;
+        configuration.windows = {milliseconds(5), milliseconds(40), milliseconds(200)};
         if (adjust) adjust(configuration);
         return platform::VolumeService::open(std::move(configuration));
     }
@@ -52,9 +49,7 @@ class VolumeFixture : public testing::Test {
     }
     std::shared_ptr<const platform::FileAttributes> attributes(
         std::string_view path, std::string_view root = platform::presentedStoragePath) const {
-        auto fetched = files->freshAttributes(url(path, root));
-        if (!fetched) throw std::runtime_error(fetched.error().description());
-        return *fetched;
+        return files->freshAttributes(url(path, root)).value();
     }
     /// Identifies the objects at these paths together, with document IDs for all but folders.
     std::vector<Identity> identifyAll(
@@ -69,8 +64,7 @@ class VolumeFixture : public testing::Test {
                                 .wantsDocumentID = !objects.back()->isDirectory(),
                                 .result = {}});
         }
-        const auto done = service->identify(requests);
-        if (!done) throw std::runtime_error(done.error().description());
+        service->identify(requests).value();
         std::vector<Identity> identities;
         for (const auto& request : requests) identities.push_back(request.result);
         return identities;
