@@ -22,7 +22,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-using testing::UnorderedElementsAreArray;
 using tests::contentOf;
 
 struct Outcome {
@@ -50,10 +49,7 @@ class TidewellTest : public testing::Test {
         std::string command = "exec '" TIDEWELL_PROGRAM "'";
         for (const auto& word : words) command += " '" + word + "'";
         const int status = std::system((command + " > '" + out + "' 2> '" + error + "'").c_str());
-        if (!WIFEXITED(status)) {
-            ADD_FAILURE() << "the program did not run to its end: " << contentOf(error);
-            return {};
-        }
+        EXPECT_TRUE(WIFEXITED(status)) << "it did not run to its end: " << contentOf(error);
         return {WEXITSTATUS(status), outputPath.empty() ? contentOf(out) : "", contentOf(error)};
     }
 
@@ -63,10 +59,7 @@ class TidewellTest : public testing::Test {
     }
 
     std::string identifierOf(const fs::path& path) {
-        const auto outcome = runJson({"resolve", path.string()});
-        EXPECT_EQ(outcome.exitCode, 0) << outcome.error;
-        const auto lines = outcome.lines();
-        return lines.empty() ? "" : lines[0]["itemIdentifier"].get<std::string>();
+        return runJson({"resolve", path.string()}).lines().at(0).at("itemIdentifier");
     }
 
     tests::ScratchFolder scratch;
@@ -95,7 +88,7 @@ TEST_F(TidewellTest, PagesHoldEachEntryOnce) {
         // Nothing has happened since, so the token holds in another process.
         const auto rest = next.is_null() ? Outcome{} : runJson({"ls", "--page", next});
         for (const auto& row : rest.lines()) rows.push_back(row);
-        EXPECT_THAT(valuesOf(rows, "filename"), UnorderedElementsAreArray(made));
+        EXPECT_THAT(valuesOf(rows, "filename"), testing::UnorderedElementsAreArray(made));
     }
 }
 

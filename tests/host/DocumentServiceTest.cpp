@@ -1,7 +1,6 @@
 #include "host/DocumentService.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cerrno>
 

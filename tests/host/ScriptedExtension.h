@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <map>
 #include <memory>
 #include <optional>
@@ -95,9 +94,7 @@ class ScriptedEnumerator final : public platform::QSFileProviderEnumerator {
     }
     void currentSyncAnchorWithCompletionHandler(SyncAnchorHandler completionHandler) override {
         run([this, completionHandler] {
-            const auto& anchor = container_.anchor;
-            completionHandler(anchor ? std::optional(platform::dataFromString(*anchor))
-                                     : std::nullopt);
+            completionHandler(container_.anchor.transform(platform::dataFromString));
         });
     }
     void start() override { container_.watches += std::exchange(isStarted_, true) ? 0 : 1; }
@@ -138,17 +135,16 @@ class ScriptedEnumerator final : public platform::QSFileProviderEnumerator {
         const std::size_t index = isInitial ? 0 : std::stoul(text);
         ++container_.pages;
         if (container_.failure) return observer.finishEnumeratingWithError(*container_.failure);
-        const auto first = std::min(index * 2, container_.rows.size());
-        const auto last = std::min(first + 2, container_.rows.size());
-        const auto row = [&](std::size_t at) {
-            return container_.rows.begin() + static_cast<std::ptrdiff_t>(at);
-        };
-        observer.didEnumerateItems({row(first), row(last)});
+        std::vector<platform::ItemRef> items;
+        for (auto at = index * 2; at < container_.rows.size() && items.size() < 2; ++at) {
+            items.push_back(container_.rows[at]);
+        }
+        observer.didEnumerateItems(items);
         const auto thisTry = container_.tries - 1;
         if (thisTry < container_.refusedPages.size() && container_.refusedPages[thisTry] == index) {
             return observer.finishEnumeratingWithError(platform::syncAnchorExpiredError());
         }
-        if (last - first < 2) return observer.finishEnumeratingUpToPage(std::nullopt);
+        if (items.size() < 2) return observer.finishEnumeratingUpToPage(std::nullopt);
         observer.finishEnumeratingUpToPage(platform::dataFromString(std::to_string(index + 1)));
     }
 

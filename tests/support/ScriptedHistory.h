@@ -1,12 +1,9 @@
 #pragma once
 
-#include <algorithm>
 #include <cerrno>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <string>
 #include <vector>
 
 #include "platform/volume/EventHistory.h"

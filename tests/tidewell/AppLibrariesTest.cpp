@@ -17,7 +17,6 @@ namespace tidewell {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::SizeIs;
 
 constexpr auto root = QSFileProviderRootContainerItemIdentifier;
@@ -26,10 +25,8 @@ constexpr auto workingSet = QSFileProviderWorkingSetContainerItemIdentifier;
 TEST(AppLibraryCacheTest, ComesBackWholeOrNotAtAll) {
     const tests::ScratchFolder scratch;
     const auto bundleOf = [](const std::string& identifier) {
-        QLBundleProxy bundle;
-        bundle.bundleIdentifier = identifier;
-        bundle.dataContainerURL = QSURL::fileURLWithPath("/containers/" + identifier);
-        return std::make_shared<const QLBundleProxy>(bundle);
+        const auto container = QSURL::fileURLWithPath("/containers/" + identifier);
+        return std::make_shared<const QLBundleProxy>(QLBundleProxy{identifier, container, {}});
     };
     LocalAppLibraryCache cache("test", scratch / "new/app-libraries.plist");
     const auto load = [&] {
@@ -64,7 +61,7 @@ TEST(AppLibraryCacheTest, ComesBackWholeOrNotAtAll) {
         scratch.makeFile("new/app-libraries.plist",
                          stringFromData(archivedDataWithRootObject(archive).value()));
         EXPECT_EQ(load(), isWhole);
-        EXPECT_THAT(cache.content().bundleProxies, IsEmpty());
+        EXPECT_THAT(cache.content().bundleProxies, testing::IsEmpty());
     }
     EXPECT_EQ(cache.versionToken(), 95u);
 }

@@ -13,7 +13,6 @@
 namespace tidewell {
 namespace {
 
-using testing::IsEmpty;
 using testing::SizeIs;
 using testing::UnorderedElementsAre;
 using tests::onePage;
@@ -95,7 +94,7 @@ TEST_F(ListingTest, PagesThatCannotBeTrustedExpire) {
         const auto answer = onePage(enumerator, page);
         ASSERT_TRUE(answer->error);
         EXPECT_EQ(answer->error->code, QSFileProviderErrorSyncAnchorExpired);
-        EXPECT_THAT(answer->items, IsEmpty());
+        EXPECT_THAT(answer->items, testing::IsEmpty());
         EXPECT_THAT(
             logged(LogLevel::Info, message).size() + logged(LogLevel::Error, message).size(), 1u)
             << message;

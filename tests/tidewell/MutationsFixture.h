@@ -1,8 +1,5 @@
 #pragma once
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <future>
 #include <optional>

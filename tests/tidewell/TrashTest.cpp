@@ -10,7 +10,6 @@ namespace tidewell {
 namespace {
 
 using testing::Pair;
-using testing::SizeIs;
 using tests::codeOf;
 using tests::contentOf;
 using tests::pathsBelow;
@@ -43,9 +42,7 @@ TEST_F(TrashTest, RecordsWhenAndFromWhereAndPutsBack) {
     scratch.makeFile("containers/org.a/Documents/a/b/doc.txt", "mine");
     const auto identifier = libraryID("a/b/doc.txt");
     const auto before = QSDate::now();
-    const auto trashed = trash(identifier);
-    ASSERT_TRUE(trashed) << trashed.error().description();
-    EXPECT_TRUE((*trashed)->isTrashed());
+    EXPECT_TRUE(trash(identifier).value()->isTrashed());
     const auto place = library() / ".Trash/doc.txt";
     EXPECT_EQ(*attribute(place, putBack).value().asString(), "a/b/doc.txt");
     const auto when = *attribute(place, date).value().asDate();
@@ -54,10 +51,9 @@ TEST_F(TrashTest, RecordsWhenAndFromWhereAndPutsBack) {
     EXPECT_EQ(*attribute(place, putBack).value().asString(), "a/b/doc.txt");
 
     scratch.makeFile("containers/org.a/Documents/a/b/doc.txt", "another");
-    const auto back = untrash(identifier);
-    ASSERT_TRUE(back) << back.error().description();
-    EXPECT_EQ((*back)->filename(), "doc 2.txt");
-    EXPECT_EQ((*back)->itemIdentifier(), identifier);
+    const auto back = untrash(identifier).value();
+    EXPECT_EQ(back->filename(), "doc 2.txt");
+    EXPECT_EQ(back->itemIdentifier(), identifier);
     EXPECT_EQ(contentOf(library() / "a/b/doc 2.txt"), "mine");
     EXPECT_EQ(contentOf(library() / "a/b/doc.txt"), "another");
     EXPECT_FALSE(attribute(library() / "a/b/doc 2.txt", date));
@@ -114,8 +110,7 @@ TEST_F(TrashTest, APutBackRecordNeverLeadsOutOfTheLibrary) {
         const auto item = libraryID("victim");
         ASSERT_TRUE(trash(item));
         setAttribute(library() / ".Trash/victim", putBack, record);
-        const auto back = untrash(item);
-        ASSERT_TRUE(back) << back.error().description();
+        ASSERT_TRUE(untrash(item));
         EXPECT_EQ(contentOf(library() / "victim"), "victim");
         fs::remove(library() / "victim");
         EXPECT_EQ(pathsBelow(scratch / "containers/org.a"), before);
@@ -138,7 +133,7 @@ TEST_F(TrashTest, OldTrashIsRemovedAndWhatHasNoDateGetsOne) {
         setAttribute(trashFolder / "garbage", date, QSData{1, 2, 3});
     }
     const auto eligible = provider->itemsTrashedBeforeDate(reference);
-    EXPECT_THAT(eligible, SizeIs(2));
+    EXPECT_THAT(eligible, testing::SizeIs(2));
     EXPECT_FALSE(attribute(storage() / ".Trash/undated", date));
     std::promise<void> done;
     provider->_removeTrashedItemsOlderThanDate(reference, [&] { done.set_value(); });

@@ -1,6 +1,5 @@
 #include "platform/log/Log.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <sys/mount.h>
