@@ -108,25 +108,21 @@ TEST_F(RootsTest, ARootThatIsKnownFromTheLastRunIsNoNews) {
     EXPECT_THAT(service->placesOfDocumentID(note.documentID), IsEmpty());
 }
 
-TEST_F(RootsTest, AFolderThatTakesARootsPlaceIsAnotherOne) {
+TEST_F(RootsTest, AFolderThatTakesARootsPlaceIsAnotherOneAndWhatHasMovedOutStays) {
     ASSERT_TRUE(service->addRoot(root));
     (void)identifyInLibrary("note");
+    const auto moved = identifyInLibrary("deep/er/note");
+    fs::rename(scratch / "container/Documents/deep/er/note", native("note"));
+    ASSERT_TRUE(service->waitUntilSettled());
+    EXPECT_EQ(identify("note").documentID, moved.documentID);
     (void)events();
     fs::rename(scratch / "container/Documents", scratch / "container/Old");
     scratch.makeFile("container/Documents/other");
     ASSERT_TRUE(service->addRoot(root));
     EXPECT_THAT(events(), IsSupersetOf({"-L/note", "+L/other", "~S"}));
     EXPECT_EQ(service->statistics().roots.size(), 2U);
-}
-
-TEST_F(RootsTest, DocumentsThatMoveBetweenRootsKeepTheirIdentifiers) {
-    ASSERT_TRUE(service->addRoot(root));
-    const auto note = identifyInLibrary("note");
-    fs::rename(scratch / "container/Documents/note", native("note"));
-    ASSERT_TRUE(service->waitUntilSettled());
-    EXPECT_EQ(identify("note").documentID, note.documentID);
     ASSERT_TRUE(service->removeRoot(root));
-    EXPECT_EQ(service->placesOfDocumentID(note.documentID), std::vector{url("note")});
+    EXPECT_EQ(service->placesOfDocumentID(moved.documentID), std::vector{url("note")});
 }
 
 TEST_F(RootsTest, RootsComeAndGoWhileAllElseGoesOn) {
