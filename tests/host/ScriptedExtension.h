@@ -105,8 +105,7 @@ class ScriptedEnumerator final : public platform::QSFileProviderEnumerator {
     }
 
   private:
-    template <typename Work>
-    void run(Work work) {
+    void run(auto work) {
         if (!container_.neverAnswers) threads_.emplace_back(std::move(work));
     }
 

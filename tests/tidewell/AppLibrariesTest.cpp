@@ -10,7 +10,6 @@
 #include "tests/support/InstalledPlatform.h"
 #include "tests/tidewell/Observers.h"
 #include "tidewell/applibraries/Registrar.h"
-#include "tidewell/enumeration/LocalRootEnumerator.h"
 #include "tidewell/provider/LocalFileProvider.h"
 
 namespace tidewell {

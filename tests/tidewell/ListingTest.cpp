@@ -4,7 +4,6 @@
 #include "tests/support/InstalledPlatform.h"
 #include "tests/support/ScriptedHistory.h"
 #include "tests/tidewell/Observers.h"
-#include "tidewell/common/LocalFileProviderError.h"
 #include "tidewell/enumeration/LocalFileEnumerator.h"
 #include "tidewell/enumeration/LocalRootEnumerator.h"
 #include "tidewell/fs/DirectoryWalk.h"

@@ -33,9 +33,8 @@ class ScriptedIcons final : public IconLibrary {
 class ThumbnailTest : public tests::InstalledPlatform {
   protected:
     ThumbnailTest() {
-        for (const auto* name : {"good", "bad", "odd"}) {
-            (void)installApplication(std::string("org.") + name, name,
-                                     std::string("Icon=") + name + "\n");
+        for (const std::string name : {"good", "bad", "odd"}) {
+            (void)installApplication("org." + name, name, "Icon=" + name + "\n");
         }
         icons = scripted;
     }
