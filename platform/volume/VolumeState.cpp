@@ -351,7 +351,15 @@ Result<void> VolumeService::State::allocate(std::span<IdentityRequest> requests)
         if (before.fileID != 0 && before.fileID != entry.row.fileID) {
             noteReplaced(before, events);
         }
+        // It had gone before it was asked for. Whoever is about to show it has to hear that.
+        if (settled->fileID != entry.row.fileID) {
+            auto gone = entry.row;
+            gone.fileID = settled->fileID;
+            gone.documentID = settled->documentID;
+            noteReplaced(gone, events);
+        }
     }
+    const bool tells = !events.empty();
     std::vector<ObjectRow> rows;
     for (auto& [inode, entry] : staged) {
         if (!entry.isNews) continue;
@@ -364,6 +372,7 @@ Result<void> VolumeService::State::allocate(std::span<IdentityRequest> requests)
         rows.push_back(entry.row);
     }
     if (auto done = write(rows, true, events); !done) return done;
+    if (tells) follower->wake();
     publish(staged);
     captureMetadata(requests);
     for (std::size_t i = 0; i < requests.size(); ++i) requests[i].result = results[i];

@@ -52,10 +52,16 @@ TEST_F(VolumeServiceTest, AnObjectSeenTooLateDoesNotTakeItsSuccessorsIdentity) {
     const auto successor = identify("a");
     VolumeService::IdentityRequest request{
         .object = stale.get(), .name = "a", .wantsDocumentID = true, .result = {}};
+    const auto before = service->currentEventID();
     ASSERT_TRUE(service->identify({&request, 1}));
     EXPECT_NE(request.result.fileID, successor.fileID);
     EXPECT_NE(request.result.documentID, successor.documentID);
     EXPECT_EQ(identify("a").documentID, successor.documentID);
+    // Who lists it now hears that it has gone.
+    const auto events = service->eventsAfter(before, service->currentEventID(), 100).value();
+    EXPECT_TRUE(std::ranges::any_of(events, [&](const FSEvent& event) {
+        return event.flags == fsEventRemoved && event.documentID == request.result.documentID;
+    }));
 }
 
 TEST_F(VolumeServiceTest, ASecondOpenerIsToldWhoHasTheStoreAndAKilledOneLeavesNoLock) {
