@@ -54,10 +54,8 @@ class WorkspaceTest : public testing::Test {
         read.acquire();
     }
     /// An entry at a path below the scratch folder.
-    fs::path entry(std::string_view path, std::string_view name,
-                   const std::string& lines = {}) const {
-        return scratch.makeFile(
-            path, "[Desktop Entry]\nType=Application\nName=" + std::string(name) + "\n" + lines);
+    void entry(const std::string& path, const std::string& name, const std::string& lines = {}) {
+        scratch.makeFile(path, "[Desktop Entry]\nType=Application\nName=" + name + "\n" + lines);
     }
     /// "ID name", sorted by ID.
     [[nodiscard]] std::vector<std::string> listed(QLApplicationType type) const {
