@@ -378,13 +378,14 @@ void Follower::lookAtMarks() {
 }
 
 void Follower::scanSome() {
+    // What moved while the last were looked at has been looked for by now.
+    if (scan_.empty()) return endScan();
     (void)scanSomeOf(scan_, scanOccasion_);
     constexpr std::uint64_t progressStep = 1000;
     if (state_.configuration.progress && scanned_ - reported_ >= progressStep) {
         reported_ = scanned_;
         state_.configuration.progress(scanned_);
     }
-    if (scan_.empty() && marks_.empty()) endScan();
 }
 
 Result<void> Follower::scanSomeOf(std::deque<NodeNumber>& toScan, Reconciler::Occasion occasion) {
