@@ -80,6 +80,7 @@ void Follower::follow() {
 void Follower::scanEverything(Reconciler::Occasion occasion) {
     const std::shared_lock lock(state_.indexMutex);
     scan_.clear();
+    compared_.clear();
     for (const auto& root : state_.roots) {
         scan_.push_front(root.node);
         const bool isFirst = root.url == state_.configuration.files.storageURL();
@@ -260,6 +261,7 @@ void Follower::look(NodeNumber folder, Mark mark, bool isDeep,
     auto read = url ? lookAt(folder, *url, mark) : std::unexpected(errorFromErrno(ENOENT));
     if (read) {
         scanned_ += read->names ? read->names->size() : 0;
+        if (read->names) setCompared(folder, true);
         unreadable_.erase(folder);
         readings.push_back(std::move(*read));
         return;
@@ -346,6 +348,7 @@ void Follower::unwatch(NodeNumber number) {
     unwatched_.erase(number);
     hasUnwatched_ = !unwatched_.empty();
     unreadable_.erase(number);
+    setCompared(number, false);
     marks_.erase(number);
     detached_.erase(number);
     const auto found = watches_.find(number);
@@ -454,12 +457,31 @@ Result<void> Follower::reconcile(std::vector<FolderReading> readings,
         // It may have come from where the scan is still to pass to where it has been.
         if (isLive && isScanning_) scan_.push_back(folder);
     }
+    for (const auto& reading : readings) {
+        if (isLive && !isScanning_ && reading.names) markMissed(reading.folder);
+    }
     isMoved_ |= !detached_.empty() && std::ranges::any_of(readings, [](const auto& reading) {
         return std::ranges::any_of(reading.sightings, [](const Sighting& sighting) {
             return sighting.state && sighting.state->kind == ObjectKind::Directory;
         });
     });
     return done;
+}
+
+void Follower::setCompared(NodeNumber folder, bool isCompared) {
+    if (folder >= compared_.size()) compared_.resize(folder + 1);
+    compared_[folder] = isCompared;
+}
+
+/// The last comparison did not find what was on its way from one folder to another, and so did not
+/// come to what is in it.
+void Follower::markMissed(NodeNumber folder) {
+    const std::shared_lock lock(state_.indexMutex);
+    state_.index.forEachChild(folder, [&](ObjectIndex::EntryNumber at) {
+        const auto child = state_.index.entry(at).object;
+        if (state_.index.node(child).kind != ObjectKind::Directory) return;
+        if (child >= compared_.size() || !compared_[child]) marks_[child].isWhole = true;
+    });
 }
 
 void Follower::noteCommit(const Result<void>& done) {

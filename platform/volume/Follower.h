@@ -105,6 +105,8 @@ class Follower {
                                                const Mark& mark);
     void look(NodeNumber folder, Mark mark, bool isDeep, std::vector<FolderReading>& readings);
     Result<void> reconcile(std::vector<FolderReading> readings, Reconciler::Occasion occasion);
+    void setCompared(NodeNumber folder, bool isCompared);
+    void markMissed(NodeNumber folder);
     void noteCommit(const Result<void>& done);
     void afterCommit();
     void decide();
@@ -128,6 +130,7 @@ class Follower {
     std::map<NodeNumber, Mark> marks_;
     std::map<NodeNumber, Mark> detached_;  ///< marks of folders that were not where they should be
     std::deque<NodeNumber> scan_;          ///< still to be compared, the next one last
+    std::vector<bool> compared_;           ///< by number: whole, since the last comparison began
     bool isScanning_ = false;
     Reconciler::Occasion scanOccasion_ = Reconciler::Occasion::Scan;
     std::int64_t scanStart_ = 0;

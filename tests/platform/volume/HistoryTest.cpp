@@ -147,6 +147,36 @@ TEST_F(HistoryTest, AnOverflowIsAGapAndEverythingIsComparedAgain) {
     EXPECT_THAT(service->statistics().lastGap.value_or(""), HasSubstr("overflow"));
 }
 
+TEST_F(HistoryTest, WhatMovesWhileEverythingIsComparedIsComparedToo) {
+    makeFile("x/y/moved/deep/file");
+    fs::create_directory(native("to"));
+    std::vector<KernelEvent> late;
+    // The queue is read before each level. It moves before that which it is in is looked at, or
+    // before it is itself; then the kernel tells when the comparison has ended.
+    for (const unsigned level : {3U, 4U}) {
+        start();
+        documentID("x/y/moved/deep/file");
+        service.reset();
+        write("x/y/moved/deep/file", std::string(level, '+'));
+        unsigned readings = 0;
+        distort = [&, level](std::vector<KernelEvent>& events) {
+            if (++readings == level) fs::rename(native("x/y/moved"), native("to/moved"));
+            if (level == 4 && readings == 5) return events.swap(late);
+            events.insert(events.begin(), late.begin(), late.end());
+            late.clear();
+        };
+        open();
+        auto found = changes();
+        EXPECT_THAT(gone, IsEmpty());
+        found.merge(changes());
+        EXPECT_THAT(found, Contains("to/moved/deep/file")) << level;
+        EXPECT_EQ(service->statistics().watches, 6u);
+        service.reset();
+        distort = [](auto&) {};
+        fs::rename(native("to/moved"), native("x/y/moved"));
+    }
+}
+
 TEST_F(HistoryTest, NothingIsReportedGoneWhileTheStorageItselfIs) {
     makeFile("file");
     start();
