@@ -45,6 +45,7 @@ struct FSEvent {
 enum class EventSelection : std::uint8_t {
     All,
     DocumentIDs,  ///< those of document IDs that went over to another object, and gaps
+    RootsLetGo,   ///< that a root is not followed any more, behind the ends of all below it
 };
 
 /// What happened on the volume, by ID: what streams read from. Any thread.

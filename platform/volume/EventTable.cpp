@@ -22,19 +22,42 @@ std::uint64_t sumOf(const EventRecord& record) {
         .value();
 }
 
-Result<void> prepareInto(SQLiteStatement& statement, SQLiteDatabase& database, const char* sql) {
+Result<void> prepareInto(SQLiteStatement& statement, SQLiteDatabase& database,
+                         std::string_view sql) {
     auto prepared = database.prepare(sql);
     if (!prepared) return std::unexpected(prepared.error());
     statement = std::move(*prepared);
     return {};
 }
 
-/// 4103 = fsEventDocumentIDChanged and what tells of a gap. The index is almost empty, and costs
-/// nothing where other events are appended.
-constexpr const char* documentIDIndex =
-    "CREATE INDEX IF NOT EXISTS document_ids ON events(id) WHERE flags & 4103 <> 0";
+/// Events that are asked for without reading the others. The index of them is almost empty, and
+/// costs nothing where other events are appended.
+struct Selected {
+    const char* index;
+    const char* condition;
+};
+constexpr Selected documentIDs = {"document_ids", "flags & 4103 <> 0"};
 static_assert((fsEventDocumentIDChanged | fsEventMustScanSubDirs | fsEventUserDropped |
                fsEventKernelDropped) == 4103);
+/// A root's end names no object, as its identifier is its path's.
+constexpr Selected rootsLetGo = {"roots_let_go",
+                                 "flags & 512 <> 0 AND file_id = 0 AND document_id = 0"};
+static_assert(fsEventRemoved == 512);
+
+constexpr const char* columns =
+    "SELECT id, flags, file_id, document_id, kind, folder, folder_generation, time, path, sum "
+    "FROM events ";
+constexpr const char* range = "id > ? AND id <= ? ORDER BY id LIMIT ?";
+
+Result<void> prepareSelected(SQLiteStatement& statement, SQLiteDatabase& database,
+                             const Selected& selected) {
+    const auto condition = std::string(selected.condition);
+    const auto index = std::string(selected.index);
+    const auto make = "CREATE INDEX IF NOT EXISTS " + index + " ON events(id) WHERE " + condition;
+    if (auto made = database.execute(make.c_str()); !made) return made;
+    return prepareInto(statement, database,
+                       columns + ("INDEXED BY " + index) + " WHERE " + condition + " AND " + range);
+}
 
 /// The first column of the first row, 0 where there is none.
 Result<std::uint64_t> firstValue(SQLiteStatement& statement) {
@@ -49,16 +72,11 @@ Result<std::uint64_t> firstValue(SQLiteStatement& statement) {
 }  // namespace
 
 Result<void> EventTable::prepare(SQLiteDatabase& database) {
-    if (auto made = database.execute(documentIDIndex); !made) return made;
-    const std::pair<SQLiteStatement*, const char*> statements[] = {
+    if (auto done = prepareSelected(readDocumentIDs_, database, documentIDs); !done) return done;
+    if (auto done = prepareSelected(readRootsLetGo_, database, rootsLetGo); !done) return done;
+    const std::pair<SQLiteStatement*, std::string> statements[] = {
         {&append_, "INSERT INTO events VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"},
-        {&read_,
-         "SELECT id, flags, file_id, document_id, kind, folder, folder_generation, time, path, sum "
-         "FROM events WHERE id > ? AND id <= ? ORDER BY id LIMIT ?"},
-        {&readDocumentIDs_,
-         "SELECT id, flags, file_id, document_id, kind, folder, folder_generation, time, path, sum "
-         "FROM events INDEXED BY document_ids WHERE id > ? AND id <= ? AND flags & 4103 <> 0 "
-         "ORDER BY id LIMIT ?"},
+        {&read_, std::string(columns) + "WHERE " + range},
         {&nth_, "SELECT id FROM events ORDER BY id LIMIT 1 OFFSET ?"},
         {&old_, "SELECT id FROM events WHERE time >= ? ORDER BY id LIMIT 1"},
         {&drop_, "DELETE FROM events WHERE id <= ?"},
@@ -73,8 +91,8 @@ Result<void> EventTable::prepare(SQLiteDatabase& database) {
 }
 
 void EventTable::close() {
-    for (auto* statement :
-         {&append_, &read_, &readDocumentIDs_, &nth_, &old_, &drop_, &countAll_}) {
+    for (auto* statement : {&append_, &read_, &readDocumentIDs_, &readRootsLetGo_, &nth_, &old_,
+                            &drop_, &countAll_}) {
         *statement = {};
     }
 }
@@ -101,7 +119,9 @@ Result<void> EventTable::append(std::span<const EventRecord> events) {
 Result<std::vector<EventRecord>> EventTable::read(std::uint64_t after, std::uint64_t upTo,
                                                   std::size_t limit, EventSelection selection) {
     if (after >= upTo) return std::vector<EventRecord>();  // without asking
-    auto& rows = selection == EventSelection::All ? read_ : readDocumentIDs_;
+    auto& rows = selection == EventSelection::All           ? read_
+                 : selection == EventSelection::DocumentIDs ? readDocumentIDs_
+                                                            : readRootsLetGo_;
     rows.bind(1, after);
     rows.bind(2, upTo);
     rows.bind(3, limit);

@@ -55,6 +55,7 @@ class EventTable {
     SQLiteStatement append_;
     SQLiteStatement read_;
     SQLiteStatement readDocumentIDs_;
+    SQLiteStatement readRootsLetGo_;
     SQLiteStatement nth_;
     SQLiteStatement old_;
     SQLiteStatement drop_;

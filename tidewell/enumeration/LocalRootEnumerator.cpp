@@ -268,12 +268,16 @@ std::optional<std::set<std::string>> LocalRootEnumerator::identifiersLost(
     const auto containers = std::string(presentedContainersPath) + "/";
     const auto roots = treeRoots(appLibraryManager_.bundleProxiesByRootURLs());
     const ContainerCover cover(container_, roots);
-    if (!Platform::current().events().history->isCaughtUp()) {
-        (void)Platform::current().volume().waitUntilSeen();
-    }
+    const auto& history = *Platform::current().events().history;
+    if (!history.isCaughtUp()) (void)Platform::current().volume().waitUntilSeen();
+    const auto last = currentFSEventID();
+    const auto letGo =
+        history.selectedEventsAfter(sinceEventID, last, 1, EventSelection::RootsLetGo);
+    if (!letGo) return std::nullopt;
     std::set<std::string> found;
-    for (auto after = sinceEventID, last = currentFSEventID(); after < last;) {
-        const auto events = Platform::current().events().history->eventsAfter(after, last, batch);
+    if (letGo->empty()) return found;  // as nearly always, without reading what happened
+    for (auto after = sinceEventID; after < last;) {
+        const auto events = history.eventsAfter(after, last, batch);
         if (!events) return std::nullopt;
         for (const auto& event : *events) {
             const auto isBelow = [&](const QSURL& root) { return isAtOrBelow(event.path, root); };
