@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <ctime>
 #include <ranges>
+#include <system_error>
 
 #include "platform/files/ItemNames.h"
 #include "platform/log/Log.h"
@@ -248,8 +249,7 @@ void Follower::lose(std::string why) {
     scanEverything(Reconciler::Occasion::Scan);
 }
 
-void Follower::look(NodeNumber folder, Mark mark, bool isDeep,
-                    std::vector<FolderReading>& readings) {
+Follower::Look Follower::look(NodeNumber folder, Mark mark) {
     std::optional<QSURL> url;
     bool hasChildren = false;
     {
@@ -257,53 +257,27 @@ void Follower::look(NodeNumber folder, Mark mark, bool isDeep,
         url = state_.urlOf(folder);
         hasChildren = state_.index.node(folder).firstChild != ObjectIndex::none;
     }
-    mark.isWhole |= isDeep;
-    auto read = url ? lookAt(folder, *url, mark) : std::unexpected(errorFromErrno(ENOENT));
-    if (read) {
-        scanned_ += read->names ? read->names->size() : 0;
-        if (read->names) setCompared(folder, true);
-        unreadable_.erase(folder);
-        readings.push_back(std::move(*read));
-        return;
-    }
-    switch (read.error().code) {
-        case ENOENT:
-        case ENOTDIR:
-        case ELOOP:
-        case EXDEV:
-        case ESTALE: {
-            // It is elsewhere, and the index does not know yet; or gone.
-            auto& kept = detached_[folder];
-            kept.isWhole |= mark.isWhole;
-            if (!kept.isWhole) kept.names.merge(mark.names);
-            return;
-        }
-        default:
-            break;
-    }
-    if (isStopped_ || !unreadable_.insert(folder).second || !hasChildren) return;
-    Log::platformLog().write(LogLevel::Error, [&] {
-        return "can't read \"" + state_.configuration.files.nativePath(*url) + "\"; " +
-               read.error().description();
-    });
-    const std::scoped_lock store(state_.storeMutex);
-    reconciler_.recordGap(url->path(),
-                          "a folder can't be read: " + state_.configuration.files.nativePath(*url));
+    auto reading = url ? readFolder(folder, *url, mark) : std::unexpected(errorFromErrno(ENOENT));
+    return {folder, std::move(mark), std::move(url), hasChildren, std::move(reading)};
 }
 
-Result<FolderReading> Follower::lookAt(NodeNumber number, const QSURL& url, const Mark& mark) {
+Result<FolderReading> Follower::readFolder(NodeNumber number, const QSURL& url, const Mark& mark) {
     auto folder = state_.configuration.files.openFolder(url);
     if (!folder) return std::unexpected(folder.error());
     auto reading = reader_.begin(number, **folder);
     if (!reading) return reading;
-    // Watched first, so that nothing happens unseen between the two. What happened before may be
-    // unknown.
-    if (watch(number, **folder) && !mark.isWhole) marks_[number].isWhole = true;
+    {
+        // Watched first, so that nothing happens unseen between the two. What happened before may
+        // be unknown.
+        const std::scoped_lock lock(readersMutex_);
+        if (watch(number, **folder) && !mark.isWhole) marks_[number].isWhole = true;
+    }
     Result<void> done;
     if (mark.isWhole) {
         done = reader_.readAll(
             **folder,
             [this] {
+                const std::scoped_lock lock(readersMutex_);
                 if (source_) {
                     for (const auto& event : source_->read()) take(event);
                 }
@@ -315,6 +289,39 @@ Result<FolderReading> Follower::lookAt(NodeNumber number, const QSURL& url, cons
     }
     if (!done) return std::unexpected(done.error());
     return reading;
+}
+
+void Follower::take(Look look, std::vector<FolderReading>& readings) {
+    const auto folder = look.folder;
+    if (look.reading) {
+        scanned_ += look.reading->names ? look.reading->names->size() : 0;
+        if (look.reading->names) setCompared(folder, true);
+        unreadable_.erase(folder);
+        readings.push_back(std::move(*look.reading));
+        return;
+    }
+    const auto& error = look.reading.error();
+    switch (error.code) {
+        case ENOENT:
+        case ENOTDIR:
+        case ELOOP:
+        case EXDEV:
+        case ESTALE: {
+            // It is elsewhere, and the index does not know yet; or gone.
+            auto& kept = detached_[folder];
+            kept.isWhole |= look.mark.isWhole;
+            if (!kept.isWhole) kept.names.merge(look.mark.names);
+            return;
+        }
+        default:
+            break;
+    }
+    if (isStopped_ || !unreadable_.insert(folder).second || !look.hasChildren) return;
+    const auto path = state_.configuration.files.nativePath(*look.url);
+    Log::platformLog().write(LogLevel::Error,
+                             [&] { return "can't read \"" + path + "\"; " + error.description(); });
+    const std::scoped_lock store(state_.storeMutex);
+    reconciler_.recordGap(look.url->path(), "a folder can't be read: " + path);
 }
 
 bool Follower::watch(NodeNumber number, const Folder& folder) {
@@ -371,7 +378,7 @@ void Follower::lookAtMarks() {
     std::vector<FolderReading> readings;
     std::size_t seen = 0;
     for (auto& [folder, mark] : std::exchange(marks_, {})) {
-        look(folder, std::move(mark), false, readings);
+        take(look(folder, std::move(mark)), readings);
         if (!readings.empty()) seen += readings.back().sightings.size() + 1;
         if (seen < sightingsAtOnce) continue;
         (void)reconcile(std::exchange(readings, {}), Reconciler::Occasion::Live);
@@ -391,16 +398,38 @@ void Follower::scanSome() {
     }
 }
 
+std::deque<Follower::Look> Follower::lookAtSome(std::deque<NodeNumber>& toScan) {
+    std::deque<Look> looks;
+    std::size_t seen = 0;
+    const auto work = [&] {
+        std::unique_lock lock(readersMutex_);
+        while (!toScan.empty() && seen < sightingsAtOnce && looks.size() < foldersAtOnce) {
+            const auto folder = toScan.back();
+            toScan.pop_back();
+            lock.unlock();
+            auto looked = look(folder, {.isWhole = true, .names = {}});
+            lock.lock();
+            if (looked.reading) seen += looked.reading->sightings.size();
+            looks.push_back(std::move(looked));
+        }
+    };
+    constexpr std::size_t many = 16;  // before that a thread takes longer to start
+    std::thread other;
+    if (toScan.size() >= many && !state_.configuration.isManual) {
+        try {
+            other = std::thread(work);
+        } catch (const std::system_error&) {
+            // There is none to be had; it takes longer.
+        }
+    }
+    work();
+    if (other.joinable()) other.join();
+    return looks;
+}
+
 Result<void> Follower::scanSomeOf(std::deque<NodeNumber>& toScan, Reconciler::Occasion occasion) {
     std::vector<FolderReading> readings;
-    std::size_t seen = 0;
-    while (!toScan.empty() && seen < sightingsAtOnce && readings.size() < foldersAtOnce) {
-        const auto folder = toScan.back();
-        toScan.pop_back();
-        const auto before = readings.size();
-        look(folder, {}, true, readings);
-        if (readings.size() > before) seen += readings.back().sightings.size();
-    }
+    for (auto& look : lookAtSome(toScan)) take(std::move(look), readings);
     std::vector<NodeNumber> folders;
     folders.reserve(readings.size());
     for (const auto& reading : readings) folders.push_back(reading.folder);

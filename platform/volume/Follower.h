@@ -76,6 +76,15 @@ class Follower {
         std::map<std::string, bool, std::less<>> names;  ///< and whether it was written to
     };
 
+    /// What came of looking at a folder.
+    struct Look {
+        NodeNumber folder = ObjectIndex::none;
+        Mark mark;
+        std::optional<QSURL> url;
+        bool hasChildren = false;  ///< that the index knows
+        Result<FolderReading> reading;
+    };
+
     static constexpr std::size_t sightingsAtOnce = 8192;  // applied in one transaction
     static constexpr std::size_t foldersAtOnce = 512;
 
@@ -101,9 +110,13 @@ class Follower {
     Result<void> letGoOf(const QSURL& url);
     Result<void> commitRoots();
     void endScan();
-    [[nodiscard]] Result<FolderReading> lookAt(NodeNumber number, const QSURL& url,
-                                               const Mark& mark);
-    void look(NodeNumber folder, Mark mark, bool isDeep, std::vector<FolderReading>& readings);
+    [[nodiscard]] Look look(NodeNumber folder, Mark mark);
+    [[nodiscard]] Result<FolderReading> readFolder(NodeNumber number, const QSURL& url,
+                                                   const Mark& mark);
+    /// Looks at the last of the folders, on two threads where there are many.
+    [[nodiscard]] std::deque<Look> lookAtSome(std::deque<NodeNumber>& toScan);
+    /// Adds what was read, or keeps in mind what could not be.
+    void take(Look look, std::vector<FolderReading>& readings);
     Result<void> reconcile(std::vector<FolderReading> readings, Reconciler::Occasion occasion);
     void setCompared(NodeNumber folder, bool isCompared);
     void markMissed(NodeNumber folder);
@@ -119,6 +132,9 @@ class Follower {
     VolumeService::State& state_;
 
     mutable std::mutex mutex_;  // one step at a time; before the state's mutexes
+    /// While two threads read: guards what they change, which is marks_, what is about watches, and
+    /// the folders still to be compared.
+    std::mutex readersMutex_;
     // Guarded by mutex_.
     Reconciler reconciler_;
     FolderReader reader_;
