@@ -323,7 +323,10 @@ void Reconciler::arrive(const FolderReading& reading, const Sighting& sighting) 
     if (departure) {
         change.left.push_back(std::move(departure->last));
         change.wasAway = true;
-    } else if (!hadNames && change.left.empty()) {
+    } else if (!change.left.empty()) {
+        // It may have been away when the last run ended, which is not kept.
+        change.wasAway |= isPast();
+    } else if (!hadNames) {
         change.isNew = true;
         constexpr std::size_t mostBirths = 10'000;  // a storm is no save
         if (births_.size() == mostBirths) births_.clear();
