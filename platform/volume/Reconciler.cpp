@@ -58,12 +58,15 @@ Reconciler::NodeNumber Reconciler::expect(const VolumeService::State::Suspect& s
     auto& index = state_.index;
     const auto folder = index.findInode(suspect.folder);
     const auto object = index.findInode(suspect.object.inode);
-    if (folder == ObjectIndex::none || object == ObjectIndex::none) return ObjectIndex::none;
+    if (object == ObjectIndex::none) return ObjectIndex::none;
     const auto& node = index.node(object);
-    if (node.generation == suspect.object.generation && node.firstName == ObjectIndex::none &&
-        !node.isRoot && !departures_.departure(object)) {
-        occasion_ = Occasion::Live;
-        now_ = now;
+    if (node.generation != suspect.object.generation || node.isRoot) return folder;
+    occasion_ = Occasion::Live;
+    now_ = now;
+    if (node.firstName != ObjectIndex::none) {
+        // It had moved on before it was given out, so that nothing told of that.
+        if (index.findObject(folder, suspect.name) != object) changeOf(object).isModified = true;
+    } else if (folder != ObjectIndex::none && !departures_.departure(object)) {
         depart(object, {folder, suspect.name, joined(pathOfFolder(folder), suspect.name)});
     }
     return folder;

@@ -39,8 +39,8 @@ class Reconciler {
     /// commit that succeeds.
     Result<void> commit();
 
-    /// An object that got an identifier should be there; if it is not, it has gone unseen. Returns
-    /// the folder to look at, none where it is not known.
+    /// An object that got an identifier should be there; if it is not, it has gone or moved on
+    /// unseen. Returns the folder to look at, none where it is not known.
     NodeNumber expect(const VolumeService::State::Suspect& suspect, Time now);
 
     /// This process has removed the object, all its names: records it as gone, with no successor.

@@ -228,8 +228,11 @@ void VolumeService::State::noteSuspects(std::span<const IdentityRequest> request
             const auto number = index.findInode(request.object->identity.inode);
             if (!hasPlace(request) || number == ObjectIndex::none) continue;
             const auto& node = index.node(number);
-            // A place that was only told, and one where nothing is.
-            if (node.firstName != ObjectIndex::none && (node.stamp != 0 || !isFollowed)) continue;
+            // A place that was only told, and one where nothing is or something else.
+            const auto folder = index.findInode(request.object->parentInode);
+            const bool isAsKnown =
+                node.stamp != 0 && index.findObject(folder, request.name) == number;
+            if (node.firstName != ObjectIndex::none && (isAsKnown || !isFollowed)) continue;
             found.push_back(
                 {request.object->parentInode, std::string(request.name), request.object->identity});
         }

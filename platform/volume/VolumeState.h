@@ -78,7 +78,7 @@ struct VolumeService::State {
     /// The event with its path as its folder is called now.
     [[nodiscard]] FSEvent present(EventRecord record) const;
 
-    /// An object that was given an identifier though the index has it nowhere.
+    /// An object that was given an identifier though the index does not have it there.
     struct Suspect {
         std::uint64_t folder = 0;  ///< inode
         std::string name;

@@ -131,6 +131,18 @@ TEST_F(HistoryTest, RecordsWhatHappensWhereItHappens) {
     EXPECT_THAT(gone, UnorderedElementsAre(one, folder));
 }
 
+TEST_F(HistoryTest, WhatMovedOnBeforeItWasGivenOutIsTold) {
+    makeFile("before");
+    start();
+    const auto seen = attributes("before");
+    fs::rename(native("before"), native("after"));
+    EXPECT_THAT(changes(), Contains("after"));
+    VolumeService::IdentityRequest request{
+        .object = seen.get(), .name = "before", .wantsDocumentID = true, .result = {}};
+    service->identify({&request, 1}).value();
+    EXPECT_THAT(changes(), UnorderedElementsAre("after"));
+}
+
 TEST_F(HistoryTest, AnOverflowIsAGapAndEverythingIsComparedAgain) {
     bool drops = false;
     distort = [&](std::vector<KernelEvent>& events) {
