@@ -40,6 +40,12 @@ bool isBelow(int folder, const char* path) {
 
 constexpr int nowhere = -1;
 
+/// The descriptor that "/proc/self/fd/N" is of.
+int descriptorOf(const char* path) {
+    int fd = nowhere;
+    return std::sscanf(path, "/proc/self/fd/%d", &fd) == 1 ? fd : nowhere;
+}
+
 bool fails(const char* call, int folder, const char* path = nullptr, int from = nowhere) {
     static std::atomic<int> count = 0;
     if (from != nowhere && from != folder && !setting("FAULT_APART").empty()) {
@@ -102,6 +108,9 @@ FAULTY(int, utimensat, (int at, const char* p, const timespec* times, int flags)
        (at, p, times, flags), at, p)
 FAULTY(int, fsetxattr, (int fd, const char* name, const void* data, std::size_t size, int flags),
        (fd, name, data, size, flags), fd)
-FAULTY(int, fremovexattr, (int fd, const char* name), (fd, name), fd)
+FAULTY(int, setxattr,
+       (const char* p, const char* name, const void* data, std::size_t size, int flags),
+       (p, name, data, size, flags), descriptorOf(p))
+FAULTY(int, removexattr, (const char* p, const char* name), (p, name), descriptorOf(p))
 FAULTY(int, fsync, (int fd), (fd), fd)
 FAULTY(int, fdatasync, (int fd), (fd), fd)
