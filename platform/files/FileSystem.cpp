@@ -111,6 +111,12 @@ FileSystem::Location FileSystem::locate(const QSURL& url) const {
     return {nullptr, url.path()};
 }
 
+int FileSystem::pathDescriptorAt(const Location& location, FileDescriptor& opened) {
+    if (location.isRoot()) return location.root->fd.get();
+    opened = openAt(location, O_PATH);
+    return opened.get();
+}
+
 FileDescriptor FileSystem::openAt(const Location& location, int flags) {
     if (location.path.empty()) {
         errno = ENOENT;
@@ -126,7 +132,7 @@ FileDescriptor FileSystem::openAt(const Location& location, int flags) {
 std::string FileSystem::nativePath(const QSURL& url) const {
     const auto location = locate(url);
     if (!location.root) return location.path;
-    if (location.path == ".") return location.root->native;
+    if (location.isRoot()) return location.root->native;
     return (location.root->native == "/" ? "" : location.root->native) + "/" + location.path;
 }
 
@@ -193,14 +199,15 @@ Result<std::shared_ptr<const FileAttributes>> FileSystem::freshAttributes(const 
     const auto failure = [&](int code) {
         return std::unexpected(errorFromErrno(code, nativePath(url)));
     };
-    const bool isRoot = location.root ? location.path == "." : url.path() == "/";
-    auto fd = isRoot ? openAt(location, O_PATH | O_DIRECTORY)
-                     : openAt(locate(url.URLByDeletingLastPathComponent()), O_PATH | O_DIRECTORY);
-    if (!fd) return failure(errno);
-    auto folder = Folder::make(*this, url, std::move(fd));
-    if (!folder) return failure(static_cast<int>(folder.error().code));
-    auto attributes =
-        isRoot ? (*folder)->ownAttributes() : (*folder)->childAttributes(url.lastPathComponent());
+    const bool isTop = location.root ? location.isRoot() : url.path() == "/";
+    const auto place = isTop ? location : locate(url.URLByDeletingLastPathComponent());
+    FileDescriptor opened;
+    const int folder = pathDescriptorAt(place, opened);
+    if (folder < 0) return failure(errno);
+    const auto facts = readFolderFacts(folder);
+    if (!facts) return failure(static_cast<int>(facts.error().code));
+    const std::string name(isTop ? std::string_view() : url.lastPathComponent());
+    auto attributes = readAttributes(folder, name.c_str(), isTop ? nullptr : &*facts, credentials_);
     if (!attributes) return failure(static_cast<int>(attributes.error().code));
     return *attributes;
 }
@@ -253,10 +260,11 @@ std::vector<Result<std::shared_ptr<const FileAttributes>>> FileSystem::attribute
 }
 
 Result<std::uint32_t> FileSystem::deviceOf(const QSURL& url) const {
-    const auto object = openObject(url, O_PATH);
-    if (!object) return std::unexpected(object.error());
+    const auto location = locate(url);
+    FileDescriptor opened;
+    const int object = pathDescriptorAt(location, opened);
     struct statx status {};
-    if (statx(object->get(), "", AT_EMPTY_PATH, 0, &status) != 0) {
+    if (object < 0 || statx(object, "", AT_EMPTY_PATH, 0, &status) != 0) {
         return std::unexpected(errorFromErrno(errno, nativePath(url)));
     }
     return foldedDevice(status.stx_dev_major, status.stx_dev_minor);

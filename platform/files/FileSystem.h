@@ -108,6 +108,8 @@ class FileSystem {
     struct Location {
         std::shared_ptr<const Root> root;  ///< null: the path is native
         std::string path;                  ///< relative to the root, "." for the root itself
+
+        [[nodiscard]] bool isRoot() const { return root && path == "."; }
     };
 
     FileSystem() = default;
@@ -115,6 +117,9 @@ class FileSystem {
                                                                       std::string_view native);
     [[nodiscard]] Location locate(const QSURL& url) const;
     [[nodiscard]] static FileDescriptor openAt(const Location& location, int flags);
+    /// O_PATH; the root's own, which is open as long as `location` is kept, or else `opened`. -1
+    /// with errno on failure.
+    [[nodiscard]] static int pathDescriptorAt(const Location& location, FileDescriptor& opened);
 
     // Constant after start.
     std::string nativeStorage_;
