@@ -13,10 +13,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <deque>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <span>
+#include <thread>
 
 #include "bench/Product.h"
 #include "platform/files/TreeCopy.h"
@@ -75,13 +77,10 @@ class Bench {
             bench::fail(item.error().description());
         }
     }
-    using Trashed = std::promise<platform::Result<platform::ItemRef>>;
-    [[nodiscard]] std::future<platform::Result<platform::ItemRef>> trash(
-        const std::string& item) const {
-        auto done = std::make_shared<Trashed>();
-        provider_->trashItemWithIdentifier(item,
-                                           [done](auto end) { done->set_value(std::move(end)); });
-        return done->get_future();
+    void trash(const std::string& item) const {
+        std::promise<platform::Result<platform::ItemRef>> done;
+        provider_->trashItemWithIdentifier(item, [&](auto end) { done.set_value(std::move(end)); });
+        if (const auto end = done.get_future().get(); !end) bench::fail(end.error().description());
     }
     void remove(const std::string& item) const {
         std::promise<std::optional<platform::QSError>> done;
@@ -134,23 +133,20 @@ void measureItems(const fs::path& scratch, int count, bool isTrash) {
         bench::report("folder", each(bench::now() - start));
         return;
     }
-    const auto trashAll = [&](const std::vector<std::string>& these, std::size_t atOnce) {
-        std::deque<std::future<platform::Result<platform::ItemRef>>> open;
-        const auto finishOne = [&] {
-            if (const auto end = open.front().get(); !end) bench::fail(end.error().description());
-            open.pop_front();
-        };
-        for (const auto& item : these) {
-            if (open.size() == atOnce) finishOne();
-            open.push_back(product.trash(item));
+    const auto trashAll = [&](std::span<const std::string> these, int atOnce) {
+        std::atomic<std::size_t> next = 0;
+        std::vector<std::jthread> threads;
+        for (int thread = 0; thread < atOnce; ++thread) {
+            threads.emplace_back([&] {
+                for (auto i = next++; i < these.size(); i = next++) product.trash(these[i]);
+            });
         }
-        while (!open.empty()) finishOne();
     };
-    const auto half = static_cast<std::ptrdiff_t>(items.size() / 2);
-    trashAll({items.begin(), items.begin() + half}, 1);
+    const std::span all(items);
+    trashAll(all.first(all.size() / 2), 1);
     bench::report("trash", 2 * each(bench::now() - start));
     start = bench::now();
-    trashAll({items.begin() + half, items.end()}, 4);
+    trashAll(all.subspan(all.size() / 2), 4);
     bench::report("trashFour", 2 * each(bench::now() - start));
     start = bench::now();
     for (const auto& item : items) product.remove(item);

@@ -170,9 +170,20 @@ bool MutableTree::putBack(int from, const std::string& hidden, const HeldItem& i
     return renameInto(from, hidden, item.parent, item.name, Naming::Free).has_value();
 }
 
-Result<QSURL> MutableTree::moveHeld(const HeldItem& item, const OpenFolder& folder,
+bool MutableTree::hasToBeCopied(const QSError& error) {
+    return error.domain == QSPOSIXErrorDomain && error.code == EXDEV;
+}
+
+Result<QSURL> MutableTree::moveHeld(HeldItem& item, const OpenFolder& folder,
                                     const std::string& name, Naming naming,
                                     QSProgress& progress) const {
+    auto moved = renameHeld(item, folder, name, naming);
+    if (moved || !hasToBeCopied(moved.error())) return moved;
+    return copyAcross(item, folder, name, naming, progress);
+}
+
+Result<QSURL> MutableTree::renameHeld(const HeldItem& item, const OpenFolder& folder,
+                                      const std::string& name, Naming naming) const {
     const auto itemURL = made(item.parent, item.name);
     if (name == item.name && areSame(item.parent.fd.get(), folder.fd.get())) {
         return made(folder, name);
@@ -180,7 +191,6 @@ Result<QSURL> MutableTree::moveHeld(const HeldItem& item, const OpenFolder& fold
     const auto reached = renameInto(item.parent.fd.get(), item.name, folder, name, naming);
     if (!reached) {
         const auto code = reached.error().domain == QSPOSIXErrorDomain ? reached.error().code : 0;
-        if (code == EXDEV) return copyAcross(item, folder, name, naming, progress);
         if (code == ENOENT) return std::unexpected(goneError(files_.nativePath(itemURL)));
         return std::unexpected(reached.error());
     }
@@ -192,16 +202,19 @@ Result<QSURL> MutableTree::moveHeld(const HeldItem& item, const OpenFolder& fold
 }
 
 /// For folders between which the file system moves nothing.
-Result<QSURL> MutableTree::copyAcross(const HeldItem& item, const OpenFolder& folder,
+Result<QSURL> MutableTree::copyAcross(HeldItem& item, const OpenFolder& folder,
                                       const std::string& name, Naming naming,
                                       QSProgress& progress) const {
     auto copied = copyInto(item.parent.fd.get(), item.name, folder, name, naming,
                            TreeCopy::Special::Refused, progress);
     if (!copied) return copied;
-    const auto copy = hold(*copied);
+    auto copy = hold(*copied);
     QSProgress removal;
     const auto removed = removeHeld(item, removal);
-    if (removed) return copied;
+    if (removed) {
+        item.object = copy ? std::move(copy->object) : FileDescriptor();
+        return copied;
+    }
     // Once something of the item has gone, only the copy is whole. Before, the item is, or another
     // one is there that may not even be what was copied.
     if (copy && removal.completedItems() == 0) (void)removeHeld(*copy, removal);
@@ -293,16 +306,16 @@ Result<QSURL> MutableTree::move(const QSURL& url, const QSURL& folderURL,
     if (name) {
         if (auto checked = checkName(*name); !checked) return std::unexpected(checked.error());
     }
-    const auto item = hold(url);
+    auto item = hold(url);
     if (!item) return std::unexpected(item.error());
     const auto folder = openFolder(folderURL);
     if (!folder) return std::unexpected(folder.error());
     return moveHeld(*item, *folder, name.value_or(item->name), naming, progress);
 }
 
-Result<QSURL> MutableTree::trash(const QSURL& url, const QSURL& trashURL,
-                                 QSProgress& progress) const {
-    const auto item = hold(url);
+Result<HeldURL> MutableTree::trash(const QSURL& url, const QSURL& trashURL, Copying copying,
+                                   QSProgress& progress) const {
+    auto item = hold(url);
     if (!item) return std::unexpected(item.error());
     const auto refused = [&](std::string_view why) {
         return std::unexpected(notPermitted(why, files_.nativePath(trashURL)));
@@ -318,10 +331,14 @@ Result<QSURL> MutableTree::trash(const QSURL& url, const QSURL& trashURL,
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
         return refused("the trash can be written by others");
     }
+    const OpenFolder trash{trashURL, std::move(*fd)};
     volume_.moveBegins(item->identity);
-    auto moved = moveHeld(*item, {trashURL, std::move(*fd)}, item->name, Naming::Free, progress);
+    const auto moved = copying == Copying::Allowed
+                           ? moveHeld(*item, trash, item->name, Naming::Free, progress)
+                           : renameHeld(*item, trash, item->name, Naming::Free);
     volume_.moveEnds(item->identity, moved.has_value());
-    return moved;
+    if (!moved) return std::unexpected(moved.error());
+    return HeldURL{*moved, std::move(item->object)};
 }
 
 Result<void> MutableTree::remove(const QSURL& url, QSProgress& progress) const {

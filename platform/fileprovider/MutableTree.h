@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/fileprovider/Mutations.h"
 #include "platform/fileprovider/UnfinishedWork.h"
 #include "platform/files/FileDescriptor.h"
 #include "platform/files/FileSystem.h"
@@ -28,9 +29,13 @@ class MutableTree {
     [[nodiscard]] Result<QSURL> move(const QSURL& url, const QSURL& folder,
                                      const std::optional<std::string>& name, Naming naming,
                                      QSProgress& progress) const;
-    [[nodiscard]] Result<QSURL> trash(const QSURL& url, const QSURL& trash,
-                                      QSProgress& progress) const;
+    enum class Copying : std::uint8_t { Allowed, Refused };
+    [[nodiscard]] Result<HeldURL> trash(const QSURL& url, const QSURL& trash, Copying copying,
+                                        QSProgress& progress) const;
     Result<void> remove(const QSURL& url, QSProgress& progress) const;
+
+    /// Whether the file system does not move it.
+    [[nodiscard]] static bool hasToBeCopied(const QSError& error);
 
   private:
     struct OpenFolder {
@@ -47,10 +52,13 @@ class MutableTree {
 
     [[nodiscard]] Result<OpenFolder> openFolder(const QSURL& url) const;
     [[nodiscard]] Result<HeldItem> hold(const QSURL& url) const;
-    [[nodiscard]] Result<QSURL> moveHeld(const HeldItem& item, const OpenFolder& folder,
+    /// `item.object` becomes the copy where there is one.
+    [[nodiscard]] Result<QSURL> moveHeld(HeldItem& item, const OpenFolder& folder,
                                          const std::string& name, Naming naming,
                                          QSProgress& progress) const;
-    [[nodiscard]] Result<QSURL> copyAcross(const HeldItem& item, const OpenFolder& folder,
+    [[nodiscard]] Result<QSURL> renameHeld(const HeldItem& item, const OpenFolder& folder,
+                                           const std::string& name, Naming naming) const;
+    [[nodiscard]] Result<QSURL> copyAcross(HeldItem& item, const OpenFolder& folder,
                                            const std::string& name, Naming naming,
                                            QSProgress& progress) const;
     [[nodiscard]] Result<QSURL> copyInto(int source, const std::string& sourceName,

@@ -15,6 +15,10 @@ namespace {
 
 using Naming = MutableTree::Naming;
 
+MutableTree treeOf(Platform& platform) {
+    return {platform.files(), platform.unfinished(), platform.volume()};
+}
+
 /// Runs `work` on some worker, which tells of its progress. The platform waits for operations that
 /// have begun; one that comes too late is cancelled.
 template <typename Work, typename Handler>
@@ -24,9 +28,7 @@ std::shared_ptr<QSProgress> start(Work work, Handler handler) {
                           handler = std::move(handler), progress]() mutable {
         const auto pass = gate->enter();
         if (!pass) return handler(std::unexpected(errorFromErrno(ECANCELED)));
-        auto& platform = Platform::current();
-        handler(work(MutableTree(platform.files(), platform.unfinished(), platform.volume()),
-                     *progress));
+        handler(work(treeOf(Platform::current()), *progress));
     });
     return progress;
 }
@@ -86,10 +88,23 @@ std::shared_ptr<QSProgress> qp_reparentUnderFolder(const QSURL& url, const QSURL
 }
 
 std::shared_ptr<QSProgress> qp_trashUnderFolder(const QSURL& url, const QSURL& trash,
-                                                qp_URLHandler completionHandler) {
-    return start([url, trash](const MutableTree& tree,
-                              QSProgress& progress) { return tree.trash(url, trash, progress); },
-                 withAttributes(std::move(completionHandler)));
+                                                qp_HeldURLHandler completionHandler) {
+    using Copying = MutableTree::Copying;
+    // A rename takes no longer than waking a worker and being woken by it.
+    const auto gate = Platform::current().events().gate;
+    if (const auto pass = gate->enter()) {
+        QSProgress progress;
+        auto done = treeOf(Platform::current()).trash(url, trash, Copying::Refused, progress);
+        if (done || !MutableTree::hasToBeCopied(done.error())) {
+            completionHandler(std::move(done));
+            return nullptr;
+        }
+    }
+    return start(
+        [url, trash](const MutableTree& tree, QSProgress& progress) {
+            return tree.trash(url, trash, Copying::Allowed, progress);
+        },
+        std::move(completionHandler));
 }
 
 std::shared_ptr<QSProgress> qp_deleteWithCompletionHandler(const QSURL& url,

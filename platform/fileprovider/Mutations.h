@@ -32,6 +32,13 @@ inline constexpr std::string_view qp_collidingURLKey = "qp_collidingURL";
 using qp_URLHandler = std::move_only_function<void(Result<QSURL>)>;
 using qp_ErrorHandler = std::move_only_function<void(std::optional<QSError>)>;
 
+/// An object where it is now, held open with O_PATH; not open where it has gone since.
+struct HeldURL {
+    QSURL url;
+    FileDescriptor object = {};
+};
+using qp_HeldURLHandler = std::move_only_function<void(Result<HeldURL>)>;
+
 /// Makes a folder in `folder`, under a free name like `name` where that is taken.
 void qp_createSubFolder(const QSURL& folder, std::string_view name,
                         qp_URLHandler completionHandler);
@@ -57,9 +64,10 @@ std::shared_ptr<QSProgress> qp_reparentUnderFolder(const QSURL& url, const QSURL
                                                    qp_URLHandler completionHandler);
 
 /// Moves the object into a trash folder, under a free name. One that is already directly in it
-/// stays. A folder that is a link, another user's or writable for others is refused with 513.
+/// stays. A folder that is a link, another user's or writable for others is refused with 513. Done
+/// at once, on the calling thread and without a progress, unless it has to be copied.
 std::shared_ptr<QSProgress> qp_trashUnderFolder(const QSURL& url, const QSURL& trash,
-                                                qp_URLHandler completionHandler);
+                                                qp_HeldURLHandler completionHandler);
 
 /// Removes the object with all that is below it. After a failure or a cancel, what is left of it is
 /// back in its place; after the end of the process, the next one goes on with it.

@@ -14,23 +14,16 @@ namespace tidewell {
 
 namespace {
 
-/// A URL that keeps nothing of what was before.
-QSURL fresh(const QSURL& url) {
-    return QSURL::fileURLWithPath(url.path());
-}
-
-/// The same for an object that was moved, which keeps its identifier: that need not be asked for,
-/// and so not wait for what happened to be seen.
-QSURL freshAfterMove(const QSURL& formerURL, const QSURL& newURL) {
-    auto url = fresh(newURL);
+/// An object that was moved keeps its identifier: with it, that need not be asked for, and so not
+/// wait for what happened to be seen.
+void keepIdentifier(const QSURL& formerURL, const QSURL& newURL) {
     const auto former = std::static_pointer_cast<const FileAttributes>(formerURL.attachment());
-    const auto now = Platform::current().files().attributes(url);
-    if (!former || !now || (*now)->identity != former->identity) return url;
+    const auto now = Platform::current().files().attributes(newURL);
+    if (!former || !now || (*now)->identity != former->identity) return;
     for (const auto key : {QSResourceKey::FileID, QSResourceKey::DocumentIdentifier}) {
         auto kept = formerURL.cachedResourceValue(key);
-        if (kept.index() != 0) url.setCachedResourceValue(key, std::move(kept));
+        if (kept.index() != 0) newURL.setCachedResourceValue(key, std::move(kept));
     }
-    return url;
 }
 
 bool isReachableFolder(const QSURL& url) {
@@ -57,17 +50,18 @@ std::shared_ptr<QSProgress> LocalFileProvider::trashItemWithIdentifier(
     return qp_trashUnderFolder(
         *url, *trash,
         [identifier, formerURL = *url,
-         handler = std::move(completionHandler)](Result<QSURL> newURL) mutable {
-            if (!newURL) {
+         handler = std::move(completionHandler)](Result<HeldURL> trashed) mutable {
+            if (!trashed) {
                 return handler(
-                    std::unexpected(normalisedError(std::move(newURL.error()), identifier)));
+                    std::unexpected(normalisedError(std::move(trashed.error()), identifier)));
             }
             // One that lay in the trash already keeps the record of where it came from.
-            if (!(*newURL == formerURL)) {
-                setTrashDate(*newURL, QSDate::now());
-                setPutBackString(formerURL, *newURL);
+            if (!(trashed->url == formerURL)) {
+                setTrashDate(*trashed, QSDate::now());
+                setPutBackString(formerURL, *trashed);
             }
-            handler(itemForResult(freshAfterMove(formerURL, *newURL)));
+            keepIdentifier(formerURL, trashed->url);
+            handler(itemForResult(trashed->url));
         });
 }
 
@@ -129,8 +123,9 @@ std::shared_ptr<QSProgress> LocalFileProvider::untrashItemWithIdentifier(
                     std::unexpected(normalisedError(std::move(newURL.error()), identifier)));
             }
             logDebug("removing trash date xattr");
-            setTrashDate(*newURL, std::nullopt);
-            handler(itemForResult(fresh(*newURL)));
+            setTrashDate({*newURL}, std::nullopt);
+            // What the URL keeps is from before.
+            handler(itemForResult(QSURL::fileURLWithPath(newURL->path())));
         });
 }
 

@@ -4,7 +4,6 @@
 #include <array>
 #include <span>
 
-#include "platform/fileprovider/Mutations.h"
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/foundation/QSKeyedArchiver.h"
 #include "tidewell/common/Logging.h"
@@ -17,9 +16,10 @@ namespace tidewell {
 namespace {
 
 /// Sets or removes an attribute of the very object that the URL was made for.
-Result<void> setAttribute(const QSURL& url, std::string_view name,
+Result<void> setAttribute(const HeldURL& item, std::string_view name,
                           const std::optional<QSData>& bytes) {
-    const auto object = openSameObject(url);
+    if (item.object) return setOrRemoveXattr(item.object.get(), name, bytes);
+    const auto object = openSameObject(item.url);
     if (!object) return std::unexpected(object.error());
     return setOrRemoveXattr(object->get(), name, bytes);
 }
@@ -66,10 +66,11 @@ std::optional<std::string> putBackString(const QSURL& path, const QSURL& root) {
     return relative;
 }
 
-void setTrashDate(const QSURL& url, const std::optional<QSDate>& date) {
+void setTrashDate(const HeldURL& item, const std::optional<QSDate>& date) {
+    const auto& url = item.url;
     logDebug([&] { return "setting trash date on " + url.description(); });
     const auto bytes = date ? archived(QSPropertyList(*date)) : std::nullopt;
-    const auto done = setAttribute(url, LocalItem::xattrTrashDateName(), bytes);
+    const auto done = setAttribute(item, LocalItem::xattrTrashDateName(), bytes);
     if (done) return;
     logError([&] {
         return std::string("can't ") + (bytes ? "set" : "remove") + " xattr " +
@@ -78,7 +79,8 @@ void setTrashDate(const QSURL& url, const std::optional<QSDate>& date) {
     });
 }
 
-void setPutBackString(const QSURL& formerURL, const QSURL& newURL) {
+void setPutBackString(const QSURL& formerURL, const HeldURL& item) {
+    const auto& newURL = item.url;
     logDebug([&] { return "setting putback string on " + newURL.description(); });
     const auto bundle = proxyWithContaining(formerURL);
     const auto library = bundle ? LocalAppLibraryItem::initFrom(*bundle) : nullptr;
@@ -95,7 +97,7 @@ void setPutBackString(const QSURL& formerURL, const QSURL& newURL) {
     }
     logDebug([&] { return "setting putback '" + *string + "' on " + newURL.description(); });
     const auto bytes = archivedDataWithRootObject(QSPropertyList(*string));
-    const auto done = bytes ? setAttribute(newURL, LocalItem::xattrTrashPutBackName(), *bytes)
+    const auto done = bytes ? setAttribute(item, LocalItem::xattrTrashPutBackName(), *bytes)
                             : std::unexpected(bytes.error());
     if (done) return;
     logError([&] {

@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/fileprovider/Mutations.h"
 #include "platform/foundation/QSDate.h"
 #include "platform/foundation/QSError.h"
 #include "platform/foundation/QSURL.h"
@@ -24,11 +25,11 @@ using namespace platform;
 /// `path` relative to `root`, component by component; none where it is not below it.
 [[nodiscard]] std::optional<std::string> putBackString(const QSURL& path, const QSURL& root);
 
-/// Writes the trash date, or removes it where there is none, of the object that the URL's
-/// attributes are of, where it keeps any.
-void setTrashDate(const QSURL& url, const std::optional<QSDate>& date);
+/// Writes the trash date, or removes it where there is none, of the object that is held open; of
+/// one that is not, of the object that the URL's attributes are of, where it keeps any.
+void setTrashDate(const HeldURL& item, const std::optional<QSDate>& date);
 
-/// Notes on the object at `newURL`, in the same way, that it was at `formerURL`.
-void setPutBackString(const QSURL& formerURL, const QSURL& newURL);
+/// Notes on the item, in the same way, that it was at `formerURL`.
+void setPutBackString(const QSURL& formerURL, const HeldURL& item);
 
 }  // namespace tidewell

@@ -58,7 +58,8 @@ class SwapTest : public tests::VolumeFixture, public testing::WithParamInterface
             case Verb::Move:
                 return (void)tree.move(document, url("to"), std::nullopt, free, progress);
             case Verb::Trash:
-                return (void)tree.trash(document, url(".Trash"), progress);
+                return (void)tree.trash(document, url(".Trash"), MutableTree::Copying::Allowed,
+                                        progress);
             case Verb::Remove:
                 return (void)tree.remove(document, progress);
             case Verb::MakeFolder:
