@@ -7,9 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <ctime>
 #include <ranges>
-#include <system_error>
 
 #include "platform/files/ItemNames.h"
 #include "platform/log/Log.h"
@@ -22,7 +20,6 @@ using namespace std::chrono_literals;
 
 constexpr auto retryAfter = 1s;    // a commit that failed, a storage that is away
 constexpr auto longestNap = 50ms;  // of one who waits for a decision
-constexpr auto clockSlack = 2;     // seconds
 constexpr auto pace = 10ms;        // between commits while things go on happening
 
 }  // namespace
@@ -76,23 +73,6 @@ void Follower::follow() {
     scanEverything(Reconciler::Occasion::Scan);
     isFollowing_ = true;
     if (!state_.configuration.isManual) thread_ = std::thread([this] { run(); });
-}
-
-void Follower::scanEverything(Reconciler::Occasion occasion) {
-    const std::shared_lock lock(state_.indexMutex);
-    scan_.clear();
-    compared_.clear();
-    for (const auto& root : state_.roots) {
-        scan_.push_front(root.node);
-        const bool isFirst = root.url == state_.configuration.files.storageURL();
-        if (isFirst && state_.index.node(root.node).stamp == 0) {
-            occasion = Reconciler::Occasion::FirstScan;
-        }
-    }
-    isScanning_ = true;
-    scanOccasion_ = occasion;
-    scanStart_ = std::time(nullptr) - clockSlack;
-    scanned_ = reported_ = 0;
 }
 
 void Follower::run() {
@@ -387,86 +367,6 @@ void Follower::lookAtMarks() {
     if (!readings.empty()) (void)reconcile(std::move(readings), Reconciler::Occasion::Live);
 }
 
-void Follower::scanSome() {
-    // What moved while the last were looked at has been looked for by now.
-    if (scan_.empty()) return endScan();
-    (void)scanSomeOf(scan_, scanOccasion_);
-    constexpr std::uint64_t progressStep = 1000;
-    if (state_.configuration.progress && scanned_ - reported_ >= progressStep) {
-        reported_ = scanned_;
-        state_.configuration.progress(scanned_);
-    }
-}
-
-std::deque<Follower::Look> Follower::lookAtSome(std::deque<NodeNumber>& toScan) {
-    std::deque<Look> looks;
-    std::size_t seen = 0;
-    const auto work = [&] {
-        std::unique_lock lock(readersMutex_);
-        while (!toScan.empty() && seen < sightingsAtOnce && looks.size() < foldersAtOnce) {
-            const auto folder = toScan.back();
-            toScan.pop_back();
-            lock.unlock();
-            auto looked = look(folder, {.isWhole = true, .names = {}});
-            lock.lock();
-            if (looked.reading) seen += looked.reading->sightings.size();
-            looks.push_back(std::move(looked));
-        }
-    };
-    constexpr std::size_t many = 16;  // before that a thread takes longer to start
-    std::thread other;
-    if (toScan.size() >= many && !state_.configuration.isManual) {
-        try {
-            other = std::thread(work);
-        } catch (const std::system_error&) {
-            // There is none to be had; it takes longer.
-        }
-    }
-    work();
-    if (other.joinable()) other.join();
-    return looks;
-}
-
-Result<void> Follower::scanSomeOf(std::deque<NodeNumber>& toScan, Reconciler::Occasion occasion) {
-    std::vector<FolderReading> readings;
-    for (auto& look : lookAtSome(toScan)) take(std::move(look), readings);
-    std::vector<NodeNumber> folders;
-    folders.reserve(readings.size());
-    for (const auto& reading : readings) folders.push_back(reading.folder);
-    auto done = reconcile(std::move(readings), occasion);
-    const std::shared_lock lock(state_.indexMutex);
-    for (const auto folder : folders) {
-        state_.index.forEachChild(folder, [&](ObjectIndex::EntryNumber at) {
-            const auto child = state_.index.entry(at).object;
-            if (state_.index.node(child).kind == ObjectKind::Directory) toScan.push_back(child);
-        });
-    }
-    return done;
-}
-
-void Follower::endScan() {
-    {
-        const std::scoped_lock store(state_.storeMutex);
-        if (scanOccasion_ == Reconciler::Occasion::Scan) {
-            reconciler_.leaveLostFolders(now());
-            noteCommit(reconciler_.commit());
-        }
-        reconciler_.decideAfterScan(now());
-        for (const auto& root : state_.roots) {
-            const auto folder = state_.configuration.files.openFolder(root.url);
-            const auto own = folder ? (*folder)->ownState() : std::unexpected(folder.error());
-            if (own && !unreadable_.contains(root.node)) reconciler_.rememberScan(root.node, *own);
-        }
-        noteCommit(reconciler_.commit());
-    }
-    afterCommit();
-    isScanning_ = false;
-    nextScan_ = now() + state_.configuration.reconcileInterval;
-    if (hasFailed_) return;
-    isCaughtUp_ = true;
-    state_.hasNews = true;
-}
-
 Result<void> Follower::reconcile(std::vector<FolderReading> readings,
                                  Reconciler::Occasion occasion) {
     Result<void> done;
@@ -495,22 +395,6 @@ Result<void> Follower::reconcile(std::vector<FolderReading> readings,
         });
     });
     return done;
-}
-
-void Follower::setCompared(NodeNumber folder, bool isCompared) {
-    if (folder >= compared_.size()) compared_.resize(folder + 1);
-    compared_[folder] = isCompared;
-}
-
-/// The last comparison did not find what was on its way from one folder to another, and so did not
-/// come to what is in it.
-void Follower::markMissed(NodeNumber folder) {
-    const std::shared_lock lock(state_.indexMutex);
-    state_.index.forEachChild(folder, [&](ObjectIndex::EntryNumber at) {
-        const auto child = state_.index.entry(at).object;
-        if (state_.index.node(child).kind != ObjectKind::Directory) return;
-        if (child >= compared_.size() || !compared_[child]) marks_[child].isWhole = true;
-    });
 }
 
 void Follower::noteCommit(const Result<void>& done) {
