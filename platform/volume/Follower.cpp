@@ -43,9 +43,10 @@ void Follower::stop() {
     if (thread_.joinable()) thread_.join();
     // Who waits takes the mutex for each step, and leaves at the next.
     while (waiting_ != 0) std::this_thread::yield();
-    // The next run could not tell any more that nothing succeeds what was removed last.
+    // The next run could not tell any more that nothing succeeds what was removed last. And what
+    // could not be written is tried once more.
     const std::scoped_lock lock(mutex_, state_.storeMutex);
-    if (takeRemovals()) (void)reconciler_.commit();
+    if (takeRemovals() || hasFailed_) (void)reconciler_.commit();
 }
 
 void Follower::wake() {

@@ -45,6 +45,8 @@ VolumeService::~VolumeService() {
     state_->hasNews = true;
     state_->announce();
     const std::scoped_lock lock(state_->storeMutex);
+    // Then the rows would be ahead of what the next run has to find.
+    if (!state_->unwritten.empty()) return;
     std::vector<EventRecord> noEvents;
     std::vector<ObjectRow> rows;
     for (const auto node : state_->index.takeDirty()) {
