@@ -179,27 +179,6 @@ TEST_F(ChangesTest, StoppingAndClosingAnswer) {
     }
 }
 
-TEST_F(ChangesTest, EnumerationsLeaveNothingBehind) {
-    constexpr int count = 500;
-    const auto good = present();
-    auto expired = good;
-    expired.streamEventID = UINT64_MAX;
-    scripted.append(goneEvent(7000));
-    const auto enumerator = enumeratorOf("fid=1");
-    std::vector<std::weak_ptr<tests::ChangeCollector>> observers;
-    for (int i = 0; i < count; ++i) {
-        const auto answer = changes(*enumerator, i % 2 == 0 ? good : expired);
-        EXPECT_EQ(answer->error.has_value(), i % 2 != 0);
-        observers.push_back(answer);
-    }
-    enumerator->stop();
-    const auto isGone = [](const auto& pointer) { return pointer.expired(); };
-    // Readers end on their own queues.
-    while (scripted.subscriberCount() > 0 || !std::ranges::all_of(observers, isGone)) {
-        std::this_thread::yield();
-    }
-}
-
 /// A host's copy of a container, by identifier.
 using Replica = std::map<std::string, std::string>;
 

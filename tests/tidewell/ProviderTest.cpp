@@ -7,6 +7,7 @@
 #include "tests/tidewell/Observers.h"
 #include "tidewell/applibraries/TWPAppLibraryManager.h"
 #include "tidewell/common/LocalFileProviderError.h"
+#include "tidewell/fs/FSChangeToken.h"
 #include "tidewell/provider/LocalFileProvider.h"
 
 // Of <sanitizer/allocator_interface.h>, which GCC does not install.
@@ -63,21 +64,29 @@ TEST_F(ProviderTest, TemporaryFolderIsMadeOnDemandOrLogged) {
 
 #ifdef __SANITIZE_ADDRESS__
 TEST_F(ProviderTest, EnumeratorsLeaveNothingBehind) {
+    const auto start = installed->volume().currentEventID();
+    (void)file("d/a");
+    const auto ofFolder = provider->persistentIdentifierForItemAtURL(url("d")).value();
+    ASSERT_TRUE(installed->volume().waitUntilSettled());
     const auto enumerateOften = [&] {
         for (int i = 0; i < 1000; ++i) {
             const auto enumerator = provider->enumeratorForContainerItemIdentifier(
-                std::string(i % 2 == 0 ? QSFileProviderRootContainerItemIdentifier
-                                       : QSFileProviderWorkingSetContainerItemIdentifier));
+                i % 2 == 0 ? std::string(QSFileProviderWorkingSetContainerItemIdentifier)
+                           : ofFolder);
             std::promise<QSFileProviderSyncAnchor> present;
             (*enumerator)->currentSyncAnchorWithCompletionHandler([&](auto anchor) {
                 present.set_value(*anchor);
             });
-            auto anchor = present.get_future().get();
-            if (i % 4 < 2) anchor.pop_back();
+            const int kind = i / 2 % 3;  // from before the file, of the future, garbage
+            auto token = FSChangeToken::fromData(present.get_future().get()).value();
+            token.streamEventID = kind == 1 ? UINT64_MAX : start;
+            auto anchor = token.data();
+            if (kind == 2) anchor.pop_back();
             const auto collector = std::make_shared<tests::ChangeCollector>();
             (*enumerator)->enumerateChangesForObserver(collector, anchor);
             collector->end.get_future().wait();
-            EXPECT_EQ(collector->error.has_value(), i % 4 < 2);
+            EXPECT_EQ(collector->error.has_value(), kind != 0);
+            EXPECT_EQ(collector->updated.empty(), kind != 0);
             (*enumerator)->invalidate();
             log->clear();
         }
