@@ -99,6 +99,7 @@ class RefreshTest : public tests::InstalledPlatform {
         provider.reset();
         libraries.reset();
         mainQueue().sync([] {});
+        installed->notifications()->post(applicationUnregisteredNotification);  // to nobody
         installed->manager().setSignalHandler({});
     }
     void install(const std::string& identifier, std::string_view lines = browser) const {
@@ -176,6 +177,7 @@ TEST_F(RefreshTest, ASlowRegistryHoldsUpNobodyAndTenNotificationsAreOneRefresh) 
     std::filesystem::rename(scratch / "containers/org.1", scratch / "elsewhere");
     scratch.makeFile("containers/org.1/Documents/note");
     const auto library = TWPAppLibraryManager::rootURLsForAppLibraries().at(0);
+    EXPECT_EQ(provider->persistentIdentifierForItemAtURL(library), "#org.1");
     const auto note = library.URLByAppendingPathComponent("note");
     while (!installed->files().freshAttributes(note)) std::this_thread::yield();
     EXPECT_THAT(signals, ElementsAre(workingSet,        // at the start

@@ -5,7 +5,6 @@
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "tests/support/InstalledPlatform.h"
 #include "tests/tidewell/Observers.h"
-#include "tidewell/applibraries/TWPAppLibraryManager.h"
 #include "tidewell/common/LocalFileProviderError.h"
 #include "tidewell/fs/FSChangeToken.h"
 #include "tidewell/provider/LocalFileProvider.h"
@@ -24,7 +23,6 @@ class ProviderTest : public tests::InstalledPlatform {
     ~ProviderTest() override {
         provider.reset();
         mainQueue().sync([] {});
-        AppLibraryRootTable::shared().replace({});
     }
 
     std::shared_ptr<LocalFileProvider> provider;
@@ -102,21 +100,6 @@ TEST_F(ProviderTest, EnumeratorsLeaveNothingBehind) {
     }
 }
 #endif
-
-TEST_F(ProviderTest, RegistryNotificationsRefreshTheLibrariesUntilTheProviderIsGone) {
-    const auto root = QSURL::fileURLWithPath("/private/var/tidewell/Containers/org.a/Documents");
-    (void)installApplication("org.a", "App", "X-Quenby-SupportsDocumentBrowser=true\n");
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!AppLibraryRootTable::shared().bundleAt(root)) {
-        ASSERT_LT(std::chrono::steady_clock::now(), deadline);
-        std::this_thread::yield();
-    }
-    EXPECT_EQ(provider->itemForIdentifier("#org.a").value()->filename(), "App");
-    EXPECT_EQ(provider->persistentIdentifierForItemAtURL(root), "#org.a");
-    EXPECT_TRUE(provider->enumeratorForContainerItemIdentifier("#org.a"));
-    provider.reset();
-    installed->notifications()->post("com.quenby.Registrar.applicationUnregistered");
-}
 
 }  // namespace
 }  // namespace tidewell
