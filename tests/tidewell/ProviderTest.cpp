@@ -2,12 +2,10 @@
 
 #include <thread>
 
-#include "platform/fileprovider/QSFileProviderError.h"
-#include "tests/support/InstalledPlatform.h"
+#include "tests/tidewell/MutationsFixture.h"
 #include "tests/tidewell/Observers.h"
 #include "tidewell/common/LocalFileProviderError.h"
 #include "tidewell/fs/FSChangeToken.h"
-#include "tidewell/provider/LocalFileProvider.h"
 
 // Of <sanitizer/allocator_interface.h>, which GCC does not install.
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
@@ -17,16 +15,7 @@ namespace {
 
 using testing::SizeIs;
 
-class ProviderTest : public tests::InstalledPlatform {
-  protected:
-    ProviderTest() : provider(LocalFileProvider::init()) {}
-    ~ProviderTest() override {
-        provider.reset();
-        mainQueue().sync([] {});
-    }
-
-    std::shared_ptr<LocalFileProvider> provider;
-};
+using ProviderTest = tests::MutationsFixture;
 
 TEST_F(ProviderTest, UnknownIdentifiersAreAnsweredNotRaised) {
     for (const auto* identifier :
@@ -64,7 +53,7 @@ TEST_F(ProviderTest, TemporaryFolderIsMadeOnDemandOrLogged) {
 TEST_F(ProviderTest, EnumeratorsLeaveNothingBehind) {
     const auto start = installed->volume().currentEventID();
     (void)file("d/a");
-    const auto ofFolder = provider->persistentIdentifierForItemAtURL(url("d")).value();
+    const auto ofFolder = id("d");
     ASSERT_TRUE(installed->volume().waitUntilSettled());
     const auto enumerateOften = [&] {
         for (int i = 0; i < 1000; ++i) {

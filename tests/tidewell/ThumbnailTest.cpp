@@ -2,8 +2,7 @@
 
 #include <cstdlib>
 
-#include "tests/support/InstalledPlatform.h"
-#include "tidewell/provider/LocalFileProvider.h"
+#include "tests/tidewell/MutationsFixture.h"
 
 namespace tidewell {
 namespace {
@@ -30,7 +29,7 @@ class ScriptedIcons final : public IconLibrary {
     mutable std::vector<int> asked;
 };
 
-class ThumbnailTest : public tests::InstalledPlatform {
+class ThumbnailTest : public tests::MutationsFixture {
   protected:
     ThumbnailTest() {
         for (const std::string name : {"good", "bad", "odd"}) {
@@ -41,17 +40,13 @@ class ThumbnailTest : public tests::InstalledPlatform {
     ~ThumbnailTest() override {
         unsetenv("TIDEWELL_DEVICE_CLASS");
         unsetenv("TIDEWELL_SCREEN_SCALE");
-        provider.reset();
-        mainQueue().sync([] {});
     }
     void start(const char* deviceClass, const char* scale, std::vector<int> present) {
         setenv("TIDEWELL_DEVICE_CLASS", deviceClass, 1);
         setenv("TIDEWELL_SCREEN_SCALE", scale, 1);
-        provider.reset();
-        mainQueue().sync([] {});
+        end();
         restart();
-        installed->workspace().refresh();
-        provider = LocalFileProvider::init();
+        MutationsFixture::start();
         scripted->present = std::move(present);
         scripted->asked.clear();
     }
@@ -86,7 +81,6 @@ class ThumbnailTest : public tests::InstalledPlatform {
     }
 
     std::shared_ptr<ScriptedIcons> scripted = std::make_shared<ScriptedIcons>();
-    std::shared_ptr<LocalFileProvider> provider;
 };
 
 TEST_F(ThumbnailTest, TheVariantFollowsTheDevice) {
