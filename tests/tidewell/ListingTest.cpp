@@ -1,13 +1,7 @@
-#include <gmock/gmock.h>
-
 #include "platform/foundation/QSPropertyList.h"
-#include "tests/support/InstalledPlatform.h"
-#include "tests/support/ScriptedHistory.h"
-#include "tests/tidewell/Observers.h"
-#include "tidewell/enumeration/LocalFileEnumerator.h"
+#include "tests/tidewell/ChangesFixture.h"
 #include "tidewell/enumeration/LocalRootEnumerator.h"
 #include "tidewell/fs/DirectoryWalk.h"
-#include "tidewell/fs/FSChangeToken.h"
 
 namespace tidewell {
 namespace {
@@ -82,11 +76,10 @@ TEST_F(ListingTest, WalkEndsOnErrorsOfTheCallbackAndOfTheFirstRootOnly) {
     EXPECT_THAT(logged(LogLevel::Debug, "can't open directory at "), SizeIs(1));
 }
 
-TEST_F(ListingTest, PagesThatCannotBeTrustedExpire) {
-    tests::ScriptedHistory scripted;
-    history = &scripted;
-    restart();
-    fill("d", 450);
+using PageTokenTest = tests::ChangesFixture;
+
+TEST_F(PageTokenTest, PagesThatCannotBeTrustedExpire) {
+    for (int i = 0; i < 450; ++i) (void)file("d/" + std::to_string(i));
     LocalFileEnumerator enumerator("fid=1", {url("d")});
     const auto expires = [&](const QSFileProviderPage& page, const char* message) {
         log->clear();
@@ -121,7 +114,6 @@ TEST_F(ListingTest, PagesThatCannotBeTrustedExpire) {
     enumerator.invalidate();
     EXPECT_THAT(onePage(enumerator, dataFromString(QSFileProviderInitialPageSortedByDate))->items,
                 SizeIs(200));
-    installed.reset();
 }
 
 TEST_F(ListingTest, ContainersShowWhatTheyCover) {
