@@ -13,8 +13,10 @@
 
 namespace tests {
 
+using namespace platform;
+
 /// An item of few words; what a test does not name is absent.
-class ScriptedItem final : public platform::QSFileProviderItem {
+class ScriptedItem final : public QSFileProviderItem {
   public:
     ScriptedItem(std::string identifier, std::string type = "public.data")
         : identifier_(std::move(identifier)), type_(std::move(type)) {}
@@ -24,19 +26,19 @@ class ScriptedItem final : public platform::QSFileProviderItem {
     std::string filename() const override { return "name of " + identifier_; }
     std::string typeIdentifier() const override { return type_; }
     std::optional<std::uint64_t> documentSize() const override { return 7; }
-    std::optional<platform::QSDate> creationDate() const override { return {}; }
-    std::optional<platform::QSDate> contentModificationDate() const override { return {}; }
+    std::optional<QSDate> creationDate() const override { return {}; }
+    std::optional<QSDate> contentModificationDate() const override { return {}; }
     std::optional<std::uint16_t> childItemCount() const override { return {}; }
-    platform::QSFileProviderItemCapabilities capabilities() const override { return 5; }
-    std::optional<platform::QSData> versionIdentifier() const override { return {}; }
+    QSFileProviderItemCapabilities capabilities() const override { return 5; }
+    std::optional<QSData> versionIdentifier() const override { return {}; }
     bool isTrashed() const override { return false; }
-    std::optional<platform::QSDate> lastUsedDate() const override { return {}; }
-    std::optional<platform::QSData> tagData() const override { return {}; }
+    std::optional<QSDate> lastUsedDate() const override { return {}; }
+    std::optional<QSData> tagData() const override { return {}; }
     std::optional<std::uint64_t> favoriteRank() const override { return {}; }
     std::optional<std::int64_t> fileID() const override { return 12; }
     std::optional<std::int64_t> docID() const override { return {}; }
-    std::optional<platform::QSURL> fileURL() const override {
-        return platform::QSURL::fileURLWithPath("/presented/" + identifier_);
+    std::optional<QSURL> fileURL() const override {
+        return QSURL::fileURLWithPath("/presented/" + identifier_);
     }
     std::optional<std::string> qp_beaconDomainIdentifier() const override { return {}; }
     std::optional<std::string> qp_appContainerBundleIdentifier() const override { return {}; }
@@ -49,22 +51,22 @@ class ScriptedItem final : public platform::QSFileProviderItem {
 };
 
 struct ScriptedChanges {
-    std::vector<platform::ItemRef> updates = {};
+    std::vector<ItemRef> updates = {};
     std::vector<std::string> deletions = {};
     std::string anchor = {};  ///< the one after them
     bool moreComing = false;
-    std::optional<platform::QSError> failure = {};  ///< the end instead
+    std::optional<QSError> failure = {};  ///< the end instead
 };
 
 /// What one container holds and how its listing goes wrong. Pages hold two rows; all answers come
 /// from other threads.
 struct ScriptedContainer {
-    std::vector<platform::ItemRef> rows = {};
+    std::vector<ItemRef> rows = {};
     /// For each try in turn: the page (from 0) that is refused, with its items sent before. Tries
     /// beyond the list run through.
     std::vector<std::size_t> refusedPages = {};
     /// The answer to every page instead, where set.
-    std::optional<platform::QSError> failure = {};
+    std::optional<QSError> failure = {};
     /// By the anchor before them. Any other anchor has expired.
     std::map<std::string, ScriptedChanges> changes = {};
     std::optional<std::string> anchor = {};  ///< the present one
@@ -78,23 +80,21 @@ struct ScriptedContainer {
     std::string lastInitialPage = {};
 };
 
-class ScriptedEnumerator final : public platform::QSFileProviderEnumerator {
+class ScriptedEnumerator final : public QSFileProviderEnumerator {
   public:
     explicit ScriptedEnumerator(ScriptedContainer& container) : container_(container) {}
 
-    void enumerateItemsForObserver(
-        std::shared_ptr<platform::QSFileProviderEnumerationObserver> observer,
-        const platform::QSFileProviderPage& page) override {
+    void enumerateItemsForObserver(std::shared_ptr<QSFileProviderEnumerationObserver> observer,
+                                   const QSFileProviderPage& page) override {
         run([this, observer, page] { answer(*observer, page); });
     }
-    void enumerateChangesForObserver(
-        std::shared_ptr<platform::QSFileProviderChangeObserver> observer,
-        const platform::QSFileProviderSyncAnchor& since) override {
+    void enumerateChangesForObserver(std::shared_ptr<QSFileProviderChangeObserver> observer,
+                                     const QSFileProviderSyncAnchor& since) override {
         run([this, observer, since] { answerChanges(*observer, since); });
     }
     void currentSyncAnchorWithCompletionHandler(SyncAnchorHandler completionHandler) override {
         run([this, completionHandler] {
-            completionHandler(container_.anchor.transform(platform::dataFromString));
+            completionHandler(container_.anchor.transform(dataFromString));
         });
     }
     void start() override { container_.watches += std::exchange(isStarted_, true) ? 0 : 1; }
@@ -109,23 +109,22 @@ class ScriptedEnumerator final : public platform::QSFileProviderEnumerator {
         if (!container_.neverAnswers) threads_.emplace_back(std::move(work));
     }
 
-    void answerChanges(platform::QSFileProviderChangeObserver& observer,
-                       const platform::QSFileProviderSyncAnchor& since) {
-        const auto found = container_.changes.find(std::string(platform::stringFromData(since)));
+    void answerChanges(QSFileProviderChangeObserver& observer,
+                       const QSFileProviderSyncAnchor& since) {
+        const auto found = container_.changes.find(std::string(stringFromData(since)));
         if (found == container_.changes.end()) {
-            return observer.finishEnumeratingWithError(platform::syncAnchorExpiredError());
+            return observer.finishEnumeratingWithError(syncAnchorExpiredError());
         }
         const auto& told = found->second;
         observer.didUpdateItems(told.updates);
         observer.didDeleteItemsWithIdentifiers(told.deletions);
         if (told.failure) return observer.finishEnumeratingWithError(*told.failure);
-        observer.finishEnumeratingChangesUpToSyncAnchor(platform::dataFromString(told.anchor),
+        observer.finishEnumeratingChangesUpToSyncAnchor(dataFromString(told.anchor),
                                                         told.moreComing);
     }
 
-    void answer(platform::QSFileProviderEnumerationObserver& observer,
-                const platform::QSFileProviderPage& page) {
-        const std::string text(platform::stringFromData(page));
+    void answer(QSFileProviderEnumerationObserver& observer, const QSFileProviderPage& page) {
+        const std::string text(stringFromData(page));
         const bool isInitial = text.starts_with("initialPage");
         if (isInitial) {
             container_.lastInitialPage = text;
@@ -134,17 +133,17 @@ class ScriptedEnumerator final : public platform::QSFileProviderEnumerator {
         const std::size_t index = isInitial ? 0 : std::stoul(text);
         ++container_.pages;
         if (container_.failure) return observer.finishEnumeratingWithError(*container_.failure);
-        std::vector<platform::ItemRef> items;
+        std::vector<ItemRef> items;
         for (auto at = index * 2; at < container_.rows.size() && items.size() < 2; ++at) {
             items.push_back(container_.rows[at]);
         }
         observer.didEnumerateItems(items);
         const auto thisTry = container_.tries - 1;
         if (thisTry < container_.refusedPages.size() && container_.refusedPages[thisTry] == index) {
-            return observer.finishEnumeratingWithError(platform::syncAnchorExpiredError());
+            return observer.finishEnumeratingWithError(syncAnchorExpiredError());
         }
         if (items.size() < 2) return observer.finishEnumeratingUpToPage(std::nullopt);
-        observer.finishEnumeratingUpToPage(platform::dataFromString(std::to_string(index + 1)));
+        observer.finishEnumeratingUpToPage(dataFromString(std::to_string(index + 1)));
     }
 
     ScriptedContainer& container_;
@@ -153,40 +152,38 @@ class ScriptedEnumerator final : public platform::QSFileProviderEnumerator {
 };
 
 /// Answers from tables. What a table lacks does not exist.
-class ScriptedExtension final : public platform::QSFileProviderExtension {
+class ScriptedExtension final : public QSFileProviderExtension {
   public:
     std::map<std::string, ScriptedContainer> containers;
     std::map<std::string, std::string> identifiersByPath;  ///< presented paths
 
-    std::optional<platform::QSURL> URLForItemWithPersistentIdentifier(
+    std::optional<QSURL> URLForItemWithPersistentIdentifier(
         const std::string& identifier) override {
         for (const auto& [path, known] : identifiersByPath) {
-            if (known == identifier) return platform::QSURL::fileURLWithPath(path);
+            if (known == identifier) return QSURL::fileURLWithPath(path);
         }
         return {};
     }
-    std::optional<std::string> persistentIdentifierForItemAtURL(
-        const platform::QSURL& url) override {
+    std::optional<std::string> persistentIdentifierForItemAtURL(const QSURL& url) override {
         const auto found = identifiersByPath.find(url.path());
         return found == identifiersByPath.end() ? std::nullopt : std::optional(found->second);
     }
-    platform::Result<platform::ItemRef> itemForIdentifier(const std::string& identifier) override {
+    Result<ItemRef> itemForIdentifier(const std::string& identifier) override {
         return std::make_shared<ScriptedItem>(identifier);
     }
-    platform::Result<std::shared_ptr<platform::QSFileProviderEnumerator>>
-    enumeratorForContainerItemIdentifier(const std::string& identifier) override {
+    Result<std::shared_ptr<QSFileProviderEnumerator>> enumeratorForContainerItemIdentifier(
+        const std::string& identifier) override {
         const auto found = containers.find(identifier);
         if (found == containers.end()) {
-            return std::unexpected(
-                platform::fileProviderErrorForNonExistentItemWithIdentifier(identifier));
+            return std::unexpected(fileProviderErrorForNonExistentItemWithIdentifier(identifier));
         }
         ++found->second.enumeratorsMade;
         return std::make_shared<ScriptedEnumerator>(found->second);
     }
-    void providePlaceholderAtURL(const platform::QSURL&, CompletionHandler) override {}
-    void startProvidingItemAtURL(const platform::QSURL&, CompletionHandler) override {}
-    void stopProvidingItemAtURL(const platform::QSURL&) override {}
-    void itemChangedAtURL(const platform::QSURL&) override {}
+    void providePlaceholderAtURL(const QSURL&, CompletionHandler) override {}
+    void startProvidingItemAtURL(const QSURL&, CompletionHandler) override {}
+    void stopProvidingItemAtURL(const QSURL&) override {}
+    void itemChangedAtURL(const QSURL&) override {}
 };
 
 }  // namespace tests

@@ -12,6 +12,8 @@
 
 namespace tests {
 
+using namespace platform;
+
 /// A platform on a scratch folder, installed for one test, with its log in memory.
 class InstalledPlatform : public testing::Test {
   protected:
@@ -19,32 +21,32 @@ class InstalledPlatform : public testing::Test {
         scratch.makeFolder("storage");
         restart();
     }
-    ~InstalledPlatform() override { platform::installLog(nullptr, platform::LogLevel::Error); }
+    ~InstalledPlatform() override { installLog(nullptr, LogLevel::Error); }
 
     /// Ends the platform and starts it again on the same folders, as a new process would.
     void restart() {
         installed.reset();
-        log = std::make_shared<platform::MemorySink>();
-        platform::installLog(log, platform::LogLevel::Debug);
-        auto made = platform::Platform::make({.folders = {.storage = storage().string(),
-                                                          .data = scratch / "data",
-                                                          .state = scratch / "state",
-                                                          .cache = scratch / "cache",
-                                                          .config = scratch / "config",
-                                                          .applicationSupport = scratch / "apps"},
-                                              .followsAtStart = history == nullptr,
-                                              .applications = applications(),
-                                              .adjustRegistry = adjustRegistry,
-                                              .icons = icons,
-                                              .adjustVolume = adjustVolume,
-                                              .history = history});
+        log = std::make_shared<MemorySink>();
+        installLog(log, LogLevel::Debug);
+        auto made = Platform::make({.folders = {.storage = storage().string(),
+                                                .data = scratch / "data",
+                                                .state = scratch / "state",
+                                                .cache = scratch / "cache",
+                                                .config = scratch / "config",
+                                                .applicationSupport = scratch / "apps"},
+                                    .followsAtStart = history == nullptr,
+                                    .applications = applications(),
+                                    .adjustRegistry = adjustRegistry,
+                                    .icons = icons,
+                                    .adjustVolume = adjustVolume,
+                                    .history = history});
         ASSERT_TRUE(made) << made.error().description();
         installed = std::move(*made);
         installed->install();
     }
 
     /// Only what is below the scratch folder.
-    [[nodiscard]] platform::RegistrySources applications() const {
+    [[nodiscard]] RegistrySources applications() const {
         return {.dataHome = scratch / "share",
                 .dataFolders = {scratch / "system/share"},
                 .flatpakUser = scratch / "share/flatpak",
@@ -64,13 +66,13 @@ class InstalledPlatform : public testing::Test {
             "[Desktop Entry]\nType=Application\nName=" + name + "\n" + std::string(lines));
     }
     /// An application with a library; its container need not have the name of the identifier.
-    [[nodiscard]] platform::BundleRef bundle(const std::string& identifier,
-                                             const std::string& container = {}) const {
+    [[nodiscard]] BundleRef bundle(const std::string& identifier,
+                                   const std::string& container = {}) const {
         const auto& folder = container.empty() ? identifier : container;
-        return std::make_shared<const platform::QLBundleProxy>(platform::QLBundleProxy{
+        return std::make_shared<const QLBundleProxy>(QLBundleProxy{
             .bundleIdentifier = identifier,
-            .dataContainerURL = platform::QSURL::fileURLWithPath(
-                std::string(platform::presentedContainersPath) + "/" + identifier),
+            .dataContainerURL =
+                QSURL::fileURLWithPath(std::string(presentedContainersPath) + "/" + identifier),
             .displayName = "Name of " + identifier,
             .dataContainerPath =
                 scratch.makeFolder("containers/" + folder + "/Documents").parent_path()});
@@ -83,14 +85,12 @@ class InstalledPlatform : public testing::Test {
         return scratch.makeFolder("storage/" + name);
     }
     /// The presented URL of a path below the storage, with nothing kept yet.
-    [[nodiscard]] platform::QSURL url(const std::string& below = {}) const {
-        return platform::QSURL::fileURLWithPath(std::string(platform::presentedStoragePath) + "/" +
-                                                below);
+    [[nodiscard]] QSURL url(const std::string& below = {}) const {
+        return QSURL::fileURLWithPath(std::string(presentedStoragePath) + "/" + below);
     }
 
     /// Messages of that level that hold `part`.
-    [[nodiscard]] std::vector<std::string> logged(platform::LogLevel level,
-                                                  std::string_view part) const {
+    [[nodiscard]] std::vector<std::string> logged(LogLevel level, std::string_view part) const {
         std::vector<std::string> found;
         for (const auto& record : log->records()) {
             if (record.level == level && record.message.find(part) != std::string::npos) {
@@ -102,13 +102,13 @@ class InstalledPlatform : public testing::Test {
 
     /// Takes effect with the next restart; null is the volume's own. With another one the index
     /// learns of places only from what asks for identifiers.
-    platform::EventHistory* history = nullptr;
-    std::function<void(platform::VolumeService::Configuration&)> adjustVolume;
-    std::shared_ptr<const platform::IconLibrary> icons;
-    std::function<void(platform::QLApplicationWorkspace::Configuration&)> adjustRegistry;
+    EventHistory* history = nullptr;
+    std::function<void(VolumeService::Configuration&)> adjustVolume;
+    std::shared_ptr<const IconLibrary> icons;
+    std::function<void(QLApplicationWorkspace::Configuration&)> adjustRegistry;
     ScratchFolder scratch;
-    std::shared_ptr<platform::MemorySink> log;
-    std::unique_ptr<platform::Platform> installed;
+    std::shared_ptr<MemorySink> log;
+    std::unique_ptr<Platform> installed;
 };
 
 }  // namespace tests

@@ -14,9 +14,7 @@
 
 namespace tests {
 
-using platform::ItemRef;
-using platform::QSError;
-using platform::Result;
+using namespace platform;
 namespace fs = std::filesystem;
 
 /// Paths relative to the folder, hidden ones too.
@@ -59,12 +57,11 @@ class MutationsFixture : public InstalledPlatform {
     }
     void end() {
         provider.reset();
-        platform::mainQueue().sync([] {});
+        mainQueue().sync([] {});
     }
 
-    static platform::QSURL libraryURL(const std::string& below = {}) {
-        return platform::QSURL::fileURLWithPath(
-            "/private/var/tidewell/Containers/org.a/Documents/" + below);
+    static QSURL libraryURL(const std::string& below = {}) {
+        return QSURL::fileURLWithPath("/private/var/tidewell/Containers/org.a/Documents/" + below);
     }
     fs::path library() const { return scratch / "containers/org.a/Documents"; }
 
@@ -75,7 +72,7 @@ class MutationsFixture : public InstalledPlatform {
         return provider->persistentIdentifierForItemAtURL(libraryURL(below)).value_or("none");
     }
     /// The item's URL; "gone" below the root where there is none.
-    platform::QSURL place(const std::string& identifier) {
+    QSURL place(const std::string& identifier) {
         return provider->URLForItemWithPersistentIdentifier(identifier).value_or(url("gone"));
     }
 

@@ -5,7 +5,6 @@
 namespace tests {
 namespace {
 
-using namespace platform;
 using testing::IsEmpty;
 using testing::SizeIs;
 namespace fs = std::filesystem;

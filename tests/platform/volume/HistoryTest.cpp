@@ -11,7 +11,6 @@
 namespace tests {
 namespace {
 
-using namespace platform;
 using namespace std::chrono_literals;
 using testing::Contains;
 using testing::HasSubstr;

@@ -7,7 +7,6 @@
 namespace tests {
 namespace {
 
-using namespace platform;
 using testing::AllOf;
 using testing::Contains;
 using testing::Each;

@@ -12,7 +12,6 @@
 namespace tests {
 namespace {
 
-using namespace platform;
 using namespace std::string_view_literals;
 namespace fs = std::filesystem;
 

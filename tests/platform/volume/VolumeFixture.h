@@ -13,27 +13,26 @@
 
 namespace tests {
 
+using namespace platform;
+
 /// A storage with a volume service on a scratch folder; the store's folder and the witness's are
 /// beside it, so that a test can damage either.
 class VolumeFixture : public testing::Test {
   protected:
-    using Identity = platform::VolumeService::Identity;
+    using Identity = VolumeService::Identity;
 
     VolumeFixture() { openFiles(); }
 
-    void openFiles() {
-        files = platform::FileSystem::open(scratch.makeFolder("storage").string()).value();
-    }
-    platform::Result<std::unique_ptr<platform::VolumeService>> tryOpen() {
-        platform::VolumeService::Configuration configuration{
-            .files = *files,
-            .dataFolder = (scratch / "data").string(),
-            .stateFolder = (scratch / "state").string(),
-            .followsAtStart = follows};
+    void openFiles() { files = FileSystem::open(scratch.makeFolder("storage").string()).value(); }
+    Result<std::unique_ptr<VolumeService>> tryOpen() {
+        VolumeService::Configuration configuration{.files = *files,
+                                                   .dataFolder = (scratch / "data").string(),
+                                                   .stateFolder = (scratch / "state").string(),
+                                                   .followsAtStart = follows};
         using std::chrono::milliseconds;
         configuration.windows = {milliseconds(5), milliseconds(40), milliseconds(200)};
         if (adjust) adjust(configuration);
-        return platform::VolumeService::open(std::move(configuration));
+        return VolumeService::open(std::move(configuration));
     }
     /// Opens the service anew, after the one before has closed.
     void open() {
@@ -43,20 +42,18 @@ class VolumeFixture : public testing::Test {
         service = std::move(*opened);
     }
 
-    platform::QSURL url(std::string_view path,
-                        std::string_view root = platform::presentedStoragePath) const {
-        return platform::QSURL::fileURLWithPath(std::string(root) + "/" + std::string(path));
+    QSURL url(std::string_view path, std::string_view root = presentedStoragePath) const {
+        return QSURL::fileURLWithPath(std::string(root) + "/" + std::string(path));
     }
-    std::shared_ptr<const platform::FileAttributes> attributes(
-        std::string_view path, std::string_view root = platform::presentedStoragePath) const {
+    std::shared_ptr<const FileAttributes> attributes(
+        std::string_view path, std::string_view root = presentedStoragePath) const {
         return files->freshAttributes(url(path, root)).value();
     }
     /// Identifies the objects at these paths together, with document IDs for all but folders.
-    std::vector<Identity> identifyAll(
-        const std::vector<std::string>& paths,
-        std::string_view root = platform::presentedStoragePath) const {
-        std::vector<std::shared_ptr<const platform::FileAttributes>> objects;
-        std::vector<platform::VolumeService::IdentityRequest> requests;
+    std::vector<Identity> identifyAll(const std::vector<std::string>& paths,
+                                      std::string_view root = presentedStoragePath) const {
+        std::vector<std::shared_ptr<const FileAttributes>> objects;
+        std::vector<VolumeService::IdentityRequest> requests;
         for (const std::string_view path : paths) {
             objects.push_back(attributes(path, root));
             requests.push_back({.object = objects.back().get(),
@@ -69,25 +66,24 @@ class VolumeFixture : public testing::Test {
         for (const auto& request : requests) identities.push_back(request.result);
         return identities;
     }
-    Identity identify(std::string_view path,
-                      std::string_view root = platform::presentedStoragePath) const {
+    Identity identify(std::string_view path, std::string_view root = presentedStoragePath) const {
         return identifyAll({std::string(path)}, root).front();
     }
     /// The path below the storage where the file ID resolves to, or the error's code.
     std::string resolve(std::uint64_t fileID) const {
         const auto found = service->URLForFileID(fileID);
         if (!found) return std::to_string(found.error().code);
-        const auto root = platform::presentedStoragePath.size();
+        const auto root = presentedStoragePath.size();
         return found->path().size() > root ? found->path().substr(root + 1) : ".";
     }
     std::filesystem::path native(std::string_view path) const { return scratch / "storage" / path; }
     void makeFile(std::string_view path) const { scratch.makeFile("storage/" + std::string(path)); }
 
     ScratchFolder scratch;
-    std::unique_ptr<platform::FileSystem> files;
-    std::function<void(platform::VolumeService::Configuration&)> adjust;
+    std::unique_ptr<FileSystem> files;
+    std::function<void(VolumeService::Configuration&)> adjust;
     bool follows = false;
-    std::unique_ptr<platform::VolumeService> service;
+    std::unique_ptr<VolumeService> service;
 };
 
 }  // namespace tests
