@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <ranges>
 
 #include "platform/fileprovider/QSFileProviderError.h"

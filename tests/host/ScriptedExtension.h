@@ -1,12 +1,8 @@
 #pragma once
 
 #include <map>
-#include <memory>
-#include <optional>
-#include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/fileprovider/QSFileProviderExtension.h"

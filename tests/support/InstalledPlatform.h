@@ -2,10 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "platform/fileprovider/Platform.h"
 #include "platform/log/Log.h"
 #include "tests/support/ScratchFolder.h"

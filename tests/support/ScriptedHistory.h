@@ -2,9 +2,7 @@
 
 #include <cerrno>
 #include <map>
-#include <memory>
 #include <mutex>
-#include <vector>
 
 #include "platform/volume/EventHistory.h"
 

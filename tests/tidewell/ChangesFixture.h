@@ -1,7 +1,5 @@
 #pragma once
 
-#include <chrono>
-
 #include "platform/fileprovider/URLOperations.h"
 #include "tests/support/InstalledPlatform.h"
 #include "tests/support/ScriptedHistory.h"

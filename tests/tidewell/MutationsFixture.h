@@ -1,12 +1,8 @@
 #pragma once
 
-#include <filesystem>
 #include <future>
-#include <optional>
 #include <set>
-#include <string>
 
-#include "platform/dispatch/Queue.h"
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "tests/support/InstalledPlatform.h"
 #include "tidewell/applibraries/TWPAppLibraryManager.h"

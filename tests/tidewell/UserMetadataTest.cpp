@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 
 #include "platform/fileprovider/QPTag.h"
-#include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/foundation/QSKeyedArchiver.h"
 #include "tests/tidewell/MutationsFixture.h"
 #include "tidewell/items/LocalItem.h"

@@ -1,11 +1,8 @@
 #pragma once
 
-#include <cstdint>
 #include <iomanip>
 #include <sstream>
 #include <string>
-#include <string_view>
-#include <vector>
 
 #include "platform/foundation/QSData.h"
 

@@ -1,8 +1,6 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-
 #include "platform/icons/IconLibrary.h"
 #include "tests/support/Pictures.h"
 #include "tests/support/ScratchFolder.h"

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <set>
 
 #include "tests/platform/volume/VolumeFixture.h"

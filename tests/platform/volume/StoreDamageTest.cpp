@@ -4,7 +4,6 @@
 #include <csignal>
 #include <map>
 #include <random>
-#include <vector>
 
 #include "platform/volume/IdentityStore.h"
 #include "tests/platform/volume/VolumeFixture.h"

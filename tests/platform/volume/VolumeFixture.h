@@ -2,12 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <memory>
-#include <string>
-#include <string_view>
-
-#include "platform/files/Folder.h"
 #include "platform/volume/VolumeService.h"
 #include "tests/support/ScratchFolder.h"
 
