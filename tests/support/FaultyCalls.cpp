@@ -75,11 +75,12 @@ bool fails(const char* call, int folder, const char* path = nullptr, int from = 
         static const auto real = reinterpret_cast<Result(*) parameters>(dlsym(RTLD_NEXT, #call)); \
         return fails(#call, __VA_ARGS__) ? -1 : real arguments;                                   \
     }
+#define FAULTY_64(Result, call, ...)  \
+    FAULTY(Result, call, __VA_ARGS__) \
+    FAULTY(Result, call##64, __VA_ARGS__)
 
-FAULTY(int, open, (const char* p, int flags, mode_t mode), (p, flags, mode),
-       (flags & O_CREAT) != 0 ? AT_FDCWD : nowhere, (flags & O_CREAT) != 0 ? p : nullptr)
-FAULTY(int, open64, (const char* p, int flags, mode_t mode), (p, flags, mode),
-       (flags & O_CREAT) != 0 ? AT_FDCWD : nowhere, (flags & O_CREAT) != 0 ? p : nullptr)
+FAULTY_64(int, open, (const char* p, int flags, mode_t mode), (p, flags, mode),
+          (flags & O_CREAT) != 0 ? AT_FDCWD : nowhere, (flags & O_CREAT) != 0 ? p : nullptr)
 FAULTY(int, openat, (int at, const char* p, int flags, mode_t mode), (at, p, flags, mode),
        (flags & O_CREAT) != 0 ? at : nowhere, (flags & O_CREAT) != 0 ? p : nullptr)
 FAULTY(int, mkdir, (const char* p, mode_t mode), (p, mode), AT_FDCWD, p)
@@ -91,17 +92,14 @@ FAULTY(int, renameat2, (int from, const char* name, int at, const char* p, unsig
        (from, name, at, p, flags), at, p, from)
 FAULTY(int, unlink, (const char* p), (p), AT_FDCWD, p)
 FAULTY(int, unlinkat, (int at, const char* p, int flags), (at, p, flags), at, p)
-FAULTY(ssize_t, pwrite, (int fd, const void* data, std::size_t size, off_t to),
-       (fd, data, size, to), fd)
-FAULTY(ssize_t, pwrite64, (int fd, const void* data, std::size_t size, off_t to),
-       (fd, data, size, to), fd)
+FAULTY_64(ssize_t, pwrite, (int fd, const void* data, std::size_t size, off_t to),
+          (fd, data, size, to), fd)
 FAULTY(ssize_t, copy_file_range,
        (int from, off_t* begin, int to, off_t* at, std::size_t size, unsigned flags),
        (from, begin, to, at, size, flags), to)
 FAULTY(int, ioctl, (int fd, unsigned long what, void* argument), (fd, what, argument),
        what == FICLONE ? fd : nowhere)
-FAULTY(int, ftruncate, (int fd, off_t size), (fd, size), fd)
-FAULTY(int, ftruncate64, (int fd, off_t size), (fd, size), fd)
+FAULTY_64(int, ftruncate, (int fd, off_t size), (fd, size), fd)
 FAULTY(int, fchmod, (int fd, mode_t mode), (fd, mode), fd)
 FAULTY(int, futimens, (int fd, const timespec* times), (fd, times), fd)
 FAULTY(int, utimensat, (int at, const char* p, const timespec* times, int flags),
