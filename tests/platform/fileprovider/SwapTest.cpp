@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cstdlib>
 #include <mutex>
 #include <thread>
 
@@ -22,10 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-int tries() {
-    const char* wanted = std::getenv("TIDEWELL_SWAP_TRIES");
-    return wanted ? std::atoi(wanted) : 20'000;
-}
+constexpr int tries = 20'000;
 
 struct stat statusOf(int fd) {
     struct stat status {};
@@ -106,7 +102,7 @@ TEST_P(SwapTest, TheOtherDocumentIsNeverHarmed) {
             std::this_thread::yield();
         }
     });
-    for (int i = 0; i < tries(); ++i) {
+    for (int i = 0; i < tries; ++i) {
         const auto document = url("in/sub/doc");
         ino_t meant = 0;
         {
@@ -164,7 +160,7 @@ TEST_P(LinkSwapTest, AFolderThatBecomesALinkLeadsNowhere) {
             renameat2(AT_FDCWD, name.c_str(), AT_FDCWD, link.c_str(), RENAME_EXCHANGE);
         }
     });
-    for (int i = 0; i < tries(); ++i) {
+    for (int i = 0; i < tries; ++i) {
         close(openat(in.get(), "doc", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
         const auto read = files->openObject(url("in/sub/doc"), O_RDONLY);
         ASSERT_TRUE(!read || statusOf(read->get()).st_ino != secret().st_ino) << i;
