@@ -5,15 +5,12 @@
 namespace tests {
 namespace {
 
-using testing::IsEmpty;
 using testing::SizeIs;
 namespace fs = std::filesystem;
 
 class AppContainersTest : public InstalledPlatform {
   protected:
-    AppContainersTest() {
-        for (const auto* identifier : {"org.a", "org.b"}) (void)makeNote(identifier);
-    }
+    AppContainersTest() { (void)makeNote("org.a"); }
     fs::path makeNote(const std::string& identifier) const {
         return scratch.makeFile("containers/" + identifier + "/Documents/note");
     }
@@ -24,23 +21,6 @@ class AppContainersTest : public InstalledPlatform {
     }
     std::size_t roots() const { return installed->volume().statistics().roots.size(); }
 };
-
-TEST_F(AppContainersTest, LetsInExactlyThoseThatAreNamed) {
-    const std::vector both{bundle("org.a"), bundle("org.b")};
-    EXPECT_THAT(installed->containers().show(both), IsEmpty());
-    EXPECT_TRUE(isShown("org.a") && isShown("org.b"));
-    EXPECT_EQ(roots(), 3U);
-    // Those of the last run too, though nobody has named them.
-    restart();
-    EXPECT_EQ(installed->volume().formerRoots().size(), 2U);
-    EXPECT_THAT(installed->containers().show(std::span(both).last(1)), IsEmpty());
-    EXPECT_FALSE(isShown("org.a"));
-    EXPECT_TRUE(fs::exists(scratch / "containers/org.a/Documents/note"));
-    EXPECT_EQ(roots(), 2U);
-    EXPECT_THAT(installed->volume().formerRoots(), IsEmpty());
-    EXPECT_THAT(installed->containers().show({}), IsEmpty());
-    EXPECT_EQ(roots(), 1U);
-}
 
 TEST_F(AppContainersTest, WhatIsNoContainerOfThisVolumeIsRefusedAndLookedForAgain) {
     const auto code = [&](const fs::path& path) {
@@ -75,6 +55,9 @@ TEST_F(AppContainersTest, WhatIsNoContainerOfThisVolumeIsRefusedAndLookedForAgai
     installed->containers().lookAgain();
     EXPECT_TRUE(isShown("org.a"));
     EXPECT_EQ(roots(), 3U);
+    EXPECT_THAT(installed->containers().show({}), testing::IsEmpty());
+    EXPECT_FALSE(isShown("org.a"));
+    EXPECT_EQ(roots(), 1U);
 }
 
 }  // namespace
