@@ -154,6 +154,8 @@ Result<std::shared_ptr<FileAttributes>> readAttributes(int directory, const char
 
     attributes->identity.generation = handleFingerprint(directory, name);
     if (attributes->identity.generation == 0) {
+        // It went after the first call. Another identity would be made up.
+        if (errno == ENOENT || errno == ESTALE) return std::unexpected(errorFromErrno(ENOENT));
         attributes->identity.generation = birthTimeFingerprint(status);
         attributes->identityIsWeak = true;
     }

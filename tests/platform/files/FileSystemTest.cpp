@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <thread>
 
 #include "platform/files/ExtendedAttributes.h"
 #include "tests/support/ScratchFolder.h"
@@ -83,6 +84,21 @@ TEST_F(FileSystemTest, AccessIsWhatTheKernelSays) {
         }
     }
     chmod((storage / "d").c_str(), 0700);
+}
+
+TEST_F(FileSystemTest, WhatGoesWhileItIsReadGetsNoOtherIdentity) {
+    const auto path = scratch.makeFile("elsewhere/Dokumente/a");
+    const bool isWeak = files->attributes(url("a")).value()->identityIsWeak;
+    const std::jthread other([&](const std::stop_token& stop) {
+        while (!stop.stop_requested()) {
+            std::filesystem::remove(path);
+            scratch.makeFile("elsewhere/Dokumente/a");
+        }
+    });
+    for (int i = 0; i < 50'000; ++i) {
+        const auto attributes = files->freshAttributes(url("a"));
+        ASSERT_EQ(attributes ? (*attributes)->identityIsWeak : isWeak, isWeak);
+    }
 }
 
 TEST_F(FileSystemTest, ExtendedAttributesReadWriteAndAbsence) {
