@@ -118,17 +118,19 @@ std::optional<QSURL> VolumeService::State::locate(std::uint64_t fileID) const {
     return std::nullopt;
 }
 
+std::optional<QSURL> VolumeService::State::placeOf(const IdentityRequest& request) const {
+    if (!hasPlace(request)) return std::nullopt;
+    const std::shared_lock lock(indexMutex);
+    const auto number = index.findInode(request.object->parentInode);
+    const auto folder = number == ObjectIndex::none ? std::nullopt : urlOf(number);
+    if (!folder) return std::nullopt;
+    return folder->URLByAppendingPathComponent(request.name);
+}
+
 bool VolumeService::State::isThere(const IdentityRequest& request) const {
-    if (!hasPlace(request)) return true;
-    std::optional<QSURL> folder;
-    {
-        const std::shared_lock lock(indexMutex);
-        const auto number = index.findInode(request.object->parentInode);
-        if (number != ObjectIndex::none) folder = urlOf(number);
-    }
-    if (!folder) return true;
-    const auto now =
-        configuration.files.freshAttributes(folder->URLByAppendingPathComponent(request.name));
+    const auto place = placeOf(request);
+    if (!place) return true;
+    const auto now = configuration.files.freshAttributes(*place);
     return now && (*now)->identity == request.object->identity;
 }
 
@@ -352,14 +354,14 @@ Result<void> VolumeService::State::allocate(std::span<IdentityRequest> requests)
         results.push_back(*settled);
         // The object that had the number has gone unseen.
         if (before.fileID != 0 && before.fileID != entry.row.fileID) {
-            noteReplaced(before, events);
+            noteReplaced(before, request, events);
         }
         // It had gone before it was asked for. Whoever is about to show it has to hear that.
         if (settled->fileID != entry.row.fileID) {
             auto gone = entry.row;
             gone.fileID = settled->fileID;
             gone.documentID = settled->documentID;
-            noteReplaced(gone, events);
+            noteReplaced(gone, request, events);
         }
     }
     const bool tells = !events.empty();
@@ -389,23 +391,17 @@ void VolumeService::State::captureMetadata(std::span<const IdentityRequest> requ
             return object.hasAttribute(storedAttributeName(name));
         });
         if (!hasAny || !request.wantsDocumentID) continue;
-        std::optional<QSURL> folder;
-        {
-            const std::shared_lock lock(indexMutex);
-            const auto number = index.findInode(object.parentInode);
-            if (number != ObjectIndex::none) folder = urlOf(number);
-        }
-        if (!folder) continue;
+        const auto place = placeOf(request);
+        if (!place) continue;
         auto read =
-            readMetadata(configuration.files, folder->URLByAppendingPathComponent(request.name),
-                         object.identity, configuration.metadataNames);
+            readMetadata(configuration.files, *place, object.identity, configuration.metadataNames);
         if (!read) continue;
         const std::unique_lock lock(indexMutex);
         index.setMetadata(index.ensure(object.identity.inode), std::move(*read));
     }
 }
 
-void VolumeService::State::noteReplaced(const ObjectRow& gone,
+void VolumeService::State::noteReplaced(const ObjectRow& gone, const IdentityRequest& request,
                                         std::vector<EventRecord>& events) const {
     EventRecord& record = events.emplace_back();
     record.event.flags = fsEventRemoved;
@@ -414,10 +410,15 @@ void VolumeService::State::noteReplaced(const ObjectRow& gone,
     record.event.identifierKind =
         gone.documentID != 0 ? IdentifierKind::Document : IdentifierKind::File;
     record.time = std::time(nullptr);
-    const std::shared_lock lock(indexMutex);
-    const auto number = index.findInode(gone.inode);
-    auto urls = number == ObjectIndex::none ? std::vector<QSURL>() : urlsOf(number);
-    record.event.path = urls.empty() ? roots.front().url.path() : urls.front().path();
+    std::optional<QSURL> place;
+    {
+        const std::shared_lock lock(indexMutex);
+        const auto number = index.findFileID(gone.fileID);
+        if (number != ObjectIndex::none) place = urlOf(number);
+    }
+    // Where it is about to be shown, though it has gone.
+    if (!place) place = placeOf(request);
+    record.event.path = (place ? *place : configuration.files.storageURL()).path();
 }
 
 void VolumeService::State::publish(const std::unordered_map<std::uint64_t, StagedRow>& staged) {

@@ -43,6 +43,8 @@ struct VolumeService::State {
     [[nodiscard]] std::optional<QSURL> urlOf(ObjectIndex::NodeNumber number) const;
     /// All its places, the same way.
     [[nodiscard]] std::vector<QSURL> urlsOf(ObjectIndex::NodeNumber number) const;
+    /// Where the object of the request was seen; none where that cannot be told.
+    [[nodiscard]] std::optional<QSURL> placeOf(const IdentityRequest& request) const;
     /// Whether the object of the request is still where it was seen. True where that cannot be
     /// told.
     [[nodiscard]] bool isThere(const IdentityRequest& request) const;
@@ -64,7 +66,8 @@ struct VolumeService::State {
 
     /// Remembers what user metadata documents had when they got their IDs.
     void captureMetadata(std::span<const IdentityRequest> requests);
-    void noteReplaced(const ObjectRow& gone, std::vector<EventRecord>& events) const;
+    void noteReplaced(const ObjectRow& gone, const IdentityRequest& request,
+                      std::vector<EventRecord>& events) const;
 
     /// The file ID for an object whose inode number was never handed out. REQUIRES: storeMutex.
     [[nodiscard]] Result<std::uint64_t> newFileID(std::uint64_t inode);

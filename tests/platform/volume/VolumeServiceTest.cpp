@@ -51,16 +51,17 @@ TEST_F(VolumeServiceTest, AnObjectSeenTooLateDoesNotTakeItsSuccessorsIdentity) {
     ASSERT_EQ(attributes("a")->identity.inode, stale->identity.inode);
     const auto successor = identify("a");
     VolumeService::IdentityRequest request{
-        .object = stale.get(), .name = "a", .wantsDocumentID = true, .result = {}};
+        .object = stale.get(), .name = "former", .wantsDocumentID = true, .result = {}};
     const auto before = service->currentEventID();
     ASSERT_TRUE(service->identify({&request, 1}));
     EXPECT_NE(request.result.fileID, successor.fileID);
     EXPECT_NE(request.result.documentID, successor.documentID);
     EXPECT_EQ(identify("a").documentID, successor.documentID);
-    // Who lists it now hears that it has gone.
+    // Who lists it there now hears that it has gone.
     const auto events = service->eventsAfter(before, service->currentEventID(), 100).value();
     EXPECT_TRUE(std::ranges::any_of(events, [&](const FSEvent& event) {
-        return event.flags == fsEventRemoved && event.documentID == request.result.documentID;
+        return event.flags == fsEventRemoved && event.path.ends_with("/former") &&
+               event.documentID == request.result.documentID;
     }));
 }
 
