@@ -69,7 +69,13 @@ void DeedLog::add(Deed deed) {
                          deed.call + (deed.error ? "  # " : "") +
                          (deed.error ? std::strerror(deed.error) : ""));
     }
+    deed.isDuringLook = isLooking_;
     deeds_.push_back(std::move(deed));
+}
+
+void DeedLog::setLooking(bool isLooking) {
+    const std::scoped_lock lock(mutex_);
+    isLooking_ = isLooking;
 }
 
 bool DeedLog::hasJustCome(const std::string& place) const {

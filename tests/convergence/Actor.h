@@ -30,6 +30,7 @@ struct Deed {
     std::size_t operation = 0;  ///< that the call is a part of, counted over the whole run
     std::string call;
     int error = 0;  ///< errno; 0 where it succeeded
+    bool isDuringLook = false;
 
     /// An object that came to a place, or may have where another actor meddled.
     struct Sighting {
@@ -45,6 +46,8 @@ struct Deed {
 class DeedLog {
   public:
     void add(Deed deed);
+    /// Whether a client looks at the moment, which what is added meanwhile says.
+    void setLooking(bool isLooking);
     /// Everything since the last call.
     [[nodiscard]] std::vector<Deed> take();
     /// Whether something got that name since.
@@ -54,6 +57,7 @@ class DeedLog {
 
   private:
     mutable std::mutex mutex_;
+    bool isLooking_ = false;          // guarded
     std::vector<Deed> deeds_;         // guarded
     std::vector<std::string> lines_;  // guarded
 };

@@ -210,12 +210,14 @@ class Run {
             logDeed("time passes");
         }
         if (looks_ && below(random, 6) == 0) {
+            log_.setLooking(true);
             logDeed("look");
             if (below(random, 2) == 0) {
                 letThirdRun(random);
             } else if (product_.isSignalled()) {
                 replicas_[0].pull(product_.service());
             }
+            log_.setLooking(false);
         }
         if (happens(faultRestarts, 100)) stop();
         for (const auto& replica : replicas_) note(replica.failure());

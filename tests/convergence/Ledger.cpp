@@ -127,7 +127,7 @@ std::string Ledger::checkSave(const Deed& save) {
     const auto last = std::find_if(deeds.rbegin(), deeds.rend(), isOwn).base();
     std::string place;
     for (auto deed = first; deed != (now_.isToldLate ? deeds.end() : last); ++deed) {
-        if (deed->actor > 1 || deed->call.contains("own ") ||
+        if (deed->actor > 1 || deed->isDuringLook || deed->call.contains("own ") ||
             (isOwn(*deed) && deed->error && deed->call[0] != '?'))
             return {};
         for (const auto& seen : deed->sightings) {
