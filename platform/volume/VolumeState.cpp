@@ -19,11 +19,10 @@ bool hasPlace(const VolumeService::IdentityRequest& request) {
 }
 
 /// Gives the row the identity of an object that it had none for, or was another one's.
-Result<void> renewIdentity(ObjectRow& row, const ObjectIdentity& seen, bool freshOnly,
+Result<void> renewIdentity(ObjectRow& row, const ObjectIdentity& seen, bool needsFresh,
                            IdentityStore& store) {
     // A row that has a file ID is of another object: the number is used up for this one.
-    const bool needsFresh =
-        freshOnly || row.fileID != 0 || row.inode == 0 || row.inode >= firstFreshFileID;
+    needsFresh |= row.fileID != 0 || row.inode == 0 || row.inode >= firstFreshFileID;
     row.fileID = row.inode;
     row.generation = seen.generation;
     row.documentID = 0;
@@ -130,8 +129,18 @@ std::optional<QSURL> VolumeService::State::placeOf(const IdentityRequest& reques
 bool VolumeService::State::isThere(const IdentityRequest& request) const {
     const auto place = placeOf(request);
     if (!place) return true;
-    const auto now = configuration.files.freshAttributes(*place);
-    return now && (*now)->identity == request.object->identity;
+    const auto isAt = [&](const QSURL& url) {
+        const auto now = configuration.files.freshAttributes(url);
+        return now && (*now)->identity == request.object->identity;
+    };
+    if (isAt(*place)) return true;
+    std::optional<QSURL> indexed;
+    {
+        const std::shared_lock lock(indexMutex);
+        const auto number = index.findInode(request.object->identity.inode);
+        if (number != ObjectIndex::none) indexed = urlOf(number);
+    }
+    return indexed && isAt(*indexed);
 }
 
 bool VolumeService::State::answerFromIndex(std::span<IdentityRequest> requests) const {
@@ -303,11 +312,14 @@ Result<VolumeService::Identity> VolumeService::State::settle(const IdentityReque
     const bool isKnown = staged.row.fileID != 0 && staged.row.generation == seen.generation;
     // Of two objects that had the number, the one whose attributes are older may be asked for last;
     // it is gone, and must not take the row from its successor.
-    const bool isGone = !isKnown && staged.row.fileID != 0 && !isThere(request);
+    const bool isOther = staged.row.generation != seen.generation &&
+                         (staged.row.fileID != 0 ||
+                          (staged.row.stamp != 0 && staged.row.stamp != stampOf(*request.object)));
+    const bool isGone = isOther && !isThere(request);
     ObjectRow passing = staged.row;
     auto& row = isGone ? passing : staged.row;
     if (!isKnown) {
-        if (auto done = renewIdentity(row, seen, freshOnly, *store); !done) {
+        if (auto done = renewIdentity(row, seen, freshOnly || isGone, *store); !done) {
             return std::unexpected(std::move(done.error()));
         }
     }

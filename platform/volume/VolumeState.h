@@ -45,8 +45,8 @@ struct VolumeService::State {
     [[nodiscard]] std::vector<QSURL> urlsOf(ObjectIndex::NodeNumber number) const;
     /// Where the object of the request was seen; none where that cannot be told.
     [[nodiscard]] std::optional<QSURL> placeOf(const IdentityRequest& request) const;
-    /// Whether the object of the request is still where it was seen. True where that cannot be
-    /// told.
+    /// Whether the object of the request is still where it was seen, or where the index has what
+    /// has its number. True where that cannot be told.
     [[nodiscard]] bool isThere(const IdentityRequest& request) const;
     /// Answers from the index alone; false where a request has to be allocated first.
     [[nodiscard]] bool answerFromIndex(std::span<IdentityRequest> requests) const;
