@@ -160,6 +160,12 @@ std::vector<QSURL> VolumeService::placesOfFileID(std::uint64_t fileID) const {
     return number == ObjectIndex::none ? std::vector<QSURL>{} : state_->urlsOf(number);
 }
 
+std::optional<QSURL> VolumeService::placeOfInode(std::uint64_t inode) const {
+    const std::shared_lock lock(state_->indexMutex);
+    const auto number = state_->index.findInode(inode);
+    return number == ObjectIndex::none ? std::nullopt : state_->urlOf(number);
+}
+
 std::vector<QSURL> VolumeService::placesOfDocumentID(std::uint32_t documentID) const {
     const std::shared_lock lock(state_->indexMutex);
     const auto number = state_->index.findDocumentID(documentID);

@@ -104,6 +104,8 @@ class VolumeService final : public EventHistory {
     /// the disk. Empty where it is not known or has gone.
     [[nodiscard]] std::vector<QSURL> placesOfFileID(std::uint64_t fileID) const;
     [[nodiscard]] std::vector<QSURL> placesOfDocumentID(std::uint32_t documentID) const;
+    /// Where the index has what has that inode number, one of its names; unchecked in the same way.
+    [[nodiscard]] std::optional<QSURL> placeOfInode(std::uint64_t inode) const;
     /// Whether the event's object, or a folder above it, is nowhere and may come back or be
     /// succeeded. An event will tell.
     [[nodiscard]] bool isAway(const FSEvent& event) const;

@@ -46,6 +46,16 @@ TEST_F(ItemTest, FileFolderAndRoot) {
     EXPECT_EQ(folderItem->parentItemIdentifier(), root->itemIdentifier());
 }
 
+TEST_F(ItemTest, WhatWasSeenInAFolderThatMovesIsInThatFolder) {
+    (void)file("d/a.txt");
+    const auto seen = url("d/a.txt");
+    const auto parent = LocalItem::initWithURL(seen)->parentItemIdentifier();
+    std::filesystem::rename(storage() / "d", storage() / "e");
+    EXPECT_EQ(LocalItem::initWithURL(seen)->parentItemIdentifier(), parent);
+    (void)file("d");
+    EXPECT_EQ(LocalItem::initWithURL(seen)->parentItemIdentifier(), parent);
+}
+
 TEST_F(ItemTest, TrashNeedsTheAdjacentPairAndPackagesOfSomeTypesHaveASize) {
     for (const auto& [path, isTrashed] : {std::pair{".Trash/a.txt", true},
                                           {".Trash/sub/a.txt", true},

@@ -1,17 +1,15 @@
 #include "tidewell/fs/ItemFactory.h"
 
+#include "platform/fileprovider/Platform.h"
 #include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
 
 namespace tidewell {
 
 std::shared_ptr<LocalItem> ItemFactory::makeItem(const QSURL& url) {
-    const auto slash = url.path().rfind('/');
-    const std::string_view folder(url.path().data(), slash);
-    auto known = parents_.find(folder);
-    if (known == parents_.end()) {
-        known =
-            parents_.emplace(folder, itemIdentifier(url.URLByDeletingLastPathComponent())).first;
-    }
+    const auto attributes = Platform::current().files().attributes(url);
+    if (!attributes || (*attributes)->parentInode == 0) return LocalItem::initWithURL(url);
+    const auto [known, isNew] = parents_.try_emplace((*attributes)->parentInode);
+    if (isNew) known->second = parentIdentifier(url);
     return LocalItem::initWithURL(url, {.parentItemID = known->second});
 }
 

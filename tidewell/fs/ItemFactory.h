@@ -18,7 +18,7 @@ class ItemFactory {
     [[nodiscard]] std::shared_ptr<LocalItem> makeItem(const QSURL& url);
 
   private:
-    std::map<std::string, std::optional<std::string>, std::less<>> parents_;
+    std::map<std::uint64_t, std::optional<std::string>> parents_;  ///< by inode
 };
 
 }  // namespace tidewell

@@ -161,6 +161,24 @@ std::optional<std::string> itemIdentifier(const QSURL& url) {
     return freshIdentifier(url);
 }
 
+std::optional<std::string> parentIdentifier(const QSURL& url) {
+    const auto& files = Platform::current().files();
+    const auto attributes = files.attributes(url);
+    const auto isParent = [&](const QSURL& folder) {
+        const auto own = files.attributes(folder);
+        return own && (*own)->isDirectory() && (*own)->identity.inode == (*attributes)->parentInode;
+    };
+    const auto parent = url.URLByDeletingLastPathComponent();
+    auto identifier = itemIdentifier(parent);
+    // A root needs no look at it, and keeps its path.
+    const bool isRoot = identifier && !parent.attachment();
+    if (!attributes || isRoot || (identifier && isParent(parent))) return identifier;
+    auto& volume = Platform::current().volume();
+    if (!volume.waitUntilSeen()) return std::nullopt;
+    const auto place = volume.placeOfInode((*attributes)->parentInode);
+    return place && isParent(*place) ? itemIdentifier(*place) : std::nullopt;
+}
+
 std::optional<QSURL> fileURLWithItemIdentifier(std::string_view identifier) {
     const auto storage = storageURL();
     if (identifier == QSFileProviderRootContainerItemIdentifier) return storage;

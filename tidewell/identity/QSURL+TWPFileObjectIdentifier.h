@@ -21,6 +21,10 @@ using namespace platform;
 /// object; an ID that is new is durable before it is returned.
 [[nodiscard]] std::optional<std::string> itemIdentifier(const QSURL& url);
 
+/// The item identifier of the folder in which the object was seen: where the folder moved since,
+/// not of what has its path now.
+[[nodiscard]] std::optional<std::string> parentIdentifier(const QSURL& url);
+
 /// The URL of the item that bears the identifier now. App-library identifiers are not for here.
 [[nodiscard]] std::optional<QSURL> fileURLWithItemIdentifier(std::string_view identifier);
 

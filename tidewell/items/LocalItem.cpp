@@ -103,9 +103,7 @@ bool LocalItem::buildIdentity(const QSURL& url, const Custom& custom) {
     if (_itemIdentifier == QSFileProviderRootContainerItemIdentifier) {
         _parentItemIdentifier = _itemIdentifier;
     } else {
-        auto parent = custom.parentItemID
-                          ? custom.parentItemID
-                          : tidewell::itemIdentifier(url.URLByDeletingLastPathComponent());
+        auto parent = custom.parentItemID ? custom.parentItemID : tidewell::parentIdentifier(url);
         if (!parent) {
             logError("can't create an item without a parent ID (itemIdentifier: " +
                      _itemIdentifier + ")");
