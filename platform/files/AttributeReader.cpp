@@ -126,8 +126,10 @@ Result<FolderFacts> readFolderFacts(int folder) {
     const bool known = type == EXT4_SUPER_MAGIC || type == xfsMagic || type == BTRFS_SUPER_MAGIC ||
                        type == TMPFS_MAGIC;
     const bool readOnly = (static_cast<unsigned long>(system.f_flags) & ST_RDONLY) != 0;
-    return FolderFacts{status.stx_ino, foldedDevice(status.stx_dev_major, status.stx_dev_minor),
-                       status.stx_mnt_id, !known || readOnly};
+    return FolderFacts{{status.stx_ino, handleFingerprint(folder, "")},
+                       foldedDevice(status.stx_dev_major, status.stx_dev_minor),
+                       status.stx_mnt_id,
+                       !known || readOnly};
 }
 
 Result<std::shared_ptr<FileAttributes>> readAttributes(int directory, const char* name,
@@ -139,7 +141,7 @@ Result<std::shared_ptr<FileAttributes>> readAttributes(int directory, const char
 
     auto attributes = std::make_shared<FileAttributes>();
     attributes->identity.inode = status.stx_ino;
-    attributes->parentInode = folder ? folder->inode : 0;
+    if (folder) attributes->parent = folder->identity;
     attributes->device = deviceOf(status);
     attributes->mode = status.stx_mode;
     attributes->size = status.stx_size;

@@ -20,7 +20,7 @@ struct Credentials {
 
 /// What is the same for all children of one folder.
 struct FolderFacts {
-    std::uint64_t inode = 0;
+    ObjectIdentity identity;  ///< generation 0 where there are no file handles
     std::uint32_t device = 0;
     std::uint64_t mount = 0;
     bool asksKernelForAccess = false;  ///< read-only, or a file system whose rules are its own

@@ -24,10 +24,10 @@ enum class ObjectKind : std::uint8_t { RegularFile, Directory, SymbolicLink, Oth
 /// One object as it was when its attributes were fetched, without following a final symbolic link.
 struct FileAttributes final : QSURLAttachment {
     ObjectIdentity identity;
-    std::uint64_t parentInode = 0;  ///< of the folder it was found in; 0 for a root
-    std::uint32_t device = 0;       ///< never 0
-    std::uint32_t mode = 0;         ///< type and permission bits as in st_mode
-    std::uint64_t size = 0;         ///< bytes
+    ObjectIdentity parent;     ///< the folder it was found in; zeroes for a root
+    std::uint32_t device = 0;  ///< never 0
+    std::uint32_t mode = 0;    ///< type and permission bits as in st_mode
+    std::uint64_t size = 0;    ///< bytes
     QSDate modification;
     QSDate change;
     std::optional<QSDate> creation;  ///< absent where the file system keeps no birth time

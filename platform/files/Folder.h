@@ -28,7 +28,7 @@ class Folder {
 
     [[nodiscard]] const QSURL& url() const { return url_; }
     [[nodiscard]] int descriptor() const { return fd_.get(); }
-    [[nodiscard]] std::uint64_t inode() const { return facts_.inode; }
+    [[nodiscard]] std::uint64_t inode() const { return facts_.identity.inode; }
     /// The folder's own object as it is now.
     [[nodiscard]] Result<std::shared_ptr<FileAttributes>> ownAttributes() const;
 

@@ -227,7 +227,7 @@ void Reconciler::decideFor(std::span<const VolumeService::IdentityRequest> reque
         const std::shared_lock lock(state_.indexMutex);
         const auto& index = state_.index;
         for (const auto& request : requests) {
-            const auto folder = index.findInode(request.object->parentInode);
+            const auto folder = index.findInode(request.object->parent.inode);
             if (const auto left = departures_.documentThatLeft(folder, request.name)) {
                 documents.push_back(left);
             }

@@ -160,6 +160,18 @@ std::vector<QSURL> VolumeService::placesOfFileID(std::uint64_t fileID) const {
     return number == ObjectIndex::none ? std::vector<QSURL>{} : state_->urlsOf(number);
 }
 
+std::optional<std::uint64_t> VolumeService::fileIDOfFolder(const ObjectIdentity& identity) const {
+    const std::shared_lock lock(state_->indexMutex);
+    const auto& index = state_->index;
+    const auto number = index.findInode(identity.inode);
+    if (number == ObjectIndex::none) return std::nullopt;
+    const auto& node = index.node(number);
+    const bool isKnown = node.fileID != 0 && node.generation == identity.generation;
+    if (!isKnown || node.isRoot || node.firstName == ObjectIndex::none) return std::nullopt;
+    const auto name = index.name(index.entry(node.firstName));
+    return state_->configuration.isPackageName(name) ? std::nullopt : std::optional(node.fileID);
+}
+
 std::optional<QSURL> VolumeService::placeOfInode(std::uint64_t inode) const {
     const std::shared_lock lock(state_->indexMutex);
     const auto number = state_->index.findInode(inode);

@@ -104,6 +104,9 @@ class VolumeService final : public EventHistory {
     /// the disk. Empty where it is not known or has gone.
     [[nodiscard]] std::vector<QSURL> placesOfFileID(std::uint64_t fileID) const;
     [[nodiscard]] std::vector<QSURL> placesOfDocumentID(std::uint32_t documentID) const;
+    /// The file ID that the folder was given; none where it was given none, or is a root or
+    /// package.
+    [[nodiscard]] std::optional<std::uint64_t> fileIDOfFolder(const ObjectIdentity& identity) const;
     /// Where the index has what has that inode number, one of its names; unchecked in the same way.
     [[nodiscard]] std::optional<QSURL> placeOfInode(std::uint64_t inode) const;
     /// Whether the event's object, or a folder above it, is nowhere and may come back or be
@@ -116,7 +119,7 @@ class VolumeService final : public EventHistory {
     };
     struct IdentityRequest {
         const FileAttributes* object = nullptr;
-        std::string_view name;  ///< of the entry in the folder object->parentInode; may be empty
+        std::string_view name;  ///< of the entry in the folder object->parent.inode; may be empty
         bool wantsDocumentID = false;
         Identity result;  ///< written by identify
     };

@@ -15,7 +15,7 @@ namespace {
 constexpr std::size_t mostUnwritten = 100'000;
 
 bool hasPlace(const VolumeService::IdentityRequest& request) {
-    return !request.name.empty() && request.object->parentInode != 0;
+    return !request.name.empty() && request.object->parent.inode != 0;
 }
 
 /// Gives the row the identity of an object that it had none for, or was another one's.
@@ -120,7 +120,7 @@ std::optional<QSURL> VolumeService::State::locate(std::uint64_t fileID) const {
 std::optional<QSURL> VolumeService::State::placeOf(const IdentityRequest& request) const {
     if (!hasPlace(request)) return std::nullopt;
     const std::shared_lock lock(indexMutex);
-    const auto number = index.findInode(request.object->parentInode);
+    const auto number = index.findInode(request.object->parent.inode);
     const auto folder = number == ObjectIndex::none ? std::nullopt : urlOf(number);
     if (!folder) return std::nullopt;
     return folder->URLByAppendingPathComponent(request.name);
@@ -170,7 +170,7 @@ bool VolumeService::State::needsDecision(std::span<const IdentityRequest> reques
         if (isKnown && index.node(number).isUndecided) return true;
         if (!request.wantsDocumentID || !hasPlace(request)) return false;
         const auto there =
-            index.findObject(index.findInode(request.object->parentInode), request.name);
+            index.findObject(index.findInode(request.object->parent.inode), request.name);
         const bool isAsKnown = there == number && number != ObjectIndex::none;
         const bool hasDocument = isKnown && index.node(number).documentID != 0;
         // While following, whatever is new may be a successor of what has just gone.
@@ -240,12 +240,12 @@ void VolumeService::State::noteSuspects(std::span<const IdentityRequest> request
             if (!hasPlace(request) || number == ObjectIndex::none) continue;
             const auto& node = index.node(number);
             // A place that was only told, and one where nothing is or something else.
-            const auto folder = index.findInode(request.object->parentInode);
+            const auto folder = index.findInode(request.object->parent.inode);
             const bool isAsKnown =
                 node.stamp != 0 && index.findObject(folder, request.name) == number;
             if (node.firstName != ObjectIndex::none && (isAsKnown || !isFollowed)) continue;
-            found.push_back(
-                {request.object->parentInode, std::string(request.name), request.object->identity});
+            found.push_back({request.object->parent.inode, std::string(request.name),
+                             request.object->identity});
         }
     }
     if (found.empty()) return;
@@ -384,7 +384,7 @@ Result<void> VolumeService::State::allocate(std::span<IdentityRequest> requests)
         // after a restart.
         if (entry.request && entry.row.names.empty()) {
             entry.row.names.push_back(
-                {entry.request->object->parentInode, std::string(entry.request->name)});
+                {entry.request->object->parent.inode, std::string(entry.request->name)});
         }
         rows.push_back(entry.row);
     }

@@ -7,8 +7,8 @@ namespace tidewell {
 
 std::shared_ptr<LocalItem> ItemFactory::makeItem(const QSURL& url) {
     const auto attributes = Platform::current().files().attributes(url);
-    if (!attributes || (*attributes)->parentInode == 0) return LocalItem::initWithURL(url);
-    const auto [known, isNew] = parents_.try_emplace((*attributes)->parentInode);
+    if (!attributes || (*attributes)->parent.inode == 0) return LocalItem::initWithURL(url);
+    const auto [known, isNew] = parents_.try_emplace((*attributes)->parent.inode);
     if (isNew) known->second = parentIdentifier(url);
     return LocalItem::initWithURL(url, {.parentItemID = known->second});
 }

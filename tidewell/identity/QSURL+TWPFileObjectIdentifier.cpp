@@ -164,19 +164,23 @@ std::optional<std::string> itemIdentifier(const QSURL& url) {
 std::optional<std::string> parentIdentifier(const QSURL& url) {
     const auto& files = Platform::current().files();
     const auto attributes = files.attributes(url);
-    const auto isParent = [&](const QSURL& folder) {
+    const auto seenIn = attributes ? (*attributes)->parent : ObjectIdentity();
+    auto& volume = Platform::current().volume();
+    if (const auto fileID = volume.fileIDOfFolder(seenIn)) {
+        return TWPFileObjectIdentifier::fromFileID(*fileID);
+    }
+    const auto isSeenIn = [&](const QSURL& folder) {
         const auto own = files.attributes(folder);
-        return own && (*own)->isDirectory() && (*own)->identity.inode == (*attributes)->parentInode;
+        return own && (*own)->isDirectory() && (*own)->identity.inode == seenIn.inode;
     };
     const auto parent = url.URLByDeletingLastPathComponent();
     auto identifier = itemIdentifier(parent);
     // A root needs no look at it, and keeps its path.
     const bool isRoot = identifier && !parent.attachment();
-    if (!attributes || isRoot || (identifier && isParent(parent))) return identifier;
-    auto& volume = Platform::current().volume();
+    if (!attributes || isRoot || (identifier && isSeenIn(parent))) return identifier;
     if (!volume.waitUntilSeen()) return std::nullopt;
-    const auto place = volume.placeOfInode((*attributes)->parentInode);
-    return place && isParent(*place) ? itemIdentifier(*place) : std::nullopt;
+    const auto place = volume.placeOfInode(seenIn.inode);
+    return place && isSeenIn(*place) ? itemIdentifier(*place) : std::nullopt;
 }
 
 std::optional<QSURL> fileURLWithItemIdentifier(std::string_view identifier) {
