@@ -112,9 +112,9 @@ void ObjectIndex::load(const ObjectRow& row) {
 
 void ObjectIndex::loadFurtherName(std::uint64_t inode, const ObjectRow::Name& name) {
     const NodeNumber number = ensure(inode);
+    nodes_[number].hasMoreNames = true;  // also where the name is another's now
     if (name.folder == 0) {
         rootPaths_[number] = name.name;
-        nodes_[number].hasMoreNames = true;
         return;
     }
     const NodeNumber folder = ensure(name.folder);

@@ -123,5 +123,19 @@ TEST(ObjectIndexTest, AgreesWithANaiveTwinAfterRandomChanges) {
     EXPECT_LT(index.bytes(), 6u << 20) << "names that were replaced are still held";
 }
 
+TEST(ObjectIndexTest, FurtherNamesInTheStoreAreDroppedThoughAnotherHasThem) {
+    ObjectIndex index;
+    for (const auto& [inode, name] : {std::pair(1U, "b"), std::pair(2U, "a")}) {
+        ObjectRow row;
+        row.inode = inode;
+        row.names = {{3, name}};
+        index.load(row);
+    }
+    index.loadFurtherName(1, {3, "a"});
+    EXPECT_EQ(index.takeDisplaced().size(), 1u);
+    // Else a later run would find the document there.
+    EXPECT_TRUE(index.row(index.findInode(1)).hadMoreNames);
+}
+
 }  // namespace
 }  // namespace tests
