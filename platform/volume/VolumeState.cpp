@@ -127,20 +127,21 @@ std::optional<QSURL> VolumeService::State::placeOf(const IdentityRequest& reques
 }
 
 bool VolumeService::State::isThere(const IdentityRequest& request) const {
-    const auto place = placeOf(request);
-    if (!place) return true;
+    if (!hasPlace(request)) return true;
     const auto isAt = [&](const QSURL& url) {
         const auto now = configuration.files.freshAttributes(url);
         return now && (*now)->identity == request.object->identity;
     };
-    if (isAt(*place)) return true;
+    const auto place = placeOf(request);
+    if (place && isAt(*place)) return true;
+    // It may have moved on; or what has its number now is there.
     std::optional<QSURL> indexed;
     {
         const std::shared_lock lock(indexMutex);
         const auto number = index.findInode(request.object->identity.inode);
         if (number != ObjectIndex::none) indexed = urlOf(number);
     }
-    return indexed && isAt(*indexed);
+    return indexed ? isAt(*indexed) : !place;
 }
 
 bool VolumeService::State::answerFromIndex(std::span<IdentityRequest> requests) const {
@@ -428,9 +429,10 @@ void VolumeService::State::noteReplaced(const ObjectRow& gone, const IdentityReq
         const auto number = index.findFileID(gone.fileID);
         if (number != ObjectIndex::none) place = urlOf(number);
     }
-    // Where it is about to be shown, though it has gone.
+    // Where it is about to be shown, though it has gone. Its folder may have gone with it.
     if (!place) place = placeOf(request);
-    record.event.path = (place ? *place : configuration.files.storageURL()).path();
+    const auto& storage = configuration.files.storageURL();
+    record.event.path = place ? place->path() : storage.path() + "/" + std::string(request.name);
 }
 
 void VolumeService::State::publish(const std::unordered_map<std::uint64_t, StagedRow>& staged) {

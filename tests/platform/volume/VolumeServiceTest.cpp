@@ -49,10 +49,12 @@ TEST_F(VolumeServiceTest, AnObjectSeenTooLateDoesNotTakeItsSuccessorsIdentity) {
     }
     ASSERT_EQ(attributes("a")->identity.inode, stale->identity.inode);
     ASSERT_TRUE(service->waitUntilSeen());
-    // The successor has been seen, and then it has been asked for.
-    for (int i = 0; i < 2; ++i) {
+    // The successor has been seen; then it has been asked for; and of a folder that has gone.
+    for (const auto& parent : {stale->parent, stale->parent, ObjectIdentity{1, 1}}) {
+        auto object = *stale;
+        object.parent = parent;
         VolumeService::IdentityRequest request{
-            .object = stale.get(), .name = "former", .wantsDocumentID = true, .result = {}};
+            .object = &object, .name = "former", .wantsDocumentID = true, .result = {}};
         const auto before = service->currentEventID();
         ASSERT_TRUE(service->identify({&request, 1}));
         const auto successor = identify("a");
