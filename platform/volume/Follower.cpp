@@ -170,9 +170,13 @@ void Follower::takeSuspects() {
     for (const auto& suspect : suspects) {
         const auto folder = reconciler_.expect(suspect, now());
         if (folder == ObjectIndex::none) continue;
-        auto& mark = marks_[folder];
-        if (!mark.isWhole) mark.names.try_emplace(suspect.name, false);
+        markName(folder, suspect.name);
     }
+}
+
+void Follower::markName(NodeNumber folder, std::string_view name) {
+    auto& mark = marks_[folder];
+    if (!mark.isWhole) mark.names.try_emplace(std::string(name), false);
 }
 
 bool Follower::takeRemovals() {
@@ -380,6 +384,7 @@ Result<void> Follower::reconcile(std::vector<FolderReading> readings,
         noteCommit(done);
     }
     afterCommit();
+    for (const auto& [folder, name] : reconciler_.takeUnsureNames()) markName(folder, name);
     const bool isLive = occasion == Reconciler::Occasion::Live;
     for (const auto folder : reconciler_.takeNewFolders()) {
         isMoved_ = true;
@@ -479,8 +484,7 @@ void Follower::markPath(std::string_view folder) {
         auto at = root.node;
         for (const auto part : std::views::split(folder.substr(path.size() + 1), '/')) {
             const std::string_view name(part.begin(), part.end());
-            auto& mark = marks_[at];
-            if (!mark.isWhole) mark.names.try_emplace(std::string(name), false);
+            markName(at, name);
             at = state_.index.findObject(at, name);
             if (at == ObjectIndex::none) break;
         }

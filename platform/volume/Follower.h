@@ -100,6 +100,7 @@ class Follower {
     bool takeRemovals();
     void commitRemovals();
     void take(const KernelEvent& event);
+    void markName(NodeNumber folder, std::string_view name);
     void lose(std::string why);
     void lookAtMarks();
     void lookAtUnwatched();

@@ -191,9 +191,19 @@ bool Reconciler::isSilent(const FolderReading& reading, const ObjectState& state
            !loudFolders_.contains(reading.folder);
 }
 
+/// Whether an object that had its number was told from others only after this look, for which it
+/// did not matter yet. Then one more is needed.
+bool Reconciler::isUnsure(const FolderReading& reading, const Sighting& sighting,
+                          const ObjectIndex::Node& node) {
+    if (sighting.generation != 0 || node.generation == 0) return false;
+    unsureNames_.emplace_back(reading.folder, sighting.name);
+    return true;
+}
+
 void Reconciler::notice(const FolderReading& reading, const Sighting& sighting, NodeNumber object) {
     auto& index = state_.index;
     const auto& node = index.node(object);
+    if (isUnsure(reading, sighting, node)) return;
     const bool isFirstLook = node.stamp == 0;
     if (sighting.generation != 0) index.setGeneration(object, sighting.generation);
     setState(object, *sighting.state);
@@ -299,6 +309,7 @@ void Reconciler::arrive(const FolderReading& reading, const Sighting& sighting) 
     const auto object = index.ensure(state.inode);
     if (object == reading.folder) return;
     const auto& node = index.node(object);
+    if (isUnsure(reading, sighting, node)) return;
     const bool isOther = (sighting.generation != 0 && node.generation != 0 &&
                           node.generation != sighting.generation) ||
                          (node.stamp != 0 && node.kind != state.kind);

@@ -63,6 +63,10 @@ class Reconciler {
     [[nodiscard]] std::vector<NodeNumber> takeNewFolders() {
         return std::exchange(newFolders_, {});
     }
+    /// Names, each with its folder, to be looked at once more.
+    [[nodiscard]] std::vector<std::pair<NodeNumber, std::string>> takeUnsureNames() {
+        return std::exchange(unsureNames_, {});
+    }
     /// Folders that have gone; watches of them are of no use.
     [[nodiscard]] std::vector<NodeNumber> takeGoneFolders() {
         return std::exchange(goneFolders_, {});
@@ -118,6 +122,8 @@ class Reconciler {
     void openCircle(NodeNumber node, NodeNumber folder);
     [[nodiscard]] std::string pathOfFolder(NodeNumber folder) const;
     [[nodiscard]] FormerPlace placeOf(ObjectIndex::EntryNumber entry) const;
+    [[nodiscard]] bool isUnsure(const FolderReading& reading, const Sighting& sighting,
+                                const ObjectIndex::Node& node);
     void notice(const FolderReading& reading, const Sighting& sighting, NodeNumber object);
     void orphan(const ObjectIndex::Node& gone, const FormerPlace& last);
     [[nodiscard]] OrphanRow rowOf(const Orphan& orphan);
@@ -158,6 +164,7 @@ class Reconciler {
     std::vector<NodeNumber> changedInOrder_;
     std::unordered_set<NodeNumber> loudFolders_;  ///< of a first scan: changed while it ran
     std::vector<NodeNumber> newFolders_;
+    std::vector<std::pair<NodeNumber, std::string>> unsureNames_;
     std::vector<NodeNumber> goneFolders_;
     std::vector<EventRecord> events_;
 
