@@ -180,12 +180,16 @@ int Actor::call(std::string_view verb, const std::string& at, const std::string&
 
 /// Notes what is at the path, in the folder that was there before the call and in that which is
 /// there now; and what a move or a link put out of sight.
-void Actor::sight(Deed& deed, const std::string& path, const ObjectKey& folder) const {
-    const auto object = objectKey(path);
-    if (object.empty()) return;
+void Actor::sight(Deed& deed, const std::string& path, const ObjectKey& folder,
+                  const ObjectKey& moved) const {
     const auto name = path.substr(path.rfind('/') + 1);
-    deed.sightings.push_back({placeOf(folder, name), object});
-    deed.sightings.push_back({placeOf(objectKey(folderOf(path)), name), object});
+    const auto object = objectKey(path);
+    // What was moved may have gone on at once.
+    if (!moved.empty()) deed.sightings.push_back({placeOf(folder, name), moved});
+    if (!object.empty()) {
+        deed.sightings.push_back({placeOf(folder, name), object});
+        deed.sightings.push_back({placeOf(objectKey(folderOf(path)), name), object});
+    }
     if (!givesNames(deed.call)) return;
     const auto root = place_.base + "/s/";
     const bool isOutside = !path.starts_with(root);
@@ -194,10 +198,12 @@ void Actor::sight(Deed& deed, const std::string& path, const ObjectKey& folder) 
     bool isHidden = isOutside || path.find("/.", root.size() - 1) != std::string::npos;
     for (const auto& part : split(path, '/')) isHidden = isHidden || isPackageName(part);
     const auto note = [&](const ObjectKey& key) {
+        if (key.empty()) return;
         if (isHidden) deed.hidden.push_back(key);
         if (isOutside || isFromOutside) deed.left.push_back(key);
     };
     note(object);  // a package too: it has an identifier of another kind
+    note(moved);
     std::error_code error;
     for (fs::recursive_directory_iterator it(path, error), end; !error && it != end;
          it.increment(error)) {
@@ -248,9 +254,7 @@ bool Actor::step() {
         for (std::size_t i = 1; i < words.size(); ++i) {
             if (words[i].empty()) continue;
             if (isOwn) folders[i] = objectKey(folderOf(words[i]));
-            const auto name = words[i].substr(words[i].rfind('/') + 1);
-            if (!gone.empty()) deed.sightings.push_back({placeOf(folders[i], name), gone});
-            sight(deed, words[i], folders[i]);
+            sight(deed, words[i], folders[i], gone);
         }
     } else if (!mayFail) {
         next_ = calls_.size();

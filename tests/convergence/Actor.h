@@ -93,7 +93,8 @@ class Actor {
     [[nodiscard]] int callOnOpenFile(std::string_view verb, const std::string& at);
     [[nodiscard]] int openAs(const std::string& path, int flags);
     int closeOpenFile();
-    void sight(Deed& deed, const std::string& path, const ObjectKey& folder) const;
+    void sight(Deed& deed, const std::string& path, const ObjectKey& folder,
+               const ObjectKey& moved) const;
 
     const int number_;
     const Place place_;
