@@ -59,9 +59,10 @@ void Ledger::readInterval() {
     for (const auto& deed : now_.deeds) {
         for (const auto& [place, object] : deed.sightings) meet(place, object);
         hidden_.insert(deed.hidden.begin(), deed.hidden.end());
-        // An exchange with something new may be a save.
+        // An exchange with something new may be a save; and one of which half was told looks so.
         const auto isNew = [&](const auto& seen) { return !old.contains(seen.object); };
-        if (deed.call.starts_with("swap ") && std::ranges::any_of(deed.sightings, isNew)) {
+        if (deed.call.starts_with("swap ") &&
+            (now_.isToldLate || std::ranges::any_of(deed.sightings, isNew))) {
             for (const auto& seen : deed.sightings) doubtful_.insert(seen.object);
         }
     }
