@@ -74,6 +74,15 @@ TEST_F(ListingTest, WalkEndsOnErrorsOfTheCallbackAndOfTheFirstRootOnly) {
     DirectoryWalk missing({{url("missing"), 3}}, sameOptions, DirectoryWalk::Emits::everything);
     EXPECT_EQ(missing.walk(0, 10, {}).error().code, ENOENT);
     EXPECT_THAT(logged(LogLevel::Debug, "can't open directory at "), SizeIs(1));
+    // Nor is another folder listed that came to the path of the one meant.
+    const auto a = url("a");
+    const ContainerCover cover("fid=" + std::to_string(fileIDOfObject(a)), {a});
+    EXPECT_EQ(
+        cover.makeWalk(cover.walkRoots()).walk(0, 10, [](const auto&) { return Result<void>(); }),
+        3u);
+    std::filesystem::rename(storage() / "a", storage() / "b");
+    fill("a", 1);
+    EXPECT_EQ(cover.makeWalk(cover.walkRoots()).walk(0, 10, {}).error().code, ENOENT);
 }
 
 using PageTokenTest = tests::ChangesFixture;

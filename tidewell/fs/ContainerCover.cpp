@@ -93,6 +93,10 @@ std::vector<DirectoryWalk::Root> ContainerCover::walkRoots() const {
     };
     if (!isRecursive()) {
         add(urls_.front(), singleFolderOptions);
+        // The folder may have moved since it was looked up; a root is whatever is at its path.
+        const auto meant =
+            std::static_pointer_cast<const FileAttributes>(urls_.front().attachment());
+        if (meant && container_.starts_with("fid=")) roots.front().identity = meant->identity;
         return roots;
     }
     for (const auto& url : urls_) {

@@ -45,6 +45,9 @@ void DirectoryWalk::leave() {
 Result<void> DirectoryWalk::openNextRoot() {
     const auto& root = roots_[nextRoot_++];
     auto folder = Platform::current().files().openFolder(root.url);
+    if (folder && root.identity && (*folder)->ownIdentity() != *root.identity) {
+        folder = std::unexpected(errorFromErrno(ENOENT, root.url.path()));
+    }
     if (folder) {
         enter(std::move(*folder), root.options);
         return {};

@@ -4,6 +4,7 @@
 #include <functional>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -32,6 +33,8 @@ class DirectoryWalk {
     struct Root {
         QSURL url;
         WalkOptions options = 0;
+        /// That of the folder meant; another one at the URL is none (ENOENT).
+        std::optional<ObjectIdentity> identity = {};
     };
     /// The URL of one entry, its attributes kept. An error ends the walk and is passed on.
     using EntryCallback = std::function<Result<void>(const QSURL& url)>;
