@@ -182,6 +182,7 @@ Result<std::optional<QSFileProviderPage>> LocalFileEnumerator::gather(
     if (!volume) return std::unexpected(volume.error());
     FSChangeToken reached{.deviceUUID = *volume};
     std::unique_ptr<DirectoryWalk> walk;
+    auto lookedSince = currentFSEventIDAfterCatchingUp();
     if (token) {
         if (auto same = requireSameVolume(*token, *volume); !same) {
             return std::unexpected(same.error());
@@ -194,12 +195,22 @@ Result<std::optional<QSFileProviderPage>> LocalFileEnumerator::gather(
         reached.streamEventID = token->streamEventID;
     } else {
         logDebug("start gather phase");
-        reached.streamEventID = std::min(currentFSEventIDAfterCatchingUp(), sinceEventID);
+        reached.streamEventID = std::min(lookedSince, sinceEventID);
         walk = newWalk();
     }
 
     const std::uint64_t initialOffset = token ? token->offset : 0;
     auto items = nextItems(*walk, initialOffset);
+    // Where a folder went elsewhere in between, items may have been looked for at its old place.
+    constexpr int mostBeginnings = 8;
+    for (int i = 0; items && i < mostBeginnings && foldersHaveMovedSince(lookedSince); ++i) {
+        logDebug("folders have moved meanwhile, looking again");
+        if (token) return std::unexpected(syncAnchorExpiredError());
+        lookedSince = currentFSEventIDAfterCatchingUp();
+        reached.streamEventID = std::min(lookedSince, sinceEventID);
+        walk = newWalk();
+        items = nextItems(*walk, initialOffset);
+    }
     if (!items) return std::unexpected(items.error());
     logDebug([&] {
         return "discovered " + std::to_string(items->size()) + " items for " + container();

@@ -298,14 +298,7 @@ bool FSChangesEnumerator::foldersHaveMoved() {
         (void)Platform::current().volume().waitUntilSeenLooking(folders);
         missedFolders_.clear();
     }
-    const auto now = currentFSEventIDAfterCatchingUp();
-    if (now == lookedSinceFSEventID_) return false;
-    const auto events =
-        Platform::current().events().history->eventsAfter(lookedSinceFSEventID_, now, everything);
-    constexpr auto folderMoved = fsEventMoved | fsEventIsFolder;
-    return events && std::ranges::any_of(*events, [](const FSEvent& event) {
-               return (event.flags & folderMoved) == folderMoved;
-           });
+    return foldersHaveMovedSince(lookedSinceFSEventID_);
 }
 
 void FSChangesEnumerator::beginAgain() {

@@ -1,5 +1,6 @@
 #include "tidewell/fs/VolumeIdentity.h"
 
+#include <algorithm>
 #include <limits>
 #include <string>
 
@@ -24,6 +25,17 @@ std::uint64_t currentFSEventIDAfterCatchingUp() {
     auto& volume = Platform::current().volume();
     if (volume.isCaughtUp()) (void)volume.waitUntilSeen();
     return currentFSEventID();
+}
+
+bool foldersHaveMovedSince(std::uint64_t eventID) {
+    const auto now = currentFSEventIDAfterCatchingUp();
+    if (now == eventID) return false;
+    const auto events = Platform::current().events().history->eventsAfter(
+        eventID, now, std::numeric_limits<std::uint64_t>::max());
+    constexpr auto folderMoved = fsEventMoved | fsEventIsFolder;
+    return events && std::ranges::any_of(*events, [](const FSEvent& event) {
+               return (event.flags & folderMoved) == folderMoved;
+           });
 }
 
 std::uint64_t endOfHistory() {

@@ -23,6 +23,9 @@ using namespace platform;
 /// change that came later. Does not wait for the comparison at the start.
 [[nodiscard]] std::uint64_t currentFSEventIDAfterCatchingUp();
 
+/// Whether a folder went elsewhere since that event. Takes in what the kernel has reported.
+[[nodiscard]] bool foldersHaveMovedSince(std::uint64_t eventID);
+
 /// How far a replay that begins now goes: the current event ID, or no limit (the largest number)
 /// where what happened while nobody watched has still to be found. That will come behind the
 /// present ID, and belongs to the answer.
