@@ -43,10 +43,11 @@ void Follower::stop() {
     if (thread_.joinable()) thread_.join();
     // Who waits takes the mutex for each step, and leaves at the next.
     while (waiting_ != 0) std::this_thread::yield();
-    // The next run could not tell any more that nothing succeeds what was removed last. And what
-    // could not be written is tried once more.
+    // The next run could not tell any more that nothing succeeds what was removed last, nor that
+    // something was away which is back by then. And what could not be written is tried once more.
     const std::scoped_lock lock(mutex_, state_.storeMutex);
-    if (takeRemovals() || hasFailed_) (void)reconciler_.commit();
+    const bool hasRemoved = takeRemovals();
+    if (reconciler_.tellOfAbsent() || hasRemoved || hasFailed_) (void)reconciler_.commit();
 }
 
 void Follower::wake() {

@@ -56,6 +56,10 @@ class Reconciler {
     /// none.
     bool letGo(const QSURL& url);
 
+    /// Records a change of all that is away, which may be back when the next run begins: who listed
+    /// meanwhile has not seen it. False where there is nothing.
+    bool tellOfAbsent();
+
     /// Records that something may have been missed below the path.
     void recordGap(std::string path, std::string why);
 

@@ -96,6 +96,17 @@ void Reconciler::recordBelow(NodeNumber folder, const std::string& path) {
     });
 }
 
+bool Reconciler::tellOfAbsent() {
+    const std::unique_lock lock(state_.indexMutex);
+    const auto absent = departures_.departedNodes();
+    for (const auto node : absent) {
+        const auto& last = departures_.departure(node)->last;
+        record(fsEventModified, node, last.path, last.folder);
+        if (state_.index.node(node).kind == ObjectKind::Directory) recordBelow(node, last.path);
+    }
+    return !absent.empty();
+}
+
 bool Reconciler::isDocument(const ObjectIndex::Node& node, std::string_view path) const {
     return node.kind == ObjectKind::RegularFile ||
            (node.kind == ObjectKind::Directory &&

@@ -207,6 +207,20 @@ TEST_F(HistoryTest, ManyFoldersAreComparedByTwoWhoMissNothing) {
     EXPECT_THAT(gone, IsEmpty());
 }
 
+TEST_F(HistoryTest, WhatWasAwayAtTheEndAndIsBackAtTheBeginningIsTold) {
+    makeFile("folder/file");
+    start();
+    documentID("folder/file");
+    fs::rename(native("folder"), scratch / "elsewhere");
+    service->waitUntilSeen().value();
+    since = service->currentEventID();  // who lists now sees nothing of it
+    service.reset();
+    fs::rename(scratch / "elsewhere", native("folder"));
+    open();
+    EXPECT_THAT(changes(), testing::IsSupersetOf({"folder", "folder/file"}));
+    EXPECT_THAT(gone, IsEmpty());
+}
+
 TEST_F(HistoryTest, NothingIsReportedGoneWhileTheStorageItselfIs) {
     makeFile("file");
     start();
