@@ -95,25 +95,51 @@ void Reconciler::removed(const ObjectIdentity& identity, Time now) {
 
 void Reconciler::takeUpUndecided(Time now) {
     const std::unique_lock lock(state_.indexMutex);
-    auto& index = state_.index;
     occasion_ = Occasion::Scan;
     now_ = now;
-    for (const auto& row : state_.store->takeOrphans()) {
+    orphansToTakeUp_ = state_.store->takeOrphans();
+    displacedToTakeUp_ = state_.index.takeDisplaced();
+    takeUp(ObjectIndex::none);
+}
+
+void Reconciler::takeUp(NodeNumber root) {
+    auto& index = state_.index;
+    // What is below a root of the last run waits until that is added or let go: nothing can be told
+    // of what is there before.
+    const auto waits = [&](NodeNumber folder) {
+        if (folder == ObjectIndex::none) return false;
+        const auto top = index.top(folder);
+        return top != root && !index.node(top).isRoot && !index.rootPath(top).empty();
+    };
+    for (const auto& row : std::exchange(orphansToTakeUp_, {})) {
+        const auto folder = row.folder == 0 ? ObjectIndex::none : index.ensure(row.folder);
+        const auto vacant =
+            row.vacantFolder == 0 ? ObjectIndex::none : index.ensure(row.vacantFolder);
+        if (waits(folder) || waits(vacant)) {
+            orphansToTakeUp_.push_back(row);
+            continue;
+        }
         ObjectIndex::Node node;
         node.inode = row.inode;
         node.fileID = row.fileID;
         node.documentID = row.documentID;
         node.kind = row.kind;
-        const auto folder = row.folder == 0 ? ObjectIndex::none : index.ensure(row.folder);
         const FormerPlace last{folder, row.path.substr(row.path.rfind('/') + 1), row.path};
-        if (row.vacantFolder != 0) {
-            const FormerPlace vacant{index.ensure(row.vacantFolder), row.vacantName, row.path};
+        if (vacant != ObjectIndex::none) {
+            const FormerPlace place{vacant, row.vacantName, row.path};
             vacate(row.documentID,
-                   {ObjectIndex::none, row.fileID, row.kind, vacant, {}, now, true, false});
+                   {ObjectIndex::none, row.fileID, row.kind, place, {}, now_, isPast(), false});
+            const auto heir = index.findObject(vacant, row.vacantName);
+            if (heir != ObjectIndex::none) index.setUndecided(heir, true);
         }
-        orphans_.push_back({row.documentID, node, {last, now, true}});
+        orphans_.push_back({row.documentID, node, {last, now_, isPast()}});
     }
-    for (auto& [object, folder, name] : index.takeDisplaced()) {
+    for (auto& displaced : std::exchange(displacedToTakeUp_, {})) {
+        const auto& [object, folder, name] = displaced;
+        if (waits(folder)) {
+            displacedToTakeUp_.push_back(std::move(displaced));
+            continue;
+        }
         index.markDirty(object);  // or the next run would ask once more
         const auto& node = index.node(object);
         const bool isNowhere = node.firstName == ObjectIndex::none;
@@ -124,7 +150,7 @@ void Reconciler::takeUpUndecided(Time now) {
         FormerPlace place{folder, name, joined(pathOfFolder(folder), name)};
         if (node.documentID != 0) {
             vacate(node.documentID, {object, node.fileID, node.kind, place, index.metadata(object),
-                                     now, true, false});
+                                     now_, isPast(), false});
         }
         if (isNowhere) depart(object, place);
     }

@@ -157,6 +157,9 @@ class Reconciler {
     void finishOrphan(const Orphan& orphan);
     void inheritMetadata(const std::string& metadata, const QSURL& url, const ObjectIdentity& heir);
     void captureMetadata();
+    /// Takes up what the last run left undecided, where that can be decided or is below `root`.
+    /// REQUIRES: indexMutex is held.
+    void takeUp(NodeNumber root);
     void decideBelow(const QSURL& root);
     /// REQUIRES: indexMutex is held.
     void forgetRoot(NodeNumber root);
@@ -172,6 +175,8 @@ class Reconciler {
     std::vector<NodeNumber> goneFolders_;
     std::vector<EventRecord> events_;
 
+    std::vector<OrphanRow> orphansToTakeUp_;  ///< these and the next are still to be taken up
+    std::vector<ObjectIndex::Displaced> displacedToTakeUp_;
     std::vector<Orphan> orphans_;              ///< documents whose inode number is another object's
     std::vector<OrphanChange> orphanChanges_;  ///< not in the store yet
     /// Documents that left folders whose numbers are others' by now. Their rows name these numbers,

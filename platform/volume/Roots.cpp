@@ -98,6 +98,9 @@ Reconciler::NodeNumber Reconciler::welcome(const ObjectIdentity& identity, const
     if (isNews && node != state_.roots.front().node) {
         changeOf(state_.roots.front().node).isModified = true;
     }
+    occasion_ = Occasion::Live;
+    now_ = state_.configuration.now();
+    takeUp(node);
     return node;
 }
 
@@ -107,6 +110,11 @@ bool Reconciler::letGo(const QSURL& url) {
         if (state_.rootAt(url) == ObjectIndex::none) return false;
     }
     occasion_ = Occasion::Live;
+    now_ = state_.configuration.now();
+    {
+        const std::unique_lock lock(state_.indexMutex);
+        takeUp(state_.rootAt(url));
+    }
     decideBelow(url);
     const std::unique_lock lock(state_.indexMutex);
     forgetRoot(state_.rootAt(url));

@@ -107,6 +107,24 @@ TEST_F(RootsTest, ARootThatIsKnownFromTheLastRunIsNoNews) {
     EXPECT_THAT(service->placesOfDocumentID(note.documentID), IsEmpty());
 }
 
+TEST_F(RootsTest, ASaveThatARunEndsInIsDecidedWhereItsRootComesLater) {
+    ASSERT_TRUE(service->addRoot(root));
+    const auto path = scratch / "container/Documents/note";
+    for (int round = 0; round < 3; ++round) {
+        const auto note = identifyInLibrary("note");
+        ASSERT_TRUE(service->waitUntilSettled());
+        // The number most often goes to the next file; then the document waits in the store.
+        fs::remove(path);
+        scratch.makeFile("container/Documents/note", std::to_string(round));
+        ASSERT_TRUE(service->waitUntilSeen());
+        service.reset();
+        open();
+        ASSERT_TRUE(service->waitUntilSettled());
+        ASSERT_TRUE(service->addRoot(root));
+        EXPECT_EQ(identifyInLibrary("note").documentID, note.documentID) << round;
+    }
+}
+
 TEST_F(RootsTest, AFolderThatTakesARootsPlaceIsAnotherOneAndWhatHasMovedOutStays) {
     ASSERT_TRUE(service->addRoot(root));
     (void)identifyInLibrary("note");
