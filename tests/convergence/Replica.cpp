@@ -117,11 +117,12 @@ void Replica::pull(host::DocumentService& service) {
     if (reached) {
         // It may have listed a folder that was about to go out of sight with all that is in it.
         if (!pending_.empty() || !std::exchange(isListed_, false)) return;
-        std::erase_if(state_.items, [&](const auto& entry) {
+        const auto isOutOfSight = [&](const auto& entry) {
             const auto parent = state_.items.find(entry.second.parentItemIdentifier);
             const bool isInPackage = parent != state_.items.end() && !parent->second.isFolder();
             return isInPackage || pathOf(entry.second).empty();
-        });
+        };
+        while (std::erase_if(state_.items, isOutOfSight) > 0) continue;
         return;
     }
     if (!host::meansExpired(reached.error())) return fail(reached.error());
