@@ -1,6 +1,7 @@
 #include <semaphore>
 #include <thread>
 
+#include "tests/support/FullDisk.h"
 #include "tests/tidewell/ChangesFixture.h"
 #include "tidewell/fs/DocIDPath.h"
 
@@ -255,6 +256,119 @@ TEST_F(CoverTest, ReplicasFollowEveryTransition) {
     }
 }
 
+/// Runs something before each read of the kernel's events.
+class InterruptedKernel final : public KernelEventSource {
+  public:
+    explicit InterruptedKernel(std::function<void()>& beforeRead) : beforeRead_(beforeRead) {}
+    Result<int> addWatch(int folder) override { return kernel_->addWatch(folder); }
+    void removeWatch(int watch) override { kernel_->removeWatch(watch); }
+    std::vector<KernelEvent> read() override {
+        if (beforeRead_) beforeRead_();
+        return kernel_->read();
+    }
+    int descriptor() const override { return kernel_->descriptor(); }
+
+  private:
+    std::function<void()>& beforeRead_;
+    std::unique_ptr<KernelEventSource> kernel_ = makeInotifySource().value();
+};
+
+/// The volume's own history, which moves only within calls, and which calls can be interrupted.
+class FollowedTest : public tests::ChangesFixture {
+  protected:
+    FollowedTest() {
+        history = nullptr;
+        adjustVolume = [this](VolumeService::Configuration& configuration) {
+            using namespace std::chrono_literals;
+            configuration.isManual = true;
+            configuration.windows = {.rest = 1ms, .successor = 2ms, .rename = 4ms};
+            configuration.makeSource = [this]() -> Result<std::unique_ptr<KernelEventSource>> {
+                return std::make_unique<InterruptedKernel>(beforeRead);
+            };
+        };
+        restart();
+        settle();
+    }
+    void settle() { ASSERT_TRUE(installed->volume().waitUntilSettled()); }
+    /// An enumerator as a host gets it, of the folder that is there now.
+    std::shared_ptr<LocalFileEnumerator> lookedUp(const std::string& below) const {
+        const auto identifier = itemIdentifier(url(below)).value();
+        return std::make_shared<LocalFileEnumerator>(
+            identifier, std::vector{fileURLWithItemIdentifier(identifier).value()});
+    }
+    static bool hasExpired(const std::optional<QSError>& error) {
+        return error && error->code == QSFileProviderErrorSyncAnchorExpired;
+    }
+
+    std::function<void()> beforeRead;
+};
+
+TEST_F(FollowedTest, ChangesOfAFolderThatMovesAreReportedOrItsAnchorExpires) {
+    using Step = std::pair<std::string, std::string>;
+    const std::vector<std::vector<Step>> moves = {{{"up", "up2"}},
+                                                  {{"up/F", "up/G"}},
+                                                  {{"up/F", "up/G"}, {"up/S", "up/F"}},
+                                                  {{"up/F", "../out"}},
+                                                  {{"up", "up2"}, {"up2", "up"}}};
+    for (const auto& steps : moves) {
+        int reads = 0;
+        // Before the changes are asked for, before each read meanwhile, and not at all.
+        for (int at = 0; at <= reads + 1; ++at) {
+            for (const auto& entry : std::filesystem::directory_iterator(storage())) {
+                std::filesystem::remove_all(entry.path());
+            }
+            std::filesystem::remove_all(scratch / "out");
+            for (int i = 0; i < 3; ++i) (void)file("up/F/" + std::to_string(i));
+            (void)file("up/S/stranger");
+            settle();
+            const auto enumerator = lookedUp("up/F");
+            const auto known = tests::onePage(*enumerator);
+            const auto token = present();
+            for (const auto& item : known->items) (void)file("up/F/" + item->filename());
+            settle();
+            auto next = steps.begin();
+            reads = 0;
+            const auto move = [&] {
+                if (++reads < at || next == steps.end()) return;
+                std::filesystem::rename(storage() / next->first, storage() / next->second);
+                ++next;
+            };
+            if (at == 0) move(), settle();
+            beforeRead = move;
+            const auto told = changes(*enumerator, token);
+            const auto page = tests::onePage(*enumerator);
+            beforeRead = nullptr;
+            const auto where = steps.front().first + " at read " + std::to_string(at);
+            EXPECT_TRUE(hasExpired(told->error) || told->updated.size() == 3) << where;
+            for (const auto& [identifier, item] : told->updated) {
+                EXPECT_NE(item->filename(), "stranger") << where;
+            }
+            EXPECT_TRUE(hasExpired(page->error) || page->names() == known->names()) << where;
+        }
+    }
+}
+
+TEST_F(FollowedTest, WhatCannotBeIdentifiedIsNeitherLeftOutNorDeleted) {
+    (void)file("a/known");
+    const auto enumerator = lookedUp("a");
+    EXPECT_THAT(tests::onePage(*enumerator)->items, SizeIs(1));
+    const auto token = present();
+    for (int i = 0; i < 3; ++i) (void)file("a/new" + std::to_string(i));
+    settle();
+    {
+        const tests::FullDisk full;
+        const auto answer = changes(*enumerator, token);
+        EXPECT_TRUE(answer->error && !hasExpired(answer->error));
+        EXPECT_THAT(answer->updated, IsEmpty());
+        EXPECT_THAT(answer->deleted, IsEmpty());
+        const auto page = tests::onePage(*enumerator);
+        EXPECT_TRUE(page->error && !hasExpired(page->error));
+        EXPECT_THAT(page->items, IsEmpty());
+    }
+    EXPECT_THAT(changes(*enumerator, token)->updated, SizeIs(3));
+    EXPECT_THAT(tests::onePage(*enumerator)->items, SizeIs(4));
+}
+
 TEST_F(CoverTest, WhatAnEventMeansIsSeenOnTheDisk) {
     (void)file("a/kept");
     (void)file("a/p.lutebox/deep/inner");
@@ -279,6 +393,14 @@ TEST_F(CoverTest, WhatAnEventMeansIsSeenOnTheDisk) {
     auto answer = told(workingSet, {wrong, never, other, {.path = url().path()}});
     EXPECT_THAT(answer->updated, onlyKept);
     EXPECT_THAT(answer->deleted, ElementsAre("did=4000000")) << "another object stands there now";
+    (void)file("a/new");
+    other.path = url("a/new").path();
+    {
+        const tests::FullDisk full;
+        answer = told(workingSet, {other});
+        EXPECT_TRUE(answer->error && answer->deleted.empty()) << "which object cannot be told";
+    }
+    std::filesystem::remove(storage() / "a/new");
 
     answer = told(folderContainer, {inner});
     EXPECT_THAT(answer->updated, onlyPackage);

@@ -1,9 +1,12 @@
 #include "tidewell/enumeration/LocalFileEnumerator.h"
 
 #include <algorithm>
+#include <cerrno>
 
+#include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/fileprovider/URLOperations.h"
+#include "platform/files/LookFailure.h"
 #include "platform/foundation/fatalError.h"
 #include "tidewell/common/LocalFileProviderError.h"
 #include "tidewell/common/Logging.h"
@@ -136,10 +139,13 @@ void LocalFileEnumerator::enumerateItems(
     }
 }
 
+/// One that is not at its URL any more is for the host to look up again.
 Result<QSUUID> LocalFileEnumerator::requireVolume() const {
     const auto volume = volumeUUID(enumeratedItemURL());
     if (volume) return *volume;
     logError([&] { return "can't get volume UUID for " + enumeratedItemURL().path(); });
+    const auto isInPlace = cover_.isInPlace();
+    if (isInPlace && !*isInPlace) return std::unexpected(syncAnchorExpiredError());
     return std::unexpected(makeError(LocalFileProviderError::volumeIdentityUnknown));
 }
 
@@ -180,44 +186,22 @@ Result<std::optional<QSFileProviderPage>> LocalFileEnumerator::gather(
     std::uint64_t sinceEventID) {
     const auto volume = requireVolume();
     if (!volume) return std::unexpected(volume.error());
-    FSChangeToken reached{.deviceUUID = *volume};
-    std::unique_ptr<DirectoryWalk> walk;
-    auto lookedSince = currentFSEventIDAfterCatchingUp();
     if (token) {
         if (auto same = requireSameVolume(*token, *volume); !same) {
             return std::unexpected(same.error());
         }
-        logDebug([&] { return "resume gather phase at offset " + std::to_string(token->offset); });
-        if (auto unchanged = requireUnchanged(*token); !unchanged) {
-            return std::unexpected(unchanged.error());
-        }
-        walk = walkFor(*token);
-        reached.streamEventID = token->streamEventID;
-    } else {
-        logDebug("start gather phase");
-        reached.streamEventID = std::min(lookedSince, sinceEventID);
-        walk = newWalk();
     }
-
-    const std::uint64_t initialOffset = token ? token->offset : 0;
-    auto items = nextItems(*walk, initialOffset);
-    // Where a folder went elsewhere in between, items may have been looked for at its old place.
-    constexpr int mostBeginnings = 8;
-    for (int i = 0; items && i < mostBeginnings && foldersHaveMovedSince(lookedSince); ++i) {
-        logDebug("folders have moved meanwhile, looking again");
-        if (token) return std::unexpected(syncAnchorExpiredError());
-        lookedSince = currentFSEventIDAfterCatchingUp();
-        reached.streamEventID = std::min(lookedSince, sinceEventID);
-        walk = newWalk();
-        items = nextItems(*walk, initialOffset);
-    }
-    if (!items) return std::unexpected(items.error());
+    auto page = token ? pageFrom(*token) : firstPage(sinceEventID);
+    if (!page) return std::unexpected(std::move(page.error()));
     logDebug([&] {
-        return "discovered " + std::to_string(items->size()) + " items for " + container();
+        return "discovered " + std::to_string(page->items.size()) + " items for " + container();
     });
-    observer.didEnumerateItems(std::move(*items));
+    observer.didEnumerateItems(std::move(page->items));
 
-    reached.offset = walk->count();
+    auto& reached = page->reached;
+    reached.deviceUUID = *volume;
+    reached.offset = page->walk->count();
+    const std::uint64_t initialOffset = token ? token->offset : 0;
     if (reached.offset < initialOffset) {
         logInfo([&] {
             return "enumerator returned an offset (" + std::to_string(reached.offset) +
@@ -229,12 +213,56 @@ Result<std::optional<QSFileProviderPage>> LocalFileEnumerator::gather(
         logDebug([&] { return "gather phase finished for " + pathsText(urls()); });
         return std::nullopt;
     }
-    {
-        const std::scoped_lock lock(mutex_);
-        if (cursors_.size() == keptCursors) cursors_.erase(cursors_.begin());
-        cursors_.push_back({reached, std::move(walk)});
-    }
+    const std::scoped_lock lock(mutex_);
+    if (cursors_.size() == keptCursors) cursors_.erase(cursors_.begin());
+    cursors_.push_back({reached, std::move(page->walk)});
     return reached.data();
+}
+
+Result<LocalFileEnumerator::Gathered> LocalFileEnumerator::firstPage(
+    std::uint64_t sinceEventID) const {
+    constexpr int mostBeginnings = 8;
+    for (int i = 0; i < mostBeginnings; ++i) {
+        logDebug(i == 0 ? "start gather phase" : "folders have moved meanwhile, looking again");
+        const auto lookedSince = currentFSEventIDAfterCatchingUp();
+        Gathered page{.walk = newWalk()};
+        // What cannot be recorded now is recorded later, hence behind the page.
+        page.reached.streamEventID =
+            std::min(lookedSince.value_or(currentFSEventID()), sinceEventID);
+        if (auto added = addItems(page, 0); !added) return std::unexpected(added.error());
+        const auto moved = hasMoved(lookedSince);
+        if (!moved) return std::unexpected(moved.error());
+        if (!*moved) return page;
+    }
+    return std::unexpected(syncAnchorExpiredError());
+}
+
+Result<LocalFileEnumerator::Gathered> LocalFileEnumerator::pageFrom(const FSChangeToken& token) {
+    logDebug([&] { return "resume gather phase at offset " + std::to_string(token.offset); });
+    const auto lookedSince = currentFSEventIDAfterCatchingUp();
+    if (!lookedSince) return std::unexpected(lookedSince.error());
+    if (auto unchanged = requireUnchanged(token); !unchanged) {
+        return std::unexpected(unchanged.error());
+    }
+    Gathered page{.reached = token, .walk = walkFor(token)};
+    if (auto added = addItems(page, token.offset); !added) return std::unexpected(added.error());
+    const auto moved = hasMoved(lookedSince);
+    if (!moved) return std::unexpected(moved.error());
+    if (*moved) return std::unexpected(syncAnchorExpiredError());
+    return page;
+}
+
+/// Whether a folder went elsewhere while the page was read, so that items may have been looked for
+/// at its former place.
+Result<bool> LocalFileEnumerator::hasMoved(const Result<std::uint64_t>& lookedSince) const {
+    const auto isInPlace = cover_.isInPlace();
+    if (!isInPlace) return std::unexpected(isInPlace.error());
+    if (!*isInPlace) return std::unexpected(syncAnchorExpiredError());
+    if (lookedSince) return foldersHaveMovedSince(*lookedSince, cover_);
+    // Where moves cannot be recorded, a single folder that is in place has its items there too.
+    const auto there = Platform::current().files().checkStorage();
+    if (cover_.isRecursive() || !there) return std::unexpected(lookedSince.error());
+    return false;
 }
 
 std::unique_ptr<DirectoryWalk> LocalFileEnumerator::walkFor(const FSChangeToken& token) {
@@ -255,30 +283,37 @@ std::unique_ptr<DirectoryWalk> LocalFileEnumerator::newWalk() const {
     return std::make_unique<DirectoryWalk>(cover_.makeWalk(cover_.walkRoots()));
 }
 
-Result<std::vector<ItemRef>> LocalFileEnumerator::nextItems(DirectoryWalk& walk,
-                                                            std::uint64_t offset) const {
+Result<void> LocalFileEnumerator::addItems(Gathered& page, std::uint64_t offset) const {
     std::vector<QSURL> urls;
     urls.reserve(pageSize);
-    const auto walked = walk.walk(offset, pageSize, [&](const QSURL& url) -> Result<void> {
+    const auto walked = page.walk->walk(offset, pageSize, [&](const QSURL& url) -> Result<void> {
         urls.push_back(url);
         return {};
     });
-    if (!walked) return std::unexpected(walked.error());
-    // All of a page's identifiers in one durable step; what fails here fails again, and is logged,
-    // with the item that it concerns.
-    const auto identified = prefetchIdentifiers(urls);
-    if (!identified) {
+    if (!walked) {
+        // The host looks up what is not at its URL again; what is no folder is none there either.
+        const auto& error = walked.error();
+        const bool isNoFolder = error.code == ENOTDIR && cover_.isInPlace().value_or(false);
+        const bool hasMoved =
+            cover_.mayMove() && !isNoFolder && lookFailureOf(error) == LookFailure::Missing;
+        return std::unexpected(hasMoved ? syncAnchorExpiredError() : error);
+    }
+    // All of a page's identifiers in one durable step. An item without one would be missing from
+    // the page, and nothing would report it later.
+    if (auto identified = prefetchIdentifiers(urls); !identified) {
         logError([&] { return "can't prefetch identifiers; " + identified.error().description(); });
+        return identified;
     }
     ItemFactory factory;
-    std::vector<ItemRef> items;
-    items.reserve(urls.size());
+    page.items.reserve(urls.size());
     for (const auto& url : urls) {
         auto item = factory.makeItem(url);
-        if (item && (!cover_.showsFoldersOnly() || item->isFolder()))
-            items.push_back(std::move(item));
+        if (!item) return std::unexpected(std::move(item.error()));
+        if (*item && (!cover_.showsFoldersOnly() || (*item)->isFolder())) {
+            page.items.push_back(std::move(*item));
+        }
     }
-    return items;
+    return {};
 }
 
 }  // namespace tidewell

@@ -68,17 +68,26 @@ class LocalFileEnumerator final : public QSFileProviderEnumerator,
         std::unique_ptr<DirectoryWalk> walk;
     };
 
+    /// One page: where it ends, what it was read by, and its items.
+    struct Gathered {
+        FSChangeToken reached = {};
+        std::unique_ptr<DirectoryWalk> walk = {};
+        std::vector<ItemRef> items = {};
+    };
+
     Result<std::optional<QSFileProviderPage>> gather(QSFileProviderEnumerationObserver& observer,
                                                      const std::optional<FSChangeToken>& token,
                                                      std::uint64_t sinceEventID);
+    [[nodiscard]] Result<Gathered> firstPage(std::uint64_t sinceEventID) const;
+    [[nodiscard]] Result<Gathered> pageFrom(const FSChangeToken& token);
+    [[nodiscard]] Result<bool> hasMoved(const Result<std::uint64_t>& lookedSince) const;
     [[nodiscard]] Result<QSUUID> requireVolume() const;
     Result<void> requireSameVolume(const FSChangeToken& token, const QSUUID& volume) const;
     Result<void> requireUnchanged(const FSChangeToken& token) const;
     /// The walk that ended the page of that token, where it was kept, or a new one.
     [[nodiscard]] std::unique_ptr<DirectoryWalk> walkFor(const FSChangeToken& token);
     [[nodiscard]] std::unique_ptr<DirectoryWalk> newWalk() const;
-    [[nodiscard]] Result<std::vector<ItemRef>> nextItems(DirectoryWalk& walk,
-                                                         std::uint64_t offset) const;
+    [[nodiscard]] Result<void> addItems(Gathered& page, std::uint64_t offset) const;
 
     // Constant after construction.
     ContainerCover cover_;

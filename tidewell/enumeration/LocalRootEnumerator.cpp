@@ -138,7 +138,7 @@ void LocalRootEnumerator::enumerateItemsForObserver(
     auto sinceEventID = LocalFileEnumerator::noLimit;
     if (isInitialPage(startingAtPage)) {
         // Before the set is read, so that a set that comes later voids the pages of this one.
-        sinceEventID = currentFSEventIDAfterCatchingUp();
+        sinceEventID = currentFSEventIDAfterCatchingUp().value_or(currentFSEventID());
     }
     const auto libraries = presentLibraries(*appLibraries_);
     if (isInitialPage(startingAtPage)) {
@@ -162,7 +162,7 @@ void LocalRootEnumerator::enumerateChangesForObserver(
     // no anchor that names an older set has passed them.
     const auto upToEventID = endOfHistory();
     auto told = appLibraryStep(*token);
-    if (!told) return observer->finishEnumeratingWithError(syncAnchorExpiredError());
+    if (!told) return observer->finishEnumeratingWithError(told.error());
     if (!told->items.empty()) observer->didUpdateItems(std::move(told->items));
     if (!told->deletions.empty()) {
         observer->didDeleteItemsWithIdentifiers(std::move(told->deletions));
@@ -213,9 +213,11 @@ bool LocalRootEnumerator::isUsable(std::uint64_t changeTokenVersion,
     return false;
 }
 
-std::optional<LocalRootEnumerator::Told> LocalRootEnumerator::appLibraryStep(FSChangeToken& token) {
+Result<LocalRootEnumerator::Told> LocalRootEnumerator::appLibraryStep(FSChangeToken& token) {
     const auto changeTokenVersion = token.appLibraryVersionToken;
-    if (!isUsable(changeTokenVersion, appLibraryManager_.versionToken())) return std::nullopt;
+    if (!isUsable(changeTokenVersion, appLibraryManager_.versionToken())) {
+        return std::unexpected(syncAnchorExpiredError());
+    }
     std::optional<std::uint64_t> requiredVersion;
     if (isWorkingSet_ && changeTokenVersion != 0) {
         requiredVersion = appLibraries_->workingSetCache()->versionToken();
@@ -227,7 +229,7 @@ std::optional<LocalRootEnumerator::Told> LocalRootEnumerator::appLibraryStep(FSC
             return "local version was never saved, need to restart from scratch" +
                    versionSuffix(changeTokenVersion);
         });
-        return std::nullopt;
+        return std::unexpected(syncAnchorExpiredError());
     }
     token.appLibraryVersionToken = upgrade->versionToken;
     if (isWorkingSet_) saveWorkingSet();
@@ -240,7 +242,7 @@ std::optional<LocalRootEnumerator::Told> LocalRootEnumerator::appLibraryStep(FSC
     // version does not say either which libraries its host has listed.
     if (upgrade->versionToken == changeTokenVersion && changeTokenVersion != 0) return told;
     auto lost = identifiersLost(token.streamEventID);
-    if (!lost) return std::nullopt;
+    if (!lost) return std::unexpected(std::move(lost.error()));
     told.deletions = upgrade->removedIdentifiers();
     for (const auto& identifier : told.deletions) lost->erase(identifier);
     told.deletions.insert(told.deletions.end(), lost->begin(), lost->end());
@@ -261,24 +263,27 @@ void LocalRootEnumerator::saveWorkingSet() {
 }
 
 /// The libraries that were let go, and everything below them that the history tells of, without
-/// what the container shows elsewhere. None where the history does not go back that far.
-std::optional<std::set<std::string>> LocalRootEnumerator::identifiersLost(
+/// what the container shows elsewhere.
+Result<std::set<std::string>> LocalRootEnumerator::identifiersLost(
     std::uint64_t sinceEventID) const {
     constexpr std::size_t batch = 4096;
     const auto containers = std::string(presentedContainersPath) + "/";
     const auto roots = treeRoots(appLibraryManager_.bundleProxiesByRootURLs());
     const ContainerCover cover(container_, roots);
     const auto& history = *Platform::current().events().history;
-    if (!history.isCaughtUp()) (void)Platform::current().volume().waitUntilSeen();
+    if (!history.isCaughtUp()) {
+        auto seen = Platform::current().volume().waitUntilSeen();
+        if (!seen) return std::unexpected(std::move(seen.error()));
+    }
     const auto last = currentFSEventID();
     const auto letGo =
         history.selectedEventsAfter(sinceEventID, last, 1, EventSelection::RootsLetGo);
-    if (!letGo) return std::nullopt;
+    if (!letGo) return std::unexpected(errorForHistory(letGo.error()));
     std::set<std::string> found;
     if (letGo->empty()) return found;  // as nearly always, without reading what happened
     for (auto after = sinceEventID; after < last;) {
         const auto events = history.eventsAfter(after, last, batch);
-        if (!events) return std::nullopt;
+        if (!events) return std::unexpected(errorForHistory(events.error()));
         for (const auto& event : *events) {
             const auto isBelow = [&](const QSURL& root) { return isAtOrBelow(event.path, root); };
             if (!event.path.starts_with(containers) || std::ranges::any_of(roots, isBelow)) {
@@ -290,7 +295,8 @@ std::optional<std::set<std::string>> LocalRootEnumerator::identifiersLost(
             const auto identifier = identifierOf(event);
             if (!identifier || found.contains(*identifier)) continue;
             const auto where = whereaboutsOf(event, *identifier, cover);
-            if (!where.shown && !where.isOnTheMove) found.insert(*identifier);
+            if (!where) return std::unexpected(where.error());
+            if (!where->shown && !where->isOnTheMove) found.insert(*identifier);
         }
         if (events->size() < batch) break;
         after = events->back().id;

@@ -42,12 +42,12 @@ class LocalRootEnumerator final : public QSFileProviderEnumerator,
 
     LocalRootEnumerator(std::string container, std::shared_ptr<AppLibraries> appLibraries);
 
-    /// Moves the token to the local version; none where the host has to start from scratch.
-    [[nodiscard]] std::optional<Told> appLibraryStep(FSChangeToken& token);
+    /// Moves the token to the local version. Fails, with an expired anchor where the host has to
+    /// start from scratch.
+    [[nodiscard]] Result<Told> appLibraryStep(FSChangeToken& token);
     [[nodiscard]] bool isUsable(std::uint64_t changeTokenVersion, std::uint64_t localVersion) const;
     void saveWorkingSet();
-    [[nodiscard]] std::optional<std::set<std::string>> identifiersLost(
-        std::uint64_t sinceEventID) const;
+    [[nodiscard]] Result<std::set<std::string>> identifiersLost(std::uint64_t sinceEventID) const;
     [[nodiscard]] std::string versionSuffix(std::uint64_t changeTokenVersion) const;
 
     /// The inner enumerator over these libraries, a new one where the present one has others.

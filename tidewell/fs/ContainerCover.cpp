@@ -2,6 +2,7 @@
 
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QSFileProviderItem.h"
+#include "platform/files/LookFailure.h"
 
 namespace tidewell {
 
@@ -56,7 +57,10 @@ ContainerCover::ContainerCover(std::string container, std::vector<QSURL> urls)
     : container_(std::move(container)),
       urls_(std::move(urls)),
       isWorkingSet_(container_ == QSFileProviderWorkingSetContainerItemIdentifier),
-      showsFoldersOnly_(container_ == QSFileProviderAllDirectoriesContainerItemIdentifier) {}
+      showsFoldersOnly_(container_ == QSFileProviderAllDirectoriesContainerItemIdentifier) {
+    const auto kept = std::static_pointer_cast<const FileAttributes>(urls_.front().attachment());
+    if (kept && !isRecursive()) meant_ = kept->identity;
+}
 
 ContainerCover::Place ContainerCover::placeOf(const QSURL& url) const {
     if (!isRecursive()) {
@@ -82,6 +86,14 @@ Cover ContainerCover::coverOf(const LocalItem& item) const {
     return showsFoldersOnly_ && !item.isFolder() ? Cover::NotAFolder : Cover::Shown;
 }
 
+Result<bool> ContainerCover::isInPlace() const {
+    if (!meant_) return true;
+    const auto found = Platform::current().files().freshAttributes(urls_.front());
+    if (found) return (*found)->identity == *meant_;
+    if (lookFailureOf(found.error()) == LookFailure::Missing) return false;
+    return std::unexpected(found.error());
+}
+
 WalkOptions ContainerCover::walkOptions() const {
     return isRecursive() ? recursiveOptions : singleFolderOptions;
 }
@@ -93,10 +105,7 @@ std::vector<DirectoryWalk::Root> ContainerCover::walkRoots() const {
     };
     if (!isRecursive()) {
         add(urls_.front(), singleFolderOptions);
-        // The folder may have moved since it was looked up; a root is whatever is at its path.
-        const auto meant =
-            std::static_pointer_cast<const FileAttributes>(urls_.front().attachment());
-        if (meant && container_.starts_with("fid=")) roots.front().identity = meant->identity;
+        roots.front().identity = meant_;
         return roots;
     }
     for (const auto& url : urls_) {

@@ -46,6 +46,13 @@ class ContainerCover {
     [[nodiscard]] bool isRecursive() const { return isWorkingSet_ || showsFoldersOnly_; }
     [[nodiscard]] bool showsFoldersOnly() const { return showsFoldersOnly_; }
 
+    /// Whether the container is one folder that was looked up before, so that its URL may lead to
+    /// another one, or nowhere, by now.
+    [[nodiscard]] bool mayMove() const { return meant_.has_value(); }
+    /// Whether that folder is where it was found; true where it cannot move. An error where that
+    /// cannot be found out. Blocks for the look.
+    [[nodiscard]] Result<bool> isInPlace() const;
+
     /// The walk that lists the container.
     [[nodiscard]] std::vector<DirectoryWalk::Root> walkRoots() const;
     [[nodiscard]] DirectoryWalk makeWalk(std::vector<DirectoryWalk::Root> roots) const;
@@ -58,6 +65,7 @@ class ContainerCover {
     std::vector<QSURL> urls_;
     bool isWorkingSet_;
     bool showsFoldersOnly_;
+    std::optional<ObjectIdentity> meant_;  ///< of the single folder, where its URL keeps it
 };
 
 [[nodiscard]] inline bool isHiddenName(std::string_view name) {

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "platform/fileprovider/Platform.h"
+#include "platform/files/LookFailure.h"
 #include "platform/foundation/fatalError.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/fs/ContainerCover.h"
@@ -42,6 +43,13 @@ void DirectoryWalk::leave() {
     levels_.pop_back();
 }
 
+/// What one object has to do with is its own matter; anything else ends the walk, which would be
+/// short without a reason.
+Result<void> DirectoryWalk::passOver(const QSError& error) {
+    if (lookFailureOf(error) == LookFailure::Unknown) return std::unexpected(error);
+    return {};
+}
+
 Result<void> DirectoryWalk::openNextRoot() {
     const auto& root = roots_[nextRoot_++];
     auto folder = Platform::current().files().openFolder(root.url);
@@ -54,7 +62,7 @@ Result<void> DirectoryWalk::openNextRoot() {
     }
     logCannotOpen(root.url, folder.error());
     if (nextRoot_ == 1) return std::unexpected(folder.error());
-    return {};
+    return passOver(folder.error());
 }
 
 Result<void> DirectoryWalk::emit(const Folder& folder, const DirectoryEntry& entry,
@@ -66,25 +74,26 @@ Result<void> DirectoryWalk::emit(const Folder& folder, const DirectoryEntry& ent
             return "passing over " + folder.url().path() + "/" + std::string(entry.name) + "; " +
                    attributes.error().description();
         });
-        return {};
+        return passOver(attributes.error());
     }
     const auto url = folder.url().URLByAppendingPathComponent(entry.name);
     url.setAttachment(std::move(*attributes));
     return callback(url);
 }
 
-void DirectoryWalk::descend(const Level& level, const DirectoryEntry& entry) {
-    if (entry.kind != ObjectKind::Directory) return;
-    if ((level.options & walkDescendsIntoNothing) == walkDescendsIntoNothing) return;
+Result<void> DirectoryWalk::descend(const Level& level, const DirectoryEntry& entry) {
+    if (entry.kind != ObjectKind::Directory) return {};
+    if ((level.options & walkDescendsIntoNothing) == walkDescendsIntoNothing) return {};
     const auto passedOver =
         isPackageName(entry.name) ? walkSkipsPackageDescendants : walkSkipsFolderDescendants;
-    if ((level.options & passedOver) != 0) return;
+    if ((level.options & passedOver) != 0) return {};
     auto child = level.folder->openChild(entry.name);
     if (!child) {
         logCannotOpen(level.folder->url().URLByAppendingPathComponent(entry.name), child.error());
-        return;
+        return passOver(child.error());
     }
     enter(std::move(*child), childFilter_(entry.name, level.options));
+    return {};
 }
 
 Result<std::uint64_t> DirectoryWalk::walk(std::uint64_t skipOffset, std::uint64_t pageSize,
@@ -99,9 +108,12 @@ Result<std::uint64_t> DirectoryWalk::walk(std::uint64_t skipOffset, std::uint64_
         const auto entry = level.folder->next();
         if (!entry) {
             logCannotOpen(level.folder->url(), entry.error());
-            // What has gone holds nothing; a container that cannot be read is not an empty one.
+            // What is missing holds nothing; a container that cannot be read is not an empty one.
             const bool isContainer = levels_.size() == 1 && nextRoot_ == 1;
             if (isContainer && entry.error().code != ENOENT) return std::unexpected(entry.error());
+            if (auto passed = passOver(entry.error()); !passed) {
+                return std::unexpected(std::move(passed.error()));
+            }
         }
         if (!entry || !*entry) {
             leave();
@@ -119,7 +131,9 @@ Result<std::uint64_t> DirectoryWalk::walk(std::uint64_t skipOffset, std::uint64_
             const auto emitted = emit(*level.folder, **entry, callback);
             if (!emitted) return std::unexpected(emitted.error());
         }
-        descend(level, **entry);
+        if (auto descended = descend(level, **entry); !descended) {
+            return std::unexpected(std::move(descended.error()));
+        }
     }
 }
 

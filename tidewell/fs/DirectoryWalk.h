@@ -47,10 +47,11 @@ class DirectoryWalk {
     DirectoryWalk(std::vector<Root> roots, ChildFilter childFilter, Emits emits);
 
     /// Passes over entries up to `skipOffset`, then hands at most `pageSize` to `callback`; returns
-    /// the count reached, to be the next page's offset. An entry that is gone meanwhile or lies on
-    /// another volume is counted and passed over. Fails where the first root cannot be opened;
-    /// another root that is missing is empty, and what cannot be read below is logged and passed
-    /// over. Blocks for the file system.
+    /// the count reached, to be the next page's offset. An entry that is missing meanwhile, lies on
+    /// another volume or cannot be read is counted and passed over. Fails where the first root
+    /// cannot be opened, and where the process or the system is short of something; another root
+    /// that is missing is empty, and a folder below that cannot be read is logged and passed over.
+    /// Blocks for the file system.
     Result<std::uint64_t> walk(std::uint64_t skipOffset, std::uint64_t pageSize,
                                const EntryCallback& callback);
 
@@ -68,7 +69,8 @@ class DirectoryWalk {
     void leave();
     Result<void> emit(const Folder& folder, const DirectoryEntry& entry,
                       const EntryCallback& callback) const;
-    void descend(const Level& level, const DirectoryEntry& entry);
+    Result<void> descend(const Level& level, const DirectoryEntry& entry);
+    [[nodiscard]] static Result<void> passOver(const QSError& error);
 
     // Constant after construction.
     std::vector<Root> roots_;

@@ -90,7 +90,11 @@ void FSChangesEnumerator::startReaders() {
     // On the queue, so that the end, to which one reader may come at once, follows both starts.
     queue_.async([self = shared_from_this()] {
         if (self->isFinished()) return;
-        self->lookedSinceFSEventID_ = currentFSEventIDAfterCatchingUp();
+        const auto seen = currentFSEventIDAfterCatchingUp();
+        if (!seen) return self->finishWithError(seen.error());
+        self->lookedSinceFSEventID_ = *seen;
+        // From here on a move of the folder is an event; before, it may be one that nobody reads.
+        if (!self->requireInPlace()) return;
         self->startFeed(self->docIDBased_);
         self->startFeed(self->pathBased_);
     });
@@ -109,7 +113,16 @@ void FSChangesEnumerator::startFeed(Feed& feed) {
     const auto needsItem = [cover = cover_](const QSURL& url) {
         return cover.placeOf(url).cover == Cover::Shown;
     };
-    feed.reader->setHints({.needsItem = needsItem, .passed = passed});
+    const auto failed = [weak = weak_from_this(),
+                         reader = std::weak_ptr(feed.reader)](const QSError& error) {
+        const auto self = weak.lock();
+        const auto source = reader.lock();
+        if (!self || !source) return;
+        self->queue_.sync([&] {
+            if (!self->isFinished() && self->feedOf(*source)) self->finishWithError(error);
+        });
+    };
+    feed.reader->setHints({.needsItem = needsItem, .passed = passed, .failed = failed});
     feed.reader->setDelegate(weak_from_this());
     feed.reader->start();
 }
@@ -209,9 +222,10 @@ void FSChangesEnumerator::collect(const FSEvent& event, const QSURL& url,
 void FSChangesEnumerator::collectElsewhere(const FSEvent& event, const QSURL& url,
                                            const std::string& identifier) {
     const auto found = whereaboutsOf(event, identifier, cover_);
-    for (const auto& place : found.missed) miss(place);
-    if (found.shown) return add(event.id, identifier, found.shown);
-    if (found.isOnTheMove) {
+    if (!found) return finishWithError(found.error());
+    for (const auto& place : found->missed) miss(place);
+    if (found->shown) return add(event.id, identifier, found->shown);
+    if (found->isOnTheMove) {
         logDebug([&] { return "ignore update of " + url.description() + "; it is on the move"; });
         return;
     }
@@ -226,9 +240,10 @@ void FSChangesEnumerator::miss(const QSURL& url) {
 
 void FSChangesEnumerator::collectPackage(std::uint64_t eventID, const QSURL& url) {
     if (!packages_.insert(url.path()).second) return;
-    const auto item = LocalItem::initWithURL(QSURL::fileURLWithPath(url.path()));
-    if (item && cover_.coverOf(*item) == Cover::Shown) {
-        add(eventID, item->itemIdentifier(), item);
+    const auto item = LocalItem::findAtURL(QSURL::fileURLWithPath(url.path()));
+    if (!item) return finishWithError(item.error());
+    if (*item && cover_.coverOf(**item) == Cover::Shown) {
+        add(eventID, (*item)->itemIdentifier(), *item);
     }
 }
 
@@ -238,13 +253,19 @@ void FSChangesEnumerator::scan(std::uint64_t eventID, const QSURL& folder) {
     logDebug([&] { return "scanning folder " + folder.path(); });
     auto walk = cover_.makeWalk({{QSURL::fileURLWithPath(folder.path()), cover_.walkOptions()}});
     ItemFactory factory;
+    std::optional<QSError> failure;
     const auto walked = walk.walk(0, pageSize + 1, [&](const QSURL& url) -> Result<void> {
         const auto item = factory.makeItem(url);
-        if (item && cover_.coverOf(*item) == Cover::Shown) {
-            add(eventID, item->itemIdentifier(), item);
+        if (!item) {
+            failure = item.error();
+            return std::unexpected(*failure);
+        }
+        if (*item && cover_.coverOf(**item) == Cover::Shown) {
+            add(eventID, (*item)->itemIdentifier(), *item);
         }
         return {};
     });
+    if (failure) return finishWithError(*failure);
     if (!walked || *walked > pageSize) finishExpired();
 }
 
@@ -280,9 +301,11 @@ void FSChangesEnumerator::deliverWhatIsReady() {
     const auto passedByBoth = std::min({docIDBased_.passed, pathBased_.passed, startupFSEventID_});
     const bool isFull = countUpTo(passedByBoth) >= pageSize;
     if (!isFull && numberOfReaderCaughtUp_ != 2) return;
-    if (foldersHaveMoved()) {
-        beginAgain();
-    } else if (isFull) {
+    const auto haveMoved = foldersHaveMoved();
+    if (!haveMoved) return finishWithError(haveMoved.error());
+    if (*haveMoved) return beginAgain();
+    if (!requireInPlace()) return;
+    if (isFull) {
         finishPage();
     } else {
         finishCaughtUp();
@@ -291,14 +314,31 @@ void FSChangesEnumerator::deliverWhatIsReady() {
 
 /// Whether a folder went elsewhere while places were looked at. What happened below it before then
 /// has no event at its new place, and may have been looked for at the old one in vain.
-bool FSChangesEnumerator::foldersHaveMoved() {
-    // The kernel may not have reported it. A failure shows where the history is read.
+Result<bool> FSChangesEnumerator::foldersHaveMoved() {
+    // The kernel may not have reported it.
     if (!missedFolders_.empty()) {
         const std::vector folders(missedFolders_.begin(), missedFolders_.end());
-        (void)Platform::current().volume().waitUntilSeenLooking(folders);
+        auto seen = Platform::current().volume().waitUntilSeenLooking(folders);
+        if (!seen) return std::unexpected(std::move(seen.error()));
         missedFolders_.clear();
     }
-    return foldersHaveMovedSince(lookedSinceFSEventID_);
+    return foldersHaveMovedSince(lookedSinceFSEventID_, cover_);
+}
+
+/// Ends the enumeration where the container's URL does not lead to its folder: what happens in
+/// the folder is reported at another path, and what is at this path is another folder's.
+bool FSChangesEnumerator::requireInPlace() {
+    const auto isInPlace = cover_.isInPlace();
+    if (!isInPlace) {
+        finishWithError(isInPlace.error());
+    } else if (!*isInPlace) {
+        logInfo([&] {
+            return container() + " is not at " + cover_.urls().front().path() +
+                   " any more, need to restart from scratch";
+        });
+        finishExpired();
+    }
+    return isInPlace.value_or(false);
 }
 
 void FSChangesEnumerator::beginAgain() {
@@ -397,6 +437,7 @@ void FSChangesEnumerator::forward(std::vector<Change> changes) {
 
 void FSChangesEnumerator::finish(
     const std::function<void(QSFileProviderChangeObserver&)>& lastCall) {
+    if (isFinished()) return;
     stopReaders();
     changes_.clear();
     positions_.clear();
@@ -406,10 +447,14 @@ void FSChangesEnumerator::finish(
     lastCall(*observer);
 }
 
-void FSChangesEnumerator::finishExpired() {
-    finish([](QSFileProviderChangeObserver& observer) {
-        observer.finishEnumeratingWithError(syncAnchorExpiredError());
+void FSChangesEnumerator::finishWithError(const QSError& error) {
+    finish([&](QSFileProviderChangeObserver& observer) {
+        observer.finishEnumeratingWithError(error);
     });
+}
+
+void FSChangesEnumerator::finishExpired() {
+    finishWithError(syncAnchorExpiredError());
 }
 
 void FSChangesEnumerator::stopReaders() {

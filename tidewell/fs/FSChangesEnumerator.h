@@ -85,7 +85,8 @@ class FSChangesEnumerator final : public FSEventReaderDelegate,
     void makeReaders();
     void startReaders();
     [[nodiscard]] bool nothingHasHappened() const;
-    [[nodiscard]] bool foldersHaveMoved();
+    [[nodiscard]] Result<bool> foldersHaveMoved();
+    [[nodiscard]] bool requireInPlace();
     void beginAgain();
     [[nodiscard]] bool isFinished() const { return !observer_; }
     void collect(const FSEvent& event, const QSURL& url, const std::shared_ptr<LocalItem>& item);
@@ -104,6 +105,7 @@ class FSChangesEnumerator final : public FSEventReaderDelegate,
     void finishCaughtUp();
     void forward(std::vector<Change> changes);
     void finish(const std::function<void(QSFileProviderChangeObserver&)>& lastCall);
+    void finishWithError(const QSError& error);
     void finishExpired();
     void stopReaders();
 

@@ -1,10 +1,10 @@
 #include "tidewell/fs/FSEventReader.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <semaphore>
 
 #include "platform/fileprovider/URLOperations.h"
+#include "platform/files/LookFailure.h"
 #include "platform/foundation/fatalError.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/fs/DocIDPath.h"
@@ -22,12 +22,6 @@ constexpr auto latency = std::chrono::milliseconds(500);
 bool isDocIDPath(std::string_view path) {
     path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
     return path.starts_with(".docid/");
-}
-
-/// Nothing of ours stands there, as opposed to: it cannot be told.
-bool meansAbsent(const QSError& error) {
-    return error.code == ENOENT || error.code == ENOTDIR || error.code == ELOOP ||
-           error.code == EXDEV;
 }
 
 /// A URL that keeps the identifier of the event's object, so that it can be named when it has gone.
@@ -171,15 +165,18 @@ void FSEventReader::receive(std::span<const FSEvent> events) {
         logDebug([&] { return "fsevent: received" + descriptionOf(events); });
     }
     const auto subjects = subjectsOf(events);
+    if (!subjects) return fail(subjects.error());
     ItemFactory factory;
     for (std::size_t i = 0; i < events.size() && !isStopped_; ++i) {
         currentEvent_ = events[i];
-        handle(events[i], subjects[i], factory);
+        if (const auto done = handle(events[i], (*subjects)[i], factory); !done) {
+            return fail(done.error());
+        }
     }
     if (hints_.passed && !isStopped_) hints_.passed();
 }
 
-std::vector<FSEventReader::Subject> FSEventReader::subjectsOf(
+Result<std::vector<FSEventReader::Subject>> FSEventReader::subjectsOf(
     std::span<const FSEvent> events) const {
     constexpr auto aboutTheStream = fsEventIDsWrapped | fsEventUserDropped | fsEventKernelDropped |
                                     fsEventHistoryDone | fsEventHistoryClosed;
@@ -188,11 +185,13 @@ std::vector<FSEventReader::Subject> FSEventReader::subjectsOf(
     std::vector<Subject*> wanting;
     for (std::size_t i = 0; i < events.size(); ++i) {
         if ((events[i].flags & aboutTheStream) != 0) continue;
-        auto& subject = subjects[i] = subjectOf(events[i]);
-        const auto& url = subject.url;
+        auto subject = subjectOf(events[i]);
+        if (!subject) return std::unexpected(std::move(subject.error()));
+        subjects[i] = std::move(*subject);
+        const auto& url = subjects[i].url;
         if (!url || (hints_.needsItem && !hints_.needsItem(*url))) continue;
         wanted.push_back(*url);
-        wanting.push_back(&subject);
+        wanting.push_back(&subjects[i]);
     }
     if (wanted.empty()) return subjects;  // the platform may have gone
     const auto attributes = Platform::current().files().attributes(wanted);
@@ -201,24 +200,25 @@ std::vector<FSEventReader::Subject> FSEventReader::subjectsOf(
         if (attributes[i]) {
             wanting[i]->state = Subject::State::Present;
             present.push_back(std::move(wanted[i]));
-        } else if (!meansAbsent(attributes[i].error())) {
-            wanting[i]->state = Subject::State::Unreadable;
+            continue;
         }
+        const auto failure = lookFailureOf(attributes[i].error());
+        if (failure == LookFailure::Unknown) return std::unexpected(attributes[i].error());
+        wanting[i]->state =
+            failure == LookFailure::Missing ? Subject::State::Absent : Subject::State::Unreadable;
     }
-    if (present.empty()) return subjects;
-    // In one durable step; what fails here fails again, and is logged, with the item concerned.
-    const auto identified = prefetchIdentifiers(present);
-    if (!identified) {
-        logError([&] { return "can't prefetch identifiers; " + identified.error().description(); });
+    // In one durable step for all.
+    if (auto identified = prefetchIdentifiers(present); !identified) {
+        return std::unexpected(std::move(identified.error()));
     }
     return subjects;
 }
 
-FSEventReader::Subject FSEventReader::subjectOf(const FSEvent& event) const {
+Result<FSEventReader::Subject> FSEventReader::subjectOf(const FSEvent& event) const {
     Subject subject;
     if (event.path.empty()) {
         logDropped(std::to_string(event.id), "because no path can be extracted");
-        return {};
+        return subject;
     }
     auto url = QSURL::fileURLWithPath(event.path);
     if (isDocIDPath(event.path)) {
@@ -230,16 +230,17 @@ FSEventReader::Subject FSEventReader::subjectOf(const FSEvent& event) const {
                 return "can't parse docID path " + quoted(event.path) + "; format expected is " +
                        quoted("/.docid/$dev/changed/$docid/src=$src,dst=$dst");
             });
-            return {};
+            return subject;
         }
         subject.documentID = static_cast<std::uint64_t>(documentID);
-        const auto resolved =
-            fileURLWithItemIdentifier(TWPFileObjectIdentifier::fromDocumentID(subject.documentID));
-        if (!resolved) {
+        const auto resolved = findFileURLWithItemIdentifier(
+            TWPFileObjectIdentifier::fromDocumentID(subject.documentID));
+        if (!resolved) return std::unexpected(resolved.error());
+        if (!*resolved) {
             logDebug([&] { return "can't compute url for " + std::to_string(documentID); });
-            return {};
+            return subject;
         }
-        url = QSURL::fileURLWithPath(resolved->path());
+        url = QSURL::fileURLWithPath((*resolved)->path());
     }
     if (isMonitored(url)) {
         subject.url = std::move(url);
@@ -257,58 +258,81 @@ bool FSEventReader::isMonitored(const QSURL& url) const {
     });
 }
 
-void FSEventReader::handle(const FSEvent& event, const Subject& subject, ItemFactory& factory) {
+Result<void> FSEventReader::handle(const FSEvent& event, const Subject& subject,
+                                   ItemFactory& factory) {
     if ((event.flags & fsEventHistoryClosed) != 0) {
         historyHasClosed_ = true;
-        return reportLoss("fsevents closed");
+        reportLoss("fsevents closed");
+        return {};
     }
-    if ((event.flags & fsEventIDsWrapped) != 0) return reportLoss("fsevents id wrapped");
+    if ((event.flags & fsEventIDsWrapped) != 0) {
+        reportLoss("fsevents id wrapped");
+        return {};
+    }
     if ((event.flags & (fsEventUserDropped | fsEventKernelDropped)) != 0) {
-        return reportLoss("dropped fsevents");
+        reportLoss("dropped fsevents");
+        return {};
     }
     lastProcessedFSEventID_ = std::max(lastProcessedFSEventID_.load(), event.id);
     if ((event.flags & fsEventHistoryDone) != 0) {
         if (verbose_) logDebug("done processing history");
         if (const auto receiver = delegate()) receiver->historyDone(*this);
-        return;
+        return {};
     }
-    if (subject.url) {
-        handleObject(subject, factory);
-    } else if ((event.flags & fsEventMustScanSubDirs) != 0) {
+    if (subject.url) return handleObject(subject, factory);
+    if ((event.flags & fsEventMustScanSubDirs) != 0) {
         // Above the folders that are watched, hence about all of them.
         reportLoss("fsevents require to scan everything");
     }
+    return {};
 }
 
-void FSEventReader::handleObject(const Subject& subject, ItemFactory& factory) {
+Result<void> FSEventReader::handleObject(const Subject& subject, ItemFactory& factory) {
+    using State = Subject::State;
     const auto& url = *subject.url;
     const bool isDocIDEvent = subject.documentID != 0;
     if (isDocIDEvent) {
         currentEvent_.identifierKind = IdentifierKind::Document;
         currentEvent_.documentID = static_cast<std::uint32_t>(subject.documentID);
     }
-    const auto about = subjectURL(url, currentEvent_);
-    if (isDocIDEvent && subject.state == Subject::State::Absent) {
-        return logDropped(quoted(currentEvent_.path), "; No object at path");
+    const auto drop = [&](const std::string& what, const std::string& reason) -> Result<void> {
+        logDropped(what, reason);
+        return {};
+    };
+    if (isDocIDEvent && subject.state == State::NotLookedAt) {
+        return drop(url.description(), "; its owner needs no item there");
     }
+    if (isDocIDEvent && subject.state == State::Absent) {
+        return drop(quoted(currentEvent_.path), "; No object at path");
+    }
+    const auto about = subjectURL(url, currentEvent_);
     std::shared_ptr<LocalItem> item;
-    if (subject.state == Subject::State::Present) item = factory.makeItem(url);
-    if (!item && subject.state != Subject::State::Absent) {
-        logDropped(url.description(), "; can't create local item");
+    if (subject.state == State::Present) {
+        auto made = factory.makeItem(url);
+        if (!made) return std::unexpected(std::move(made.error()));
+        item = std::move(*made);
         // What stands there is no item, but the object that the event names may have gone.
-        const bool mayHaveGone = subject.state == Subject::State::Present &&
-                                 about.cachedResourceValue(QSResourceKey::IsDirectory).index() != 0;
-        if (isDocIDEvent || !mayHaveGone) return;
+        const bool namesObject = about.cachedResourceValue(QSResourceKey::IsDirectory).index() != 0;
+        if (!item && (isDocIDEvent || !namesObject)) {
+            return drop(url.description(), "; can't create local item");
+        }
+    } else if (subject.state == State::Unreadable) {
+        return drop(url.description(), "; can't create local item");
     }
     if (isDocIDEvent) {
         const auto expected = tidewell::itemIdentifier(about).value_or("none");
         if (expected != item->itemIdentifier()) {
-            return logDropped(
-                url.description(),
-                "; fileObjectIDs don't match (" + item->itemIdentifier() + ", " + expected + ")");
+            return drop(url.description(), "; fileObjectIDs don't match (" +
+                                               item->itemIdentifier() + ", " + expected + ")");
         }
     }
     if (const auto receiver = delegate()) receiver->itemChanged(*this, about, std::move(item));
+    return {};
+}
+
+void FSEventReader::fail(const QSError& error) {
+    logError([&] { return "can't identify the objects of fsevents; " + error.description(); });
+    if (hints_.failed) hints_.failed(error);
 }
 
 void FSEventReader::reportLoss(std::string_view reason) {

@@ -55,6 +55,10 @@ class FSEventReader : public std::enable_shared_from_this<FSEventReader> {
         /// Called on the queue behind each batch, whether or not it reported anything; see
         /// position().
         std::function<void()> passed = {};
+        /// Called on the queue where the objects of events could not be identified, which says
+        /// nothing about whether they are there. Neither these events nor any later one is
+        /// reported. Unset: they are dropped.
+        std::function<void(const QSError& error)> failed = {};
     };
 
     /// Events count after `sinceFSEventID` and at or below `urls`.
@@ -104,16 +108,18 @@ class FSEventReader : public std::enable_shared_from_this<FSEventReader> {
     struct Subject {
         std::optional<QSURL> url;      ///< none: the event is dropped, or not about an object
         std::uint64_t documentID = 0;  ///< that changed objects; 0 for other events
-        enum class State : std::uint8_t { Absent, Present, Unreadable } state = State::Absent;
+        enum class State : std::uint8_t { NotLookedAt, Absent, Present, Unreadable };
+        State state = State::NotLookedAt;
     };
 
     void createStream();
     void receive(std::span<const FSEvent> events);
-    [[nodiscard]] std::vector<Subject> subjectsOf(std::span<const FSEvent> events) const;
-    [[nodiscard]] Subject subjectOf(const FSEvent& event) const;
+    [[nodiscard]] Result<std::vector<Subject>> subjectsOf(std::span<const FSEvent> events) const;
+    [[nodiscard]] Result<Subject> subjectOf(const FSEvent& event) const;
     [[nodiscard]] bool isMonitored(const QSURL& url) const;
-    void handle(const FSEvent& event, const Subject& subject, ItemFactory& factory);
-    void handleObject(const Subject& subject, ItemFactory& factory);
+    Result<void> handle(const FSEvent& event, const Subject& subject, ItemFactory& factory);
+    Result<void> handleObject(const Subject& subject, ItemFactory& factory);
+    void fail(const QSError& error);
     void reportLoss(std::string_view reason);
     [[nodiscard]] std::shared_ptr<FSEventReaderDelegate> delegate() const;
     void logDropped(const std::string& what, std::string_view reason) const;

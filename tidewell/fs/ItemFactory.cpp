@@ -5,12 +5,17 @@
 
 namespace tidewell {
 
-std::shared_ptr<LocalItem> ItemFactory::makeItem(const QSURL& url) {
+Result<std::shared_ptr<LocalItem>> ItemFactory::makeItem(const QSURL& url) {
     const auto attributes = Platform::current().files().attributes(url);
-    if (!attributes || (*attributes)->parent.inode == 0) return LocalItem::initWithURL(url);
-    const auto [known, isNew] = parents_.try_emplace((*attributes)->parent.inode);
-    if (isNew) known->second = parentIdentifier(url);
-    return LocalItem::initWithURL(url, {.parentItemID = known->second});
+    if (!attributes || (*attributes)->parent.inode == 0) return LocalItem::findAtURL(url);
+    const auto inode = (*attributes)->parent.inode;
+    auto known = parents_.find(inode);
+    if (known == parents_.end()) {
+        auto parent = findParentIdentifier(url);
+        if (!parent) return std::unexpected(std::move(parent.error()));
+        known = parents_.emplace(inode, std::move(*parent)).first;
+    }
+    return LocalItem::findAtURL(url, {.parentItemID = known->second});
 }
 
 }  // namespace tidewell

@@ -14,8 +14,8 @@ namespace tidewell {
 /// once for all of them. One thread at a time.
 class ItemFactory {
   public:
-    /// Null as LocalItem says.
-    [[nodiscard]] std::shared_ptr<LocalItem> makeItem(const QSURL& url);
+    /// As LocalItem::findAtURL.
+    [[nodiscard]] Result<std::shared_ptr<LocalItem>> makeItem(const QSURL& url);
 
   private:
     std::map<std::uint64_t, std::optional<std::string>> parents_;  ///< by inode

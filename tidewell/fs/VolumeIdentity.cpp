@@ -1,10 +1,12 @@
 #include "tidewell/fs/VolumeIdentity.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <limits>
 #include <string>
 
 #include "platform/fileprovider/Platform.h"
+#include "platform/fileprovider/QSFileProviderError.h"
 #include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
 #include "tidewell/identity/TWPFileObjectIdentifier.h"
 
@@ -20,22 +22,39 @@ std::uint64_t currentFSEventID() {
     return Platform::current().events().history->currentEventID();
 }
 
-std::uint64_t currentFSEventIDAfterCatchingUp() {
-    // A failure shows where the history is read.
+Result<std::uint64_t> currentFSEventIDAfterCatchingUp() {
     auto& volume = Platform::current().volume();
-    if (volume.isCaughtUp()) (void)volume.waitUntilSeen();
+    if (volume.isCaughtUp()) {
+        if (auto seen = volume.waitUntilSeen(); !seen) return std::unexpected(seen.error());
+    }
     return currentFSEventID();
 }
 
-bool foldersHaveMovedSince(std::uint64_t eventID) {
-    const auto now = currentFSEventIDAfterCatchingUp();
-    if (now == eventID) return false;
-    const auto events = Platform::current().events().history->eventsAfter(
-        eventID, now, std::numeric_limits<std::uint64_t>::max());
+QSError errorForHistory(const QSError& error) {
+    const bool isTooOld = error.domain == QSPOSIXErrorDomain && error.code == ESTALE;
+    return isTooOld ? syncAnchorExpiredError() : error;
+}
+
+Result<bool> foldersHaveMovedSince(std::uint64_t eventID, const ContainerCover& cover) {
+    constexpr std::size_t batch = 4096;
     constexpr auto folderMoved = fsEventMoved | fsEventIsFolder;
-    return events && std::ranges::any_of(*events, [](const FSEvent& event) {
-               return (event.flags & folderMoved) == folderMoved;
-           });
+    const auto now = currentFSEventIDAfterCatchingUp();
+    if (!now) return std::unexpected(now.error());
+    const auto& container = cover.urls().front().path();
+    const auto matters = [&](const FSEvent& event) {
+        if ((event.flags & folderMoved) != folderMoved) return false;
+        return cover.isRecursive() ||
+               (container.starts_with(event.path) &&
+                (container.size() == event.path.size() || container[event.path.size()] == '/'));
+    };
+    for (auto after = eventID; after != *now;) {
+        const auto events = Platform::current().events().history->eventsAfter(after, *now, batch);
+        if (!events) return std::unexpected(errorForHistory(events.error()));
+        if (std::ranges::any_of(*events, matters)) return true;
+        if (events->size() < batch) break;
+        after = events->back().id;
+    }
+    return false;
 }
 
 std::uint64_t endOfHistory() {

@@ -7,6 +7,7 @@
 #include "platform/foundation/QSURL.h"
 #include "platform/foundation/QSUUID.h"
 #include "platform/volume/EventHistory.h"
+#include "tidewell/fs/ContainerCover.h"
 
 namespace tidewell {
 
@@ -20,11 +21,20 @@ using namespace platform;
 [[nodiscard]] std::uint64_t currentFSEventID();
 
 /// The same once all that happened before the call is recorded, so that none of it looks like a
-/// change that came later. Does not wait for the comparison at the start.
-[[nodiscard]] std::uint64_t currentFSEventIDAfterCatchingUp();
+/// change that came later. Does not wait for the comparison at the start. Fails where it cannot be
+/// recorded.
+[[nodiscard]] Result<std::uint64_t> currentFSEventIDAfterCatchingUp();
 
-/// Whether a folder went elsewhere since that event. Takes in what the kernel has reported.
-[[nodiscard]] bool foldersHaveMovedSince(std::uint64_t eventID);
+/// Whether a folder went elsewhere since that event by which items of the container may have been
+/// looked for at a former path: any folder, or for a container that is a single folder, that one
+/// and those above it. Takes in what the kernel has reported; fails where that cannot be recorded,
+/// and with an expired anchor where the history no longer goes back that far.
+[[nodiscard]] Result<bool> foldersHaveMovedSince(std::uint64_t eventID,
+                                                 const ContainerCover& cover);
+
+/// What a host is to be given for an error of reading the history: an expired anchor where that no
+/// longer goes back far enough.
+[[nodiscard]] QSError errorForHistory(const QSError& error);
 
 /// How far a replay that begins now goes: the current event ID, or no limit (the largest number)
 /// where what happened while nobody watched has still to be found. That will come behind the

@@ -1,6 +1,7 @@
 #include "tidewell/fs/Whereabouts.h"
 
 #include "platform/fileprovider/Platform.h"
+#include "platform/files/LookFailure.h"
 
 namespace tidewell {
 
@@ -30,8 +31,8 @@ bool isObjectOf(const LocalItem& item, const FSEvent& event) {
 
 }  // namespace
 
-Whereabouts whereaboutsOf(const FSEvent& event, const std::string& identifier,
-                          const ContainerCover& cover) {
+Result<Whereabouts> whereaboutsOf(const FSEvent& event, const std::string& identifier,
+                                  const ContainerCover& cover) {
     const bool isEnd = (event.flags & (fsEventRemoved | fsEventMoved)) == fsEventRemoved;
     Whereabouts found;
     found.isOnTheMove = !isEnd && Platform::current().volume().isAway(event);
@@ -42,15 +43,23 @@ Whereabouts whereaboutsOf(const FSEvent& event, const std::string& identifier,
         const bool isFolder = (event.flags & fsEventIsFolder) != 0;
         if (isFolder && isPackageName(known.lastPathComponent()) != wantsPackage) continue;
         const auto place = QSURL::fileURLWithPath(known.path());
-        const bool isThere = Platform::current().files().attributes(place).has_value();
-        const auto item = isThere ? LocalItem::initWithURL(place) : nullptr;
-        if (item && item->itemIdentifier() == identifier) {
-            if (cover.coverOf(*item) != Cover::Shown) continue;
-            found.shown = item;
+        const auto attributes = Platform::current().files().attributes(place);
+        if (!attributes) {
+            const auto failure = lookFailureOf(attributes.error());
+            if (failure == LookFailure::Unknown) return std::unexpected(attributes.error());
+            found.isOnTheMove = true;
+            if (failure == LookFailure::Missing) found.missed.push_back(place);
+            continue;
+        }
+        const auto item = LocalItem::findAtURL(place);
+        if (!item) return std::unexpected(item.error());
+        if (*item && (*item)->itemIdentifier() == identifier) {
+            if (cover.coverOf(**item) != Cover::Shown) continue;
+            found.shown = *item;
             return found;
         }
         // With another identifier it has become a package there, or ceased to be one.
-        if (isThere && (!item || isObjectOf(*item, event))) continue;
+        if (!*item || isObjectOf(**item, event)) continue;
         found.isOnTheMove = true;
         found.missed.push_back(place);
     }

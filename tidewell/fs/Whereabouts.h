@@ -19,8 +19,8 @@ struct Whereabouts {
 };
 
 /// Looks on the disk, at the places where the index has the object, for one with that identifier.
-/// Blocks for the look.
-[[nodiscard]] Whereabouts whereaboutsOf(const FSEvent& event, const std::string& identifier,
-                                        const ContainerCover& cover);
+/// Blocks for the look. An error where what stands there could not be identified.
+[[nodiscard]] Result<Whereabouts> whereaboutsOf(const FSEvent& event, const std::string& identifier,
+                                                const ContainerCover& cover);
 
 }  // namespace tidewell

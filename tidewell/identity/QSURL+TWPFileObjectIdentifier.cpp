@@ -9,6 +9,7 @@
 
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/URLOperations.h"
+#include "platform/files/LookFailure.h"
 #include "platform/foundation/fatalError.h"
 #include "tidewell/applibraries/TWPAppLibraryManager.h"
 #include "tidewell/common/Logging.h"
@@ -47,9 +48,16 @@ std::optional<std::string> identifierOfRoot(const std::string& path) {
     return TWPFileObjectIdentifier::fromAppLibraryDataContainerURL(QSURL::fileURLWithPath(path));
 }
 
-/// What the URL keeps of one of the two identifier values. `failed` is set, after a log line, where
-/// even asking failed.
-std::optional<std::uint64_t> keptNumber(const QSURL& url, QSResourceKey key, bool& failed) {
+using Identifier = std::optional<std::string>;
+
+/// No identifier, or the error where that says nothing about the object.
+Result<Identifier> noneBecauseOf(const QSError& error) {
+    if (lookFailureOf(error) == LookFailure::Unknown) return std::unexpected(error);
+    return Identifier();
+}
+
+/// What the URL keeps of one of the two identifier values; even asking may fail.
+Result<std::optional<std::uint64_t>> keptNumber(const QSURL& url, QSResourceKey key) {
     const auto value = resourceValue(url, key);
     if (!value) {
         const auto& error = value.error();
@@ -58,8 +66,7 @@ std::optional<std::uint64_t> keptNumber(const QSURL& url, QSResourceKey key, boo
         logRaw(isMissing ? LogLevel::Debug : LogLevel::Error,
                "can't get resource value for " + std::string(nameOfResourceKey(key)) + "; " +
                    error.description());
-        failed = true;
-        return std::nullopt;
+        return std::unexpected(error);
     }
     if (value->index() == 0) return std::nullopt;
     if (const auto* number = std::get_if<std::uint64_t>(&*value)) return *number;
@@ -76,35 +83,37 @@ std::optional<std::uint64_t> keptNumber(const QSURL& url, QSResourceKey key, boo
 }
 
 /// Asks the volume for the identifier of an object whose URL keeps none.
-std::optional<std::string> freshIdentifier(const QSURL& url) {
+Result<Identifier> freshIdentifier(const QSURL& url) {
     const auto isPackage = resourceValue(url, QSResourceKey::IsPackage);
     if (!isPackage) {
         logRaw(LogLevel::Error, "can't get resource QSURLIsPackageKey for " + quoted(url.path()) +
                                     "; " + isPackage.error().description());
-        return std::nullopt;
+        return noneBecauseOf(isPackage.error());
     }
     const auto attributes = Platform::current().files().attributes(url);
     if (!attributes) {
         logRaw(LogLevel::Error, "can't open file at " + quoted(url.path()) + "; " +
                                     errnoText(static_cast<int>(attributes.error().code)));
-        return std::nullopt;
+        return noneBecauseOf(attributes.error());
     }
     const bool takesDocumentID = (*attributes)->kind() == ObjectKind::RegularFile ||
                                  ((*attributes)->isDirectory() && std::get<bool>(*isPackage));
     if (!takesDocumentID) {
         const auto fileID = fileIDOfObject(url);
         if (fileID == 0) {
+            const int reason = errno;
             logRaw(LogLevel::Error,
-                   "can't get attribute list for " + quoted(url.path()) + "; " + errnoText(errno));
-            return std::nullopt;
+                   "can't get attribute list for " + quoted(url.path()) + "; " + errnoText(reason));
+            return std::unexpected(errorFromErrno(reason));
         }
         url.setCachedResourceValue(QSResourceKey::FileID, fileID);
         return TWPFileObjectIdentifier::fromFileID(fileID);
     }
     const std::uint64_t documentID = QGLibraryGetOrAllocateDocumentId(url);
     if (documentID == 0) {
+        const int reason = errno;
         logRaw(LogLevel::Error, "can't get permanent storage for " + quoted(url.path()));
-        return std::nullopt;
+        return std::unexpected(errorFromErrno(reason));
     }
     url.setCachedResourceValue(QSResourceKey::DocumentIdentifier, documentID);
     return TWPFileObjectIdentifier::fromDocumentID(documentID);
@@ -127,6 +136,23 @@ std::int64_t integerValue(std::string_view text) {
     return value;
 }
 
+Result<std::optional<QSURL>> findFileURL(std::uint64_t fileID, std::uint32_t device) {
+    auto& volume = Platform::current().volume();
+    const auto url = volume.UUIDForDevice(device)
+                         ? volume.URLForFileID(fileID)
+                         : Result<QSURL>(std::unexpected(errorFromErrno(ENODEV)));
+    if (url) return *url;
+    const auto& error = url.error();
+    logHandle().write(LogLevel::Debug, [&] {
+        return "can't resolve path matching file ID " +
+               quoted(std::to_string(static_cast<std::int64_t>(fileID))) + "; " +
+               errnoText(static_cast<int>(error.code));
+    });
+    // One that names a path is about the storage.
+    if (error == errorFromErrno(ENOENT)) return std::nullopt;
+    return std::unexpected(error);
+}
+
 void logUnknownDevice(const QSURL& storage) {
     logRaw(LogLevel::Error,
            "can't get device ID for " + quoted(storage.path()) + "; " + errnoText(errno));
@@ -135,6 +161,10 @@ void logUnknownDevice(const QSURL& storage) {
 }  // namespace
 
 std::optional<std::string> itemIdentifier(const QSURL& url) {
+    return findItemIdentifier(url).value_or(std::nullopt);
+}
+
+Result<std::optional<std::string>> findItemIdentifier(const QSURL& url) {
     if (!url.isFileURL()) {
         logRaw(LogLevel::Error, "can't compute file object identifier if not a file URL");
         return std::nullopt;
@@ -149,41 +179,59 @@ std::optional<std::string> itemIdentifier(const QSURL& url) {
         return std::nullopt;
     }
     if (proper.path() == *root) return identifierOfRoot(*root);
-    bool failed = false;
-    if (qp_isFolder(url)) {
-        const auto fileID = keptNumber(url, QSResourceKey::FileID, failed);
-        if (fileID) return TWPFileObjectIdentifier::fromFileID(*fileID);
-    } else {
-        const auto documentID = keptNumber(url, QSResourceKey::DocumentIdentifier, failed);
-        if (documentID) return TWPFileObjectIdentifier::fromDocumentID(*documentID);
-    }
-    if (failed) return std::nullopt;
-    return freshIdentifier(url);
+    const bool isFolder = qp_isFolder(url);
+    const auto number =
+        keptNumber(url, isFolder ? QSResourceKey::FileID : QSResourceKey::DocumentIdentifier);
+    if (!number) return noneBecauseOf(number.error());
+    if (!*number) return freshIdentifier(url);
+    return isFolder ? TWPFileObjectIdentifier::fromFileID(**number)
+                    : TWPFileObjectIdentifier::fromDocumentID(**number);
 }
 
 std::optional<std::string> parentIdentifier(const QSURL& url) {
+    return findParentIdentifier(url).value_or(std::nullopt);
+}
+
+Result<std::optional<std::string>> findParentIdentifier(const QSURL& url) {
     const auto& files = Platform::current().files();
     const auto attributes = files.attributes(url);
+    if (!attributes && lookFailureOf(attributes.error()) == LookFailure::Unknown) {
+        return std::unexpected(attributes.error());
+    }
     const auto seenIn = attributes ? (*attributes)->parent : ObjectIdentity();
     auto& volume = Platform::current().volume();
     if (const auto fileID = volume.fileIDOfFolder(seenIn)) {
         return TWPFileObjectIdentifier::fromFileID(*fileID);
     }
-    const auto isSeenIn = [&](const QSURL& folder) {
+    const auto isSeenIn = [&](const QSURL& folder) -> Result<bool> {
         const auto own = files.attributes(folder);
+        if (!own && lookFailureOf(own.error()) == LookFailure::Unknown) {
+            return std::unexpected(own.error());
+        }
         return own && (*own)->isDirectory() && (*own)->identity.inode == seenIn.inode;
     };
     const auto parent = url.URLByDeletingLastPathComponent();
-    auto identifier = itemIdentifier(parent);
+    auto identifier = findItemIdentifier(parent);
+    if (!identifier) return identifier;
     // A root needs no look at it, and keeps its path.
-    const bool isRoot = identifier && !parent.attachment();
-    if (!attributes || isRoot || (identifier && isSeenIn(parent))) return identifier;
-    if (!volume.waitUntilSeen()) return std::nullopt;
+    const bool isRoot = *identifier && !parent.attachment();
+    if (!attributes || isRoot) return identifier;
+    const auto isStillThere = isSeenIn(parent);
+    if (!isStillThere) return std::unexpected(isStillThere.error());
+    if (*identifier && *isStillThere) return identifier;
+    if (auto seen = volume.waitUntilSeen(); !seen) return std::unexpected(seen.error());
     const auto place = volume.placeOfInode(seenIn.inode);
-    return place && isSeenIn(*place) ? itemIdentifier(*place) : std::nullopt;
+    if (!place) return std::nullopt;
+    const auto isAtPlace = isSeenIn(*place);
+    if (!isAtPlace) return std::unexpected(isAtPlace.error());
+    return *isAtPlace ? findItemIdentifier(*place) : std::nullopt;
 }
 
 std::optional<QSURL> fileURLWithItemIdentifier(std::string_view identifier) {
+    return findFileURLWithItemIdentifier(identifier).value_or(std::nullopt);
+}
+
+Result<std::optional<QSURL>> findFileURLWithItemIdentifier(std::string_view identifier) {
     const auto storage = storageURL();
     if (identifier == QSFileProviderRootContainerItemIdentifier) return storage;
     const auto pieces = 1 + std::ranges::count(identifier, '=');
@@ -197,17 +245,17 @@ std::optional<QSURL> fileURLWithItemIdentifier(std::string_view identifier) {
         logRaw(LogLevel::Error, "invalid host for identifier " + quoted(identifier));
         return std::nullopt;
     }
-    const auto device = deviceID(storage);
-    if (device == 0) {
+    const auto device = deviceIDWithError(storage);
+    if (!device) {
         logUnknownDevice(storage);
-        return std::nullopt;
+        return std::unexpected(device.error());
     }
     const auto number =
         static_cast<std::uint64_t>(integerValue(identifier.substr(host.size() + 1)));
-    if (host == "fid") return fileURLWithFileIdentifier(number, device);
-    const auto fileID = fileIDForDocumentID(number, device, QGLibraryResolveDocumentId2);
+    if (host == "fid") return findFileURL(number, *device);
+    const auto fileID = fileIDForDocumentID(number, *device, QGLibraryResolveDocumentId2);
     if (!fileID) return std::nullopt;
-    return fileURLWithFileIdentifier(*fileID, device);
+    return findFileURL(*fileID, *device);
 }
 
 std::optional<QSURL> fileURLWithFileIdentifier(std::uint64_t fileID) {
@@ -222,17 +270,7 @@ std::optional<QSURL> fileURLWithFileIdentifier(std::uint64_t fileID) {
 
 std::optional<QSURL> fileURLWithFileIdentifier(std::uint64_t fileID,
                                                std::uint32_t deviceIdentifier) {
-    auto& volume = Platform::current().volume();
-    const auto url = volume.UUIDForDevice(deviceIdentifier)
-                         ? volume.URLForFileID(fileID)
-                         : Result<QSURL>(std::unexpected(errorFromErrno(ENODEV)));
-    if (url) return *url;
-    logHandle().write(LogLevel::Debug, [&] {
-        return "can't resolve path matching file ID " +
-               quoted(std::to_string(static_cast<std::int64_t>(fileID))) + "; " +
-               errnoText(static_cast<int>(url.error().code));
-    });
-    return std::nullopt;
+    return findFileURL(fileID, deviceIdentifier).value_or(std::nullopt);
 }
 
 Result<std::uint32_t> deviceIDWithError(const QSURL& url) {

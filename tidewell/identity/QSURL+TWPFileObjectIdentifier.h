@@ -9,8 +9,8 @@
 #include "platform/foundation/QSError.h"
 #include "platform/foundation/QSURL.h"
 
-// The way from a URL to its item identifier and back. Nothing here fails with an error: each
-// failure is logged once and becomes null (0 for a device number). Any thread; the look-ups block
+// The way from a URL to its item identifier and back. Each failure is logged once and, save where a
+// Result is returned, becomes null (0 for a device number). Any thread; the look-ups block
 // for the disk and, for an object that moved behind the index, for the history to catch up.
 
 namespace tidewell {
@@ -27,6 +27,13 @@ using namespace platform;
 
 /// The URL of the item that bears the identifier now. App-library identifiers are not for here.
 [[nodiscard]] std::optional<QSURL> fileURLWithItemIdentifier(std::string_view identifier);
+
+// The same three for callers to whom "has none" and "could not be found out" are different answers:
+// none is the first, an error the second.
+[[nodiscard]] Result<std::optional<std::string>> findItemIdentifier(const QSURL& url);
+[[nodiscard]] Result<std::optional<std::string>> findParentIdentifier(const QSURL& url);
+[[nodiscard]] Result<std::optional<QSURL>> findFileURLWithItemIdentifier(
+    std::string_view identifier);
 
 /// The object with that file ID on the storage's volume.
 [[nodiscard]] std::optional<QSURL> fileURLWithFileIdentifier(std::uint64_t fileID);

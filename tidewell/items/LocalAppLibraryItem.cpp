@@ -19,7 +19,8 @@ std::shared_ptr<LocalAppLibraryItem> LocalAppLibraryItem::initFrom(const QLBundl
                         .parentItemID = std::string(QSFileProviderRootContainerItemIdentifier),
                         .filename = bundle.localizedName()};
     std::shared_ptr<LocalAppLibraryItem> item(new LocalAppLibraryItem);
-    if (!item->build(url, custom, false, bundle.bundleIdentifier)) return nullptr;
+    const auto isBuilt = item->build(url, custom, false, bundle.bundleIdentifier);
+    if (!isBuilt.value_or(false)) return nullptr;
     if (item->childItemCount()) item->leaveOutHiddenEntries(url);
     return item;
 }

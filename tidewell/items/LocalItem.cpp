@@ -52,13 +52,23 @@ std::string identifiersText(const std::string& item, const std::string& parent) 
 
 }  // namespace
 
+namespace {
+struct Buildable final : LocalItem {};
+}  // namespace
+
 std::shared_ptr<LocalItem> LocalItem::initWithURL(
     const QSURL& url, const Custom& custom, bool hasBeaconDomainIdentifier,
     const std::optional<std::string>& bundleIdentifier) {
-    struct Buildable final : LocalItem {};
-    auto item = std::make_shared<Buildable>();
-    if (!item->build(url, custom, hasBeaconDomainIdentifier, bundleIdentifier)) return nullptr;
-    return item;
+    const std::shared_ptr<LocalItem> item = std::make_shared<Buildable>();
+    const auto isBuilt = item->build(url, custom, hasBeaconDomainIdentifier, bundleIdentifier);
+    return isBuilt.value_or(false) ? item : nullptr;
+}
+
+Result<std::shared_ptr<LocalItem>> LocalItem::findAtURL(const QSURL& url, const Custom& custom) {
+    const std::shared_ptr<LocalItem> item = std::make_shared<Buildable>();
+    const auto isBuilt = item->build(url, custom, true, {});
+    if (!isBuilt) return std::unexpected(isBuilt.error());
+    return *isBuilt ? item : nullptr;
 }
 
 std::shared_ptr<LocalItem> LocalItem::initWithFileIdentifier(std::uint64_t fileID) {
@@ -66,9 +76,12 @@ std::shared_ptr<LocalItem> LocalItem::initWithFileIdentifier(std::uint64_t fileI
     return url ? initWithURL(*url) : nullptr;
 }
 
-bool LocalItem::build(const QSURL& url, const Custom& custom, bool hasBeaconDomainIdentifier,
-                      const std::optional<std::string>& bundleIdentifier) {
-    if (!buildIdentity(url, custom)) return false;
+Result<bool> LocalItem::build(const QSURL& url, const Custom& custom,
+                              bool hasBeaconDomainIdentifier,
+                              const std::optional<std::string>& bundleIdentifier) {
+    if (auto identified = buildIdentity(url, custom); !identified.value_or(false)) {
+        return identified;
+    }
     readSizeAndDates(url);
     readCapabilities(url);
     versionIdentifier_ = dataResource(url, QSResourceKey::ContentModificationDate);
@@ -93,23 +106,27 @@ bool LocalItem::build(const QSURL& url, const Custom& custom, bool hasBeaconDoma
     return true;
 }
 
-bool LocalItem::buildIdentity(const QSURL& url, const Custom& custom) {
-    auto identifier = custom.itemID ? custom.itemID : tidewell::itemIdentifier(url);
-    if (!identifier) {
+Result<bool> LocalItem::buildIdentity(const QSURL& url, const Custom& custom) {
+    using Identifier = Result<std::optional<std::string>>;
+    auto identifier = custom.itemID ? Identifier(custom.itemID) : findItemIdentifier(url);
+    if (!identifier || !*identifier) {
         logDebug("can't create an item without an ID");
+        if (!identifier) return std::unexpected(std::move(identifier.error()));
         return false;
     }
-    _itemIdentifier = std::move(*identifier);
+    _itemIdentifier = std::move(**identifier);
     if (_itemIdentifier == QSFileProviderRootContainerItemIdentifier) {
         _parentItemIdentifier = _itemIdentifier;
     } else {
-        auto parent = custom.parentItemID ? custom.parentItemID : tidewell::parentIdentifier(url);
-        if (!parent) {
+        auto parent =
+            custom.parentItemID ? Identifier(custom.parentItemID) : findParentIdentifier(url);
+        if (!parent || !*parent) {
             logError("can't create an item without a parent ID (itemIdentifier: " +
                      _itemIdentifier + ")");
+            if (!parent) return std::unexpected(std::move(parent.error()));
             return false;
         }
-        _parentItemIdentifier = std::move(*parent);
+        _parentItemIdentifier = std::move(**parent);
         isTrashed_ = liesInTrash(url.path());
     }
     auto filename = custom.filename ? custom.filename : stringResource(url, QSResourceKey::Name);

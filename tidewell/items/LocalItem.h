@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "platform/fileprovider/QSFileProviderItem.h"
+#include "platform/foundation/QSError.h"
 #include "platform/foundation/QSResourceValue.h"
 
 namespace tidewell {
@@ -37,6 +38,10 @@ class LocalItem : public QSFileProviderItem {
     [[nodiscard]] static std::shared_ptr<LocalItem> initWithURL(
         const QSURL& url, const Custom& custom = {}, bool hasBeaconDomainIdentifier = true,
         const std::optional<std::string>& bundleIdentifier = {});
+    /// The same for callers to whom "no item" and "could not be identified" are different answers:
+    /// null is the first, an error the second.
+    [[nodiscard]] static Result<std::shared_ptr<LocalItem>> findAtURL(const QSURL& url,
+                                                                      const Custom& custom = {});
 
     /// Null where the file ID means no object.
     [[nodiscard]] static std::shared_ptr<LocalItem> initWithFileIdentifier(std::uint64_t fileID);
@@ -110,13 +115,13 @@ class LocalItem : public QSFileProviderItem {
   protected:
     LocalItem() = default;
 
-    /// Fills a fresh item; false where it cannot be one.
-    bool build(const QSURL& url, const Custom& custom, bool hasBeaconDomainIdentifier,
-               const std::optional<std::string>& bundleIdentifier);
+    /// Fills a fresh item; false where it cannot be one, an error where it could not be identified.
+    Result<bool> build(const QSURL& url, const Custom& custom, bool hasBeaconDomainIdentifier,
+                       const std::optional<std::string>& bundleIdentifier);
     [[nodiscard]] virtual std::string_view className() const { return "LocalItem"; }
 
   private:
-    bool buildIdentity(const QSURL& url, const Custom& custom);
+    Result<bool> buildIdentity(const QSURL& url, const Custom& custom);
     void readSizeAndDates(const QSURL& url);
     void readCapabilities(const QSURL& url);
     void readUserMetadata(const QSURL& url);

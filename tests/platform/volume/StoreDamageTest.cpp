@@ -1,12 +1,11 @@
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 
-#include <csignal>
 #include <map>
 #include <random>
 
 #include "platform/volume/IdentityStore.h"
 #include "tests/platform/volume/VolumeFixture.h"
+#include "tests/support/FullDisk.h"
 
 namespace tests {
 namespace {
@@ -159,13 +158,10 @@ TEST_F(StoreDamageTest, AFailedWriteChangesNothingAndIsOverWhenTheDiskRecovers) 
     VolumeService::IdentityRequest request{
         .object = object.get(), .name = "b", .wantsDocumentID = true, .result = {}};
 
-    rlimit limit{};
-    getrlimit(RLIMIT_FSIZE, &limit);
-    std::signal(SIGXFSZ, SIG_IGN);
-    const rlimit full{fs::file_size(scratch / "data/volume.db-wal"), limit.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &full);
-    const auto failed = service->identify({&request, 1});
-    setrlimit(RLIMIT_FSIZE, &limit);
+    const auto failed = [&] {
+        const FullDisk full;
+        return service->identify({&request, 1});
+    }();
 
     ASSERT_FALSE(failed);
     EXPECT_THAT(failed.error().code, testing::AnyOf(EIO, ENOSPC));
