@@ -69,6 +69,7 @@ void addMutationOptions(CLI::App& command, MutationArguments& into) {
             ->required()
             ->check(CLI::Validator(checkAge, "AGE", "AGE"));
         command.add_flag("--dry-run", into.isDryRun, "Print what would be deleted");
+        command.add_flag("--force", into.isForced, "Go by dates of a clock that was wrong");
     } else {
         addItems(command, "ITEM", into);
     }

@@ -19,6 +19,7 @@ struct MutationArguments {
     std::optional<std::string> name;
     std::chrono::seconds age{};
     bool isDryRun = false;
+    bool isForced = false;
 };
 
 /// Gives the sub-command of that name its options, stored in `into`, which must outlive the parser.

@@ -108,8 +108,16 @@ class Run {
     }
 
     [[nodiscard]] Result<ExitCode> emptyTrash() {
-        const auto now = platform::QSDate::now();
-        const platform::QSDate date{now.seconds - given_.age.count(), now.nanoseconds};
+        const auto limit = service_.limitForAge(given_.age);
+        const auto date = limit.wall;
+        if (limit.clocksDiffer && !given_.isDryRun && !given_.isForced) {
+            auto error = platform::errorFromErrno(EPERM);
+            error.userInfo.emplace(
+                platform::QSDescriptionErrorKey,
+                "the clock was set within that time, or the machine was off for long, so nobody "
+                "knows what is that old; look with --dry-run, and give --force to go by the dates");
+            return std::unexpected(std::move(error));
+        }
         const auto items = service_.mutations().trashedBefore(date);
         if (!given_.isDryRun) {
             const auto done = service_.mutations().emptyTrash(date);

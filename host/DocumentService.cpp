@@ -58,7 +58,7 @@ DocumentService::DocumentService(const ExtensionFactory& makeExtension, Options 
         options.pageDeadline);
     if (options.trashAge) {
         trashKeeper_ = std::make_unique<TrashKeeper>(
-            *options.trashAge,
+            [this, age = *options.trashAge] { return volume_.limitForAge(age).safe; },
             [this](const platform::QSDate& date) { (void)mutations_.emptyTrash(date); });
     }
 }

@@ -37,8 +37,8 @@ class DocumentService {
         std::chrono::milliseconds pageDeadline = std::chrono::seconds(30);
         /// How long an operation that changes documents may go without getting any further.
         std::chrono::milliseconds stallDeadline = std::chrono::minutes(10);
-        /// What was trashed longer ago than this is deleted at the start and once a day; not
-        /// where it is none.
+        /// What was trashed longer ago than this, by the wall clock and by the time that has
+        /// passed, is deleted at the start and once a day; nothing where it is none.
         std::optional<std::chrono::seconds> trashAge = {};
         /// The installed platform's where empty or null.
         std::optional<NativePaths> paths = {};
@@ -146,6 +146,9 @@ class DocumentService {
     [[nodiscard]] const Mutations& mutations() const { return mutations_; }
 
     [[nodiscard]] Health health() const { return volume_.health(); }
+    [[nodiscard]] AgeLimit limitForAge(std::chrono::seconds age) const {
+        return volume_.limitForAge(age);
+    }
 
   private:
     [[nodiscard]] platform::Result<bool> listLevel(const std::string& container, std::size_t depth,

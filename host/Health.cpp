@@ -44,7 +44,11 @@ std::vector<std::string> Health::problems() const {
 
 VolumeAccess VolumeAccess::ofPlatform() {
     return {[] { return platform::Platform::current().volume().waitUntilSettled(); },
-            healthOfPlatform};
+            healthOfPlatform,
+            [](std::chrono::seconds age) {
+                const auto limit = platform::Platform::current().volume().clock().limitForAge(age);
+                return AgeLimit{limit.wall, limit.safe, limit.clocksDiffer};
+            }};
 }
 
 }  // namespace host

@@ -1,11 +1,13 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/foundation/QSDate.h"
 #include "platform/foundation/QSError.h"
 
 namespace host {
@@ -34,11 +36,21 @@ struct Health {
     [[nodiscard]] std::vector<std::string> problems() const;
 };
 
+/// How old something must be to be removed for its age, as dates.
+struct AgeLimit {
+    platform::QSDate wall;  ///< what the age says by the wall clock
+    /// What carries an earlier date is that old however wrong the wall clock was; none where the
+    /// storage has not been known for so long.
+    std::optional<platform::QSDate> safe;
+    bool clocksDiffer = false;  ///< by more than a day: the wall clock is, or was, wrong
+};
+
 /// What the service asks of the volume besides its items. Any thread.
 struct VolumeAccess {
     /// Blocks until everything that happened before the call is in the history.
     std::function<platform::Result<void>()> waitUntilSettled;
     std::function<Health()> health;
+    std::function<AgeLimit(std::chrono::seconds age)> limitForAge = {};
 
     /// That of the installed platform.
     [[nodiscard]] static VolumeAccess ofPlatform();

@@ -9,13 +9,12 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::chrono::seconds between = 24h;
-constexpr std::chrono::seconds mostDifference = 1h;
 constexpr std::chrono::seconds betweenLooks = 10min;  // timers stand still while the machine sleeps
 
 }  // namespace
 
-TrashKeeper::TrashKeeper(std::chrono::seconds age, Removal remove, Clocks clocks, bool runsByItself)
-    : age_(age), remove_(std::move(remove)), clocks_(std::move(clocks)) {
+TrashKeeper::TrashKeeper(Limit limit, Removal remove, Clock clock, bool runsByItself)
+    : limit_(std::move(limit)), remove_(std::move(remove)), clock_(std::move(clock)) {
     if (runsByItself) thread_ = std::thread([this] { run(); });
 }
 
@@ -35,17 +34,10 @@ std::chrono::seconds TrashKeeper::sinceBoot() {
 }
 
 void TrashKeeper::step() {
-    const Moment now{clocks_.wall(), clocks_.monotonic()};
-    if (last_) {
-        const auto passed = now.monotonic - last_->monotonic;
-        if (passed < between) return;
-        const auto shown = std::chrono::seconds(now.wall.seconds - last_->wall.seconds);
-        const bool agree = std::chrono::abs(shown - passed) <= mostDifference;
-        last_ = now;
-        if (!agree) return;
-    }
+    const auto now = clock_();
+    if (last_ && now - *last_ < between) return;
     last_ = now;
-    remove_({now.wall.seconds - age_.count(), now.wall.nanoseconds});
+    if (const auto date = limit_()) remove_(*date);
 }
 
 void TrashKeeper::run() {

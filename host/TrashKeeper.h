@@ -11,23 +11,21 @@
 
 namespace host {
 
-/// Deletes what has lain in the trash for too long: at its start and once a day. A run is left out
-/// where the wall clock went another way than the monotonic one by more than an hour since the last
-/// time: it may be wrong now, or was when things were trashed.
+/// Deletes what has lain in the trash for too long: at its start and once a day.
 class TrashKeeper {
   public:
-    /// The two clocks; the second goes on while the machine sleeps.
-    struct Clocks {
-        std::function<platform::QSDate()> wall = platform::QSDate::now;
-        std::function<std::chrono::seconds()> monotonic = sinceBoot;
-    };
+    /// The date before which things were trashed too long ago, however wrong the wall clock was;
+    /// none where nothing is known to be that old.
+    using Limit = std::function<std::optional<platform::QSDate>()>;
     using Removal = std::function<void(const platform::QSDate& olderThan)>;
+    using Clock = std::function<std::chrono::seconds()>;
 
     /// `remove` is called on a thread of the keeper's and may block.
-    TrashKeeper(std::chrono::seconds age, Removal remove)
-        : TrashKeeper(age, std::move(remove), Clocks(), true) {}
-    /// With `runsByItself` false, nothing happens but in step().
-    TrashKeeper(std::chrono::seconds age, Removal remove, Clocks clocks, bool runsByItself);
+    TrashKeeper(Limit limit, Removal remove)
+        : TrashKeeper(std::move(limit), std::move(remove), sinceBoot, true) {}
+    /// `clock` goes on while the machine sleeps. With `runsByItself` false, nothing happens but in
+    /// step().
+    TrashKeeper(Limit limit, Removal remove, Clock clock, bool runsByItself);
     /// Waits for a run that is under way.
     ~TrashKeeper();
     TrashKeeper(const TrashKeeper&) = delete;
@@ -41,16 +39,11 @@ class TrashKeeper {
     void run();
 
     // Constant after construction.
-    const std::chrono::seconds age_;
+    const Limit limit_;
     const Removal remove_;
-    const Clocks clocks_;
+    const Clock clock_;
 
-    // For step().
-    struct Moment {
-        platform::QSDate wall;
-        std::chrono::seconds monotonic;
-    };
-    std::optional<Moment> last_;
+    std::optional<std::chrono::seconds> last_;  // for step()
 
     std::mutex mutex_;
     std::condition_variable stopping_;

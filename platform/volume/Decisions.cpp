@@ -146,7 +146,6 @@ void Reconciler::moveDocument(std::uint32_t document, const Departures::Vacancy&
         moved.event.path = "/.docid/" + std::to_string(state_.device) + "/changed/" +
                            std::to_string(document) + "/src=" + std::to_string(vacancy.fileID) +
                            ",dst=" + std::to_string(heir.fileID);
-        moved.time = std::time(nullptr);
         index.forEachName(successor, [&](ObjectIndex::EntryNumber at) {
             record(fsEventModified, successor, placeOf(at).path, index.entry(at).folder);
         });

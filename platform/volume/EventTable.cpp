@@ -148,7 +148,7 @@ Result<std::vector<EventRecord>> EventTable::read(std::uint64_t after, std::uint
     }
 }
 
-Result<std::uint64_t> EventTable::lastToDrop(const Retention& retention, std::int64_t now) {
+Result<std::uint64_t> EventTable::lastToDrop(const Retention& retention) {
     std::uint64_t last = 0;
     if (count_ > retention.count + retention.count / 10) {
         nth_.bind(1, count_ - retention.count - 1);
@@ -156,10 +156,11 @@ Result<std::uint64_t> EventTable::lastToDrop(const Retention& retention, std::in
         if (!nth) return nth;
         last = *nth;
     }
+    if (!retention.tooOld || !retention.old) return last;
     const auto first = read(0, ~std::uint64_t{0} >> 1, 1);
     if (!first) return std::unexpected(first.error());
-    if (first->empty() || first->front().time >= now - retention.seconds * 11 / 10) return last;
-    old_.bind(1, static_cast<std::uint64_t>(now - retention.seconds));
+    if (first->empty() || first->front().time >= *retention.tooOld) return last;
+    old_.bind(1, static_cast<std::uint64_t>(*retention.old));
     const auto old = firstValue(old_);
     if (!old) return old;
     return std::max(last, *old == 0 ? 0 : *old - 1);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -43,11 +44,14 @@ class EventTable {
 
     struct Retention {
         std::uint64_t count = 1'000'000;
-        std::int64_t seconds = 60 * 24 * 3600;
+        /// Once an event is from before the one date, all from before the other are dropped, so
+        /// that not every commit drops a few. None: no event is too old.
+        std::optional<std::int64_t> tooOld = {};
+        std::optional<std::int64_t> old = {};
     };
-    /// The ID up to which events are to go, 0 where none are: all but the latest `count` and what
-    /// is older than `seconds`, some at a time so that it is not asked for in vain each time.
-    [[nodiscard]] Result<std::uint64_t> lastToDrop(const Retention& retention, std::int64_t now);
+    /// The ID up to which events are to be dropped, 0 where none are: all but the latest `count`,
+    /// and the old ones.
+    [[nodiscard]] Result<std::uint64_t> lastToDrop(const Retention& retention);
     /// REQUIRES: within a transaction.
     Result<void> drop(std::uint64_t upTo);
 

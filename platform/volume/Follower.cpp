@@ -121,6 +121,7 @@ bool Follower::step() {
 
 bool Follower::stepLocked() {
     passStart_ = now();
+    (void)state_.clock->stamp();  // counts on, also through weeks without a start
     state_.lookingSince = std::chrono::steady_clock::now();
     const auto moved = state_.movedObjects();
     moved_.insert(moved_.end(), moved.begin(), moved.end());

@@ -285,7 +285,7 @@ Result<void> IdentityStore::commit(std::span<const ObjectRow> rows, Durability d
             reserved = used_[i] + ahead;
         }
         if (!events.empty()) {
-            const auto last = events_.lastToDrop(retention, events.back().time);
+            const auto last = events_.lastToDrop(retention);
             if (last) next.floor = std::max(next.floor, *last);
         }
     }

@@ -1,6 +1,5 @@
 // What the reconciler writes: the events of what has changed, and one commit of all of it.
 #include <algorithm>
-#include <ctime>
 
 #include "platform/volume/Reconciler.h"
 #include "platform/volume/SaveNames.h"
@@ -123,7 +122,6 @@ void Reconciler::record(FSEventFlags flags, NodeNumber node, std::string path, N
     made.event.identifierKind = isDocument ? IdentifierKind::Document : IdentifierKind::File;
     made.event.documentID = object.documentID;
     made.event.path = std::move(path);
-    made.time = std::time(nullptr);
     if (folder == ObjectIndex::none) return;
     made.folder = index.node(folder).inode;
     made.folderGeneration = index.node(folder).generation;
@@ -139,7 +137,6 @@ void Reconciler::recordGone(const ObjectIndex::Node& node, const FormerPlace& la
     made.event.documentID = node.documentID;
     made.event.identifierKind = wasDocument ? IdentifierKind::Document : IdentifierKind::File;
     made.event.path = last.path;
-    made.time = std::time(nullptr);
     if (last.folder == ObjectIndex::none) return;
     made.folder = state_.index.node(last.folder).inode;
     made.folderGeneration = state_.index.node(last.folder).generation;

@@ -1,6 +1,5 @@
 // How roots come and go while the others are followed.
 #include <cerrno>
-#include <ctime>
 #include <unordered_set>
 
 #include "platform/volume/Follower.h"
@@ -130,7 +129,6 @@ void Reconciler::forgetRoot(NodeNumber root) {
     EventRecord& gone = events_.emplace_back();
     gone.event.flags = fsEventRemoved | fsEventIsFolder;
     gone.event.path = path;
-    gone.time = std::time(nullptr);
     // Should it come back, that is news.
     index.setState(root, index.node(root).kind, 0, false);
     index.setRoot(root, false);

@@ -26,8 +26,9 @@ Result<std::unique_ptr<VolumeService>> VolumeService::open(Configuration configu
                             VolumeFingerprint::of(folder->get(), identity), state->index);
     if (!store) return std::unexpected(store.error());
     state->store = std::move(*store);
-    state->store->retention = {state->configuration.eventsKept,
-                               state->configuration.eventAge.count()};
+    state->store->retention.count = state->configuration.eventsKept;
+    state->clock = std::make_unique<ElapsedClock>(state->configuration.stateFolder + "/clock",
+                                                  state->configuration.clocks);
     state->device = (*attributes)->device;
     state->identityIsWeak = (*attributes)->identityIsWeak;
     const auto& facts = state->store->state();
@@ -92,6 +93,10 @@ std::uint64_t VolumeService::currentEventID() const {
 
 void VolumeService::follow() {
     state_->follower->follow();
+}
+
+ElapsedClock& VolumeService::clock() {
+    return *state_->clock;
 }
 
 bool VolumeService::step() {

@@ -14,6 +14,7 @@
 #include "platform/foundation/QSError.h"
 #include "platform/foundation/QSURL.h"
 #include "platform/foundation/QSUUID.h"
+#include "platform/volume/ElapsedClock.h"
 #include "platform/volume/EventHistory.h"
 #include "platform/volume/KernelEvents.h"
 
@@ -49,6 +50,7 @@ class VolumeService final : public EventHistory {
         Windows windows = {};
         std::uint64_t eventsKept = 1'000'000;
         std::chrono::seconds eventAge = std::chrono::days(60);
+        ElapsedClock::Sources clocks = {};  ///< by which age is counted
         /// The kernel's news where empty, and the clock.
         std::function<Result<std::unique_ptr<KernelEventSource>>()> makeSource = {};
         std::function<std::chrono::steady_clock::time_point()> now = std::chrono::steady_clock::now;
@@ -148,6 +150,9 @@ class VolumeService final : public EventHistory {
     /// Entries of a folder (hidden ones too), without reading it where the index's count is of this
     /// very state of the folder; none where it has to be read.
     [[nodiscard]] std::optional<std::uint64_t> entryCount(const FileAttributes& folder) const;
+
+    /// By which what is removed for its age is dated.
+    [[nodiscard]] ElapsedClock& clock();
 
     /// One round of the work, for isManual; true where there is more to do at once.
     bool step();

@@ -1,7 +1,6 @@
 #include "platform/volume/VolumeState.h"
 
 #include <algorithm>
-#include <ctime>
 #include <unordered_map>
 
 #include "platform/volume/Follower.h"
@@ -51,7 +50,6 @@ EventRecord gapRecord(std::string path) {
     EventRecord gap;
     gap.event.flags = fsEventKernelDropped | fsEventMustScanSubDirs;
     gap.event.path = std::move(path);
-    gap.time = std::time(nullptr);
     return gap;
 }
 
@@ -200,6 +198,7 @@ Result<void> VolumeService::State::write(std::span<const ObjectRow> rows, bool i
     }
     if (rows.empty() && events.empty() && !isDurable) return {};
     const bool hasEvents = !events.empty();
+    if (hasEvents) datesOf(events);
     auto done = store->commit(rows,
                               isDurable || hasEvents ? IdentityStore::Durability::Identities
                                                      : IdentityStore::Durability::Hints,
@@ -215,6 +214,20 @@ Result<void> VolumeService::State::write(std::span<const ObjectRow> rows, bool i
     const std::shared_lock lock(indexMutex);
     for (const auto& root : roots) unwritten.push_back(gapRecord(root.url.path()));
     return done;
+}
+
+void VolumeService::State::datesOf(std::vector<EventRecord>& events) {
+    const auto now = clock->stamp().seconds;
+    for (auto& record : events) {
+        if (record.time == 0) record.time = now;
+    }
+    const auto dateForAge = [&](std::chrono::seconds age) {
+        const auto limit = clock->limitForAge(age).safe;
+        return limit ? std::optional(limit->seconds) : std::nullopt;
+    };
+    const auto age = configuration.eventAge;
+    store->retention.old = dateForAge(age);
+    store->retention.tooOld = dateForAge(age * 11 / 10);
 }
 
 FSEvent VolumeService::State::present(EventRecord record) const {
@@ -422,7 +435,6 @@ void VolumeService::State::noteReplaced(const ObjectRow& gone, const IdentityReq
     record.event.documentID = gone.documentID;
     record.event.identifierKind =
         gone.documentID != 0 ? IdentifierKind::Document : IdentifierKind::File;
-    record.time = std::time(nullptr);
     std::optional<QSURL> place;
     {
         const std::shared_lock lock(indexMutex);

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/volume/ElapsedClock.h"
 #include "platform/volume/IdentityStore.h"
 #include "platform/volume/ObjectIndex.h"
 #include "platform/volume/VolumeService.h"
@@ -77,6 +78,9 @@ struct VolumeService::State {
     Result<void> write(std::span<const ObjectRow> rows, bool isDurable,
                        std::vector<EventRecord>& events,
                        std::span<const OrphanChange> orphans = {});
+    /// Dates the events that have no date yet, and says which ones are too old to be kept.
+    /// REQUIRES: storeMutex is held.
+    void datesOf(std::vector<EventRecord>& events);
     void putBackDirty(std::span<const ObjectIndex::NodeNumber> nodes);
     /// The event with its path as its folder is called now.
     [[nodiscard]] FSEvent present(EventRecord record) const;
@@ -109,6 +113,7 @@ struct VolumeService::State {
     QSUUID history;
     bool freshOnly = false;
     std::string trouble;
+    std::unique_ptr<ElapsedClock> clock;  // has its own synchronisation
 
     std::mutex storeMutex;
     std::unique_ptr<IdentityStore> store;  // guarded by storeMutex, save lastEvent() and path()

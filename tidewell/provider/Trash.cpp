@@ -57,7 +57,7 @@ std::shared_ptr<QSProgress> LocalFileProvider::trashItemWithIdentifier(
             }
             // One that lay in the trash already keeps the record of where it came from.
             if (!(trashed->url == formerURL)) {
-                setTrashDate(*trashed, QSDate::now());
+                setTrashDate(*trashed, Platform::current().volume().clock().stamp());
                 setPutBackString(formerURL, *trashed);
             }
             keepIdentifier(formerURL, trashed->url);

@@ -75,7 +75,7 @@ void LocalFileProvider::_removeTrashedItemsOlderThanDate(
     const auto group = std::make_shared<DispatchGroup>(std::move(completionHandler));
     forEachTrashed([&](const QSURL& url) {
         const auto trashed = trashDateOf(url, "; set current date");
-        if (!trashed) return setTrashDate({url}, QSDate::now());
+        if (!trashed) return setTrashDate({url}, Platform::current().volume().clock().stamp());
         if (!(*trashed < date)) return;
         const auto identifier = _persistentIdentifierForItemAt(url);
         if (!identifier) {

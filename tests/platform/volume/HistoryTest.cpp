@@ -6,6 +6,7 @@
 #include <set>
 
 #include "tests/platform/volume/VolumeFixture.h"
+#include "tests/support/ScriptedClocks.h"
 
 namespace tests {
 namespace {
@@ -315,6 +316,30 @@ TEST_F(HistoryTest, OldEventsGoAndTheEdgeIsExact) {
     EXPECT_EQ(kept->size(), statistics.eventCount);
     EXPECT_EQ(service->eventsAfter(edge - 1, edge, 1).error().code, ESTALE);
     EXPECT_EQ(service->eventsAfter(service->currentEventID() + 1, ~0ull, 1).error().code, ESTALE);
+}
+
+TEST_F(HistoryTest, EventsExpireByAgeOnlyOnceThatTimeHasPassed) {
+    ScriptedClocks machine;
+    adjustMore = [&](auto& configuration) { configuration.clocks = machine.sources(); };
+    start();
+    const auto isKept = [&, anchor = service->currentEventID()] {
+        makeFile("f" + std::to_string(machine.sinceBoot));
+        changes();
+        return service->eventsAfter(anchor, anchor + 1, 1).has_value();
+    };
+    EXPECT_TRUE(isKept());
+    for (const std::int64_t wrong : {3650 * machine.day, -machine.wall}) {
+        machine.wall += wrong;
+        machine.pass(5 * machine.day);
+        EXPECT_TRUE(isKept()) << wrong;
+        machine.wall -= wrong;
+        machine.pass(1);
+        EXPECT_TRUE(isKept());
+    }
+    machine.pass(60 * machine.day);
+    EXPECT_TRUE(isKept());
+    machine.pass(10 * machine.day);
+    EXPECT_FALSE(isKept());
 }
 
 }  // namespace
