@@ -22,6 +22,7 @@
 
 #include "bench/Product.h"
 #include "platform/files/TreeCopy.h"
+#include "platform/tree/TreeLayout.h"
 
 namespace {
 

@@ -127,6 +127,12 @@ Result<std::string> ExtensionSession::pathForIdentifier(const std::string& ident
     return std::unexpected(platform::fileProviderErrorForNonExistentItemWithIdentifier(identifier));
 }
 
+Result<std::vector<std::string>> ExtensionSession::trashContainers() const {
+    auto containers = extension_->trashContainerItemIdentifiers();
+    if (!containers) return std::unexpected(withNativePath(std::move(containers.error())));
+    return containers;
+}
+
 Result<ItemRecord> ExtensionSession::itemAfter(const ItemRequest& request) const {
     struct None {};
     const auto answer = std::make_shared<Answer<None, platform::ItemRef>>();

@@ -53,6 +53,9 @@ class ExtensionSession {
     [[nodiscard]] platform::Result<std::string> pathForIdentifier(
         const std::string& identifier) const;
 
+    /// The containers of what was trashed.
+    [[nodiscard]] platform::Result<std::vector<std::string>> trashContainers() const;
+
     /// The present position of the container; ENODATA where the extension cannot tell it.
     [[nodiscard]] platform::Result<Anchor> anchor(const std::string& container) const;
 

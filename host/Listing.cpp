@@ -104,8 +104,6 @@ Result<void> Listing::folderByFolder(const std::string& container, Order order,
     const std::string root(platform::QSFileProviderRootContainerItemIdentifier);
     std::deque<std::string> folders{root};
     std::unordered_set<std::string> known{root};  // a folder moved meanwhile is met twice
-    std::vector<std::string> trashOwners;
-    if (auto path = session_.pathForIdentifier(root)) trashOwners.push_back(std::move(*path));
 
     while (!folders.empty() && !stopped_) {
         const auto folder = std::move(folders.front());
@@ -116,28 +114,24 @@ Result<void> Listing::folderByFolder(const std::string& container, Order order,
                 if (!known.insert(item.itemIdentifier).second) return true;
                 folders.push_back(item.itemIdentifier);
             }
-            if (item.isContainer && item.path) trashOwners.push_back(*item.path);
             return giveOut(item);
         });
         // A folder that went away after its parent was read has nothing to show.
         if (!result && (folder == root || !meansNoSuchItem(result.error()))) return result;
     }
-    if (foldersOnly) return {};
-    for (const auto& path : trashOwners) {
-        if (stopped_) break;
-        if (auto result = trashOf(path, order, giveOut); !result) return result;
-    }
-    return {};
+    return foldersOnly ? Result<void>() : trash(order, giveOut);
 }
 
-Result<void> Listing::trashOf(const std::string& rootPath, Order order,
-                              const ItemHandler& handler) {
-    const auto trash = session_.identifierForPath(rootPath + "/.Trash");
-    if (!trash) return {};
-    DeliveredItems ofTrash;
-    auto result = retry(*trash, order, triesOfFolder, ofTrash, handler);
-    if (!result && meansNoSuchItem(result.error())) return {};
-    return result;
+Result<void> Listing::trash(Order order, const ItemHandler& handler) {
+    const auto containers = session_.trashContainers();
+    if (!containers) return std::unexpected(containers.error());
+    for (const auto& container : *containers) {
+        if (stopped_) break;
+        DeliveredItems ofTrash;
+        auto result = retry(container, order, triesOfFolder, ofTrash, handler);
+        if (!result && !meansNoSuchItem(result.error())) return result;
+    }
+    return {};
 }
 
 }  // namespace host

@@ -58,9 +58,8 @@ class Listing {
                                                const ItemHandler& handler);
     [[nodiscard]] platform::Result<void> folderByFolder(const std::string& container, Order order,
                                                         DeliveredItems& delivered);
-    /// The trash of a root, where it has one; its folders are not entered.
-    [[nodiscard]] platform::Result<void> trashOf(const std::string& rootPath, Order order,
-                                                 const ItemHandler& handler);
+    /// What is directly in the trash containers.
+    [[nodiscard]] platform::Result<void> trash(Order order, const ItemHandler& handler);
 
     ExtensionSession& session_;
     const Waiter& wait_;

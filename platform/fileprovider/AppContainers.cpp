@@ -9,22 +9,15 @@
 #include <utility>
 
 #include "platform/log/Log.h"
+#include "platform/tree/PathRelation.h"
+#include "platform/tree/TreeLayout.h"
 
 namespace platform {
 
 namespace {
 
-bool liesIn(const std::string& path, const std::string& folder) {
-    return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
-}
-
-QSURL containerURL(std::string_view identifier) {
-    return QSURL::fileURLWithPath(std::string(presentedContainersPath) + "/" +
-                                  std::string(identifier));
-}
-
 QSURL rootURL(std::string_view identifier) {
-    return containerURL(identifier).URLByAppendingPathComponent("Documents");
+    return libraryRootInContainer(containerURL(identifier));
 }
 
 /// Links followed.
@@ -78,8 +71,8 @@ Result<QSURL> AppContainers::URLForContainer(std::string_view identifier,
     const std::unique_ptr<char, void (*)(void*)> real(realpath(nearest->path.c_str(), nullptr),
                                                       std::free);
     if (!real) return std::unexpected(errorFromErrno(errno, path));
-    const bool holdsStorage = nearest->path == path && liesIn(storage, real.get());
-    if (holdsStorage || liesIn(real.get(), storage)) {
+    const bool holdsStorage = nearest->path == path && isAtOrBelow(storage, real.get());
+    if (holdsStorage || isAtOrBelow(real.get(), storage)) {
         return std::unexpected(
             noContainer(EINVAL, path, "it lies in the folder of the documents, or around it"));
     }
@@ -149,7 +142,8 @@ Result<void> AppContainers::letIn(const std::string& identifier, const std::stri
 std::vector<std::uint64_t> AppContainers::stateOf(const std::string& path) {
     std::vector<std::uint64_t> state;
     for (const auto& [folder, flags] :
-         {std::pair(path, 0), std::pair(path + "/Documents", AT_SYMLINK_NOFOLLOW)}) {
+         {std::pair(path, 0), std::pair(libraryRootInContainer(QSURL::fileURLWithPath(path)).path(),
+                                        AT_SYMLINK_NOFOLLOW)}) {
         struct statx status {};
         const bool isKnown = getState(folder, flags, status) && S_ISDIR(status.stx_mode) &&
                              (status.stx_mask & STATX_BTIME) != 0;

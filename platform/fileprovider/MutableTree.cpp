@@ -16,38 +16,13 @@
 #include "platform/files/ItemNames.h"
 #include "platform/files/SystemCalls.h"
 #include "platform/files/TreeRemoval.h"
+#include "platform/tree/TreeLayout.h"
 
 namespace platform {
 
 namespace {
 
 constexpr std::uint64_t beneath = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV;
-
-/// The path below the library root that holds the URL, empty for the root itself; none outside.
-std::optional<std::string_view> pathInLibrary(const QSURL& url) {
-    std::string_view path = url.path();
-    if (path.starts_with(presentedStoragePath)) {
-        path.remove_prefix(presentedStoragePath.size());
-    } else if (path.starts_with(presentedContainersPath)) {
-        constexpr std::string_view library = "Documents";
-        path.remove_prefix(presentedContainersPath.size());
-        const auto end = path.find('/', 1);
-        if (!path.starts_with('/') || end == std::string_view::npos) return std::nullopt;
-        path.remove_prefix(end + 1);
-        if (!path.starts_with(library)) return std::nullopt;
-        path.remove_prefix(library.size());
-    } else {
-        return std::nullopt;
-    }
-    if (!path.empty() && path.front() != '/') return std::nullopt;
-    return path;
-}
-
-bool isProtected(const QSURL& url) {
-    const auto path = pathInLibrary(url);
-    return !path || path->empty() || *path == "/.Trash" ||
-           url.path() == std::string(presentedStoragePath) + "/.TemporaryLocalFolder";
-}
 
 QSError notPermitted(std::string_view why, const std::string& path) {
     auto error = mochaError(QSFileWriteNoPermissionError, why);
@@ -101,7 +76,7 @@ QSError MutableTree::failure(const QSError& error, const QSURL& url) const {
 }
 
 Result<MutableTree::OpenFolder> MutableTree::openFolder(const QSURL& url) const {
-    if (!pathInLibrary(url)) {
+    if (!pathInLibrary(url.path())) {
         return std::unexpected(notPermitted("not a folder of documents", files_.nativePath(url)));
     }
     auto fd = files_.openObject(url, O_PATH | O_DIRECTORY);
@@ -114,7 +89,7 @@ Result<MutableTree::OpenFolder> MutableTree::openFolder(const QSURL& url) const 
 
 Result<MutableTree::HeldItem> MutableTree::hold(const QSURL& url) const {
     const auto native = files_.nativePath(url);
-    if (isProtected(url)) {
+    if (hasToStay(url.path())) {
         return std::unexpected(notPermitted("this one has to stay where it is", native));
     }
     const auto expected = std::static_pointer_cast<const FileAttributes>(url.attachment());

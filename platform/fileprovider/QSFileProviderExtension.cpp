@@ -12,6 +12,11 @@ void refuse(QSFileProviderExtension::ItemCompletionHandler& handler) {
 
 }  // namespace
 
+Result<std::vector<QSFileProviderItemIdentifier>>
+QSFileProviderExtension::trashContainerItemIdentifiers() {
+    return {};
+}
+
 std::shared_ptr<QSProgress> QSFileProviderExtension::importDocumentAtURL(
     const QSURL& /*url*/, const QSFileProviderItemIdentifier& /*toParentItemIdentifier*/,
     ItemCompletionHandler completionHandler) {

@@ -37,6 +37,11 @@ class QSFileProviderExtension {
         const QSFileProviderItemIdentifier& identifier) = 0;
     [[nodiscard]] virtual Result<std::shared_ptr<QSFileProviderEnumerator>>
     enumeratorForContainerItemIdentifier(const QSFileProviderItemIdentifier& identifier) = 0;
+    /// The containers that hold what the user has trashed, of all roots; the working set shows what
+    /// is directly in them. Fails where one of them cannot be identified. Extensions that do not
+    /// say otherwise have none.
+    [[nodiscard]] virtual Result<std::vector<QSFileProviderItemIdentifier>>
+    trashContainerItemIdentifiers();
 
     virtual void providePlaceholderAtURL(const QSURL& url, CompletionHandler completionHandler) = 0;
     virtual void startProvidingItemAtURL(const QSURL& url, CompletionHandler completionHandler) = 0;

@@ -12,24 +12,14 @@
 
 #include "platform/files/Folder.h"
 #include "platform/files/SystemCalls.h"
+#include "platform/tree/PathRelation.h"
+#include "platform/tree/TreeLayout.h"
 
 namespace platform {
 
 namespace {
 
 constexpr std::uint64_t beneath = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV;
-
-/// Whether `path` is `prefix` or lies below it; `rest` becomes what follows ("." for itself).
-bool liesBelow(std::string_view path, std::string_view prefix, std::string& rest) {
-    if (!path.starts_with(prefix)) return false;
-    if (path.size() == prefix.size()) {
-        rest = ".";
-        return true;
-    }
-    if (path[prefix.size()] != '/') return false;
-    rest = path.substr(prefix.size() + 1);
-    return true;
-}
 
 /// The path with every link resolved, or nothing.
 std::string resolved(const std::string& path) {
@@ -62,19 +52,19 @@ Result<std::unique_ptr<FileSystem>> FileSystem::open(std::string_view storage) {
 }
 
 Result<QSURL> FileSystem::addContainer(std::string_view identifier, std::string_view path) {
-    std::string presented = std::string(presentedContainersPath) + "/" + std::string(identifier);
-    auto root = makeRoot(presented, path);
+    auto url = containerURL(identifier);
+    auto root = makeRoot(url.path(), path);
     if (!root) return std::unexpected(root.error());
     const std::scoped_lock lock(mutex_);
-    std::erase_if(roots_, [&](const auto& known) { return known->presented == presented; });
+    std::erase_if(roots_, [&](const auto& known) { return known->presented == url.path(); });
     roots_.push_back(std::move(*root));
-    return QSURL::fileURLWithPath(presented);
+    return url;
 }
 
 void FileSystem::removeContainer(std::string_view identifier) {
-    const auto presented = std::string(presentedContainersPath) + "/" + std::string(identifier);
+    const auto url = containerURL(identifier);
     const std::scoped_lock lock(mutex_);
-    std::erase_if(roots_, [&](const auto& known) { return known->presented == presented; });
+    std::erase_if(roots_, [&](const auto& known) { return known->presented == url.path(); });
 }
 
 Result<void> FileSystem::checkStorage() const {
@@ -100,12 +90,13 @@ QSURL FileSystem::storageURL() const {
 
 FileSystem::Location FileSystem::locate(const QSURL& url) const {
     const std::shared_lock lock(mutex_);
-    Location location;
     for (const auto& root : roots_) {
-        if (liesBelow(url.path(), root->presented, location.path)) {
-            location.root = root;
-            return location;
-        }
+        const auto relative = relativePath(url.path(), root->presented);
+        if (!relative) continue;
+        if (relative->empty()) return {root, "."};
+        // An entry of a container beside its library is not part of the tree.
+        if (!pathInLibrary(url.path())) return {};
+        return {root, std::string(*relative)};
     }
     if (url.path() == presentedVolumePath) return {roots_.front(), "."};
     return {nullptr, url.path()};
@@ -138,24 +129,24 @@ std::string FileSystem::nativePath(const QSURL& url) const {
 
 QSURL FileSystem::URLForNativePath(std::string_view path) const {
     const auto url = QSURL::fileURLWithPath(path);
-    std::string rest;
-    const auto inRoots = [&](const std::string& native) -> std::optional<QSURL> {
+    const auto inRoots = [&](std::string_view native, bool itself) -> std::optional<QSURL> {
         const std::shared_lock lock(mutex_);
         for (const auto& root : roots_) {
-            if (liesBelow(native, root->native, rest)) {
-                return QSURL::fileURLWithPath(root->presented + "/" + rest);
-            }
+            const auto relative = relativePath(native, root->native);
+            if (!relative || (itself && !relative->empty())) continue;
+            auto found = QSURL::fileURLWithPath(root->presented + "/" + std::string(*relative));
+            if (relative->empty() || pathInLibrary(found.path())) return found;
         }
         return std::nullopt;
     };
     // A folder that is itself a root is meant by any path that leads to it.
     const auto whole = resolved(url.path());
-    if (const auto found = inRoots(whole); found && rest == ".") return *found;
+    if (auto found = whole.empty() ? std::nullopt : inRoots(whole, true)) return *found;
     const auto parent = resolved(url.URLByDeletingLastPathComponent().path());
     if (!parent.empty() && !url.lastPathComponent().empty()) {
         const auto native =
             QSURL::fileURLWithPath(parent).URLByAppendingPathComponent(url.lastPathComponent());
-        if (const auto found = inRoots(native.path())) return *found;
+        if (auto found = inRoots(native.path(), false)) return *found;
     }
     return url;
 }

@@ -20,13 +20,6 @@ namespace platform {
 
 class Folder;
 
-/// The path under which the storage is presented, whatever its folder is called on disk.
-inline constexpr std::string_view presentedStoragePath = "/private/var/tidewell/Documents";
-/// Below it stand the data containers of applications, by identifier.
-inline constexpr std::string_view presentedContainersPath = "/private/var/tidewell/Containers";
-/// By itself it stands for the volume of the storage.
-inline constexpr std::string_view presentedVolumePath = "/private/var";
-
 /// The presented tree and the one resolver beneath it. A URL below a presented root becomes the
 /// root's descriptor and a relative path, opened with openat2 beneath the root, through no symbolic
 /// link and onto no other mount. Every other URL is native.
@@ -47,7 +40,8 @@ class FileSystem {
     [[nodiscard]] Result<void> checkStorage() const;
 
     /// Presents an application's data container (a native path, resolved now) and returns its URL,
-    /// below presentedContainersPath. A second call for one identifier replaces the first.
+    /// containerURL(identifier). What is in it beside its library stays native. A second call for
+    /// one identifier replaces the first.
     [[nodiscard]] Result<QSURL> addContainer(std::string_view identifier, std::string_view path);
     /// From now on URLs below the container lead nowhere; what is open stays so.
     void removeContainer(std::string_view identifier);

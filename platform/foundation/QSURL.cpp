@@ -38,6 +38,20 @@ QSURL QSURL::fileURLWithPath(std::string_view path) {
     return make(normalisedPath(path), true);
 }
 
+std::optional<QSURL> QSURL::fileURLWithPathComponents(
+    std::span<const std::string_view> components) {
+    constexpr std::string_view separators("/\0", 2);
+    std::string path;
+    for (const auto component : components) {
+        if (component.empty() || component.find_first_of(separators) != std::string_view::npos) {
+            return std::nullopt;
+        }
+        path += '/';
+        path += component;
+    }
+    return fileURLWithPath(path);
+}
+
 QSURL QSURL::URLWithString(std::string_view text) {
     constexpr std::string_view scheme = "file://";
     if (text.starts_with(scheme)) return fileURLWithPath(text.substr(scheme.size()));

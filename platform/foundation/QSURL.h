@@ -2,6 +2,8 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,6 +27,11 @@ class QSURL {
     /// A file URL. Doubled and trailing slashes and "." components go; ".." stays, for the resolver
     /// to refuse. A relative path is taken from "/".
     [[nodiscard]] static QSURL fileURLWithPath(std::string_view path);
+
+    /// The file URL of "/" and the components below it; none where one of them cannot be part of a
+    /// path: it is empty or holds "/" or NUL.
+    [[nodiscard]] static std::optional<QSURL> fileURLWithPathComponents(
+        std::span<const std::string_view> components);
 
     /// Any URL text that is not a file URL. Such a URL has an empty path and no resource values,
     /// and is its own parent and child.

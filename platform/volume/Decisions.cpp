@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "platform/log/Log.h"
+#include "platform/tree/TreeLayout.h"
 #include "platform/volume/Reconciler.h"
 #include "platform/volume/SaveNames.h"
 #include "platform/volume/UserMetadataCopy.h"
@@ -44,7 +45,7 @@ Reconciler::Verdict Reconciler::judge(std::uint32_t document, const Departures::
                 const auto place = placeOf(owner.firstName);
                 ownerName = place.name;
                 isInTrash = place.folder != vacancy.place.folder &&
-                            pathOfFolder(place.folder).ends_with("/.Trash");
+                            platform::isInTrash(pathOfFolder(place.folder));
             }
         }
         const auto heir = index.findObject(vacancy.place.folder, vacancy.place.name);

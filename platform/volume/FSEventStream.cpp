@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "platform/foundation/fatalError.h"
+#include "platform/tree/PathRelation.h"
 
 namespace platform {
 
@@ -20,11 +21,6 @@ constexpr std::size_t readAtOnce = 500;
 constexpr FSEventFlags lossFlags = fsEventUserDropped | fsEventKernelDropped;
 /// These mean everything below the path.
 constexpr FSEventFlags subtreeFlags = lossFlags | fsEventMustScanSubDirs;
-
-bool isAtOrBelow(std::string_view path, std::string_view folder) {
-    if (folder.ends_with('/')) folder.remove_suffix(1);
-    return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
-}
 
 /// Nothing else is read where only events of document IDs can concern the stream.
 EventSelection selectionFor(const std::vector<std::string>& paths) {

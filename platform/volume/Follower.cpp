@@ -11,6 +11,7 @@
 
 #include "platform/files/ItemNames.h"
 #include "platform/log/Log.h"
+#include "platform/tree/PathRelation.h"
 
 namespace platform {
 
@@ -481,10 +482,10 @@ Result<void> Follower::waitLooking(std::span<const std::string> folders) {
 void Follower::markPath(std::string_view folder) {
     const std::shared_lock lock(state_.indexMutex);
     for (const auto& root : state_.roots) {
-        const auto& path = root.url.path();
-        if (!folder.starts_with(path + "/")) continue;
+        const auto relative = relativePath(folder, root.url.path());
+        if (!relative || relative->empty()) continue;
         auto at = root.node;
-        for (const auto part : std::views::split(folder.substr(path.size() + 1), '/')) {
+        for (const auto part : std::views::split(*relative, '/')) {
             const std::string_view name(part.begin(), part.end());
             markName(at, name);
             at = state_.index.findObject(at, name);

@@ -1,17 +1,17 @@
 // What the reconciler writes: the events of what has changed, and one commit of all of it.
 #include <algorithm>
 
+#include "platform/tree/PathRelation.h"
+#include "platform/tree/TreeLayout.h"
 #include "platform/volume/Reconciler.h"
-#include "platform/volume/SaveNames.h"
 
 namespace platform {
 
 std::string Reconciler::coverOfPath(const std::string& path) const {
     for (const auto& root : state_.roots) {
-        const auto& rootPath = root.url.path();
-        if (!path.starts_with(rootPath + "/")) continue;
-        return coverOf(rootPath, std::string_view(path).substr(rootPath.size() + 1),
-                       state_.configuration.isPackageName);
+        const auto relative = relativePath(path, root.url.path());
+        if (!relative || relative->empty()) continue;
+        return placementKey(root.url.path(), *relative, state_.configuration.isPackageName);
     }
     return {};
 }

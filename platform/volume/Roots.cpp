@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <unordered_set>
 
+#include "platform/tree/PathRelation.h"
 #include "platform/volume/Follower.h"
 
 namespace platform {
@@ -139,18 +140,16 @@ void Reconciler::forgetRoot(NodeNumber root) {
 
 /// Nobody will look there any more for what went, or for what took its place.
 void Reconciler::decideBelow(const QSURL& root) {
-    const auto isBelow = [prefix = root.path() + "/"](const FormerPlace& place) {
-        return place.path.starts_with(prefix);
-    };
     for (const auto document : departures_.openDocuments()) {
         const auto* vacancy = departures_.vacancy(document);
-        if (vacancy && isBelow(vacancy->place)) decide(document, now_, true);
+        if (vacancy && isBelow(vacancy->place.path, root.path())) decide(document, now_, true);
     }
     for (const auto node : departures_.departedNodes()) {
         const auto* departure = departures_.departure(node);
-        if (departure && isBelow(departure->last)) finish(node);
+        if (departure && isBelow(departure->last.path, root.path())) finish(node);
     }
-    finishOrphans([&](const Orphan& orphan) { return isBelow(orphan.departure.last); });
+    finishOrphans(
+        [&](const Orphan& orphan) { return isBelow(orphan.departure.last.path, root.path()); });
 }
 
 }  // namespace platform

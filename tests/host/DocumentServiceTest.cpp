@@ -139,8 +139,7 @@ TEST_F(DocumentServiceTest, ARefusedFolderStartsAgainGivesEachRowOnceAndUpInTheE
 }
 
 TEST_F(DocumentServiceTest, ARecursiveContainerThatIsRefusedIsJoinedFromFolders) {
-    scratch.makeFolder(".Trash");
-    extension->identifiersByPath = {{"/presented", root}, {"/presented/.Trash", "trash"}};
+    extension->trashContainers = {"trash", "removed"};
     for (const auto& wide : {workingSet, allDirectories}) {
         service_.reset();  // its enumerators look at the containers
         extension->containers.clear();
@@ -164,6 +163,10 @@ TEST_F(DocumentServiceTest, ARecursiveContainerThatIsRefusedIsJoinedFromFolders)
         EXPECT_EQ(container(wide).tries, 3U);
     }
     EXPECT_THAT(pauses, ElementsAre(10, 50, 10, 10, 50, 10));
+    container(workingSet).refusedPages = {0, 0, 0};
+    extension->trashContainers = std::unexpected(platform::errorFromErrno(EIO));
+    (void)list(workingSet);
+    EXPECT_EQ(result.error(), platform::errorFromErrno(EIO)) << "not listed as empty";
 }
 
 TEST_F(DocumentServiceTest, TreesGoDepthFirstAndOnPastAFolderThatFails) {

@@ -152,6 +152,7 @@ class ScriptedExtension final : public QSFileProviderExtension {
   public:
     std::map<std::string, ScriptedContainer> containers;
     std::map<std::string, std::string> identifiersByPath;  ///< presented paths
+    Result<std::vector<std::string>> trashContainers;
 
     std::optional<QSURL> URLForItemWithPersistentIdentifier(
         const std::string& identifier) override {
@@ -175,6 +176,9 @@ class ScriptedExtension final : public QSFileProviderExtension {
         }
         ++found->second.enumeratorsMade;
         return std::make_shared<ScriptedEnumerator>(found->second);
+    }
+    Result<std::vector<std::string>> trashContainerItemIdentifiers() override {
+        return trashContainers;
     }
     void providePlaceholderAtURL(const QSURL&, CompletionHandler) override {}
     void startProvidingItemAtURL(const QSURL&, CompletionHandler) override {}

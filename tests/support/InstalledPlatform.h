@@ -4,6 +4,7 @@
 
 #include "platform/fileprovider/Platform.h"
 #include "platform/log/Log.h"
+#include "platform/tree/TreeLayout.h"
 #include "tests/support/ScratchFolder.h"
 
 namespace tests {
@@ -67,8 +68,7 @@ class InstalledPlatform : public testing::Test {
         const auto& folder = container.empty() ? identifier : container;
         return std::make_shared<const QLBundleProxy>(QLBundleProxy{
             .bundleIdentifier = identifier,
-            .dataContainerURL =
-                QSURL::fileURLWithPath(std::string(presentedContainersPath) + "/" + identifier),
+            .dataContainerURL = containerURL(identifier),
             .displayName = "Name of " + identifier,
             .dataContainerPath =
                 scratch.makeFolder("containers/" + folder + "/Documents").parent_path()});

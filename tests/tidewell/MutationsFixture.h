@@ -4,6 +4,7 @@
 #include <set>
 
 #include "platform/fileprovider/QSFileProviderError.h"
+#include "platform/tree/TreeLayout.h"
 #include "tests/support/InstalledPlatform.h"
 #include "tidewell/applibraries/TWPAppLibraryManager.h"
 #include "tidewell/provider/LocalFileProvider.h"
@@ -44,20 +45,29 @@ class MutationsFixture : public InstalledPlatform {
     }
 
     void start() {
-        (void)installApplication("org.a", "App", "X-Quenby-SupportsDocumentBrowser=true\n");
-        installed->workspace().refresh();
-        const std::vector shown{installed->workspace().bundleProxyForIdentifier("org.a")};
-        ASSERT_TRUE(installed->containers().show(shown).empty());
         provider = tidewell::LocalFileProvider::init();
-        tidewell::AppLibraryRootTable::shared().replace({{libraryURL(), shown.front()}});
+        showLibrariesOf({"org.a"});
+    }
+    void showLibrariesOf(const std::vector<std::string>& identifiers) {
+        std::vector<BundleRef> shown;
+        tidewell::AppLibraryRoots roots;
+        for (const auto& identifier : identifiers) {
+            (void)installApplication(identifier, "App", "X-Quenby-SupportsDocumentBrowser=true\n");
+            installed->workspace().refresh();
+            shown.push_back(installed->workspace().bundleProxyForIdentifier(identifier));
+            roots.emplace(libraryURL({}, identifier), shown.back());
+        }
+        ASSERT_TRUE(installed->containers().show(shown).empty());
+        tidewell::AppLibraryRootTable::shared().replace(std::move(roots));
     }
     void end() {
         provider.reset();
         mainQueue().sync([] {});
     }
 
-    static QSURL libraryURL(const std::string& below = {}) {
-        return QSURL::fileURLWithPath("/private/var/tidewell/Containers/org.a/Documents/" + below);
+    static QSURL libraryURL(const std::string& below = {}, std::string_view of = "org.a") {
+        return QSURL::fileURLWithPath(libraryRootInContainer(containerURL(of)).path() + "/" +
+                                      below);
     }
     fs::path library() const { return scratch / "containers/org.a/Documents"; }
 

@@ -5,6 +5,7 @@
 #include "platform/foundation/QSKeyedArchiver.h"
 #include "platform/foundation/QSKeyedUnarchiver.h"
 #include "tests/tidewell/MutationsFixture.h"
+#include "tidewell/provider/TrashRecords.h"
 
 namespace tidewell {
 namespace {
@@ -58,6 +59,30 @@ TEST_F(TrashTest, RecordsWhenAndFromWhereAndPutsBack) {
     EXPECT_EQ(contentOf(library() / "a/b/doc.txt"), "another");
     EXPECT_FALSE(attribute(library() / "a/b/doc 2.txt", date));
     EXPECT_TRUE(attribute(library() / "a/b/doc 2.txt", putBack));
+}
+
+TEST_F(TrashTest, AnApplicationMayBeCalledDocuments) {
+    scratch.makeFile("containers/Documents/Documents/a/x");
+    showLibrariesOf({"org.a", "Documents"});
+    const auto item =
+        provider->persistentIdentifierForItemAtURL(libraryURL("a/x", "Documents")).value();
+    ASSERT_TRUE(trash(item));
+    EXPECT_EQ(place(item), libraryURL(".Trash/x", "Documents"));
+    ASSERT_TRUE(untrash(item));
+    EXPECT_EQ(place(item), libraryURL("a/x", "Documents"));
+    // What lies beside a library under a name that begins with its name is no item.
+    const auto beside = scratch.makeFile("containers/org.a/Documents2/x").string();
+    const auto url = installed->files().URLForNativePath(beside);
+    EXPECT_EQ(provider->persistentIdentifierForItemAtURL(url), std::nullopt);
+    EXPECT_EQ(installed->files().nativePath(url), beside);
+}
+
+TEST_F(TrashTest, APathThatCannotBeBuiltHasNoTrash) {
+    const auto url = QSURL::fileURLWithPath(std::string_view("/a\0b/Documents/x", 15));
+    EXPECT_EQ(
+        trashFolderFor(url).error(),
+        QPInvalidParameterError("trashComponents", std::string("a\0b, Documents, .Trash", 22)));
+    EXPECT_EQ(logged(LogLevel::Error, "can't build trash URL from components \"a").size(), 1U);
 }
 
 TEST_F(TrashTest, WhatCannotBePutBackGoesWhereItIsTold) {

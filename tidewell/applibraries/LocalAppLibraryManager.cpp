@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "platform/fileprovider/Platform.h"
+#include "platform/tree/TreeLayout.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/identity/TWPFileObjectIdentifier.h"
 #include "tidewell/items/LocalAppLibraryItem.h"
@@ -12,7 +13,7 @@ namespace tidewell {
 namespace {
 
 QSURL rootOf(const QLBundleProxy& bundle) {
-    return bundle.dataContainerURL->URLByAppendingPathComponent("Documents");
+    return libraryRootInContainer(*bundle.dataContainerURL);
 }
 
 std::string textOf(const QLBundleProxy& bundle) {

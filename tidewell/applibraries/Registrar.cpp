@@ -7,6 +7,7 @@
 
 #include "platform/fileprovider/Platform.h"
 #include "platform/foundation/QSUnicode.h"
+#include "platform/tree/TreeLayout.h"
 #include "tidewell/common/Logging.h"
 
 namespace tidewell {
@@ -24,7 +25,7 @@ bool supportsDocuments(const QLBundleProxy& bundle) {
 /// With mode 0700, what is above it as is usual.
 std::error_code makeDocumentsFolder(const QLBundleProxy& bundle) {
     std::error_code failure;
-    const auto folder = std::filesystem::path(bundle.dataContainerPath) / "Documents";
+    const auto folder = std::filesystem::path(bundle.dataContainerPath) / documentsName;
     if (std::filesystem::create_directories(folder, failure)) {
         std::filesystem::permissions(folder, std::filesystem::perms::owner_all, failure);
     }

@@ -1,16 +1,8 @@
 #include "tidewell/applibraries/TWPAppLibraryManager.h"
 
+#include "platform/tree/PathRelation.h"
+
 namespace tidewell {
-
-namespace {
-
-bool contains(const QSURL& container, const QSURL& url) {
-    const auto& path = url.path();
-    const auto& prefix = container.path();
-    return path.starts_with(prefix) && (path.size() == prefix.size() || path[prefix.size()] == '/');
-}
-
-}  // namespace
 
 AppLibraryRootTable::AppLibraryRootTable()
     : queue_("tidewell.app-library-manager"), roots_(std::make_shared<const AppLibraryRoots>()) {}
@@ -37,7 +29,7 @@ BundleRef AppLibraryRootTable::bundleAt(const QSURL& url) const {
 BundleRef AppLibraryRootTable::bundleContaining(const QSURL& url) const {
     const auto roots = bundleProxiesByRootURLs();
     for (const auto& [root, bundle] : *roots) {
-        if (contains(root.URLByDeletingLastPathComponent(), url)) return bundle;
+        if (isAtOrBelow(url.path(), root.URLByDeletingLastPathComponent().path())) return bundle;
     }
     return nullptr;
 }

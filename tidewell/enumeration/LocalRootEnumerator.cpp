@@ -6,6 +6,8 @@
 
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QSFileProviderError.h"
+#include "platform/tree/PathRelation.h"
+#include "platform/tree/TreeLayout.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/fs/VolumeIdentity.h"
 #include "tidewell/fs/Whereabouts.h"
@@ -24,11 +26,6 @@ std::vector<QSURL> treeRoots(const AppLibraryRoots& libraries) {
 /// Not the table, which is ahead of the main cache while a set is being published.
 AppLibraryRoots presentLibraries(const AppLibraries& appLibraries) {
     return rootsOf(appLibraries.mainCache()->content().bundleProxies);
-}
-
-bool isAtOrBelow(const std::string& path, const QSURL& root) {
-    return path.starts_with(root.path()) &&
-           (path.size() == root.path().size() || path[root.path().size()] == '/');
 }
 
 /// Hands everything on, unless another set was published before the end: with no event to stop at,
@@ -267,7 +264,6 @@ void LocalRootEnumerator::saveWorkingSet() {
 Result<std::set<std::string>> LocalRootEnumerator::identifiersLost(
     std::uint64_t sinceEventID) const {
     constexpr std::size_t batch = 4096;
-    const auto containers = std::string(presentedContainersPath) + "/";
     const auto roots = treeRoots(appLibraryManager_.bundleProxiesByRootURLs());
     const ContainerCover cover(container_, roots);
     const auto& history = *Platform::current().events().history;
@@ -285,12 +281,12 @@ Result<std::set<std::string>> LocalRootEnumerator::identifiersLost(
         const auto events = history.eventsAfter(after, last, batch);
         if (!events) return std::unexpected(errorForHistory(events.error()));
         for (const auto& event : *events) {
-            const auto isBelow = [&](const QSURL& root) { return isAtOrBelow(event.path, root); };
-            if (!event.path.starts_with(containers) || std::ranges::any_of(roots, isBelow)) {
-                continue;
-            }
-            const auto name = event.path.substr(containers.size());
-            found.insert("#" + name.substr(0, name.find('/')));
+            const auto holdsIt = [&](const QSURL& root) {
+                return isAtOrBelow(event.path, root.path());
+            };
+            const auto application = identifierOfContainerAt(event.path);
+            if (!application || std::ranges::any_of(roots, holdsIt)) continue;
+            found.insert("#" + *application);
             if (!cover.isRecursive()) continue;
             const auto identifier = identifierOf(event);
             if (!identifier || found.contains(*identifier)) continue;

@@ -3,12 +3,13 @@
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QSFileProviderItem.h"
 #include "platform/files/LookFailure.h"
+#include "platform/tree/PathRelation.h"
+#include "platform/tree/TreeLayout.h"
 
 namespace tidewell {
 
 namespace {
 
-constexpr std::string_view trashName = ".Trash";
 constexpr WalkOptions recursiveOptions = walkSkipsHiddenEntries | walkSkipsPackageDescendants;
 constexpr WalkOptions singleFolderOptions = walkSkipsHiddenEntries | walkDescendsIntoNothing;
 
@@ -16,34 +17,22 @@ WalkOptions optionsFor(std::string_view name, WalkOptions inherited) {
     return name == trashName ? singleFolderOptions : inherited;
 }
 
-/// The part of the path below the root, "" for the root itself; none outside.
-std::optional<std::string_view> pathBelow(const QSURL& root, const QSURL& url) {
-    const std::string_view path = url.path();
-    if (!path.starts_with(root.path())) return std::nullopt;
-    const auto rest = path.substr(root.path().size());
-    if (rest.empty()) return rest;
-    if (!rest.starts_with('/')) return std::nullopt;
-    return rest.substr(1);
-}
-
-/// What the names on the way from a root to a place make of it.
-ContainerCover::Place placeBelow(const QSURL& url, std::string_view below) {
-    if (below.empty()) return {Cover::Root};
-    for (bool isFirst = true;; isFirst = false) {
-        const auto slash = below.find('/');
-        const auto name = below.substr(0, slash);
-        if (isHiddenName(name)) {
-            return {isFirst && name == trashName ? Cover::Trashed : Cover::Hidden};
-        }
-        if (slash == std::string_view::npos) return {Cover::Shown};
-        below.remove_prefix(slash);
-        if (isPackageName(name)) {
-            const auto path = std::string_view(url.path());
-            const auto package = path.substr(0, path.size() - below.size());
-            return {Cover::InPackage, QSURL::fileURLWithPath(package)};
-        }
-        below.remove_prefix(1);
+ContainerCover::Place placeOf(const QSURL& root, std::string_view relative) {
+    const auto found = placementOf(relative, isPackageName);
+    switch (found.kind) {
+        case Placement::Kind::Itself:
+            return {Cover::Root};
+        case Placement::Kind::Shown:
+            return {Cover::Shown};
+        case Placement::Kind::InTrash:
+            return {Cover::Trashed};
+        case Placement::Kind::Hidden:
+            return {Cover::Hidden};
+        case Placement::Kind::InPackage:
+            break;
     }
+    const auto package = relative.substr(0, found.packageLength);
+    return {Cover::InPackage, QSURL::fileURLWithPath(root.path() + "/" + std::string(package))};
 }
 
 }  // namespace
@@ -64,16 +53,17 @@ ContainerCover::ContainerCover(std::string container, std::vector<QSURL> urls)
 
 ContainerCover::Place ContainerCover::placeOf(const QSURL& url) const {
     if (!isRecursive()) {
-        const auto below = pathBelow(urls_.front(), url);
+        const auto below = relativePath(url.path(), urls_.front().path());
         if (!below) return {};
-        const auto place = placeBelow(url, *below);
+        const auto place = tidewell::placeOf(urls_.front(), *below);
         if (place.package && place.package->URLByDeletingLastPathComponent() == urls_.front()) {
             return place;
         }
         return below->find('/') == std::string_view::npos ? place : Place{};
     }
     for (const auto& root : urls_) {
-        if (const auto below = pathBelow(root, url)) return placeBelow(url, *below);
+        const auto below = relativePath(url.path(), root.path());
+        if (below) return tidewell::placeOf(root, *below);
     }
     return {};
 }
@@ -110,7 +100,7 @@ std::vector<DirectoryWalk::Root> ContainerCover::walkRoots() const {
     }
     for (const auto& url : urls_) {
         add(url, recursiveOptions);
-        if (isWorkingSet_) add(url.URLByAppendingPathComponent(trashName), singleFolderOptions);
+        if (isWorkingSet_) add(trashInLibrary(url), singleFolderOptions);
     }
     return roots;
 }

@@ -68,9 +68,6 @@ class ContainerCover {
     std::optional<ObjectIdentity> meant_;  ///< of the single folder, where its URL keeps it
 };
 
-[[nodiscard]] inline bool isHiddenName(std::string_view name) {
-    return name.starts_with('.');
-}
 /// Whether a folder of that name is a package.
 [[nodiscard]] bool isPackageName(std::string_view name);
 

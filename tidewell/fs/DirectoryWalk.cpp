@@ -5,6 +5,7 @@
 #include "platform/fileprovider/Platform.h"
 #include "platform/files/LookFailure.h"
 #include "platform/foundation/fatalError.h"
+#include "platform/tree/TreeLayout.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/fs/ContainerCover.h"
 

@@ -6,6 +6,8 @@
 #include "platform/fileprovider/URLOperations.h"
 #include "platform/files/LookFailure.h"
 #include "platform/foundation/fatalError.h"
+#include "platform/tree/PathRelation.h"
+#include "platform/tree/TreeLayout.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/fs/DocIDPath.h"
 #include "tidewell/fs/ItemFactory.h"
@@ -251,11 +253,8 @@ Result<FSEventReader::Subject> FSEventReader::subjectOf(const FSEvent& event) co
 }
 
 bool FSEventReader::isMonitored(const QSURL& url) const {
-    return std::ranges::any_of(urls_, [&](const QSURL& folder) {
-        const auto& path = url.path();
-        const auto length = folder.path().size();
-        return path.starts_with(folder.path()) && (path.size() == length || path[length] == '/');
-    });
+    return std::ranges::any_of(
+        urls_, [&](const QSURL& folder) { return isAtOrBelow(url.path(), folder.path()); });
 }
 
 Result<void> FSEventReader::handle(const FSEvent& event, const Subject& subject,

@@ -4,6 +4,7 @@
 
 #include "platform/fileprovider/URLOperations.h"
 #include "platform/foundation/fatalError.h"
+#include "platform/tree/TreeLayout.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/identity/TWPFileObjectIdentifier.h"
 
@@ -14,7 +15,7 @@ std::shared_ptr<LocalAppLibraryItem> LocalAppLibraryItem::initFrom(const QLBundl
         logError("can't create an app library item without a data container URL");
         return nullptr;
     }
-    const auto url = bundle.dataContainerURL->URLByAppendingPathComponent("Documents");
+    const auto url = libraryRootInContainer(*bundle.dataContainerURL);
     const Custom custom{.itemID = appLibraryIdentifier(bundle),
                         .parentItemID = std::string(QSFileProviderRootContainerItemIdentifier),
                         .filename = bundle.localizedName()};
@@ -26,7 +27,7 @@ std::shared_ptr<LocalAppLibraryItem> LocalAppLibraryItem::initFrom(const QLBundl
 }
 
 void LocalAppLibraryItem::leaveOutHiddenEntries(const QSURL& url) {
-    constexpr std::array<std::string_view, 2> hidden = {"Inbox", ".Trash"};
+    constexpr std::array<std::string_view, 2> hidden = {inboxName, trashName};
     // One reading for the count and for what is taken off it, so that no race comes between.
     const auto contents = contentsOfFolder(url, hidden);
     if (!contents) return;

@@ -10,6 +10,7 @@
 #include "platform/fileprovider/URLOperations.h"
 #include "platform/files/ExtendedAttributes.h"
 #include "platform/foundation/fatalError.h"
+#include "platform/tree/TreeLayout.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/common/Utilities.h"
 #include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
@@ -25,27 +26,7 @@ const TypeRegistry& types() {
     return Platform::current().types();
 }
 
-/// Whether "Documents" directly followed by ".Trash" stands among the path's components.
-bool liesInTrash(const std::string& path) {
-    constexpr std::string_view pair = "/Documents/.Trash";
-    for (auto at = path.find(pair); at != std::string::npos; at = path.find(pair, at + 1)) {
-        const auto end = at + pair.size();
-        if (end == path.size() || path[end] == '/') return true;
-    }
-    return false;
-}
-
-/// The library root that holds `url`: its path up to the first "Documents".
-std::optional<QSURL> libraryRootOf(const QSURL& url) {
-    auto root = QSURL::fileURLWithPath("/");
-    for (const auto component : url.pathComponents()) {
-        root = root.URLByAppendingPathComponent(component);
-        if (component == "Documents") return root;
-    }
-    return std::nullopt;
-}
-
-/// "" or ", <label>: <value>", as the messages of refused items are joined.
+/// The beginning of what the messages of refused items say in parentheses.
 std::string identifiersText(const std::string& item, const std::string& parent) {
     return "(itemIdentifier: " + item + ", parentItemIdentifier: " + parent;
 }
@@ -127,7 +108,7 @@ Result<bool> LocalItem::buildIdentity(const QSURL& url, const Custom& custom) {
             return false;
         }
         _parentItemIdentifier = std::move(**parent);
-        isTrashed_ = liesInTrash(url.path());
+        isTrashed_ = isInTrash(url.path());
     }
     auto filename = custom.filename ? custom.filename : stringResource(url, QSResourceKey::Name);
     if (!filename) {
@@ -152,7 +133,7 @@ Result<bool> LocalItem::buildIdentity(const QSURL& url, const Custom& custom) {
 }
 
 bool LocalItem::isInboxOfLibrary() const {
-    return filename_ == "Inbox" && isFolder() &&
+    return filename_ == inboxName && isFolder() &&
            (_parentItemIdentifier == QSFileProviderRootContainerItemIdentifier ||
             isAppLibraryIdentifier(_parentItemIdentifier));
 }

@@ -33,6 +33,8 @@ class LocalFileProvider final : public QSFileProviderExtension {
         const QSFileProviderItemIdentifier& identifier) override;
     [[nodiscard]] Result<std::shared_ptr<QSFileProviderEnumerator>>
     enumeratorForContainerItemIdentifier(const QSFileProviderItemIdentifier& identifier) override;
+    [[nodiscard]] Result<std::vector<QSFileProviderItemIdentifier>> trashContainerItemIdentifiers()
+        override;
 
     /// The item of the application's library, or the host's invalid-parameter error.
     void _defaultApplicationContainerForBundleIdentifier(

@@ -4,6 +4,7 @@
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/fileprovider/URLOperations.h"
+#include "platform/tree/TreeLayout.h"
 #include "tidewell/common/LocalFileProviderError.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
@@ -30,7 +31,7 @@ std::shared_ptr<LocalItem> appLibraryItem(std::string_view bundleIdentifier) {
 std::shared_ptr<LocalItem> temporaryFolderItem() {
     const auto url =
         QSFileProviderManager::defaultManager().documentStorageURL().URLByAppendingPathComponent(
-            ".TemporaryLocalFolder");
+            temporaryFolderName);
     if (const auto made = Platform::current().files().makeFolder(url); !made) {
         logError([&] { return "can't create temporary directory; " + made.error().description(); });
         return nullptr;
@@ -128,7 +129,7 @@ std::optional<QSFileProviderItemIdentifier> LocalFileProvider::_persistentIdenti
     const LogSection section(
         [&] { return "fetching item identifier for " + quoted(url.description()); });
     std::optional<std::string> identifier;
-    if (url.lastPathComponent() == "Documents") {
+    if (url.lastPathComponent() == documentsName) {
         identifier = TWPFileObjectIdentifier::fromAppLibraryDataContainerURL(url);
     }
     if (!identifier) {

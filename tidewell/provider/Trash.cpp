@@ -2,6 +2,7 @@
 #include "platform/fileprovider/Mutations.h"
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QSFileProviderError.h"
+#include "platform/tree/TreeLayout.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/common/Utilities.h"
 #include "tidewell/items/LocalAppLibraryItem.h"
@@ -69,7 +70,7 @@ std::optional<QSURL> LocalFileProvider::untrashDestination(
     const LocalItem& item, const std::optional<QSFileProviderItemIdentifier>& parentIdentifier) {
     const auto parent =
         parentIdentifier ? _urlForItemWithPersistentIdentifier(*parentIdentifier) : std::nullopt;
-    if (parent && !isInsideTrash(*parent)) return parent;
+    if (parent && !isInTrash(parent->path())) return parent;
     if (parent) {
         logDebug([&] {
             return "can't use provided parent item " + *parentIdentifier +
@@ -79,7 +80,7 @@ std::optional<QSURL> LocalFileProvider::untrashDestination(
     const auto putBack = item.putBackURL();
     if (!putBack) {
         logDebug("no putback url");
-    } else if (isInsideTrash(*putBack) || !isReachableFolder(*putBack)) {
+    } else if (isInTrash(putBack->path()) || !isReachableFolder(*putBack)) {
         logDebug([&] { return "putback url is not reachable; " + putBack->description(); });
     } else {
         logDebug([&] { return "putback url is " + putBack->description(); });

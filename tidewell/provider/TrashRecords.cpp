@@ -1,11 +1,11 @@
 #include "tidewell/provider/TrashRecords.h"
 
 #include <algorithm>
-#include <array>
 #include <span>
 
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/foundation/QSKeyedArchiver.h"
+#include "platform/tree/TreeLayout.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/common/Utilities.h"
 #include "tidewell/items/LocalAppLibraryItem.h"
@@ -32,23 +32,24 @@ std::optional<QSData> archived(const QSPropertyList& root) {
 }  // namespace
 
 Result<QSURL> trashFolderFor(const QSURL& url) {
-    const auto components = url.pathComponents();
-    const auto documents = std::ranges::find(components, std::string_view("Documents"));
-    if (documents == components.end()) {
+    const auto root = libraryRootOf(url);
+    if (!root) {
         logError([&] { return "no Documents directory found in path " + quoted(url.path()); });
         return std::unexpected(QPInvalidParameterError("sourceURL", url.description()));
     }
-    std::string path;
-    for (auto at = components.begin(); at <= documents; ++at) path += "/" + std::string(*at);
-    const auto trash = QSURL::fileURLWithPath(path).URLByAppendingPathComponent(".Trash");
-    logDebug([&] { return "trash is located at " + quoted(trash.path()); });
-    return trash;
-}
-
-bool isInsideTrash(const QSURL& url) {
-    const auto components = url.pathComponents();
-    constexpr std::array<std::string_view, 2> pair = {"Documents", ".Trash"};
-    return !std::ranges::search(components, pair).empty();
+    auto components = root->pathComponents();
+    components.push_back(trashName);
+    auto trash = QSURL::fileURLWithPathComponents(components);
+    if (!trash) {
+        std::string list;
+        for (const auto component : components) {
+            list += (list.empty() ? "" : ", ") + std::string(component);
+        }
+        logError([&] { return "can't build trash URL from components " + quoted(list); });
+        return std::unexpected(QPInvalidParameterError("trashComponents", list));
+    }
+    logDebug([&] { return "trash is located at " + quoted(trash->path()); });
+    return std::move(*trash);
 }
 
 std::optional<std::string> putBackString(const QSURL& path, const QSURL& root) {

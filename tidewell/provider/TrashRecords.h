@@ -19,9 +19,6 @@ using namespace platform;
 /// with the invalid-parameter error after a log line.
 [[nodiscard]] Result<QSURL> trashFolderFor(const QSURL& url);
 
-/// Whether ".Trash" directly behind "Documents" stands among the URL's path components.
-[[nodiscard]] bool isInsideTrash(const QSURL& url);
-
 /// `path` relative to `root`, component by component; none where it is not below it.
 [[nodiscard]] std::optional<std::string> putBackString(const QSURL& path, const QSURL& root);
 

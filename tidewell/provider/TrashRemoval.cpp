@@ -2,10 +2,13 @@
 #include "platform/dispatch/Queue.h"
 #include "platform/fileprovider/Platform.h"
 #include "platform/foundation/QSKeyedUnarchiver.h"
+#include "platform/tree/TreeLayout.h"
 #include "tidewell/applibraries/TWPAppLibraryManager.h"
+#include "tidewell/common/LocalFileProviderError.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/common/Utilities.h"
 #include "tidewell/fs/DirectoryWalk.h"
+#include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
 #include "tidewell/items/LocalItem.h"
 #include "tidewell/provider/LocalFileProvider.h"
 #include "tidewell/provider/TrashRecords.h"
@@ -14,17 +17,22 @@ namespace tidewell {
 
 namespace {
 
+/// The trash of the storage, then those of the libraries; each need not exist.
+std::vector<QSURL> trashURLs() {
+    std::vector<QSURL> urls{
+        trashInLibrary(QSFileProviderManager::defaultManager().documentStorageURL())};
+    for (const auto& root : TWPAppLibraryManager::rootURLsForAppLibraries()) {
+        urls.push_back(trashInLibrary(root));
+    }
+    return urls;
+}
+
 /// The entries of every trash, one after another.
 void forEachTrashed(const std::function<void(const QSURL& url)>& visit) {
-    std::vector<QSURL> roots{QSFileProviderManager::defaultManager().documentStorageURL()};
-    for (auto& root : TWPAppLibraryManager::rootURLsForAppLibraries()) {
-        roots.push_back(std::move(root));
-    }
     constexpr WalkOptions options = walkSkipsHiddenEntries | walkDescendsIntoNothing;
-    for (const auto& root : roots) {
+    for (const auto& trash : trashURLs()) {
         DirectoryWalk walk(
-            {{root.URLByAppendingPathComponent(".Trash"), options}},
-            [](std::string_view, WalkOptions inherited) { return inherited; },
+            {{trash, options}}, [](std::string_view, WalkOptions inherited) { return inherited; },
             DirectoryWalk::Emits::everything);
         // A trash that is not there or cannot be read has been logged and holds nothing to remove.
         (void)walk.walk(0, walkWithoutPageLimit, [&](const QSURL& url) -> Result<void> {
@@ -68,6 +76,22 @@ class DispatchGroup {
 };
 
 }  // namespace
+
+Result<std::vector<QSFileProviderItemIdentifier>>
+LocalFileProvider::trashContainerItemIdentifiers() {
+    std::vector<QSFileProviderItemIdentifier> identifiers;
+    for (const auto& trash : trashURLs()) {
+        const auto attributes = Platform::current().files().attributes(trash);
+        if (!attributes && attributes.error().code == ENOENT) continue;
+        if (!attributes) return std::unexpected(attributes.error());
+        if (!(*attributes)->isDirectory()) continue;
+        auto identifier = itemIdentifier(trash);
+        if (!identifier)
+            return std::unexpected(makeError(LocalFileProviderError::itemLookupFailed));
+        identifiers.push_back(std::move(*identifier));
+    }
+    return identifiers;
+}
 
 void LocalFileProvider::_removeTrashedItemsOlderThanDate(
     const QSDate& date, std::move_only_function<void()> completionHandler) {

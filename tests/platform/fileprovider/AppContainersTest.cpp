@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include "platform/tree/TreeLayout.h"
 #include "tests/support/InstalledPlatform.h"
 
 namespace tests {
@@ -15,8 +16,8 @@ class AppContainersTest : public InstalledPlatform {
         return scratch.makeFile("containers/" + identifier + "/Documents/note");
     }
     bool isShown(const std::string& identifier) const {
-        const auto note = QSURL::fileURLWithPath(std::string(presentedContainersPath) + "/" +
-                                                 identifier + "/Documents/note");
+        const auto note =
+            libraryRootInContainer(containerURL(identifier)).URLByAppendingPathComponent("note");
         return installed->files().freshAttributes(note).has_value();
     }
     std::size_t roots() const { return installed->volume().statistics().roots.size(); }

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "platform/files/ExtendedAttributes.h"
+#include "platform/tree/TreeLayout.h"
 #include "tests/support/ScratchFolder.h"
 
 namespace platform {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/tree/TreeLayout.h"
 #include "platform/volume/VolumeService.h"
 #include "tests/support/ScratchFolder.h"
 
