@@ -59,6 +59,9 @@ class Follower {
     /// about it: decides now.
     void decideFor(std::span<const VolumeService::IdentityRequest> requests);
 
+    /// Writes now what a commit that failed has left.
+    Result<void> commit();
+
     struct Health {
         std::uint64_t watches = 0;
         std::vector<std::string> degradedFolders;

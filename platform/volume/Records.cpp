@@ -167,14 +167,18 @@ Result<void> Reconciler::commit() {
     // In the order of the table's tree, so that few pages are touched.
     std::ranges::sort(rows, {}, &ObjectRow::inode);
     auto events = std::exchange(events_, {});
-    const bool isDurable =
-        std::exchange(tookNumbers_, false) || !events.empty() || !orphanChanges_.empty();
+    const bool isDurable = tookNumbers_ || !events.empty() || !orphanChanges_.empty();
     if (auto done = state_.write(rows, isDurable, events, orphanChanges_); !done) {
         state_.putBackDirty(taken);
         return done;
     }
+    tookNumbers_ = false;
     orphanChanges_.clear();
     strays_.clear();
+    {
+        const std::unique_lock lock(state_.indexMutex);
+        for (const auto node : taken) state_.index.markNumbersStored(node);
+    }
     captureMetadata();
     return {};
 }

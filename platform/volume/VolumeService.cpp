@@ -206,7 +206,8 @@ Result<void> VolumeService::identify(std::span<IdentityRequest> requests) {
     }
     if (state_->needsDecision(requests)) state_->follower->decideFor(requests);
     Result<void> done;
-    if (!state_->answerFromIndex(requests)) done = state_->allocate(requests);
+    if (state_->hasUnstored(requests)) done = state_->follower->commit();
+    if (done && !state_->answerFromIndex(requests)) done = state_->allocate(requests);
     if (done) state_->noteSuspects(requests);
     return done;
 }
