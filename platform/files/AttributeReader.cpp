@@ -129,7 +129,8 @@ Result<FolderFacts> readFolderFacts(int folder) {
     return FolderFacts{{status.stx_ino, handleFingerprint(folder, "")},
                        foldedDevice(status.stx_dev_major, status.stx_dev_minor),
                        status.stx_mnt_id,
-                       !known || readOnly};
+                       !known || readOnly,
+                       known};
 }
 
 Result<std::shared_ptr<FileAttributes>> readAttributes(int directory, const char* name,

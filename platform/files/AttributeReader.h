@@ -24,6 +24,7 @@ struct FolderFacts {
     std::uint32_t device = 0;
     std::uint64_t mount = 0;
     bool asksKernelForAccess = false;  ///< read-only, or a file system whose rules are its own
+    bool usesSystemClock = false;      ///< for the times of files; false where that is not known
 };
 
 /// The facts of an open folder (O_PATH will do).

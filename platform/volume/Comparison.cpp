@@ -1,5 +1,4 @@
 // How everything is compared with the index, and what that missed.
-#include <ctime>
 #include <system_error>
 
 #include "platform/volume/Follower.h"
@@ -12,16 +11,34 @@ void Follower::scanEverything(Reconciler::Occasion occasion) {
     compared_.clear();
     for (const auto& root : state_.roots) {
         scan_.push_front(root.node);
-        const bool isFirst = root.url == state_.configuration.files.storageURL();
-        if (isFirst && state_.index.node(root.node).stamp == 0) {
-            occasion = Reconciler::Occasion::FirstScan;
-        }
     }
     isScanning_ = true;
-    scanOccasion_ = occasion;
-    constexpr auto clockSlack = 2;  // seconds
-    scanStart_ = std::time(nullptr) - clockSlack;
+    scanOccasion_ = isNeverScanned() ? Reconciler::Occasion::FirstScan : occasion;
     scanned_ = reported_ = 0;
+}
+
+bool Follower::isNeverScanned() const {
+    return state_.index.node(state_.roots.front().node).stamp == 0;
+}
+
+/// A first scan records no events for objects that have not changed since the first anchor may have
+/// been handed out, which the store keeps as a Beginning. Where it keeps none, an earlier first
+/// scan was interrupted. Some of what that scan had seen may be newer, so that earlier anchors
+/// expire.
+void Follower::beginFirstScan() {
+    const auto present = Beginning::now(state_.configuration.clocks);
+    const auto& root = state_.roots.front();
+    const auto kept = Beginning::fromText(state_.index.metadata(root.node));
+    beginning_ = kept.value_or(present);
+    if (!beginning_.isComparableTo(present)) beginning_ = present;
+    if (!kept || beginning_.wall != kept->wall) {
+        reconciler_.recordGap(root.url.path(), "the first comparison was not completed");
+    }
+    {
+        const std::unique_lock lock(state_.indexMutex);
+        state_.index.setMetadata(root.node, {});
+    }
+    noteCommit(reconciler_.commit());
 }
 
 void Follower::scanSome() {
@@ -89,17 +106,27 @@ void Follower::endScan() {
             noteCommit(reconciler_.commit());
         }
         reconciler_.decideAfterScan(now());
+        bool usesSystemClock = true;
         for (const auto& root : state_.roots) {
             const auto folder = state_.configuration.files.openFolder(root.url);
             const auto own = folder ? (*folder)->ownState() : std::unexpected(folder.error());
-            if (own && !unreadable_.contains(root.node)) reconciler_.rememberScan(root.node, *own);
+            if (own && isCompared(root.node)) reconciler_.rememberScan(root.node, *own);
+            const auto facts =
+                folder ? readFolderFacts((*folder)->descriptor()) : std::unexpected(folder.error());
+            usesSystemClock &= facts && facts->usesSystemClock;
+        }
+        const auto present = Beginning::now(state_.configuration.clocks);
+        const bool isCertain = usesSystemClock && beginning_.isComparableTo(present);
+        if (scanOccasion_ == Reconciler::Occasion::FirstScan && !isCertain) {
+            reconciler_.recordGap(state_.roots.front().url.path(),
+                                  "the times of the first comparison are in doubt");
         }
         noteCommit(reconciler_.commit());
     }
     afterCommit();
+    if (storeTrouble_) return;  // the scan ends once all that it found is written
     isScanning_ = false;
     nextScan_ = now() + state_.configuration.reconcileInterval;
-    if (hasFailed_) return;
     isCaughtUp_ = true;
     state_.hasNews = true;
 }
@@ -116,7 +143,7 @@ void Follower::markMissed(NodeNumber folder) {
     state_.index.forEachChild(folder, [&](ObjectIndex::EntryNumber at) {
         const auto child = state_.index.entry(at).object;
         if (state_.index.node(child).kind != ObjectKind::Directory) return;
-        if (child >= compared_.size() || !compared_[child]) marks_[child].isWhole = true;
+        if (!isCompared(child)) marks_[child].isWhole = true;
     });
 }
 

@@ -84,7 +84,10 @@ Result<void> EventTable::prepare(SQLiteDatabase& database) {
     for (const auto& [statement, sql] : statements) {
         if (auto done = prepareInto(*statement, database, sql); !done) return done;
     }
-    return recount();
+    const auto count = firstValue(countAll_);
+    if (!count) return std::unexpected(count.error());
+    count_ = *count;
+    return {};
 }
 
 void EventTable::close() {
@@ -109,6 +112,7 @@ Result<void> EventTable::append(std::span<const EventRecord> events) {
         append_.bind(10, sumOf(record));
         if (auto done = append_.run(); !done) return done;
     }
+    count_ += events.size();
     return {};
 }
 
@@ -164,10 +168,7 @@ Result<std::uint64_t> EventTable::lastToDrop(const Retention& retention) {
 
 Result<void> EventTable::drop(std::uint64_t upTo) {
     drop_.bind(1, upTo);
-    return drop_.run();
-}
-
-Result<void> EventTable::recount() {
+    if (auto done = drop_.run(); !done) return done;
     const auto count = firstValue(countAll_);
     if (!count) return std::unexpected(count.error());
     count_ = *count;

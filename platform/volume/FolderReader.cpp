@@ -26,20 +26,22 @@ Result<FolderReading> FolderReader::begin(ObjectIndex::NodeNumber number,
     }
     const auto own = folder.ownState();
     if (!own) return std::unexpected(own.error());
-    return FolderReading{number, folder.url(), *own, identity->generation, {}, std::nullopt};
+    return FolderReading{number, folder.url(), *own,        identity->generation,
+                         {},     std::nullopt, std::nullopt};
 }
 
-Result<void> FolderReader::readNames(const Folder& folder,
-                                     std::vector<std::pair<std::string, bool>> names,
-                                     FolderReading& reading) const {
+void FolderReader::readNames(const Folder& folder, std::vector<std::pair<std::string, bool>> names,
+                             FolderReading& reading) const {
     const auto expected = expectedOf(reading.folder, names);
     for (std::size_t i = 0; i < names.size(); ++i) {
         auto& [name, wasWritten] = names[i];
-        if (auto done = look(folder, std::move(name), wasWritten, expected[i], reading); !done) {
-            return done;
+        auto seen = look(folder, std::move(name), wasWritten, expected[i]);
+        if (!seen) {
+            reading.trouble = std::move(seen.error());
+        } else if (*seen) {
+            reading.sightings.push_back(std::move(**seen));
         }
     }
-    return {};
 }
 
 Result<void> FolderReader::readAll(Folder& folder, const std::function<bool()>& pause,
@@ -53,7 +55,7 @@ Result<void> FolderReader::readAll(Folder& folder, const std::function<bool()>& 
         if (!isEnd) some.emplace_back((*entry)->name, false);
         if (!isEnd && some.size() < namesAtOnce) continue;
         for (const auto& [name, wasWritten] : some) all.push_back(name);
-        if (auto done = readNames(folder, std::exchange(some, {}), reading); !done) return done;
+        readNames(folder, std::exchange(some, {}), reading);
         if (!isEnd && !pause()) return std::unexpected(errorFromErrno(ECANCELED));
     }
     std::ranges::sort(all);
@@ -83,27 +85,39 @@ bool FolderReader::hasGeneration(std::uint64_t inode) const {
     return number != ObjectIndex::none && index_.node(number).generation != 0;
 }
 
-Result<void> FolderReader::look(const Folder& folder, std::string name, bool wasWritten,
-                                const Expected& expected, FolderReading& reading) const {
+Result<std::optional<Sighting>> FolderReader::look(const Folder& folder, std::string name,
+                                                   bool wasWritten,
+                                                   const Expected& expected) const {
     Sighting sighting{std::move(name), std::nullopt, 0, wasWritten};
-    const auto state = folder.childState(sighting.name);
-    if (state) {
+    const auto isMissing = [](const QSError& error) {
+        return error.code == ENOENT || error.code == EXDEV;
+    };
+    // Of one that is replaced between the two calls both are made once more.
+    constexpr int mostTries = 10;
+    for (int i = 0; i < mostTries; ++i) {
+        const auto state = folder.childState(sighting.name);
+        if (!state && !isMissing(state.error())) return std::unexpected(state.error());
+        if (!state) break;
         const bool isAsExpected = state->inode == expected.inode && state->stamp == expected.stamp;
-        if (isAsExpected && !(wasWritten && expected.isRacy)) return {};
+        if (isAsExpected && !(wasWritten && expected.isRacy)) return std::nullopt;
         sighting.state = *state;
         const bool takesAPlace = expected.documentID != 0 && state->inode != expected.inode;
-        if (expected.wantsGeneration || takesAPlace || hasGeneration(state->inode)) {
-            const auto identity = folder.childIdentity(sighting.name);
-            // It went, or was replaced, between the two calls; the kernel will tell.
-            if (!identity || identity->inode != state->inode) sighting.state = std::nullopt;
-            if (identity) sighting.generation = identity->generation;
+        if (!expected.wantsGeneration && !takesAPlace && !hasGeneration(state->inode)) {
+            return sighting;
         }
-    } else if (state.error().code != ENOENT && state.error().code != EXDEV) {
-        return std::unexpected(state.error());
+        const auto identity = folder.childIdentity(sighting.name);
+        if (identity && identity->inode == state->inode) {
+            sighting.generation = identity->generation;
+            return sighting;
+        }
+        if (!identity && !isMissing(identity.error())) return std::unexpected(identity.error());
+        if (i + 1 == mostTries) {
+            return std::unexpected(errorFromErrno(ESTALE, folder.url().path()));
+        }
     }
-    if (!sighting.state && expected.inode == 0) return {};
-    reading.sightings.push_back(std::move(sighting));
-    return {};
+    sighting.state = std::nullopt;
+    if (expected.inode == 0) return std::nullopt;
+    return sighting;
 }
 
 }  // namespace platform

@@ -32,6 +32,9 @@ struct FolderReading {
     std::vector<Sighting> sightings;
     /// Of a whole reading: every name that is there, sorted. What else the index has is gone.
     std::optional<std::vector<std::string>> names;
+    /// Why some of the names could not be looked at, of the last of them. What the index has of
+    /// them stays as it is.
+    std::optional<QSError> trouble;
 };
 
 /// Looks at a folder through a descriptor that was verified to be of the folder meant, and tells
@@ -50,9 +53,8 @@ class FolderReader {
                                               const Folder& folder) const;
 
     /// Looks at these names; the flag is Sighting::wasWritten.
-    [[nodiscard]] Result<void> readNames(const Folder& folder,
-                                         std::vector<std::pair<std::string, bool>> names,
-                                         FolderReading& reading) const;
+    void readNames(const Folder& folder, std::vector<std::pair<std::string, bool>> names,
+                   FolderReading& reading) const;
 
     /// Looks at every entry. `pause` is called now and then; false ends the reading (ECANCELED).
     [[nodiscard]] Result<void> readAll(Folder& folder, const std::function<bool()>& pause,
@@ -69,8 +71,10 @@ class FolderReader {
     [[nodiscard]] std::vector<Expected> expectedOf(
         ObjectIndex::NodeNumber folder,
         const std::vector<std::pair<std::string, bool>>& names) const;
-    [[nodiscard]] Result<void> look(const Folder& folder, std::string name, bool wasWritten,
-                                    const Expected& expected, FolderReading& reading) const;
+    /// None where the name is as expected.
+    [[nodiscard]] Result<std::optional<Sighting>> look(const Folder& folder, std::string name,
+                                                       bool wasWritten,
+                                                       const Expected& expected) const;
     [[nodiscard]] bool hasGeneration(std::uint64_t inode) const;
 
     const ObjectIndex& index_;

@@ -48,7 +48,7 @@ void Follower::stop() {
     // something was away which is back by then. And what could not be written is tried once more.
     const std::scoped_lock lock(mutex_, state_.storeMutex);
     const bool hasRemoved = takeRemovals();
-    if (reconciler_.tellOfAbsent() || hasRemoved || hasFailed_) (void)reconciler_.commit();
+    if (reconciler_.tellOfAbsent() || hasRemoved || storeTrouble_) (void)reconciler_.commit();
 }
 
 void Follower::wake() {
@@ -72,6 +72,7 @@ void Follower::follow() {
     {
         const std::scoped_lock store(state_.storeMutex);
         reconciler_.takeUpUndecided(now());
+        if (isNeverScanned()) beginFirstScan();
     }
     scanEverything(Reconciler::Occasion::Scan);
     isFollowing_ = true;
@@ -91,8 +92,9 @@ void Follower::run() {
 Follower::Time Follower::nextTime() const {
     auto until = nextScan_;
     if (!unwatched_.empty()) until = std::min(until, nextDegradedScan_);
+    if (!unreadable_.empty()) until = std::min(until, nextUnreadableLook_);
     if (!reconciler_.isSettled()) until = std::min(until, nextDecision_);
-    if (hasFailed_) until = std::min(until, nextTry_);
+    if (storeTrouble_) until = std::min(until, nextTry_);
     if (storageTrouble_) until = std::min(until, now() + Time::duration(retryAfter));
     return until;
 }
@@ -128,23 +130,27 @@ bool Follower::stepLocked() {
     moved_.insert(moved_.end(), moved.begin(), moved.end());
     drain();
     if (!checkStorage()) return false;
-    if (hasFailed_) {
+    if (storeTrouble_) {
         if (passStart_ < nextTry_) return false;
         (void)reconcile({}, Reconciler::Occasion::Live);
-        if (hasFailed_) return false;
+        if (storeTrouble_) return false;
     }
     if (!isScanning_ && passStart_ >= nextScan_) scanEverything(Reconciler::Occasion::Scan);
     if (!unwatched_.empty() && passStart_ >= nextDegradedScan_) {
         nextDegradedScan_ = passStart_ + state_.configuration.degradedInterval;
         lookAtUnwatched();
     }
+    if (!unreadable_.empty() && passStart_ >= nextUnreadableLook_) {
+        nextUnreadableLook_ = passStart_ + state_.configuration.degradedInterval;
+        for (const auto folder : unreadable_) marks_[folder].isWhole = true;
+    }
     lookAtMarks();
     state_.forgetRemovals(std::exchange(moved_, {}));
     commitRemovals();
     if (marks_.empty() && isScanning_) scanSome();
-    if (!isScanning_ && !hasFailed_) decide();
+    if (!isScanning_ && !storeTrouble_) decide();
     const bool mayFind = isMoved_ && !detached_.empty();
-    return (!marks_.empty() || isScanning_ || mayFind) && !hasFailed_;
+    return (!marks_.empty() || isScanning_ || mayFind) && !storeTrouble_;
 }
 
 bool Follower::checkStorage() {
@@ -260,21 +266,20 @@ Result<FolderReading> Follower::readFolder(NodeNumber number, const QSURL& url, 
         const std::scoped_lock lock(readersMutex_);
         if (watch(number, **folder) && !mark.isWhole) marks_[number].isWhole = true;
     }
-    Result<void> done;
-    if (mark.isWhole) {
-        done = reader_.readAll(
-            **folder,
-            [this] {
-                const std::scoped_lock lock(readersMutex_);
-                if (source_) {
-                    for (const auto& event : source_->read()) take(event);
-                }
-                return !isStopped_;
-            },
-            *reading);
-    } else {
-        done = reader_.readNames(**folder, {mark.names.begin(), mark.names.end()}, *reading);
+    if (!mark.isWhole) {
+        reader_.readNames(**folder, {mark.names.begin(), mark.names.end()}, *reading);
+        return reading;
     }
+    const auto done = reader_.readAll(
+        **folder,
+        [this] {
+            const std::scoped_lock lock(readersMutex_);
+            if (source_) {
+                for (const auto& event : source_->read()) take(event);
+            }
+            return !isStopped_;
+        },
+        *reading);
     if (!done) return std::unexpected(done.error());
     return reading;
 }
@@ -284,7 +289,11 @@ void Follower::take(Look look, std::vector<FolderReading>& readings) {
     if (look.reading) {
         scanned_ += look.reading->names ? look.reading->names->size() : 0;
         if (look.reading->names) setCompared(folder, true);
-        unreadable_.erase(folder);
+        if (look.reading->trouble) {
+            noteUnreadable(look, *look.reading->trouble);
+        } else if (look.reading->names) {
+            unreadable_.erase(folder);
+        }
         readings.push_back(std::move(*look.reading));
         return;
     }
@@ -304,12 +313,20 @@ void Follower::take(Look look, std::vector<FolderReading>& readings) {
         default:
             break;
     }
-    if (isStopped_ || !unreadable_.insert(folder).second || !look.hasChildren) return;
-    const auto path = state_.configuration.files.nativePath(*look.url);
-    Log::platformLog().write(LogLevel::Error,
-                             [&] { return "can't read \"" + path + "\"; " + error.description(); });
+    if (isStopped_ || !noteUnreadable(look, error) || !look.hasChildren) return;
     const std::scoped_lock store(state_.storeMutex);
-    reconciler_.recordGap(look.url->path(), "a folder can't be read: " + path);
+    const auto native = state_.configuration.files.nativePath(*look.url);
+    reconciler_.recordGap(look.url->path(), "a folder can't be read: " + native);
+}
+
+bool Follower::noteUnreadable(const Look& look, const QSError& error) {
+    if (unreadable_.empty()) nextUnreadableLook_ = now() + state_.configuration.degradedInterval;
+    if (!unreadable_.insert(look.folder).second) return false;
+    Log::platformLog().write(LogLevel::Error, [&] {
+        return "can't read all of \"" + state_.configuration.files.nativePath(*look.url) + "\"; " +
+               error.description();
+    });
+    return true;
 }
 
 bool Follower::watch(NodeNumber number, const Folder& folder) {
@@ -381,7 +398,7 @@ Result<void> Follower::reconcile(std::vector<FolderReading> readings,
     {
         const std::scoped_lock store(state_.storeMutex);
         for (const auto& reading : readings) {
-            reconciler_.apply(reading, occasion, now(), scanStart_);
+            reconciler_.apply(reading, occasion, now(), beginning_.wall);
         }
         done = reconciler_.commit();
         noteCommit(done);
@@ -407,8 +424,8 @@ Result<void> Follower::reconcile(std::vector<FolderReading> readings,
 }
 
 void Follower::noteCommit(const Result<void>& done) {
-    hasFailed_ = !done;
-    if (hasFailed_) nextTry_ = now() + Time::duration(retryAfter);
+    storeTrouble_ = done ? std::nullopt : std::optional(done.error());
+    if (storeTrouble_) nextTry_ = now() + Time::duration(retryAfter);
 }
 
 void Follower::afterCommit() {
@@ -449,16 +466,18 @@ Result<void> Follower::wait(Barrier barrier) {
         if (isSooner) wake();
         return result;
     };
-    for (bool hasStepped = false;; hasStepped = true) {
+    for (bool isFirst = true;; isFirst = false) {
         bool isDone = false;
         {
             const std::scoped_lock lock(mutex_);
             if (isStopped_) return leave(std::unexpected(errorFromErrno(ECANCELED)));
+            if (isFirst) nextTry_ = now();  // the store may be writable by now
             const auto due = nextTime();
             const bool more = stepLocked();
             isSooner |= more || nextTime() < due;
             if (storageTrouble_) return leave(std::unexpected(*storageTrouble_));
-            if (hasFailed_ && hasStepped) return leave(std::unexpected(errorFromErrno(EIO)));
+            // Nothing is looked at before what was found is written.
+            if (storeTrouble_) return leave(std::unexpected(*storeTrouble_));
             isDone = !more && (barrier == Barrier::Seen || reconciler_.isSettled());
             if (more) continue;
         }
@@ -494,22 +513,14 @@ void Follower::markPath(std::string_view folder) {
     }
 }
 
-void Follower::decideFor(std::span<const VolumeService::IdentityRequest> requests) {
-    if (!wait(Barrier::Seen)) return;
+Result<void> Follower::decideFor(std::span<const VolumeService::IdentityRequest> requests) {
+    if (auto seen = wait(Barrier::Seen); !seen) return seen;
+    Result<void> done;
     {
         const std::scoped_lock lock(mutex_);
         lookAtUnwatched();
         const std::scoped_lock store(state_.storeMutex);
         reconciler_.decideFor(requests, now());
-        noteCommit(reconciler_.commit());
-    }
-    state_.announce();
-}
-
-Result<void> Follower::commit() {
-    Result<void> done;
-    {
-        const std::scoped_lock lock(mutex_, state_.storeMutex);
         done = reconciler_.commit();
         noteCommit(done);
     }

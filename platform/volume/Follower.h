@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "platform/files/FileDescriptor.h"
+#include "platform/volume/Beginning.h"
 #include "platform/volume/KernelEvents.h"
 #include "platform/volume/Reconciler.h"
 
@@ -55,12 +56,9 @@ class Follower {
     /// Seen, for what the kernel has not reported there either.
     Result<void> waitLooking(std::span<const std::string> folders);
 
-    /// Makes sure that no identifier of these objects is given out against what will be decided
-    /// about it: decides now.
-    void decideFor(std::span<const VolumeService::IdentityRequest> requests);
-
-    /// Writes now what a commit that failed has left.
-    Result<void> commit();
+    /// Decides now what bears on the identifiers of these objects. Fails where that cannot be
+    /// looked at or written; then no identifier may be given out.
+    Result<void> decideFor(std::span<const VolumeService::IdentityRequest> requests);
 
     struct Health {
         std::uint64_t watches = 0;
@@ -121,8 +119,13 @@ class Follower {
     [[nodiscard]] std::deque<Look> lookAtSome(std::deque<NodeNumber>& toScan);
     /// Adds what was read, or keeps in mind what could not be.
     void take(Look look, std::vector<FolderReading>& readings);
+    /// To be looked at again later; false where that was so before.
+    bool noteUnreadable(const Look& look, const QSError& error);
     Result<void> reconcile(std::vector<FolderReading> readings, Reconciler::Occasion occasion);
     void setCompared(NodeNumber folder, bool isCompared);
+    [[nodiscard]] bool isCompared(NodeNumber folder) const {
+        return folder < compared_.size() && compared_[folder];
+    }
     void markMissed(NodeNumber folder);
     void noteCommit(const Result<void>& done);
     void afterCommit();
@@ -131,6 +134,8 @@ class Follower {
     bool watch(NodeNumber number, const Folder& folder);
     void unwatch(NodeNumber number);
     void scanEverything(Reconciler::Occasion occasion);
+    void beginFirstScan();
+    [[nodiscard]] bool isNeverScanned() const;
     [[nodiscard]] Time now() const { return state_.configuration.now(); }
 
     VolumeService::State& state_;
@@ -145,25 +150,26 @@ class Follower {
     std::unique_ptr<KernelEventSource> source_;
     std::unordered_map<int, NodeNumber> folders_;  ///< by watch
     std::unordered_map<NodeNumber, int> watches_;
-    std::set<NodeNumber> unwatched_;  ///< the kernel took no watch for these
-    std::set<NodeNumber> unreadable_;
+    std::set<NodeNumber> unwatched_;   ///< the kernel took no watch for these
+    std::set<NodeNumber> unreadable_;  ///< some or all of what they hold could not be looked at
     std::map<NodeNumber, Mark> marks_;
     std::map<NodeNumber, Mark> detached_;  ///< marks of folders that were not where they should be
     std::deque<NodeNumber> scan_;          ///< still to be compared, the next one last
     std::vector<bool> compared_;           ///< by number: whole, since the last comparison began
     bool isScanning_ = false;
     Reconciler::Occasion scanOccasion_ = Reconciler::Occasion::Scan;
-    std::int64_t scanStart_ = 0;
+    Beginning beginning_;  ///< of a first scan: objects that have not changed since are no news
     std::uint64_t scanned_ = 0;
     std::uint64_t reported_ = 0;
     Time nextScan_{};
     Time nextDegradedScan_{};
+    Time nextUnreadableLook_{};
     Time nextDecision_{};
     Time nextTry_{};  ///< after a commit that failed
     Time passStart_{};
-    std::vector<ObjectIdentity> moved_;  ///< by this process; not looked at yet
-    bool isMoved_ = false;               ///< a detached folder may be found by now
-    bool hasFailed_ = false;
+    std::vector<ObjectIdentity> moved_;    ///< by this process; not looked at yet
+    bool isMoved_ = false;                 ///< a detached folder may be found by now
+    std::optional<QSError> storeTrouble_;  ///< of the last commit
     std::optional<QSError> storageTrouble_;
 
     std::atomic<bool> isFollowing_ = false;

@@ -21,10 +21,11 @@ bool isRacy(const ObjectState& state) {
 }  // namespace
 
 void Reconciler::apply(const FolderReading& reading, Occasion occasion, Time now,
-                       std::int64_t scanStart) {
+                       std::int64_t silentBefore) {
     occasion_ = occasion;
     now_ = now;
-    scanStart_ = scanStart;
+    constexpr std::int64_t clockSlack = 2;  // seconds: the coarsest times of files
+    silentBefore_ = silentBefore - clockSlack;
     const std::unique_lock lock(state_.indexMutex);
     auto& index = state_.index;
     index.setGeneration(reading.folder, reading.generation);
@@ -171,7 +172,7 @@ void Reconciler::leaveLostFolders(Time now) {
 void Reconciler::noticeAbsent(const FolderReading& reading) {
     if (!reading.names) return;
     auto& index = state_.index;
-    index.setListed(reading.folder, true);
+    index.setListed(reading.folder, !reading.trouble);
     std::vector<ObjectIndex::EntryNumber> absent;
     index.forEachChild(reading.folder, [&](ObjectIndex::EntryNumber entry) {
         const auto name = index.name(index.entry(entry));
@@ -186,8 +187,9 @@ void Reconciler::noticeFolder(const FolderReading& reading) {
     const auto& node = state_.index.node(reading.folder);
     if (node.stamp == reading.own.stamp) return;
     if (!isSilent(reading, reading.own)) changeOf(reading.folder).isModified = true;
-    // A root's own state stands for the whole scan.
-    if (!(node.isRoot && occasion_ == Occasion::FirstScan)) setState(reading.folder, reading.own);
+    // That the storage folder's own state is known stands for the whole first scan.
+    const bool isStorage = reading.folder == state_.roots.front().node;
+    if (!isStorage || node.stamp != 0) setState(reading.folder, reading.own);
 }
 
 void Reconciler::rememberScan(NodeNumber root, const ObjectState& own) {
@@ -213,7 +215,7 @@ void Reconciler::setState(NodeNumber node, const ObjectState& state) {
 }
 
 bool Reconciler::isSilent(const FolderReading& reading, const ObjectState& state) const {
-    return occasion_ == Occasion::FirstScan && state.change.seconds < scanStart_ &&
+    return occasion_ == Occasion::FirstScan && state.change.seconds < silentBefore_ &&
            !loudFolders_.contains(reading.folder);
 }
 
@@ -430,7 +432,7 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
     identity.inode = old.inode;
     identity.generation = generation;
     if (old.fileID != 0) {
-        if (const auto fresh = state_.store->allocate(Counter::File)) identity.fileID = *fresh;
+        if (const auto fresh = state_.store->take(Counter::File)) identity.fileID = *fresh;
         tookNumbers_ = true;
     }
     index.setIdentity(object, identity);

@@ -28,12 +28,13 @@ class Reconciler {
     explicit Reconciler(VolumeService::State& state) : state_(state) {}
 
     enum class Occasion : std::uint8_t {
-        FirstScan,  ///< nothing is known yet: what is older than the scan is no event
+        FirstScan,  ///< nothing is known yet: what is older than any anchor is no event
         Scan,       ///< compared after nobody watched for a while
         Live,
     };
-    /// `scanStart`: seconds since 1970, for FirstScan.
-    void apply(const FolderReading& reading, Occasion occasion, Time now, std::int64_t scanStart);
+    /// `silentBefore`: seconds since 1970, for FirstScan.
+    void apply(const FolderReading& reading, Occasion occasion, Time now,
+               std::int64_t silentBefore);
 
     /// Works out the events of what was applied and writes all. What fails is written with the next
     /// commit that succeeds.
@@ -188,7 +189,7 @@ class Reconciler {
     bool tookNumbers_ = false;                        ///< file IDs; to be made durable
     Occasion occasion_ = Occasion::Live;
     Time now_{};
-    std::int64_t scanStart_ = 0;
+    std::int64_t silentBefore_ = 0;
 };
 
 }  // namespace platform

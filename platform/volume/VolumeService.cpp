@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "platform/volume/Beginning.h"
 #include "platform/volume/Follower.h"
 #include "platform/volume/VolumeState.h"
 
@@ -20,6 +21,7 @@ Result<std::unique_ptr<VolumeService>> VolumeService::open(Configuration configu
     const auto attributes = files.freshAttributes(root);
     if (!attributes) return std::unexpected(attributes.error());
     const auto identity = (*attributes)->identity;
+    const auto opened = Beginning::now(state->configuration.clocks);
 
     auto store =
         IdentityStore::open(state->configuration.dataFolder, state->configuration.stateFolder,
@@ -35,7 +37,19 @@ Result<std::unique_ptr<VolumeService>> VolumeService::open(Configuration configu
     state->history = facts.history;
     state->freshOnly = facts.freshOnly;
     state->trouble = facts.trouble;
+    const bool isNew = state->index.size() == 0;
     state->addRoot(identity, root);
+    if (isNew) {
+        // On the disk before the first anchor is handed out.
+        const auto node = state->roots.front().node;
+        state->index.setMetadata(node, opened.text());
+        std::vector<EventRecord> noEvents;
+        const ObjectRow row = state->index.row(node);
+        if (auto done = state->write({&row, 1}, true, noEvents); !done) {
+            return std::unexpected(done.error());
+        }
+        state->index.markStored(node);
+    }
 
     if (state->configuration.followsAtStart) state->follower->follow();
     return std::unique_ptr<VolumeService>(new VolumeService(std::move(state)));
@@ -204,10 +218,10 @@ Result<void> VolumeService::identify(std::span<IdentityRequest> requests) {
     for (const auto& request : requests) {
         if (request.object->identityIsWeak) state_->identityIsWeak = true;
     }
-    if (state_->needsDecision(requests)) state_->follower->decideFor(requests);
     Result<void> done;
-    if (state_->hasUnstored(requests)) done = state_->follower->commit();
-    if (done && !state_->answerFromIndex(requests)) done = state_->allocate(requests);
+    if (state_->needsDecision(requests)) done = state_->follower->decideFor(requests);
+    if (!done) return done;
+    if (!state_->answerFromIndex(requests)) done = state_->allocate(requests);
     if (done) state_->noteSuspects(requests);
     return done;
 }

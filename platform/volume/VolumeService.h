@@ -51,7 +51,7 @@ class VolumeService final : public EventHistory {
         std::uint64_t eventsKept = 1'000'000;
         std::chrono::seconds eventAge = std::chrono::days(60);
         ElapsedClock::Sources clocks = {};  ///< by which age is counted
-        /// The kernel's news where empty, and the clock.
+        /// The kernel's own events where empty, and the clock.
         std::function<Result<std::unique_ptr<KernelEventSource>>()> makeSource = {};
         std::function<std::chrono::steady_clock::time_point()> now = std::chrono::steady_clock::now;
         /// Nothing happens but in step() and in calls that need it done.

@@ -1,12 +1,30 @@
 #include <gmock/gmock.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <set>
 
 #include "tests/platform/volume/VolumeFixture.h"
+#include "tests/support/FullDisk.h"
 #include "tests/support/ScriptedClocks.h"
+
+namespace {
+
+std::string unreadableName;  // of an entry on which statx fails
+
+}  // namespace
+
+/// The product's calls come here.
+extern "C" int statx(int folder, const char* name, int flags, unsigned mask, struct statx* into) {
+    if (!unreadableName.empty() && name == unreadableName) {
+        errno = EIO;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_statx, folder, name, flags, mask, into));
+}
 
 namespace tests {
 namespace {
@@ -275,6 +293,123 @@ TEST_F(HistoryTest, AFolderThatCannotBeReadLosesNothing) {
     EXPECT_THAT(gone, IsEmpty());
     makeFile("closed/new");
     EXPECT_THAT(changes(), Contains("closed/new"));
+}
+
+TEST_F(HistoryTest, AnEntryThatCannotBeLookedAtCostsNoOther) {
+    adjustMore = [](auto& configuration) { configuration.degradedInterval = 20ms; };
+    makeFile("folder/bad");
+    makeFile("folder/good");
+    start();
+    (void)identifyAll({"folder/bad", "folder/good"});
+    service.reset();
+    write("folder/bad", "one");
+    write("folder/good", "one");
+    unreadableName = "bad";
+    open();
+    EXPECT_THAT(changes(), UnorderedElementsAre("folder/good"));
+    EXPECT_THAT(service->statistics().degradedFolders, Contains(native("folder").string()));
+    write("folder/good", "longer");
+    EXPECT_THAT(changes(), UnorderedElementsAre("folder/good"));
+    unreadableName.clear();
+    while (!changes().contains("folder/bad")) continue;
+    EXPECT_EQ(gaps, 0);
+    EXPECT_THAT(gone, IsEmpty());
+    EXPECT_EQ(service->statistics().degradedFolderCount, 0u);
+}
+
+TEST_F(HistoryTest, ABarrierFailsWhereWhatItSawCannotBeWritten) {
+    makeFile("a");
+    start();
+    const auto a = identify("a");
+    {
+        const FullDisk full;
+        fs::rename(native("a"), native("b"));
+        EXPECT_NE(service->waitUntilSeen().error().code, 0);
+        EXPECT_NE(resolve(a.fileID), std::to_string(ENOENT)) << "that is not known";
+    }
+    EXPECT_EQ(resolve(a.fileID), "b");
+    EXPECT_THAT(changes(), testing::IsSupersetOf({"a", "b"}));
+}
+
+/// The one who calls does all the work, by clocks of its own.
+class FirstComparisonTest : public HistoryTest {
+  protected:
+    FirstComparisonTest() {
+        follows = false;
+        adjustMore = [this](auto& configuration) {
+            configuration.isManual = true;
+            configuration.now = [this] { return time; };
+            configuration.clocks = clocks.sources();
+        };
+        clocks.wall = QSDate::now().seconds;
+        makeFile("old/file");
+    }
+    void pass(std::chrono::seconds span) {
+        clocks.pass(span.count());
+        time += span;
+    }
+    /// Whether an anchor at `since` reports the file, or expires.
+    bool isReported(const std::string& path) {
+        while (service->step()) continue;
+        return changes().contains(path) || gaps > 0;
+    }
+
+    std::chrono::steady_clock::time_point time{};
+    ScriptedClocks clocks;
+};
+
+TEST_F(FirstComparisonTest, ReportsWhatHappenedSinceAnEarlierAnchor) {
+    int round = 0;
+    // In one process, in the next one, each with the wall clock set, and after a restart.
+    for (const auto& between : std::initializer_list<std::function<void()>>{
+             [] {}, [&] { open(); }, [&] { clocks.wall -= 3600; },
+             [&] { open(), clocks.wall -= 3600; }, [&] { open(), clocks.reboot(500); }}) {
+        service.reset();
+        fs::remove_all(scratch / "data");
+        fs::remove_all(scratch / "state");
+        clocks.wall = QSDate::now().seconds;
+        open();
+        since = service->currentEventID();
+        makeFile("new");
+        pass(100s);
+        between();
+        EXPECT_TRUE(isReported("new")) << round;
+        ++round;
+        fs::remove(native("new"));
+    }
+}
+
+TEST_F(FirstComparisonTest, ExpiresEarlierAnchorsOnceAfterItWasKilled) {
+    for (int folder = 0; folder < 3; ++folder)
+        makeFile("old/deep/" + std::to_string(folder) + "/f");
+    open();
+    since = service->currentEventID();
+    service->step();
+    // Only the time of the folder itself shows that it is new here.
+    fs::create_directories(scratch / "elsewhere/in");
+    scratch.makeFile("elsewhere/in/here");
+    pass(100s);
+    fs::rename(scratch / "elsewhere", native("moved"));
+    service->step();
+    for (const int refused : {1, 0}) {
+        open();
+        pass(100s);
+        EXPECT_EQ(isReported("moved/in/here"), refused == 1);
+        EXPECT_EQ(gaps, refused);
+    }
+}
+
+TEST_F(FirstComparisonTest, EndsOnceItsEndCanBeWritten) {
+    open();
+    for (int step = 0; step < 10; ++step) {
+        {
+            const FullDisk full;
+            service->step();
+        }
+        pass(1s);
+        service->step();
+    }
+    EXPECT_TRUE(service->isCaughtUp());
 }
 
 TEST_F(HistoryTest, AStormIsTakenInWhole) {
