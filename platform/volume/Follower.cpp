@@ -48,12 +48,18 @@ void Follower::stop() {
     // something was away which is back by then. And what could not be written is tried once more.
     const std::scoped_lock lock(mutex_, state_.storeMutex);
     const bool hasRemoved = takeRemovals();
-    if (reconciler_.tellOfAbsent() || hasRemoved || storeTrouble_) (void)reconciler_.commit();
+    const bool hasAbsent = isFollowing_ && reconciler_.tellOfAbsent();
+    if (hasAbsent || hasRemoved || storeTrouble_) (void)reconciler_.commit();
 }
 
 void Follower::wake() {
     const std::uint64_t one = 1;
     (void)!write(wake_.get(), &one, sizeof one);
+}
+
+void Follower::resumeDecisions() {
+    const std::scoped_lock lock(mutex_, state_.storeMutex);
+    reconciler_.takeUpUndecided(now());
 }
 
 void Follower::follow() {
@@ -71,7 +77,6 @@ void Follower::follow() {
     }
     {
         const std::scoped_lock store(state_.storeMutex);
-        reconciler_.takeUpUndecided(now());
         if (isNeverScanned()) beginFirstScan();
     }
     scanEverything(Reconciler::Occasion::Scan);

@@ -34,6 +34,9 @@ class Follower {
     ~Follower();
     void stop();
 
+    /// Reads from the store what the last run left undecided. Before all other calls, once the
+    /// storage is a root.
+    void resumeDecisions();
     /// Watches and compares from now on; again is fine.
     void follow();
     [[nodiscard]] bool isFollowing() const { return isFollowing_; }

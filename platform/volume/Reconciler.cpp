@@ -130,8 +130,6 @@ void Reconciler::takeUp(NodeNumber root) {
             const FormerPlace place{vacant, row.vacantName, row.path};
             vacate(row.documentID,
                    {ObjectIndex::none, row.fileID, row.kind, place, {}, now_, isPast(), false});
-            const auto heir = index.findObject(vacant, row.vacantName);
-            if (heir != ObjectIndex::none) index.setUndecided(heir, true);
         }
         orphans_.push_back({row.documentID, node, {last, now_, isPast()}});
     }
@@ -288,6 +286,8 @@ void Reconciler::leave(ObjectIndex::EntryNumber entry) {
 void Reconciler::vacate(std::uint32_t document, const Departures::Vacancy& vacancy) {
     const auto former = departures_.vacate(document, vacancy);
     if (former != ObjectIndex::none) updateHold(former);
+    const auto replacement = state_.index.findObject(vacancy.place.folder, vacancy.place.name);
+    if (replacement != ObjectIndex::none) state_.index.setUndecided(replacement, true);
     if (vacancy.owner == ObjectIndex::none) return;
     state_.index.setUndecided(vacancy.owner, true);
     updateHold(vacancy.owner);

@@ -47,7 +47,7 @@ class Reconciler {
     /// This process has removed the object, all its names: records it as gone, with no successor.
     void removed(const ObjectIdentity& identity, Time now);
 
-    /// Takes up what waited for a decision when the last run ended. Before the first scan.
+    /// Takes up what waited for a decision when the last run ended. Before all else.
     void takeUpUndecided(Time now);
 
     /// Takes up a root, which is read next. The storage folder has changed if that is news.

@@ -51,6 +51,7 @@ Result<std::unique_ptr<VolumeService>> VolumeService::open(Configuration configu
         state->index.markStored(node);
     }
 
+    state->follower->resumeDecisions();
     if (state->configuration.followsAtStart) state->follower->follow();
     return std::unique_ptr<VolumeService>(new VolumeService(std::move(state)));
 }

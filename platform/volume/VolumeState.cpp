@@ -165,15 +165,16 @@ bool VolumeService::State::needsDecision(std::span<const IdentityRequest> reques
         const auto& identity = request.object->identity;
         const auto number = index.findInode(identity.inode);
         const bool isKnown = number != ObjectIndex::none && index.node(number).fileID != 0;
+        const bool isUndecided = number != ObjectIndex::none && index.node(number).isUndecided;
         if (isKnown && index.node(number).generation != identity.generation) return true;
-        if (isKnown && index.node(number).isUndecided) return true;
+        if (isUndecided && (isKnown || request.wantsDocumentID)) return true;
         if (!request.wantsDocumentID || !hasPlace(request)) return false;
         const auto there =
             index.findObject(index.findInode(request.object->parent.inode), request.name);
         const bool isAsKnown = there == number && number != ObjectIndex::none;
         const bool hasDocument = isKnown && index.node(number).documentID != 0;
         // While following, whatever is new may be a successor of what has just gone.
-        if (isFollowed) return !isAsKnown || (!hasDocument && index.node(number).isUndecided);
+        if (isFollowed) return !isAsKnown;
         const bool takesAPlace =
             there != ObjectIndex::none && !isAsKnown && index.node(there).documentID != 0;
         const bool hasMoved =
