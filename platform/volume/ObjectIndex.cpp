@@ -25,16 +25,17 @@ std::uint64_t keyOfName(ObjectIndex::NodeNumber folder, std::string_view name) {
 
 ObjectRow ObjectIndex::row(NodeNumber number) const {
     const Node& node = this->node(number);
-    ObjectRow row{.inode = node.inode,
-                  .generation = node.generation,
-                  .fileID = node.fileID,
-                  .documentID = node.documentID,
-                  .kind = node.kind,
-                  .stamp = node.stamp,
-                  .names = {},
-                  .metadata = metadata(number),
-                  .rootPath = rootPath(number),
-                  .hadMoreNames = node.hasMoreNames};
+    ObjectRow row{
+        .inode = node.inode,
+        .generation = node.generation,
+        .fileID = node.fileID,
+        .documentID = node.documentID,
+        .kind = node.kind,
+        .stamp = node.stamp == 0 || !heldCounts_.contains(number) ? node.stamp : ~node.stamp,
+        .names = {},
+        .metadata = metadata(number),
+        .rootPath = rootPath(number),
+        .hadMoreNames = node.hasMoreNames};
     forEachName(number, [&](EntryNumber at) {
         const Entry& own = entry(at);
         row.names.push_back({this->node(own.folder).inode, std::string(name(own))});
@@ -172,6 +173,8 @@ void ObjectIndex::clear() {
     metadata_.clear();
     rootPaths_.clear();
     displaced_.clear();
+    heldIn_.clear();
+    heldCounts_.clear();
 }
 
 void ObjectIndex::setIdentity(NodeNumber number, const ObjectRow& identity) {
@@ -208,6 +211,30 @@ void ObjectIndex::setState(NodeNumber number, ObjectKind kind, std::uint64_t sta
     markDirty(number);
 }
 
+void ObjectIndex::setHeld(NodeNumber number, bool isHeld, NodeNumber left) {
+    if (nodes_[number].isHeld == isHeld) return;
+    nodes_[number].isHeld = isHeld;
+    if (isHeld) {
+        noteHeldIn(number, left);
+        forEachName(number, [&](EntryNumber at) { noteHeldIn(number, entry(at).folder); });
+        return;
+    }
+    const auto ended = heldIn_.extract(number);
+    if (ended.empty()) return;
+    for (const auto folder : ended.mapped()) {
+        if (--heldCounts_[folder] > 0) continue;
+        heldCounts_.erase(folder);
+        markDirty(folder);
+    }
+}
+
+void ObjectIndex::noteHeldIn(NodeNumber object, NodeNumber folder) {
+    if (folder == none) return;
+    heldIn_[object].push_back(folder);
+    ++heldCounts_[folder];
+    markDirty(folder);
+}
+
 NameArena::Place ObjectIndex::storedName(std::string_view name) {
     if (names_.wantsRebuild()) {
         NameArena rebuilt;
@@ -240,6 +267,7 @@ void ObjectIndex::addName(NodeNumber object, NodeNumber folder, std::string_view
     *link = number;
     byName_.insert(number, [this](EntryNumber n) { return entryKey(n); });
     markDirty(object);
+    if (nodes_[object].isHeld) noteHeldIn(object, folder);
 }
 
 void ObjectIndex::removeName(EntryNumber number) {

@@ -115,9 +115,12 @@ class ObjectIndex {
     void setState(NodeNumber number, ObjectKind kind, std::uint64_t stamp, bool isRacy);
     [[nodiscard]] const std::string& metadata(NodeNumber number) const;
     void setMetadata(NodeNumber number, std::string metadata);
-    /// A row that is held stays in the store as it was, so that after a crash the same is found.
     void setListed(NodeNumber number, bool isListed) { nodes_[number].isListed = isListed; }
-    void setHeld(NodeNumber number, bool isHeld) { nodes_[number].isHeld = isHeld; }
+    /// A row that is held stays in the store as it was, so that after a crash the same is found.
+    /// `left` is a folder where the object has a name in the store only. Until the row is held no
+    /// more, the store does not know all entries of that folder and of those where the object is,
+    /// so their rows have no stamp that the disk could have.
+    void setHeld(NodeNumber number, bool isHeld, NodeNumber left = none);
     void setUndecided(NodeNumber number, bool isUndecided) {
         nodes_[number].isUndecided = isUndecided;
     }
@@ -202,6 +205,7 @@ class ObjectIndex {
 
     [[nodiscard]] std::uint64_t entryKey(EntryNumber number) const;
     NameArena::Place storedName(std::string_view name);
+    void noteHeldIn(NodeNumber object, NodeNumber folder);
 
     Chunks<Node> nodes_;
     Chunks<Entry> entries_;
@@ -212,6 +216,8 @@ class ObjectIndex {
     SlotTable byDocumentID_;
     SlotTable byName_;
     std::vector<Displaced> displaced_;
+    std::unordered_map<NodeNumber, std::vector<NodeNumber>> heldIn_;  ///< folders, by held object
+    std::unordered_map<NodeNumber, std::uint32_t> heldCounts_;        ///< how often, by folder
     std::vector<NodeNumber> dirty_;  // may name a node twice, or one that was stored meanwhile
     // Never an empty text.
     Texts metadata_;

@@ -298,7 +298,12 @@ void Reconciler::vacate(std::uint32_t document, const Departures::Vacancy& vacan
 void Reconciler::updateHold(NodeNumber node) {
     const auto document = state_.index.node(node).documentID;
     const auto* vacancy = document == 0 ? nullptr : departures_.vacancy(document);
-    state_.index.setHeld(node, departures_.departure(node) || (vacancy && vacancy->owner == node));
+    const auto* departure = departures_.departure(node);
+    const bool isOwner = vacancy && vacancy->owner == node;
+    const auto left = departure ? departure->last.folder
+                      : isOwner ? vacancy->place.folder
+                                : ObjectIndex::none;
+    state_.index.setHeld(node, departure || isOwner, left);
 }
 
 /// Which identifier it has is open where it has lost a document's name, has taken one, or has the

@@ -240,6 +240,23 @@ TEST_F(HistoryTest, WhatWasAwayAtTheEndAndIsBackAtTheBeginningIsTold) {
     EXPECT_THAT(gone, IsEmpty());
 }
 
+TEST_F(HistoryTest, AFolderIsCountedRightAfterARunThatEndedWithPendingRemovals) {
+    for (const auto* file : {"folder/a", "folder/b", "folder/c", "folder/d"}) makeFile(file);
+    start();
+    (void)identifyAll({"folder/a", "folder/b", "folder/c", "folder"});
+    const auto countAfterReopening = [&] {
+        follows = false;
+        open();
+        return service->entryCount(*attributes("folder"));
+    };
+    fs::remove(native("folder/a"));
+    fs::rename(native("folder/b"), native("b"));
+    ASSERT_TRUE(service->waitUntilSeen());
+    EXPECT_EQ(countAfterReopening().value_or(2), 2U);
+    ASSERT_TRUE(service->waitUntilSettled());
+    EXPECT_EQ(countAfterReopening(), 2U);
+}
+
 TEST_F(HistoryTest, NothingIsReportedGoneWhileTheStorageItselfIs) {
     makeFile("file");
     start();
