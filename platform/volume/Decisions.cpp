@@ -304,8 +304,8 @@ void Reconciler::forgetBelow(NodeNumber folder, const std::string& path) {
     auto& index = state_.index;
     index.forEachChild(folder, [&](ObjectIndex::EntryNumber at) {
         const auto object = index.entry(at).object;
-        const FormerPlace place{folder, std::string(index.name(index.entry(at))),
-                                path + "/" + std::string(index.name(index.entry(at)))};
+        const auto name = index.name(index.entry(at));
+        const auto place = placeIn(folder, name, joined(path, name));
         index.removeName(at);
         const auto& node = index.node(object);
         if (node.firstName != ObjectIndex::none) {

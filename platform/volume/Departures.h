@@ -19,6 +19,8 @@ struct FormerPlace {
     ObjectIndex::NodeNumber folder = ObjectIndex::none;
     std::string name;
     std::string path;  ///< presented, as it was then
+    /// Of the folder. Where the node has another one, its inode number is another folder's by now.
+    std::uint64_t folderGeneration = 0;
 };
 
 /// What has lost its last name and may come back, or be succeeded, before it is reported gone; and

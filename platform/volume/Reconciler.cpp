@@ -68,7 +68,7 @@ Reconciler::NodeNumber Reconciler::expect(const VolumeService::State::Suspect& s
         // It had moved on before it was given out, so that nothing told of that.
         if (index.findObject(folder, suspect.name) != object) changeOf(object).isModified = true;
     } else if (folder != ObjectIndex::none && !departures_.departure(object)) {
-        depart(object, {folder, suspect.name, joined(pathOfFolder(folder), suspect.name)});
+        depart(object, placeIn(folder, suspect.name, joined(pathOfFolder(folder), suspect.name)));
     }
     return folder;
 }
@@ -125,9 +125,9 @@ void Reconciler::takeUp(NodeNumber root) {
         node.fileID = row.fileID;
         node.documentID = row.documentID;
         node.kind = row.kind;
-        const FormerPlace last{folder, row.path.substr(row.path.rfind('/') + 1), row.path};
+        const auto last = placeIn(folder, row.path.substr(row.path.rfind('/') + 1), row.path);
         if (vacant != ObjectIndex::none) {
-            const FormerPlace place{vacant, row.vacantName, row.path};
+            const auto place = placeIn(vacant, row.vacantName, row.path);
             vacate(row.documentID,
                    {ObjectIndex::none, row.fileID, row.kind, place, {}, now_, isPast(), false});
         }
@@ -143,10 +143,10 @@ void Reconciler::takeUp(NodeNumber root) {
         const auto& node = index.node(object);
         const bool isNowhere = node.firstName == ObjectIndex::none;
         if (folder == ObjectIndex::none) {
-            if (isNowhere) depart(object, {folder, name.substr(name.rfind('/') + 1), name});
+            if (isNowhere) depart(object, placeIn(folder, name.substr(name.rfind('/') + 1), name));
             continue;
         }
-        FormerPlace place{folder, name, joined(pathOfFolder(folder), name)};
+        const auto place = placeIn(folder, name, joined(pathOfFolder(folder), name));
         if (node.documentID != 0) {
             vacate(node.documentID, {object, node.fileID, node.kind, place, index.metadata(object),
                                      now_, isPast(), false});
@@ -250,7 +250,11 @@ std::string Reconciler::pathOfFolder(NodeNumber folder) const {
         if (const auto* gone = departures_.departure(folder)) return gone->last.path + below;
         if (const auto& root = index.rootPath(folder); !root.empty()) return root + below;
         const auto entry = index.node(folder).firstName;
-        if (entry == ObjectIndex::none) break;
+        if (entry == ObjectIndex::none) {
+            const auto change = changes_.find(folder);
+            if (change == changes_.end() || change->second.left.empty()) break;
+            return change->second.left.front().path + below;
+        }
         below = joined("", index.name(index.entry(entry))) + below;
         folder = index.entry(entry).folder;
     }
@@ -259,8 +263,13 @@ std::string Reconciler::pathOfFolder(NodeNumber folder) const {
 
 FormerPlace Reconciler::placeOf(ObjectIndex::EntryNumber entry) const {
     const auto& own = state_.index.entry(entry);
-    const std::string name(state_.index.name(own));
-    return {own.folder, name, joined(pathOfFolder(own.folder), name)};
+    const auto name = state_.index.name(own);
+    return placeIn(own.folder, name, joined(pathOfFolder(own.folder), name));
+}
+
+FormerPlace Reconciler::placeIn(NodeNumber folder, std::string_view name, std::string path) const {
+    const auto generation = folder == ObjectIndex::none ? 0 : state_.index.node(folder).generation;
+    return {folder, std::string(name), std::move(path), generation};
 }
 
 void Reconciler::leave(ObjectIndex::EntryNumber entry) {
@@ -382,7 +391,7 @@ void Reconciler::arrive(const FolderReading& reading, const Sighting& sighting) 
         if (isDirectory && !isSilentHere) loudFolders_.insert(object);
     }
     change.came.push_back(
-        {reading.folder, sighting.name, joined(reading.url.path(), sighting.name)});
+        placeIn(reading.folder, sighting.name, joined(reading.url.path(), sighting.name)));
     if (sighting.generation != 0) index.setGeneration(object, sighting.generation);
     if (!isFirstLook && node.stamp != state.stamp) change.isModified = true;
     index.addName(object, reading.folder, sighting.name);

@@ -127,6 +127,8 @@ class Reconciler {
     void openCircle(NodeNumber node, NodeNumber folder);
     [[nodiscard]] std::string pathOfFolder(NodeNumber folder) const;
     [[nodiscard]] FormerPlace placeOf(ObjectIndex::EntryNumber entry) const;
+    [[nodiscard]] FormerPlace placeIn(NodeNumber folder, std::string_view name,
+                                      std::string path) const;
     [[nodiscard]] bool isUnsure(const FolderReading& reading, const Sighting& sighting,
                                 const ObjectIndex::Node& node);
     void notice(const FolderReading& reading, const Sighting& sighting, NodeNumber object);
@@ -144,7 +146,10 @@ class Reconciler {
     void recordBelow(NodeNumber folder, const std::string& path);
     void depart(NodeNumber node, const FormerPlace& last);
     [[nodiscard]] bool isDocument(const ObjectIndex::Node& node, std::string_view path) const;
-    void record(FSEventFlags flags, NodeNumber node, std::string path, NodeNumber folder);
+    void record(FSEventFlags flags, NodeNumber node, FormerPlace place);
+    void record(FSEventFlags flags, NodeNumber node, std::string path, NodeNumber folder) {
+        record(flags, node, placeIn(folder, {}, std::move(path)));
+    }
     void recordGone(const ObjectIndex::Node& node, const FormerPlace& last);
     [[nodiscard]] std::string coverOfPath(const std::string& path) const;
 

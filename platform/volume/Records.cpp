@@ -57,8 +57,7 @@ void Reconciler::resolve(NodeNumber node, Change& change) {
         if (isNow(place)) continue;
         // With its name a package leaves its identifier, and so does a folder that becomes one.
         const bool isEnd = isPackage(place.name) != isPackage(index.name(present));
-        record(isEnd ? fsEventRemoved : fsEventMoved | fsEventRemoved, node, place.path,
-               place.folder);
+        record(isEnd ? fsEventRemoved : fsEventMoved | fsEventRemoved, node, place);
     }
     std::string whole;  // the path of a folder that now is shown otherwise
     index.forEachName(node, [&](ObjectIndex::EntryNumber at) {
@@ -100,7 +99,7 @@ bool Reconciler::tellOfAbsent() {
     const auto absent = departures_.departedNodes();
     for (const auto node : absent) {
         const auto& last = departures_.departure(node)->last;
-        record(fsEventModified, node, last.path, last.folder);
+        record(fsEventModified, node, last);
         if (state_.index.node(node).kind == ObjectKind::Directory) recordBelow(node, last.path);
     }
     return !absent.empty();
@@ -112,19 +111,19 @@ bool Reconciler::isDocument(const ObjectIndex::Node& node, std::string_view path
             state_.configuration.isPackageName(path.substr(path.rfind('/') + 1)));
 }
 
-void Reconciler::record(FSEventFlags flags, NodeNumber node, std::string path, NodeNumber folder) {
+void Reconciler::record(FSEventFlags flags, NodeNumber node, FormerPlace place) {
     const auto& index = state_.index;
     const auto& object = index.node(node);
-    const bool isDocument = this->isDocument(object, path);
+    const bool isDocument = this->isDocument(object, place.path);
     EventRecord& made = events_.emplace_back();
     made.event.flags = flags | (object.kind == ObjectKind::Directory ? fsEventIsFolder : 0);
     made.event.fileID = object.fileID;
     made.event.identifierKind = isDocument ? IdentifierKind::Document : IdentifierKind::File;
     made.event.documentID = object.documentID;
-    made.event.path = std::move(path);
-    if (folder == ObjectIndex::none) return;
-    made.folder = index.node(folder).inode;
-    made.folderGeneration = index.node(folder).generation;
+    made.event.path = std::move(place.path);
+    if (place.folder == ObjectIndex::none) return;
+    made.folder = index.node(place.folder).inode;
+    made.folderGeneration = place.folderGeneration;
 }
 
 void Reconciler::recordGone(const ObjectIndex::Node& node, const FormerPlace& last) {
@@ -139,7 +138,7 @@ void Reconciler::recordGone(const ObjectIndex::Node& node, const FormerPlace& la
     made.event.path = last.path;
     if (last.folder == ObjectIndex::none) return;
     made.folder = state_.index.node(last.folder).inode;
-    made.folderGeneration = state_.index.node(last.folder).generation;
+    made.folderGeneration = last.folderGeneration;
 }
 
 void Reconciler::recordGap(std::string path, std::string why) {

@@ -148,6 +148,24 @@ TEST_F(HistoryTest, RecordsWhatHappensWhereItHappens) {
     EXPECT_THAT(gone, UnorderedElementsAre(one, folder));
 }
 
+TEST_F(HistoryTest, ARemovalIsRecordedWhereItWasThoughAnotherFolderHasThatInodeNumber) {
+    start();
+    std::uint64_t inode = 0, other = 1;
+    for (int round = 0; round < 10 && inode != other; ++round) {
+        makeFile("a/file");
+        inode = attributes("a")->identity.inode;
+        (void)identify("a/file");
+        (void)changes();
+        fs::remove_all(native("a"));
+        fs::create_directory(native("b"));
+        other = attributes("b")->identity.inode;
+        const auto found = changes();
+        EXPECT_THAT(found, Contains("a/file"));
+        EXPECT_FALSE(found.contains("b/file"));
+        fs::remove(native("b"));
+    }
+}
+
 TEST_F(HistoryTest, WhatMovedOnBeforeItWasGivenOutIsTold) {
     makeFile("before");
     start();
