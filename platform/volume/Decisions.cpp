@@ -309,6 +309,7 @@ void Reconciler::forgetBelow(NodeNumber folder, const std::string& path) {
         index.removeName(at);
         const auto& node = index.node(object);
         if (node.firstName != ObjectIndex::none) {
+            record(fsEventMoved | fsEventRemoved, object, place);
             index.forEachName(object, [&](ObjectIndex::EntryNumber other) {
                 record(fsEventModified, object, placeOf(other).path, index.entry(other).folder);
             });

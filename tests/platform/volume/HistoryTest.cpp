@@ -166,6 +166,16 @@ TEST_F(HistoryTest, ARemovalIsRecordedWhereItWasThoughAnotherFolderHasThatInodeN
     }
 }
 
+TEST_F(HistoryTest, ANameThatGoesWithItsFolderIsRecordedThoughTheDocumentHasAnother) {
+    makeFile("folder/file");
+    fs::create_directory(native(".hidden"));
+    fs::create_hard_link(native("folder/file"), native(".hidden/file"));
+    start();
+    (void)identify("folder/file");
+    fs::rename(native("folder"), scratch / "elsewhere");
+    EXPECT_THAT(changes(), testing::IsSupersetOf({"folder/file", ".hidden/file"}));
+}
+
 TEST_F(HistoryTest, WhatMovedOnBeforeItWasGivenOutIsTold) {
     makeFile("before");
     start();
