@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <filesystem>
 #include <string_view>
 #include <system_error>
@@ -216,15 +217,28 @@ std::variant<Arguments, NothingToRun> parseArguments(int argc, const char* const
     return std::move(parser.arguments);
 }
 
+namespace {
+
+/// Whether the text is exactly how a number of an identifier is written.
+bool isNumber(std::string_view text) {
+    std::uint64_t number = 0;
+    const auto end = text.data() + text.size();
+    const auto read = std::from_chars(text.data(), end, number);
+    return read.ec == std::errc() && read.ptr == end && std::to_string(number) == text;
+}
+
+}  // namespace
+
 platform::Result<ItemName> parseItem(const std::string& argument) {
     for (const auto& [word, identifier] : reservedItems) {
         if (argument == word || argument == identifier) return ItemName{std::string(identifier)};
     }
-    constexpr std::array<std::string_view, 3> identifierPrefixes{"did=", "fid=", "#"};
-    if (std::ranges::any_of(identifierPrefixes,
-                            [&](auto prefix) { return argument.starts_with(prefix); })) {
-        return ItemName{argument};
+    const bool isNumbered = argument.starts_with("did=") || argument.starts_with("fid=");
+    if (isNumbered && !isNumber(std::string_view(argument).substr(4))) {
+        return std::unexpected(
+            usageError(argument + " is not an identifier; a file of that name is ./" + argument));
     }
+    if (isNumbered || argument.starts_with('#')) return ItemName{argument};
     auto path = absolutePath(argument);
     if (!path) return std::unexpected(std::move(path.error()));
     return ItemName{std::move(*path), true};

@@ -75,6 +75,9 @@ TEST(ItemNameTest, IdentifiersWordsAndPaths) {
         EXPECT_EQ(Expected(name->text, name->isPath), expected) << argument;
     }
     EXPECT_EQ(cli::parseItem("missing/file").error().code, ENOENT);
+    for (const auto* text : {"did=", "did=1junk", "did=+1", "did= 1", "fid=01", "fid=0x1"}) {
+        EXPECT_EQ(cli::parseItem(text).error().domain, cli::usageErrorDomain) << text;
+    }
     EXPECT_EQ(cli::parseItem("./root/").error().code, ENOTDIR);
     std::filesystem::current_path(before);
 }

@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <chrono>
-#include <limits>
 #include <thread>
 
 #include "platform/fileprovider/Platform.h"
@@ -119,23 +117,6 @@ Result<Identifier> freshIdentifier(const QSURL& url) {
     return TWPFileObjectIdentifier::fromDocumentID(documentID);
 }
 
-/// Reads an integer as the platform's strings do: blanks, a sign and digits up to the first other
-/// character; 0 without digits; out of range it saturates.
-std::int64_t integerValue(std::string_view text) {
-    text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
-    if (text.starts_with('+')) {
-        text.remove_prefix(1);
-        if (text.starts_with('-')) return 0;
-    }
-    std::int64_t value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error == std::errc::result_out_of_range) {
-        return text.starts_with('-') ? std::numeric_limits<std::int64_t>::min()
-                                     : std::numeric_limits<std::int64_t>::max();
-    }
-    return value;
-}
-
 Result<std::optional<QSURL>> findFileURL(std::uint64_t fileID, std::uint32_t device) {
     auto& volume = Platform::current().volume();
     const auto url = volume.UUIDForDevice(device)
@@ -240,8 +221,8 @@ Result<std::optional<QSURL>> findFileURLWithItemIdentifier(std::string_view iden
                                     std::to_string(pieces));
         return std::nullopt;
     }
-    const auto host = identifier.substr(0, identifier.find('='));
-    if (host != "did" && host != "fid") {
+    const auto object = ObjectNumber::parse(identifier);
+    if (!object) {
         logRaw(LogLevel::Error, "invalid host for identifier " + quoted(identifier));
         return std::nullopt;
     }
@@ -250,10 +231,8 @@ Result<std::optional<QSURL>> findFileURLWithItemIdentifier(std::string_view iden
         logUnknownDevice(storage);
         return std::unexpected(device.error());
     }
-    const auto number =
-        static_cast<std::uint64_t>(integerValue(identifier.substr(host.size() + 1)));
-    if (host == "fid") return findFileURL(number, *device);
-    const auto fileID = fileIDForDocumentID(number, *device, QGLibraryResolveDocumentId2);
+    if (object->kind == ObjectNumber::Kind::File) return findFileURL(object->number, *device);
+    const auto fileID = fileIDForDocumentID(object->number, *device, QGLibraryResolveDocumentId2);
     if (!fileID) return std::nullopt;
     return findFileURL(*fileID, *device);
 }

@@ -24,6 +24,19 @@ struct TWPFileObjectIdentifier {
         const QSURL& url);
 };
 
+/// The kind and number of an identifier of the first two forms.
+struct ObjectNumber {
+    enum class Kind : std::uint8_t { File, Document };
+    Kind kind = Kind::File;
+    std::uint64_t number = 0;
+
+    /// None for any other text. The number is read as the platform's strings do: blanks, a sign and
+    /// digits up to the first other character; 0 without digits; out of range it saturates.
+    [[nodiscard]] static std::optional<ObjectNumber> parse(std::string_view identifier);
+
+    friend bool operator==(const ObjectNumber&, const ObjectNumber&) = default;
+};
+
 /// "#" and the bundle identifier, "#(null)" for a record that has none.
 [[nodiscard]] std::string appLibraryIdentifier(const QLBundleProxy& bundle);
 

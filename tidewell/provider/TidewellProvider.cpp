@@ -39,6 +39,14 @@ std::shared_ptr<LocalItem> temporaryFolderItem() {
     return LocalItem::initWithURL(url);
 }
 
+/// Whether the item found has the identifier asked for, as identifiers are read.
+bool bears(const LocalItem& item, std::string_view identifier) {
+    const auto found = item.itemIdentifier();
+    if (found == identifier) return true;
+    const auto asked = ObjectNumber::parse(identifier);
+    return asked && asked == ObjectNumber::parse(found);
+}
+
 }  // namespace
 
 std::shared_ptr<LocalItem> itemMeantBy(const std::string& identifier) {
@@ -49,7 +57,12 @@ std::shared_ptr<LocalItem> itemMeantBy(const std::string& identifier) {
         return temporaryFolderItem();
     }
     const auto url = fileURLWithItemIdentifier(identifier);
-    return url ? LocalItem::initWithURL(*url) : nullptr;
+    auto item = url ? LocalItem::initWithURL(*url) : nullptr;
+    if (!item || bears(*item, identifier)) return item;
+    logError([&] {
+        return "found " + item->description() + " where " + quoted(identifier) + " was asked for";
+    });
+    return nullptr;
 }
 
 LocalFileProvider::LocalFileProvider(std::shared_ptr<AppLibraries> appLibraries)
