@@ -79,12 +79,20 @@ Result<MutableTree::OpenFolder> MutableTree::openFolder(const QSURL& url) const 
     if (!pathInLibrary(url.path())) {
         return std::unexpected(notPermitted("not a folder of documents", files_.nativePath(url)));
     }
+    auto missing = goneError(files_.nativePath(url));
+    missing.userInfo.emplace(qp_isDestinationKey, "");
     auto fd = files_.openObject(url, O_PATH | O_DIRECTORY);
-    if (fd) return OpenFolder{url, std::move(*fd)};
-    const auto code = static_cast<int>(fd.error().code);
-    if (code == ENOTDIR) return std::unexpected(failure(code, url));
-    if (meansGone(code)) return std::unexpected(goneError(files_.nativePath(url)));
-    return std::unexpected(std::move(fd.error()));
+    if (!fd) {
+        const auto code = static_cast<int>(fd.error().code);
+        if (code == ENOTDIR) return std::unexpected(failure(code, url));
+        return std::unexpected(meansGone(code) ? std::move(missing) : std::move(fd.error()));
+    }
+    if (const auto meant = std::static_pointer_cast<const FileAttributes>(url.attachment())) {
+        const auto found = readIdentity(fd->get(), "", nullptr, files_.credentials());
+        if (!found) return std::unexpected(found.error());
+        if (*found != meant->identity) return std::unexpected(std::move(missing));
+    }
+    return OpenFolder{url, std::move(*fd)};
 }
 
 Result<MutableTree::HeldItem> MutableTree::hold(const QSURL& url) const {

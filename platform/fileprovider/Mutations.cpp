@@ -118,7 +118,7 @@ std::shared_ptr<QSProgress> qp_deleteWithCompletionHandler(const QSURL& url,
 
 Result<FileDescriptor> openSameObject(const QSURL& url) {
     const auto& files = Platform::current().files();
-    auto object = files.openObject(url, O_RDONLY);
+    auto object = files.openObject(url, O_PATH);
     if (!object) return object;
     const auto meant = std::static_pointer_cast<const FileAttributes>(url.attachment());
     if (!meant) return object;

@@ -15,18 +15,21 @@
 // and calls the completion handler there, once, under no lock; what goes wrong first ends it, with
 // everything as it was. They run beside one another, so one that takes long holds up nobody.
 //
-// An operation acts on the object that the URL's attributes are of, where the URL keeps any, and on
-// nothing that took its place: QPItemNotFoundError then. Names are checked once, here (see
-// checkName). A name that is taken is decided by the kernel, never by looking first; nothing is
-// ever replaced. Where no other name may be picked, the error is QSMochaErrorDomain 516 with the
-// path of the object that has it under qp_collidingURLKey. The roots, what is outside the
-// libraries, ".Trash" and the temporary folder are refused with 513. All paths in errors are
-// native.
+// An operation acts on the object, and in the destination folder, that the URL's attributes are of,
+// where the URL keeps any, and on nothing that took its place: QPItemNotFoundError then. Names are
+// checked once, here (see checkName). A name that is taken is decided by the kernel, never by
+// looking first; nothing is ever replaced. Where no other name may be picked, the error is
+// QSMochaErrorDomain 516 with the path of the object that has it under qp_collidingURLKey. The
+// roots, what is outside the libraries, ".Trash" and the temporary folder are refused with 513. All
+// paths in errors are native.
 
 namespace platform {
 
 /// Presented path, in the userInfo of the error for a taken name.
 inline constexpr std::string_view qp_collidingURLKey = "qp_collidingURL";
+
+/// In the userInfo of QPItemNotFoundError where it is the destination folder that is missing.
+inline constexpr std::string_view qp_isDestinationKey = "qp_isDestination";
 
 /// The URL of what came of it; it keeps the object's attributes as they were then.
 using qp_URLHandler = std::move_only_function<void(Result<QSURL>)>;
@@ -74,8 +77,8 @@ std::shared_ptr<QSProgress> qp_trashUnderFolder(const QSURL& url, const QSURL& t
 std::shared_ptr<QSProgress> qp_deleteWithCompletionHandler(const QSURL& url,
                                                            qp_ErrorHandler completionHandler);
 
-/// Opens the object for reading; ESTALE where it is not the one that the attributes are of which
-/// the URL keeps. Blocks for the file system.
+/// Opens the object with O_PATH, which needs no right to read it; ESTALE where it is not the one
+/// that the attributes are of which the URL keeps. Blocks for the file system.
 [[nodiscard]] Result<FileDescriptor> openSameObject(const QSURL& url);
 
 }  // namespace platform

@@ -51,6 +51,40 @@ TEST_F(MutationsTest, FailuresNameWhatTheyAreAboutAndChangeNothing) {
     }
 }
 
+TEST_F(MutationsTest, WhatIsFoundIsWhatWasAskedFor) {
+    (void)folder("in/sub");
+    const auto sub = id("in/sub");
+    EXPECT_EQ(place(sub + "junk"), url("in/sub")) << "as numbers of identifiers are read";
+    // A folder that becomes a package is another item.
+    fs::rename(storage() / "in/sub", storage() / "in/sub.quire");
+    EXPECT_EQ(place(sub), url("gone"));
+    EXPECT_EQ(remove(sub), QPItemNotFoundError(sub));
+    EXPECT_EQ(logged(LogLevel::Error, "where \"" + sub + "\" was asked for").size(), 2U);
+    EXPECT_TRUE(fs::exists(storage() / "in/sub.quire"));
+}
+
+TEST_F(MutationsTest, AFolderThatTookThePlaceOfTheDestinationStaysEmpty) {
+    (void)folder("in/sub");
+    (void)file("doc");
+    const auto sub = url("in/sub");
+    ASSERT_TRUE(installed->files().attributes(sub));
+    fs::rename(storage() / "in/sub", storage() / "in/other");
+    (void)folder("in/sub");
+    const auto doc = url("doc");
+    const auto source = url("in/other");
+    for (const auto& start : std::initializer_list<std::function<void(qp_URLHandler)>>{
+             [&](qp_URLHandler h) { qp_createSubFolder(sub, "new", std::move(h)); },
+             [&](qp_URLHandler h) { qp_importUnderFolder(source, sub, std::move(h)); },
+             [&](qp_URLHandler h) { qp_reparentUnderFolder(doc, sub, true, std::move(h)); }}) {
+        std::promise<Result<QSURL>> done;
+        start([&](Result<QSURL> made) { done.set_value(std::move(made)); });
+        const auto error = done.get_future().get().error();
+        EXPECT_EQ(error.code, QPItemNotFoundErrorCode);
+        EXPECT_TRUE(error.userInfo.contains(qp_isDestinationKey));
+    }
+    EXPECT_TRUE(fs::is_empty(storage() / "in/sub"));
+}
+
 TEST_F(MutationsTest, FreeNamesAreNumberedAndFit) {
     EXPECT_EQ(numberedName("a.txt", 2), "a 2.txt");
     EXPECT_EQ(numberedName("v1.2", 2), "v1.2 2");

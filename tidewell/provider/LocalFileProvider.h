@@ -112,9 +112,11 @@ class LocalFileProvider final : public QSFileProviderExtension {
     /// The item at the URL that an operation arrived at; logs where there is none.
     [[nodiscard]] static Result<ItemRef> itemForResult(const QSURL& url);
     /// What the operation is to be handed: completes with the item, or with the error as the host
-    /// expects it. `identifier` is of the item that the call was about, empty where there was none.
+    /// expects it. `identifier` is of the item that the call was about, empty where there was none;
+    /// `destination` of the folder that it was moved into, where it was.
     [[nodiscard]] static std::move_only_function<void(Result<QSURL>)> completingWithItem(
-        std::string identifier, ItemCompletionHandler completionHandler);
+        std::string identifier, ItemCompletionHandler completionHandler,
+        std::string destination = {});
     [[nodiscard]] std::optional<QSURL> untrashDestination(
         const LocalItem& item, const std::optional<QSFileProviderItemIdentifier>& parentIdentifier);
 

@@ -41,11 +41,14 @@ Result<ItemRef> LocalFileProvider::itemForResult(const QSURL& url) {
 }
 
 std::move_only_function<void(Result<QSURL>)> LocalFileProvider::completingWithItem(
-    std::string identifier, ItemCompletionHandler completionHandler) {
-    return [identifier = std::move(identifier),
+    std::string identifier, ItemCompletionHandler completionHandler, std::string destination) {
+    return [identifier = std::move(identifier), destination = std::move(destination),
             handler = std::move(completionHandler)](Result<QSURL> url) mutable {
         if (url) return handler(itemForResult(*url));
-        handler(std::unexpected(normalisedError(std::move(url.error()), identifier)));
+        const bool isDestination =
+            !destination.empty() && url.error().userInfo.contains(qp_isDestinationKey);
+        handler(std::unexpected(
+            normalisedError(std::move(url.error()), isDestination ? destination : identifier)));
     };
 }
 
@@ -115,8 +118,9 @@ std::shared_ptr<QSProgress> LocalFileProvider::reparentItemWithIdentifier(
     if (!url) return refuse(QPItemNotFoundError(identifier));
     const auto parent = _urlForItemWithPersistentIdentifier(toParentItemWithIdentifier);
     if (!parent) return refuse(QPItemNotFoundError(toParentItemWithIdentifier));
-    return qp_reparentUnderFolder(*url, *parent, newName,
-                                  completingWithItem(identifier, std::move(completionHandler)));
+    return qp_reparentUnderFolder(
+        *url, *parent, newName,
+        completingWithItem(identifier, std::move(completionHandler), toParentItemWithIdentifier));
 }
 
 }  // namespace tidewell
