@@ -48,7 +48,9 @@ TEST_F(TrashTest, RecordsWhenAndFromWhereAndPutsBack) {
     EXPECT_EQ(*attribute(place, putBack).value().asString(), "a/b/doc.txt");
     const auto when = *attribute(place, date).value().asDate();
     EXPECT_NEAR(static_cast<double>(when.seconds), static_cast<double>(before.seconds), 60);
-    EXPECT_TRUE(trash(identifier));  // again: it keeps its record
+    setAttribute(place, date, archived(QSDate{1, 0}));
+    EXPECT_TRUE(trash(identifier));  // again: it keeps its record, and has its full time
+    EXPECT_GE(*attribute(place, date).value().asDate(), when);
     EXPECT_EQ(*attribute(place, putBack).value().asString(), "a/b/doc.txt");
 
     scratch.makeFile("containers/org.a/Documents/a/b/doc.txt", "another");
@@ -94,6 +96,9 @@ TEST_F(TrashTest, WhatCannotBePutBackGoesWhereItIsTold) {
     (void)file(".Trash/folder/x");
     EXPECT_EQ(untrash(item, id(".Trash/folder")).error(),
               QPInvalidParameterError("itemIdentifier", item));
+    // A record from when it was an application's is not of here.
+    setAttribute(storage() / ".Trash/a", putBack, archived("in/a"));
+    EXPECT_EQ(untrash(item).error(), QPInvalidParameterError("itemIdentifier", item));
     EXPECT_TRUE(untrash(item, id("in")));
     EXPECT_EQ(place(item), url("in/a"));
 }

@@ -68,6 +68,7 @@ TEST_F(UserMetadataTest, WhatCannotBeKeptFailsButForTheDate) {
               tag(item, red).value()->tagData());
 
     EXPECT_EQ(rank(link, 1).error().code, EOPNOTSUPP);
+    EXPECT_TRUE(rank(link, std::nullopt)) << "it has none to remove";
     EXPECT_EQ(use(link, date).value()->lastUsedDate(), std::nullopt);
     EXPECT_EQ(use("did=4000000", date).error(),
               fileProviderErrorForNonExistentItemWithIdentifier("did=4000000"));

@@ -210,9 +210,13 @@ std::optional<QSURL> LocalItem::putBackURL() const {
     const std::scoped_lock lock(putBackMutex_);
     if (hasPutBackURL_) return putBackURL_;
     hasPutBackURL_ = true;
-    const auto path = fileURL_ ? putBackPathOf(*fileURL_, description()) : std::nullopt;
-    const auto root = path ? libraryRootOf(*fileURL_) : std::nullopt;
-    if (!root) return std::nullopt;
+    const auto root = fileURL_ ? libraryRootOf(*fileURL_) : std::nullopt;
+    // Where an item of the storage was is never recorded: what it has is of an earlier time, when
+    // it was an application's.
+    const auto storage = QSFileProviderManager::defaultManager().documentStorageURL();
+    if (!root || *root == storage) return std::nullopt;
+    const auto path = putBackPathOf(*fileURL_, description());
+    if (!path) return std::nullopt;
     const auto former = QSURL::fileURLWithPath(root->path() + "/" + *path);
     const auto components = former.pathComponents();
     if (former == *root || path->find('\0') != std::string::npos ||

@@ -56,11 +56,9 @@ std::shared_ptr<QSProgress> LocalFileProvider::trashItemWithIdentifier(
                 return handler(
                     std::unexpected(normalisedError(std::move(trashed.error()), identifier)));
             }
+            setTrashDate(*trashed, Platform::current().volume().clock().stamp());
             // One that lay in the trash already keeps the record of where it came from.
-            if (!(trashed->url == formerURL)) {
-                setTrashDate(*trashed, Platform::current().volume().clock().stamp());
-                setPutBackString(formerURL, *trashed);
-            }
+            if (!(trashed->url == formerURL)) setPutBackString(formerURL, *trashed);
             keepIdentifier(formerURL, trashed->url);
             handler(itemForResult(trashed->url));
         });

@@ -36,8 +36,10 @@ QSPropertyList::Array labels(const std::optional<QSData>& tagData) {
 Result<void> writeAttribute(const QSURL& url, std::string_view name,
                             const std::optional<QSData>& value) {
     const auto file = Platform::current().files().openForExtendedAttributes(url);
-    if (!file) return std::unexpected(file.error());
-    return setOrRemoveXattr(file->get(), name, value);
+    if (file) return setOrRemoveXattr(file->get(), name, value);
+    // What keeps no attributes has none to remove.
+    if (!value && file.error().code == ENOTSUP) return {};
+    return std::unexpected(file.error());
 }
 
 void logFailure(std::string_view name, const QSURL& url, const QSError& error) {
