@@ -47,13 +47,14 @@ class Run {
         if (arguments_.command == Command::Search) {
             return printMatches(arguments_, helpers_, output_);
         }
-        auto identifier = itemIdentifier();
-        if (!identifier) return std::unexpected(std::move(identifier.error()));
+        const auto target = itemTarget();
+        if (!target) return std::unexpected(target.error());
+        const auto* const identifier = &target->itemIdentifier;
         switch (arguments_.command) {
             case Command::Tree:
                 return tree(*identifier);
             case Command::Stat:
-                return stat(*identifier);
+                return stat(*target);
             case Command::Path:
                 return path(*identifier);
             case Command::Anchor:
@@ -74,10 +75,11 @@ class Run {
     }
 
   private:
-    [[nodiscard]] Result<std::string> itemIdentifier() const {
+    [[nodiscard]] Result<host::ItemTarget> itemTarget() const {
         auto name = parseItem(arguments_.item);
         if (!name) return std::unexpected(std::move(name.error()));
-        return name->isPath ? service_.resolve(name->text) : std::move(name->text);
+        if (name->isPath) return service_.resolveEntry(name->text);
+        return host::ItemTarget(std::move(name->text));
     }
 
     [[nodiscard]] Result<ExitCode> resolve() {
@@ -123,8 +125,8 @@ class Run {
         return value("anchor", base64(*anchor));
     }
 
-    [[nodiscard]] Result<ExitCode> stat(const std::string& identifier) {
-        const auto item = service_.item(identifier);
+    [[nodiscard]] Result<ExitCode> stat(const host::ItemTarget& target) {
+        const auto item = service_.item(target);
         if (!item) return std::unexpected(item.error());
         printItem(arguments_, output_, *item);
         return ExitCode::Done;

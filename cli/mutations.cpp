@@ -8,7 +8,6 @@
 #include "cli/commands.h"
 #include "cli/format.h"
 #include "cli/text.h"
-#include "platform/fileprovider/QSFileProviderError.h"
 
 namespace cli {
 
@@ -54,6 +53,14 @@ class Run {
         return name->isPath ? service_.resolve(name->text) : std::move(name->text);
     }
 
+    /// A path means the name that it ends with.
+    [[nodiscard]] Result<host::ItemTarget> targetOf(const std::string& item) const {
+        auto name = parseItem(item);
+        if (!name) return std::unexpected(std::move(name.error()));
+        if (name->isPath) return service_.resolveEntry(name->text);
+        return host::ItemTarget(std::move(name->text));
+    }
+
     [[nodiscard]] host::Mutations::ProgressHandler drawn(std::string_view verb) {
         return [this, verb](const host::Mutations::Progress& reached) {
             auto text = fmt::format("{} items {}", reached.items, verb);
@@ -70,39 +77,26 @@ class Run {
             if (!path) return std::unexpected(path.error());
             return mutations.import(*path, folder_, drawn("copied"));
         }
-        const auto identifier = identifierOf(item);
-        if (!identifier) return std::unexpected(identifier.error());
+        const auto target = targetOf(item);
+        if (!target) return std::unexpected(target.error());
         switch (arguments_.command) {
             case Command::Rename:
-                return mutations.rename(*identifier, *given_.name);
+                return mutations.rename(*target, *given_.name);
             case Command::Move:
-                return mutations.move(*identifier, folder_, given_.name, drawn("copied"));
+                return mutations.move(*target, folder_, given_.name, drawn("copied"));
             case Command::Trash:
-                return mutations.trash(*identifier, drawn("copied"));
+                return mutations.trash(*target, drawn("copied"));
             case Command::Untrash:
-                return untrash(*identifier);
+                return mutations.untrash(*target, given_.to ? std::optional(folder_) : std::nullopt,
+                                         drawn("copied"));
             default:
-                return remove(*identifier);
+                return remove(*target);
         }
     }
 
-    [[nodiscard]] Result<ItemRecord> untrash(const std::string& identifier) {
-        auto done = service_.mutations().untrash(
-            identifier, given_.to ? std::optional(folder_) : std::nullopt, drawn("copied"));
-        const bool isRefused = !done && done.error().domain == platform::QPErrorDomain &&
-                               done.error().code == platform::QPInvalidParameterErrorCode;
-        if (!isRefused) return done;
-        const auto item = service_.item(identifier);
-        done.error().userInfo.insert_or_assign(
-            std::string(platform::QSDescriptionErrorKey),
-            item && item->isTrashed ? "nothing tells where it was before it was trashed; give --to"
-                                    : "it is not in the trash");
-        return done;
-    }
-
-    [[nodiscard]] Result<ItemRecord> remove(const std::string& identifier) {
-        auto item = service_.item(identifier);  // as it was
-        const auto removed = service_.mutations().remove(identifier, drawn("deleted"));
+    [[nodiscard]] Result<ItemRecord> remove(const host::ItemTarget& target) {
+        auto item = service_.item(target);  // as it was
+        const auto removed = service_.mutations().remove(target, drawn("deleted"));
         if (!removed) return std::unexpected(removed.error());
         return item;
     }
@@ -125,7 +119,9 @@ class Run {
         }
         auto code = ExitCode::Done;
         for (const auto& item : items) {
-            if (!given_.isDryRun && service_.item(item.itemIdentifier)) {
+            const host::ItemTarget entry(item.itemIdentifier,
+                                         {item.parentItemIdentifier, item.filename});
+            if (!given_.isDryRun && service_.item(entry)) {
                 auto error = platform::errorFromErrno(EIO, item.path.value_or(item.filename));
                 error.userInfo.emplace(platform::QSDescriptionErrorKey,
                                        "it could not be deleted; the log says why");

@@ -4,6 +4,7 @@
 #include <thread>
 #include <utility>
 
+#include "host/EntryChoice.h"
 #include "host/errors.h"
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QSFileProviderManager.h"
@@ -44,7 +45,7 @@ DocumentService::DocumentService(const ExtensionFactory& makeExtension, Options 
       manager_(options.manager ? *options.manager : platform::Platform::current().manager()),
       volume_(options.volume ? std::move(*options.volume) : VolumeAccess::ofPlatform()),
       signals_(std::make_shared<SignalBoard>()),
-      mutations_(session_, options.stallDeadline) {
+      mutations_(session_, volume_, options.stallDeadline) {
     // Connected first: an extension signals while it is being made. The board outlives the service
     // as long as a signal is on its way.
     manager_.setSignalHandler(
@@ -68,12 +69,18 @@ DocumentService::~DocumentService() {
     manager_.setSignalHandler({});
 }
 
-Result<ItemRecord> DocumentService::item(const std::string& identifier) const {
-    return session_->item(identifier);
+Result<ItemRecord> DocumentService::item(const ItemTarget& target) const {
+    const auto choice = EntryChoice::ofEntry(*session_, volume_, target);
+    if (!choice) return std::unexpected(choice.error());
+    return session_->item(target.itemIdentifier);
 }
 
 Result<std::string> DocumentService::resolve(std::string_view path) const {
     return session_->identifierForPath(path);
+}
+
+Result<ItemTarget> DocumentService::resolveEntry(std::string_view path) const {
+    return session_->targetForPath(path);
 }
 
 Result<std::string> DocumentService::path(const std::string& identifier) const {

@@ -50,11 +50,15 @@ class DocumentService {
     DocumentService(const ExtensionFactory& makeExtension, Options options);
     ~DocumentService();
 
-    [[nodiscard]] platform::Result<ItemRecord> item(const std::string& identifier) const;
+    /// Of an item with several names, as it is under the target's entry.
+    [[nodiscard]] platform::Result<ItemRecord> item(const ItemTarget& target) const;
 
     /// The identifier of what is at an absolute native path; a final symbolic link is an item of
     /// its own. The error satisfies meansNoSuchItem where there is no item at it.
     [[nodiscard]] platform::Result<std::string> resolve(std::string_view path) const;
+
+    /// The same, with the entry that the path names; none for the root of the storage or a library.
+    [[nodiscard]] platform::Result<ItemTarget> resolveEntry(std::string_view path) const;
 
     /// The native path of an item, as it is now.
     [[nodiscard]] platform::Result<std::string> path(const std::string& identifier) const;

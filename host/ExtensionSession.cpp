@@ -121,6 +121,17 @@ Result<std::string> ExtensionSession::identifierForPath(std::string_view path) c
     return std::unexpected(std::move(error));
 }
 
+Result<ItemTarget> ExtensionSession::targetForPath(std::string_view path) const {
+    auto identifier = identifierForPath(path);
+    if (!identifier) return std::unexpected(std::move(identifier.error()));
+    const auto url = paths_.URLForNativePath(path);
+    auto parent =
+        extension_->persistentIdentifierForItemAtURL(url.URLByDeletingLastPathComponent());
+    if (!parent) return ItemTarget(std::move(*identifier));
+    return ItemTarget(std::move(*identifier),
+                      {std::move(*parent), std::string(url.lastPathComponent())});
+}
+
 Result<std::string> ExtensionSession::pathForIdentifier(const std::string& identifier) const {
     const auto url = extension_->URLForItemWithPersistentIdentifier(identifier);
     if (url) return paths_.nativePath(*url);

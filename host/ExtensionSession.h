@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/ItemTarget.h"
 #include "host/Page.h"
 #include "platform/fileprovider/QSFileProviderItem.h"
 #include "platform/foundation/QSURL.h"
@@ -49,6 +50,9 @@ class ExtensionSession {
     /// The identifier of what is at an absolute native path. ENOENT where nothing is there or the
     /// extension has no item for it.
     [[nodiscard]] platform::Result<std::string> identifierForPath(std::string_view path) const;
+
+    /// The same with the entry; none where the folder around it is no item.
+    [[nodiscard]] platform::Result<ItemTarget> targetForPath(std::string_view path) const;
 
     [[nodiscard]] platform::Result<std::string> pathForIdentifier(
         const std::string& identifier) const;

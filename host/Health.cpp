@@ -48,7 +48,8 @@ VolumeAccess VolumeAccess::ofPlatform() {
             [](std::chrono::seconds age) {
                 const auto limit = platform::Platform::current().volume().clock().limitForAge(age);
                 return AgeLimit{limit.wall, limit.safe, limit.clocksDiffer};
-            }};
+            },
+            platform::namesOfObject, platform::preferPlace};
 }
 
 }  // namespace host

@@ -3,10 +3,12 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/fileprovider/ObjectNames.h"
 #include "platform/foundation/QSDate.h"
 #include "platform/foundation/QSError.h"
 
@@ -51,6 +53,9 @@ struct VolumeAccess {
     std::function<platform::Result<void>()> waitUntilSettled;
     std::function<Health()> health;
     std::function<AgeLimit(std::chrono::seconds age)> limitForAge = {};
+    /// As platform::namesOfObject and platform::preferPlace; an item has one name where empty.
+    std::function<platform::Result<platform::ObjectNames>(const platform::QSURL&)> names = {};
+    std::function<std::shared_ptr<void>(const platform::QSURL& place)> preferPlace = {};
 
     /// That of the installed platform.
     [[nodiscard]] static VolumeAccess ofPlatform();

@@ -4,7 +4,9 @@
 #include <utility>
 
 #include "host/Answer.h"
+#include "host/EntryChoice.h"
 #include "host/ExtensionSession.h"
+#include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/fileprovider/QSFileProviderExtension.h"
 
 namespace host {
@@ -92,48 +94,72 @@ Result<ItemRecord> Mutations::import(std::string_view path, const std::string& p
         progress);
 }
 
-Result<ItemRecord> Mutations::rename(const std::string& identifier, std::string_view name) const {
+Result<ItemRecord> Mutations::rename(const ItemTarget& target, std::string_view name) const {
+    const auto choice =
+        EntryChoice::make(*session_, volume_, target, EntryChoice::Among::OutsideTrash);
+    if (!choice) return std::unexpected(choice.error());
     return runForItem(plain([&](auto& extension, auto handler) {
-                          extension.renameItemWithIdentifier(identifier, name, std::move(handler));
+                          extension.renameItemWithIdentifier(target.itemIdentifier, name,
+                                                             std::move(handler));
                       }),
                       {});
 }
 
-Result<ItemRecord> Mutations::move(const std::string& identifier, const std::string& parent,
+Result<ItemRecord> Mutations::move(const ItemTarget& target, const std::string& parent,
                                    const std::optional<std::string>& name,
                                    const ProgressHandler& progress) const {
+    const auto choice =
+        EntryChoice::make(*session_, volume_, target, EntryChoice::Among::OutsideTrash);
+    if (!choice) return std::unexpected(choice.error());
     return runForItem(
         [&](auto& extension, auto handler) {
-            return extension.reparentItemWithIdentifier(identifier, parent, name,
+            return extension.reparentItemWithIdentifier(target.itemIdentifier, parent, name,
                                                         std::move(handler));
         },
         progress);
 }
 
-Result<ItemRecord> Mutations::trash(const std::string& identifier,
+Result<ItemRecord> Mutations::trash(const ItemTarget& target,
                                     const ProgressHandler& progress) const {
+    const auto choice =
+        EntryChoice::make(*session_, volume_, target, EntryChoice::Among::OutsideTrash);
+    if (!choice) return std::unexpected(choice.error());
     return runForItem(
         [&](auto& extension, auto handler) {
-            return extension.trashItemWithIdentifier(identifier, std::move(handler));
+            return extension.trashItemWithIdentifier(target.itemIdentifier, std::move(handler));
         },
         progress);
 }
 
-Result<ItemRecord> Mutations::untrash(const std::string& identifier,
+Result<ItemRecord> Mutations::untrash(const ItemTarget& target,
                                       const std::optional<std::string>& parent,
                                       const ProgressHandler& progress) const {
-    return runForItem(
+    const auto choice = EntryChoice::make(*session_, volume_, target, EntryChoice::Among::InTrash);
+    if (!choice) return std::unexpected(choice.error());
+    auto done = runForItem(
         [&](auto& extension, auto handler) {
-            return extension.untrashItemWithIdentifier(identifier, parent, std::move(handler));
+            return extension.untrashItemWithIdentifier(target.itemIdentifier, parent,
+                                                       std::move(handler));
         },
         progress);
+    const bool isRefused = !done && done.error().domain == platform::QPErrorDomain &&
+                           done.error().code == platform::QPInvalidParameterErrorCode;
+    if (!isRefused) return done;
+    const auto item = session_->item(target.itemIdentifier);
+    done.error().userInfo.insert_or_assign(
+        std::string(platform::QSDescriptionErrorKey),
+        item && item->isTrashed ? "nothing tells where it was before it was trashed; give --to"
+                                : "it is not in the trash");
+    return done;
 }
 
-Result<void> Mutations::remove(const std::string& identifier,
-                               const ProgressHandler& progress) const {
+Result<void> Mutations::remove(const ItemTarget& target, const ProgressHandler& progress) const {
+    const auto choice =
+        EntryChoice::make(*session_, volume_, target, EntryChoice::Among::OutsideTrash);
+    if (!choice) return std::unexpected(choice.error());
     const auto removed = run<Nothing>(
         [&](auto& extension, auto handler) {
-            return extension.deleteItemWithIdentifier(identifier, std::move(handler));
+            return extension.deleteItemWithIdentifier(target.itemIdentifier, std::move(handler));
         },
         progress);
     if (!removed) return std::unexpected(removed.error());

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "host/ItemRecord.h"
+#include "host/ItemTarget.h"
 #include "platform/foundation/QSDate.h"
 #include "platform/foundation/QSError.h"
 
@@ -20,9 +21,12 @@ class QSProgress;
 namespace host {
 
 class ExtensionSession;
+struct VolumeAccess;
 
 /// The operations that change documents: each waits for the extension and returns the item as it is
-/// then. Any thread, several calls at once; paths in errors are native.
+/// then. One on an item with several names acts on the target's entry; without an entry it fails
+/// with EMLINK where it could act on more than one of them. Any thread, several calls at once;
+/// paths in errors are native.
 class Mutations {
   public:
     /// How far a long operation is.
@@ -36,9 +40,9 @@ class Mutations {
 
     /// `session` may be empty until the first call. An operation that gets no further for the time
     /// of `stallDeadline` is given up with ETIMEDOUT; what it does goes on.
-    Mutations(const std::unique_ptr<ExtensionSession>& session,
+    Mutations(const std::unique_ptr<ExtensionSession>& session, const VolumeAccess& volume,
               std::chrono::milliseconds stallDeadline)
-        : session_(session), stallDeadline_(stallDeadline) {}
+        : session_(session), volume_(volume), stallDeadline_(stallDeadline) {}
 
     [[nodiscard]] platform::Result<ItemRecord> makeDirectory(std::string_view name,
                                                              const std::string& parent) const;
@@ -46,19 +50,19 @@ class Mutations {
     [[nodiscard]] platform::Result<ItemRecord> import(std::string_view path,
                                                       const std::string& parent,
                                                       const ProgressHandler& progress) const;
-    [[nodiscard]] platform::Result<ItemRecord> rename(const std::string& identifier,
+    [[nodiscard]] platform::Result<ItemRecord> rename(const ItemTarget& target,
                                                       std::string_view name) const;
-    [[nodiscard]] platform::Result<ItemRecord> move(const std::string& identifier,
+    [[nodiscard]] platform::Result<ItemRecord> move(const ItemTarget& target,
                                                     const std::string& parent,
                                                     const std::optional<std::string>& name,
                                                     const ProgressHandler& progress) const;
-    [[nodiscard]] platform::Result<ItemRecord> trash(const std::string& identifier,
+    [[nodiscard]] platform::Result<ItemRecord> trash(const ItemTarget& target,
                                                      const ProgressHandler& progress) const;
     /// Without a parent, to where it was.
-    [[nodiscard]] platform::Result<ItemRecord> untrash(const std::string& identifier,
+    [[nodiscard]] platform::Result<ItemRecord> untrash(const ItemTarget& target,
                                                        const std::optional<std::string>& parent,
                                                        const ProgressHandler& progress) const;
-    [[nodiscard]] platform::Result<void> remove(const std::string& identifier,
+    [[nodiscard]] platform::Result<void> remove(const ItemTarget& target,
                                                 const ProgressHandler& progress) const;
 
     /// Deletes what was trashed before the date; returns when that is done.
@@ -74,6 +78,7 @@ class Mutations {
                                             const ProgressHandler& progress) const;
 
     const std::unique_ptr<ExtensionSession>& session_;
+    const VolumeAccess& volume_;
     const std::chrono::milliseconds stallDeadline_;
 };
 

@@ -145,6 +145,7 @@ Result<std::shared_ptr<FileAttributes>> readAttributes(int directory, const char
     if (folder) attributes->parent = folder->identity;
     attributes->device = deviceOf(status);
     attributes->mode = status.stx_mode;
+    attributes->linkCount = status.stx_nlink;
     attributes->size = status.stx_size;
     attributes->modification = dateOf(status.stx_mtime);
     attributes->change = dateOf(status.stx_ctime);

@@ -27,7 +27,8 @@ struct FileAttributes final : QSURLAttachment {
     ObjectIdentity parent;     ///< the folder it was found in; zeroes for a root
     std::uint32_t device = 0;  ///< never 0
     std::uint32_t mode = 0;    ///< type and permission bits as in st_mode
-    std::uint64_t size = 0;    ///< bytes
+    std::uint32_t linkCount = 0;
+    std::uint64_t size = 0;  ///< bytes
     QSDate modification;
     QSDate change;
     std::optional<QSDate> creation;  ///< absent where the file system keeps no birth time

@@ -204,6 +204,26 @@ std::vector<QSURL> VolumeService::placesOfDocumentID(std::uint32_t documentID) c
     return number == ObjectIndex::none ? std::vector<QSURL>{} : state_->urlsOf(number);
 }
 
+Result<std::vector<QSURL>> VolumeService::placesOfObjectAt(const QSURL& url) {
+    const auto& files = state_->configuration.files;
+    const auto object = files.freshAttributes(url);
+    if (!object) return std::unexpected(object.error());
+    if ((*object)->isDirectory() || (*object)->linkCount < 2) return std::vector{url};
+    if (auto seen = waitUntilSeen(); !seen) return std::unexpected(seen.error());
+    std::vector<QSURL> places;
+    {
+        const std::shared_lock lock(state_->indexMutex);
+        const auto number = state_->index.findInode((*object)->identity.inode);
+        if (number != ObjectIndex::none) places = state_->urlsOf(number);
+    }
+    if (std::ranges::find(places, url) == places.end()) places.push_back(url);
+    std::erase_if(places, [&](const QSURL& place) {
+        const auto found = files.freshAttributes(place);
+        return !found || (*found)->identity != (*object)->identity;
+    });
+    return places;
+}
+
 bool VolumeService::isAway(const FSEvent& event) const {
     const std::shared_lock lock(state_->indexMutex);
     const auto& index = state_->index;

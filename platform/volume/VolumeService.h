@@ -111,6 +111,10 @@ class VolumeService final : public EventHistory {
     [[nodiscard]] std::optional<std::uint64_t> fileIDOfFolder(const ObjectIdentity& identity) const;
     /// Where the index has what has that inode number, one of its names; unchecked in the same way.
     [[nodiscard]] std::optional<QSURL> placeOfInode(std::uint64_t inode) const;
+    /// All places below the roots of the object that is at `url` now, `url` among them, each
+    /// checked on the disk. Where the object has several links, waits first as waitUntilSeen()
+    /// does. ENOENT where nothing is there.
+    [[nodiscard]] Result<std::vector<QSURL>> placesOfObjectAt(const QSURL& url);
     /// Whether the event's object, or a folder above it, is nowhere and may come back or be
     /// succeeded. An event will tell.
     [[nodiscard]] bool isAway(const FSEvent& event) const;
@@ -133,9 +137,10 @@ class VolumeService final : public EventHistory {
     /// The file ID of the object with that document ID; ENOENT where it is not known.
     [[nodiscard]] Result<std::uint64_t> fileIDForDocumentID(std::uint32_t documentID) const;
 
-    /// The URL of the object with that file ID, verified on the disk just now. One that fails its
-    /// check is looked for once all that happened has been seen, then fails with ENOENT; ECANCELED
-    /// when the service closes.
+    /// The URL of the object with that file ID, verified on the disk just now: of several names,
+    /// the one that the thread prefers (see PreferredPlace). One that fails its check is looked for
+    /// once all that happened has been seen, then fails with ENOENT; ECANCELED when the service
+    /// closes.
     [[nodiscard]] Result<QSURL> URLForFileID(std::uint64_t fileID);
 
     /// Brackets the removal of an object by this process itself, which is no half of a save:

@@ -4,6 +4,7 @@
 #include <unordered_map>
 
 #include "platform/volume/Follower.h"
+#include "platform/volume/PreferredPlace.h"
 #include "platform/volume/UserMetadataCopy.h"
 
 namespace platform {
@@ -103,6 +104,9 @@ std::optional<QSURL> VolumeService::State::locate(std::uint64_t fileID) const {
         urls = urlsOf(number);
     }
     if (node.fileID == 0 && freshOnly) return std::nullopt;
+    if (const auto* preferred = PreferredPlace::ofObject(node.inode)) {
+        urls = {QSURL::fileURLWithPath(preferred->path())};
+    }
     for (const auto& url : urls) {
         const auto attributes = configuration.files.attributes(url);
         if (!attributes) continue;

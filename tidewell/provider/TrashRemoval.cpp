@@ -1,5 +1,6 @@
 // The removal of what has lain in the trash for long.
 #include "platform/dispatch/Queue.h"
+#include "platform/fileprovider/ObjectNames.h"
 #include "platform/fileprovider/Platform.h"
 #include "platform/foundation/QSKeyedUnarchiver.h"
 #include "platform/tree/TreeLayout.h"
@@ -109,6 +110,8 @@ void LocalFileProvider::_removeTrashedItemsOlderThanDate(
         logDebug([&] {
             return "item " + *identifier + " was trashed before reference date, let's remove it";
         });
+        // This entry, wherever else the item has a name.
+        const auto preferred = preferPlace(url);
         (void)deleteItemWithIdentifier(
             *identifier, [identifier = *identifier, group](const std::optional<QSError>& error) {
                 if (!error) return;
