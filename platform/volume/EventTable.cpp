@@ -84,10 +84,7 @@ Result<void> EventTable::prepare(SQLiteDatabase& database) {
     for (const auto& [statement, sql] : statements) {
         if (auto done = prepareInto(*statement, database, sql); !done) return done;
     }
-    const auto count = firstValue(countAll_);
-    if (!count) return std::unexpected(count.error());
-    count_ = *count;
-    return {};
+    return recount();
 }
 
 void EventTable::close() {
@@ -112,7 +109,6 @@ Result<void> EventTable::append(std::span<const EventRecord> events) {
         append_.bind(10, sumOf(record));
         if (auto done = append_.run(); !done) return done;
     }
-    count_ += events.size();
     return {};
 }
 
@@ -168,7 +164,10 @@ Result<std::uint64_t> EventTable::lastToDrop(const Retention& retention) {
 
 Result<void> EventTable::drop(std::uint64_t upTo) {
     drop_.bind(1, upTo);
-    if (auto done = drop_.run(); !done) return done;
+    return drop_.run();
+}
+
+Result<void> EventTable::recount() {
     const auto count = firstValue(countAll_);
     if (!count) return std::unexpected(count.error());
     count_ = *count;

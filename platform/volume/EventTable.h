@@ -34,6 +34,9 @@ class EventTable {
 
     /// REQUIRES: within a transaction; IDs ascend, above all that are there.
     Result<void> append(std::span<const EventRecord> events);
+    /// To be called once a transaction that appended events, or dropped some, is committed.
+    void noteAppended(std::size_t count) { count_ += count; }
+    Result<void> recount();
 
     /// after < ID <= upTo, ascending, at most `limit`. EUCLEAN where a row is damaged.
     [[nodiscard]] Result<std::vector<EventRecord>> read(

@@ -533,6 +533,17 @@ Result<void> Follower::decideFor(std::span<const VolumeService::IdentityRequest>
     return done;
 }
 
+Result<void> Follower::commit() {
+    Result<void> done;
+    {
+        const std::scoped_lock lock(mutex_, state_.storeMutex);
+        done = reconciler_.commit();
+        noteCommit(done);
+    }
+    state_.announce();
+    return done;
+}
+
 Follower::Health Follower::health() const {
     const std::scoped_lock lock(mutex_);
     Health health{watches_.size(), {}, unwatched_.size() + unreadable_.size(), std::nullopt};

@@ -63,6 +63,9 @@ class Follower {
     /// looked at or written; then no identifier may be given out.
     Result<void> decideFor(std::span<const VolumeService::IdentityRequest> requests);
 
+    /// Writes now what a commit that failed has left.
+    Result<void> commit();
+
     struct Health {
         std::uint64_t watches = 0;
         std::vector<std::string> degradedFolders;

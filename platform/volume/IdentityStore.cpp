@@ -149,8 +149,8 @@ Result<std::unique_ptr<IdentityStore>> IdentityStore::open(const std::string& da
         }
     }
     if (!decision.isNews) store->state_ = decision.state;
-    store->used_ = store->committed_ = store->state_.marks.reserved;
-    store->lastEvent_ = store->state_.marks[Counter::Event];
+    store->used_ = store->state_.marks.reserved;
+    store->lastEvent_ = store->storedEvent_ = store->state_.marks[Counter::Event];
     return store;
 }
 
@@ -255,7 +255,7 @@ Result<void> IdentityStore::adopt(StoreState state, bool dropsObjects) {
     return {};
 }
 
-Result<std::uint64_t> IdentityStore::take(Counter counter) {
+Result<std::uint64_t> IdentityStore::allocate(Counter counter) {
     const auto index = static_cast<std::size_t>(counter);
     if (used_[index] >= rules[index].last) {
         QSError error = errorFromErrno(ENOSPC);
@@ -269,7 +269,7 @@ Result<void> IdentityStore::commit(std::span<const ObjectRow> rows, Durability d
                                    std::span<EventRecord> events,
                                    std::span<const OrphanChange> orphans) {
     for (auto& record : events) {
-        const auto id = take(Counter::Event);
+        const auto id = allocate(Counter::Event);
         if (!id) return std::unexpected(id.error());
         record.event.id = *id;
     }
@@ -291,20 +291,23 @@ Result<void> IdentityStore::commit(std::span<const ObjectRow> rows, Durability d
     }
     auto done = setSyncing(isDurable);
     if (done) done = writeTransaction(rows, isDurable ? &next : nullptr, events, orphans);
-    if (done && isDurable) {
-        // What follows must never repeat a sequence number that the store may hold already.
+    if (!done) return std::unexpected(reported(done.error()));
+    if (isDurable) {
         state_.marks = next.marks;
         state_.floor = next.floor;
-        done = witness_.write({next.store, next.history, next.marks});
+        isConfirmed_ = false;
     }
-    if (!done) {
-        if (isDurable) giveBack();
+    if (!events.empty()) storedEvent_ = events.back().event.id;
+    return {};
+}
+
+Result<void> IdentityStore::confirm() {
+    if (isConfirmed_) return {};
+    if (auto done = witness_.write({state_.store, state_.history, state_.marks}); !done) {
         return std::unexpected(reported(done.error()));
     }
-    if (isDurable) {
-        committed_ = used_;
-        lastEvent_ = committed_[static_cast<std::size_t>(Counter::Event)];
-    }
+    isConfirmed_ = true;
+    lastEvent_ = storedEvent_;
     return {};
 }
 
@@ -338,13 +341,17 @@ Result<void> IdentityStore::writeTransaction(std::span<const ObjectRow> rows,
     if (auto written = objects_.write(rows); !written) return written;
     if (auto written = orphans_.write(orphans); !written) return written;
     if (auto written = events_.append(events); !written) return written;
+    const bool drops = state && state->floor > state_.floor;
+    if (drops) {
+        if (auto dropped = events_.drop(state->floor); !dropped) return dropped;
+    }
     if (state) {
-        if (state->floor > state_.floor) {
-            if (auto dropped = events_.drop(state->floor); !dropped) return dropped;
-        }
         if (auto written = writeState(*state); !written) return written;
     }
-    return transaction.commit();
+    if (auto committed = transaction.commit(); !committed) return committed;
+    events_.noteAppended(events.size());
+    if (drops) (void)events_.recount();
+    return {};
 }
 
 Result<void> IdentityStore::writeState(const StoreState& state) {

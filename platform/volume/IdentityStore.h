@@ -57,23 +57,26 @@ class IdentityStore {
     [[nodiscard]] const StoreState& state() const { return state_; }
     [[nodiscard]] const std::string& path() const { return path_; }
 
-    /// A value that was never taken before. It may be used once a durable commit has succeeded; one
-    /// that fails takes it back. ENOSPC where the counter has come to its end.
-    [[nodiscard]] Result<std::uint64_t> take(Counter counter);
-    /// Takes back what was taken since the last durable commit.
-    void giveBack() { used_ = committed_; }
-    /// The last value in use. Any thread.
+    /// A number that no other call returns, also where the commit that it was meant for fails. It
+    /// may be shown once a durable commit was confirmed. ENOSPC at the end of the counter.
+    [[nodiscard]] Result<std::uint64_t> allocate(Counter counter);
+    /// The ID of the last event that is confirmed. Any thread.
     [[nodiscard]] std::uint64_t lastEvent() const { return lastEvent_; }
 
     enum class Durability : std::uint8_t {
         Hints,       ///< places of objects: a power cut may undo them
-        Identities,  ///< on disk, and known to the witness, on return
+        Identities,  ///< on disk on return
     };
     /// Writes whole rows in one transaction, all or nothing; fails with ENOSPC or EIO.
-    /// Events get their IDs here, and need to be durable.
+    /// Events get their IDs here, and need to be durable. What is durable must be confirmed before
+    /// anything of it is shown.
+    /// REQUIRES: the commit before is confirmed.
     Result<void> commit(std::span<const ObjectRow> rows, Durability durability,
                         std::span<EventRecord> events = {},
                         std::span<const OrphanChange> orphans = {});
+    /// Records in the witness what the last durable commit stored; nothing to do where that is
+    /// done. Where it fails the commit stands, and the call is to be repeated.
+    Result<void> confirm();
     /// Those that the last run left undecided; once.
     [[nodiscard]] std::vector<OrphanRow> takeOrphans() { return std::exchange(orphansFound_, {}); }
 
@@ -109,9 +112,10 @@ class IdentityStore {
     const StoreLock lock_;
     Witness witness_;
     StoreState state_;
-    std::array<std::uint64_t, counterCount> used_{};
-    std::array<std::uint64_t, counterCount> committed_{};
+    std::array<std::uint64_t, counterCount> used_{};  ///< only grows
+    std::uint64_t storedEvent_ = 0;                   ///< the last one of a commit
     std::atomic<std::uint64_t> lastEvent_ = 0;
+    bool isConfirmed_ = true;
 
     std::vector<OrphanRow> orphansFound_;
 

@@ -108,7 +108,7 @@ void ObjectIndex::load(const ObjectRow& row) {
     Node& node = nodes_[number];
     node.kind = row.kind;
     node.stamp = row.stamp;
-    node.isDirty = false;
+    markStored(number);
 }
 
 void ObjectIndex::loadFurtherName(std::uint64_t inode, const ObjectRow::Name& name) {
@@ -180,6 +180,7 @@ void ObjectIndex::clear() {
 void ObjectIndex::setIdentity(NodeNumber number, const ObjectRow& identity) {
     Node& node = nodes_[number];
     node.generation = identity.generation;
+    node.hasNewNumbers |= node.fileID != identity.fileID || node.documentID != identity.documentID;
     if (node.fileID != identity.fileID) {
         node.fileID = identity.fileID;
         if (node.fileID >= firstFreshFileID) {

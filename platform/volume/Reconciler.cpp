@@ -446,7 +446,7 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
     identity.inode = old.inode;
     identity.generation = generation;
     if (old.fileID != 0) {
-        if (const auto fresh = state_.store->take(Counter::File)) identity.fileID = *fresh;
+        if (const auto fresh = state_.store->allocate(Counter::File)) identity.fileID = *fresh;
         tookNumbers_ = true;
     }
     index.setIdentity(object, identity);

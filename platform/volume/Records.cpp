@@ -174,6 +174,10 @@ Result<void> Reconciler::commit() {
     tookNumbers_ = false;
     orphanChanges_.clear();
     strays_.clear();
+    {
+        const std::unique_lock lock(state_.indexMutex);
+        for (const auto node : taken) state_.index.markNumbersStored(node);
+    }
     captureMetadata();
     return {};
 }

@@ -241,8 +241,8 @@ Result<void> VolumeService::identify(std::span<IdentityRequest> requests) {
     }
     Result<void> done;
     if (state_->needsDecision(requests)) done = state_->follower->decideFor(requests);
-    if (!done) return done;
-    if (!state_->answerFromIndex(requests)) done = state_->allocate(requests);
+    if (done && state_->hasUnstored(requests)) done = state_->follower->commit();
+    if (done && !state_->answerFromIndex(requests)) done = state_->allocate(requests);
     if (done) state_->noteSuspects(requests);
     return done;
 }

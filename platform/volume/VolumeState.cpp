@@ -27,14 +27,14 @@ Result<void> renewIdentity(ObjectRow& row, const ObjectIdentity& seen, bool need
     row.generation = seen.generation;
     row.documentID = 0;
     if (!needsFresh) return {};
-    const auto fresh = store.take(Counter::File);
+    const auto fresh = store.allocate(Counter::File);
     if (!fresh) return std::unexpected(fresh.error());
     row.fileID = *fresh;
     return {};
 }
 
 Result<void> addDocumentID(ObjectRow& row, IdentityStore& store) {
-    const auto document = store.take(Counter::Document);
+    const auto document = store.allocate(Counter::Document);
     if (!document) return std::unexpected(document.error());
     row.documentID = static_cast<std::uint32_t>(*document);
     return {};
@@ -154,12 +154,20 @@ bool VolumeService::State::answerFromIndex(std::span<IdentityRequest> requests) 
         if (number == ObjectIndex::none) return false;
         const auto& node = index.node(number);
         if (node.fileID == 0 || node.generation != identity.generation ||
-            (request.wantsDocumentID && node.documentID == 0)) {
+            (request.wantsDocumentID && node.documentID == 0) || node.isUnstored()) {
             return false;
         }
         request.result = {node.fileID, request.wantsDocumentID ? node.documentID : 0};
     }
     return true;
+}
+
+bool VolumeService::State::hasUnstored(std::span<const IdentityRequest> requests) const {
+    const std::shared_lock lock(indexMutex);
+    return std::ranges::any_of(requests, [&](const IdentityRequest& request) {
+        const auto number = index.findInode(request.object->identity.inode);
+        return number != ObjectIndex::none && index.node(number).isUnstored();
+    });
 }
 
 bool VolumeService::State::needsDecision(std::span<const IdentityRequest> requests) const {
@@ -189,28 +197,27 @@ bool VolumeService::State::needsDecision(std::span<const IdentityRequest> reques
 
 Result<std::uint64_t> VolumeService::State::newFileID(std::uint64_t inode) {
     if (!freshOnly && inode != 0 && inode < firstFreshFileID) return inode;
-    return store->take(Counter::File);
+    return store->allocate(Counter::File);
 }
 
 Result<void> VolumeService::State::write(std::span<const ObjectRow> rows, bool isDurable,
                                          std::vector<EventRecord>& events,
                                          std::span<const OrphanChange> orphans) {
-    // Rows must never be ahead of what they mean.
+    // Never commit a row before the event that explains it.
     if (!unwritten.empty()) {
         unwritten.insert(unwritten.end(), std::make_move_iterator(events.begin()),
                          std::make_move_iterator(events.end()));
         events = std::exchange(unwritten, {});
     }
-    if (rows.empty() && events.empty() && !isDurable) return {};
-    const bool hasEvents = !events.empty();
-    if (hasEvents) datesOf(events);
-    auto done = store->commit(rows,
-                              isDurable || hasEvents ? IdentityStore::Durability::Identities
-                                                     : IdentityStore::Durability::Hints,
-                              events, orphans);
+    auto done = confirm();
+    if (done && rows.empty() && events.empty() && !isDurable) return done;
     if (done) {
-        if (hasEvents) hasNews = true;
-        return done;
+        if (!events.empty()) datesOf(events);
+        done = store->commit(rows,
+                             isDurable || !events.empty() ? IdentityStore::Durability::Identities
+                                                          : IdentityStore::Durability::Hints,
+                             events, orphans);
+        if (done) return confirm();
     }
     unwritten = std::move(events);
     if (unwritten.size() <= mostUnwritten) return done;
@@ -218,6 +225,13 @@ Result<void> VolumeService::State::write(std::span<const ObjectRow> rows, bool i
     unwritten.clear();
     const std::shared_lock lock(indexMutex);
     for (const auto& root : roots) unwritten.push_back(gapRecord(root.url.path()));
+    return done;
+}
+
+Result<void> VolumeService::State::confirm() {
+    const auto before = store->lastEvent();
+    auto done = store->confirm();
+    if (store->lastEvent() != before) hasNews = true;
     return done;
 }
 
@@ -367,7 +381,10 @@ Result<void> VolumeService::State::allocate(std::span<IdentityRequest> requests)
             const auto [entry, isNew] = staged.try_emplace(inode);
             if (!isNew) continue;
             const auto number = index.findInode(inode);
-            if (number != ObjectIndex::none) entry->second.row = index.row(number);
+            if (number != ObjectIndex::none) {
+                if (index.node(number).isUnstored()) return std::unexpected(errorFromErrno(EIO));
+                entry->second.row = index.row(number);
+            }
             entry->second.row.inode = inode;
         }
     }
@@ -378,10 +395,7 @@ Result<void> VolumeService::State::allocate(std::span<IdentityRequest> requests)
         auto& entry = staged[request.object->identity.inode];
         const auto before = entry.row;
         const auto settled = settle(request, entry);
-        if (!settled) {
-            store->giveBack();
-            return std::unexpected(settled.error());
-        }
+        if (!settled) return std::unexpected(settled.error());
         results.push_back(*settled);
         // The object that had the number has gone unseen.
         if (before.fileID != 0 && before.fileID != entry.row.fileID) {

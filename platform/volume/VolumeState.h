@@ -51,6 +51,8 @@ struct VolumeService::State {
     [[nodiscard]] bool isThere(const IdentityRequest& request) const;
     /// Answers from the index alone; false where a request has to be allocated first.
     [[nodiscard]] bool answerFromIndex(std::span<IdentityRequest> requests) const;
+    /// Whether one of these objects has a number that a commit has still to write.
+    [[nodiscard]] bool hasUnstored(std::span<const IdentityRequest> requests) const;
     /// Whether what the index does not know yet, or what is not decided yet, may bear on which
     /// document IDs these objects have.
     [[nodiscard]] bool needsDecision(std::span<const IdentityRequest> requests) const;
@@ -73,11 +75,14 @@ struct VolumeService::State {
     /// The file ID for an object whose inode number was never handed out. REQUIRES: storeMutex.
     [[nodiscard]] Result<std::uint64_t> newFileID(std::uint64_t inode);
     /// One transaction, which also writes the events of those before it that failed. Events that
-    /// cannot be written wait for the next one; too many become a gap. REQUIRES: storeMutex is
-    /// held.
+    /// cannot be written wait for the next one; too many become a gap. Where it fails after all was
+    /// stored, since the witness could not be written, the same rows may be written again.
+    /// REQUIRES: storeMutex is held.
     Result<void> write(std::span<const ObjectRow> rows, bool isDurable,
                        std::vector<EventRecord>& events,
                        std::span<const OrphanChange> orphans = {});
+    /// Makes what is stored visible; see IdentityStore. REQUIRES: storeMutex is held.
+    Result<void> confirm();
     /// Dates the events that have no date yet, and says which ones are too old to be kept.
     /// REQUIRES: storeMutex is held.
     void datesOf(std::vector<EventRecord>& events);

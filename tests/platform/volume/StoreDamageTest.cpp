@@ -1,5 +1,8 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <random>
 
@@ -10,8 +13,31 @@
 namespace tests {
 namespace {
 
-using namespace std::string_view_literals;
+using namespace std::literals;
 namespace fs = std::filesystem;
+
+/// Makes writes to this process's descriptor of the file fail.
+class ReadOnlyFile {
+  public:
+    explicit ReadOnlyFile(const fs::path& file) {
+        for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+            std::error_code error;
+            if (fs::read_symlink(entry, error) == file) fd_ = std::stoi(entry.path().filename());
+        }
+        saved_ = dup(fd_);
+        const int refusing = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+        dup2(refusing, fd_);
+        close(refusing);
+    }
+    ~ReadOnlyFile() {
+        dup2(saved_, fd_);
+        close(saved_);
+    }
+
+  private:
+    int fd_ = -1;
+    int saved_ = -1;
+};
 
 /// Remembers what every identifier was handed out for.
 class StoreDamageTest : public VolumeFixture {
@@ -47,11 +73,41 @@ class StoreDamageTest : public VolumeFixture {
         stream.seekp(static_cast<std::streamoff>(offset));
         stream << bytes;
     }
+    /// The kernel follows in steps that the test makes.
+    void openManually() {
+        adjust = [this](auto& configuration) {
+            configuration.isManual = true;
+            configuration.now = [this] { return std::chrono::steady_clock::now() + skew; };
+        };
+        open();
+        ASSERT_TRUE(service->waitUntilSettled());
+    }
+    /// Replaces the file by another one with the same inode number.
+    void reuse(std::string_view from, std::string_view to) const {
+        const auto inode = attributes(from)->identity.inode;
+        fs::remove(native(from));
+        std::vector<std::string> others;  // while somebody else on this disk has the number
+        for (makeFile(to); attributes(to)->identity.inode != inode; makeFile(to)) {
+            others.push_back("other" + std::to_string(others.size()));
+            ASSERT_LT(others.size(), 1000u);
+            fs::rename(native(to), native(others.back()));
+        }
+        for (const auto& other : others) fs::remove(native(other));
+    }
+    /// The error of a request for the file, 0 where it succeeds.
+    int errorOfIdentify(std::string_view path) const {
+        const auto object = attributes(path);
+        VolumeService::IdentityRequest request{
+            .object = object.get(), .name = path, .wantsDocumentID = true, .result = {}};
+        const auto done = service->identify({&request, 1});
+        return done ? 0 : static_cast<int>(done.error().code);
+    }
     std::optional<QSUUID> history() const {
         return service->UUIDForDevice(attributes(".")->device);
     }
 
     Ledger ledger;
+    std::chrono::seconds skew{0};  ///< of the clock of a manual service
 };
 
 TEST_F(StoreDamageTest, NoIdentifierEverComesBackForAnotherObject) {
@@ -154,24 +210,61 @@ TEST_F(StoreDamageTest, AFailedWriteChangesNothingAndIsOverWhenTheDiskRecovers) 
     makeFile("a");
     const auto known = identify("a");
     makeFile("b");
-    const auto object = attributes("b");
-    VolumeService::IdentityRequest request{
-        .object = object.get(), .name = "b", .wantsDocumentID = true, .result = {}};
-
-    const auto failed = [&] {
+    {
         const FullDisk full;
-        return service->identify({&request, 1});
-    }();
-
-    ASSERT_FALSE(failed);
-    EXPECT_THAT(failed.error().code, testing::AnyOf(EIO, ENOSPC));
-    EXPECT_EQ(request.result.documentID, 0u);
+        EXPECT_THAT(errorOfIdentify("b"), testing::AnyOf(EIO, ENOSPC));
+        EXPECT_EQ(identify("a").documentID, known.documentID);
+    }
     EXPECT_EQ(service->fileIDForDocumentID(known.documentID + 1).error().code, ENOENT);
-    EXPECT_EQ(identify("a").documentID, known.documentID);
     const auto later = identify("b");
     EXPECT_GT(later.documentID, known.documentID);
     open();
     EXPECT_EQ(identify("b").documentID, later.documentID);
+}
+
+TEST_F(StoreDamageTest, ANumberOfAFailedCommitIsNeverAllocatedAgain) {
+    for (const char* name : {"a", "c"}) makeFile(name);
+    openManually();
+    identifyAll({"a", "c"});
+    reuse("a", "b");
+    {
+        const FullDisk full;
+        service->step();
+        EXPECT_NE(errorOfIdentify("b"), 0) << "its file ID is in no store yet";
+    }
+    skew += 2s;  // then it is tried again
+    ASSERT_TRUE(service->waitUntilSettled());
+    reuse("c", "d");
+    ASSERT_TRUE(service->waitUntilSettled());
+    for (int run = 0; run < 2; ++run) {
+        const auto both = identifyAll({"b", "d"});
+        EXPECT_NE(both[0].fileID, both[1].fileID);
+        EXPECT_EQ(resolve(both[0].fileID), "b");
+        EXPECT_EQ(resolve(both[1].fileID), "d");
+        open();
+    }
+}
+
+TEST_F(StoreDamageTest, ANumberThatTheWitnessMissedIsNeitherHandedOutNorAllocatedAgain) {
+    openManually();
+    for (const char* name : {"a", "b"}) makeFile(name);
+    const auto before = service->currentEventID();
+    {
+        const ReadOnlyFile refused(scratch / "state/witness");
+        EXPECT_EQ(errorOfIdentify("a"), EIO);
+        service->step();
+        EXPECT_EQ(service->currentEventID(), before);
+    }
+    skew += 2s;
+    const auto b = identify("b").documentID;
+    EXPECT_TRUE(service->waitUntilSettled());
+    const auto events = service->eventsAfter(before, service->currentEventID(), 100).value();
+    EXPECT_EQ(std::ranges::count(events, url("a").path(), &FSEvent::path), 1);
+    for (int run = 0; run < 2; ++run) {
+        EXPECT_NE(identify("a").documentID, b);
+        EXPECT_EQ(identify("b").documentID, b);
+        open();
+    }
 }
 
 TEST(StoreDecisionTest, AnotherFileSystemKeepsNothingAndAnotherMountEverything) {
