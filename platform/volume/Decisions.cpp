@@ -246,6 +246,23 @@ void Reconciler::decideFor(std::span<const VolumeService::IdentityRequest> reque
     });
 }
 
+void Reconciler::decideAbout(std::uint32_t document, Time now) {
+    now_ = now;
+    occasion_ = Occasion::Live;
+    decide(document, now, true);
+}
+
+std::optional<QSURL> Reconciler::lastPlaceOf(NodeNumber object) const {
+    const std::shared_lock lock(state_.indexMutex);
+    const auto& index = state_.index;
+    if (!departures_.departure(index.top(object))) return std::nullopt;
+    if (const auto* own = departures_.departure(object)) {
+        return QSURL::fileURLWithPath(joined(pathOfFolder(own->last.folder), own->last.name));
+    }
+    const auto& entry = index.entry(index.node(object).firstName);
+    return QSURL::fileURLWithPath(joined(pathOfFolder(entry.folder), index.name(entry)));
+}
+
 /// Where the request's object has the number of another, that one has gone, and what it held.
 void Reconciler::renewFor(const VolumeService::IdentityRequest& request) {
     const auto& seen = request.object->identity;

@@ -544,6 +544,21 @@ Result<void> Follower::commit() {
     return done;
 }
 
+std::optional<QSURL> Follower::lastPlaceOf(NodeNumber object) const {
+    const std::scoped_lock lock(mutex_);
+    return reconciler_.lastPlaceOf(object);
+}
+
+void Follower::decideAbout(std::uint32_t documentID) {
+    {
+        const std::scoped_lock lock(mutex_);
+        const std::scoped_lock store(state_.storeMutex);
+        reconciler_.decideAbout(documentID, now());
+        noteCommit(reconciler_.commit());
+    }
+    state_.announce();
+}
+
 Follower::Health Follower::health() const {
     const std::scoped_lock lock(mutex_);
     Health health{watches_.size(), {}, unwatched_.size() + unreadable_.size(), std::nullopt};

@@ -29,6 +29,8 @@ namespace platform {
 /// the caller of a barrier. Any thread; one step at a time.
 class Follower {
   public:
+    using NodeNumber = ObjectIndex::NodeNumber;
+
     explicit Follower(VolumeService::State& state);
     /// Ends the thread and every wait (with ECANCELED).
     ~Follower();
@@ -66,6 +68,11 @@ class Follower {
     /// Writes now what a commit that failed has left.
     Result<void> commit();
 
+    /// Where an object that is missing was last; none where no decision about it is pending.
+    [[nodiscard]] std::optional<QSURL> lastPlaceOf(NodeNumber object) const;
+    /// Decides now whether the document has a replacement.
+    void decideAbout(std::uint32_t documentID);
+
     struct Health {
         std::uint64_t watches = 0;
         std::vector<std::string> degradedFolders;
@@ -75,7 +82,6 @@ class Follower {
     [[nodiscard]] Health health() const;
 
   private:
-    using NodeNumber = ObjectIndex::NodeNumber;
     using Time = Reconciler::Time;
 
     struct Mark {

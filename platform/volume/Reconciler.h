@@ -86,6 +86,10 @@ class Reconciler {
     void decideAfterScan(Time now);
     /// Decides at once what concerns these objects, since an identifier of one is asked for.
     void decideFor(std::span<const VolumeService::IdentityRequest> requests, Time now);
+    void decideAbout(std::uint32_t document, Time now);
+    /// Where an object that is missing was last; none where no decision about it, or about a folder
+    /// above it, is pending.
+    [[nodiscard]] std::optional<QSURL> lastPlaceOf(NodeNumber object) const;
     [[nodiscard]] bool isSettled() const { return departures_.isEmpty() && orphans_.empty(); }
     /// When decideDue should be called next; none where nothing waits.
     [[nodiscard]] std::optional<Time> nextDecision(Time now) const;

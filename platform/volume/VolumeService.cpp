@@ -225,14 +225,19 @@ Result<std::vector<QSURL>> VolumeService::placesOfObjectAt(const QSURL& url) {
 }
 
 bool VolumeService::isAway(const FSEvent& event) const {
-    const std::shared_lock lock(state_->indexMutex);
-    const auto& index = state_->index;
-    const auto number = event.identifierKind == IdentifierKind::Document
-                            ? index.findDocumentID(event.documentID)
-                            : index.findFileID(event.fileID);
-    if (number == ObjectIndex::none) return false;
-    const auto& top = index.node(index.top(number));
-    return !top.isRoot && top.firstName == ObjectIndex::none && top.isHeld;
+    return state_->missingObjectOf(event) != ObjectIndex::none;
+}
+
+std::optional<QSURL> VolumeService::lastPlaceOf(const FSEvent& event) const {
+    const auto number = state_->missingObjectOf(event);
+    if (number == ObjectIndex::none) return std::nullopt;
+    return state_->follower->lastPlaceOf(number);
+}
+
+void VolumeService::decideAbout(const FSEvent& event) {
+    if (event.identifierKind == IdentifierKind::Document) {
+        state_->follower->decideAbout(event.documentID);
+    }
 }
 
 Result<void> VolumeService::identify(std::span<IdentityRequest> requests) {

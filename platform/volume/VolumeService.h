@@ -118,6 +118,11 @@ class VolumeService final : public EventHistory {
     /// Whether the event's object, or a folder above it, is nowhere and may come back or be
     /// succeeded. An event will tell.
     [[nodiscard]] bool isAway(const FSEvent& event) const;
+    /// Where an object that is missing like that was last, which is where its removal will be
+    /// reported; none where it is not missing.
+    [[nodiscard]] std::optional<QSURL> lastPlaceOf(const FSEvent& event) const;
+    /// Decides now whether the event's document has a replacement.
+    void decideAbout(const FSEvent& event);
 
     struct Identity {
         std::uint64_t fileID = 0;      ///< durable; never another object's

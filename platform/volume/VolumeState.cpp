@@ -119,6 +119,17 @@ std::optional<QSURL> VolumeService::State::locate(std::uint64_t fileID) const {
     return std::nullopt;
 }
 
+ObjectIndex::NodeNumber VolumeService::State::missingObjectOf(const FSEvent& event) const {
+    const std::shared_lock lock(indexMutex);
+    const auto number = event.identifierKind == IdentifierKind::Document
+                            ? index.findDocumentID(event.documentID)
+                            : index.findFileID(event.fileID);
+    if (number == ObjectIndex::none) return ObjectIndex::none;
+    const auto& top = index.node(index.top(number));
+    const bool isMissing = !top.isRoot && top.firstName == ObjectIndex::none && top.isHeld;
+    return isMissing ? number : ObjectIndex::none;
+}
+
 std::optional<QSURL> VolumeService::State::placeOf(const IdentityRequest& request) const {
     if (!hasPlace(request)) return std::nullopt;
     const std::shared_lock lock(indexMutex);

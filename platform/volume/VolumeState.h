@@ -44,6 +44,9 @@ struct VolumeService::State {
     [[nodiscard]] std::optional<QSURL> urlOf(ObjectIndex::NodeNumber number) const;
     /// All its places, the same way.
     [[nodiscard]] std::vector<QSURL> urlsOf(ObjectIndex::NodeNumber number) const;
+    /// The event's object where it, or a folder above it, is missing and may come back or have a
+    /// replacement; else none.
+    [[nodiscard]] ObjectIndex::NodeNumber missingObjectOf(const FSEvent& event) const;
     /// Where the object of the request was seen; none where that cannot be told.
     [[nodiscard]] std::optional<QSURL> placeOf(const IdentityRequest& request) const;
     /// Whether the object of the request is still where it was seen, or where the index has what

@@ -72,7 +72,10 @@ Cover ContainerCover::coverOf(const LocalItem& item) const {
     const auto url = item.fileURL();
     const auto cover = url ? placeOf(*url).cover : Cover::Outside;
     if (cover != Cover::Shown) return cover;
-    if (item.isTrashed()) return Cover::Trashed;
+    // Who browses the trash sees what is in it, and what changes there.
+    if (item.isTrashed() && (isRecursive() || !isInTrash(urls_.front().path()))) {
+        return Cover::Trashed;
+    }
     return showsFoldersOnly_ && !item.isFolder() ? Cover::NotAFolder : Cover::Shown;
 }
 

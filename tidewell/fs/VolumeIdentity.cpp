@@ -7,6 +7,7 @@
 
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QSFileProviderError.h"
+#include "platform/tree/PathRelation.h"
 #include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
 #include "tidewell/identity/TWPFileObjectIdentifier.h"
 
@@ -43,9 +44,7 @@ Result<bool> foldersHaveMovedSince(std::uint64_t eventID, const ContainerCover& 
     const auto& container = cover.urls().front().path();
     const auto matters = [&](const FSEvent& event) {
         if ((event.flags & folderMoved) != folderMoved) return false;
-        return cover.isRecursive() ||
-               (container.starts_with(event.path) &&
-                (container.size() == event.path.size() || container[event.path.size()] == '/'));
+        return cover.isRecursive() || isAtOrBelow(container, event.path);
     };
     for (auto after = eventID; after != *now;) {
         const auto events = Platform::current().events().history->eventsAfter(after, *now, batch);

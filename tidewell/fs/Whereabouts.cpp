@@ -29,13 +29,26 @@ bool isObjectOf(const LocalItem& item, const FSEvent& event) {
     return item.itemIdentifier() == "fid=" + std::to_string(fileID);
 }
 
+/// Whether the object is missing for the moment and an event in the container will report what
+/// becomes of it.
+bool isAwaited(const FSEvent& event, const ContainerCover& cover) {
+    auto& volume = Platform::current().volume();
+    if (cover.isRecursive()) return volume.isAway(event);
+    const auto last = volume.lastPlaceOf(event);
+    if (!last || cover.placeOf(*last).cover != Cover::Outside) return last.has_value();
+    // It left the container before it went missing. A replacement in the container is all that
+    // would be reported here.
+    volume.decideAbout(event);
+    return false;
+}
+
 }  // namespace
 
 Result<Whereabouts> whereaboutsOf(const FSEvent& event, const std::string& identifier,
                                   const ContainerCover& cover) {
     const bool isEnd = (event.flags & (fsEventRemoved | fsEventMoved)) == fsEventRemoved;
     Whereabouts found;
-    found.isOnTheMove = !isEnd && Platform::current().volume().isAway(event);
+    found.isOnTheMove = !isEnd && isAwaited(event, cover);
     const auto wantsPackage = event.identifierKind == IdentifierKind::Document;
     for (const auto& known : placesOf(event)) {
         if (cover.placeOf(known).cover != Cover::Shown) continue;
