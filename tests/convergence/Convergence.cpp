@@ -13,6 +13,7 @@
 #include "tests/convergence/Product.h"
 #include "tests/convergence/Recipes.h"
 #include "tests/convergence/Replica.h"
+#include "tests/support/FullDisk.h"
 #include "tests/support/ScratchFolder.h"
 
 namespace tests {
@@ -30,6 +31,9 @@ unsigned faultsOf(const RunOptions& options) {
     if (below(random, 8) != 0) faults &= ~static_cast<unsigned>(faultStoreLoss);
     if (below(random, 4) == 0) faults |= faultLibraries;
     if (below(random, 3) == 0) faults |= faultOwnVerbs;
+    if (below(random, 2) == 0) faults |= faultFolders;
+    if (below(random, 4) == 0) faults |= faultLinks;
+    if (below(random, 4) == 0) faults |= faultFullDisk;
     return faults;
 }
 
@@ -91,6 +95,7 @@ class Run {
         for (const auto* folder : {"s/.Trash", "s/a/a", "s/a/b", "s/b/a", "out", "l/x/Documents"}) {
             scratch_.makeFolder(folder);
         }
+        for (auto& replica : folders_) replica.turnTo({});
     }
 
     RunResult run() {
@@ -136,7 +141,8 @@ class Run {
     void begin(Actor& actor, std::size_t index) {
         if (options_.only && !options_.only->contains(index)) return;
         auto random = randomOf(index);
-        auto operation = randomOperation(random);
+        auto operation =
+            has(faultLinks) && index % 2 == 0 ? linkingOperation(random) : randomOperation(random);
         if (has(faultLibraries)) {
             operation.script = partlyInLibraries(operation, Random(options_.seed * 777 + index));
         }
@@ -191,6 +197,7 @@ class Run {
         if (has(faultLibraries) && below(random, 60) == 0) changeLibraries(random);
         if (!product_.isRunning()) {
             if (below(random, 20) > 0) return;
+            fullFor_ = 0;
             note(product_.start());
             logDeed("the product begins");
             return;
@@ -199,6 +206,10 @@ class Run {
         const auto happens = [&](Fault fault, std::size_t oneIn) {
             return has(fault) && below(random, oneIn) == 0;
         };
+        if (options_.mode == 'D' && happens(faultFullDisk, 80)) fullFor_ = below(random, 40);
+        auto full = fullFor_ > 0 ? std::make_unique<FullDisk>() : nullptr;
+        if (full) --fullFor_;
+        for (auto* replica : allReplicas()) replica->setPatient(full != nullptr);
         if (happens(faultPauses, 40)) pause_ = below(random, 60);
         if (pause_ > 0) {
             --pause_;
@@ -219,8 +230,26 @@ class Run {
             }
             log_.setLooking(false);
         }
+        if (happens(faultFolders, 4)) {
+            auto& replica = folders_.at(below(random, folders_.size()));
+            if (replica.container().empty() || below(random, 20) == 0) {
+                replica.turnTo(replicas_[0].anyFolder(random));
+            }
+            log_.setLooking(true);
+            logDeed("look");
+            replica.pull(product_.service());
+            log_.setLooking(false);
+        }
+        full.reset();  // an end of the product, with its copy, is the run's own
         if (happens(faultRestarts, 100)) stop();
-        for (const auto& replica : replicas_) note(replica.failure());
+        for (const auto* replica : allReplicas()) note(replica->failure());
+    }
+
+    std::vector<Replica*> allReplicas() {
+        std::vector<Replica*> all;
+        for (auto& replica : replicas_) all.push_back(&replica);
+        for (auto& replica : folders_) all.push_back(&replica);
+        return all;
     }
 
     /// It lists step by step, loses what it has, and goes on from what it once kept.
@@ -279,6 +308,7 @@ class Run {
         if (!product_.isRunning()) note(product_.start());
         if (!ok()) return;
         product_.mood().setCalm(true);
+        for (auto* replica : allReplicas()) replica->setPatient(false);
         note(product_.settle());
         Ledger::Barrier barrier{
             .deeds = log_.take(),
@@ -301,6 +331,11 @@ class Run {
             if (!has(faultStoreLoss) && !has(faultLibraries))
                 note("an anchor was refused although nothing was lost");
         }
+        for (auto& replica : folders_) {
+            replica.pull(product_.service());
+            auto identifiers = barrier.identifiers;  // the others are of what is shown
+            note(replica.compare(barrier.rows, identifiers, placeOfFolder(replica.container())));
+        }
         const auto isFolder = [](const WalkedRow& row) {
             return row.kind == 'd' || row.kind == 'p';
         };
@@ -309,6 +344,17 @@ class Run {
         if (ok()) note(ledger_.check(std::move(barrier)));
         if (watches == folders || has(faultWatchLimit)) return;
         note(std::to_string(watches) + " watches for " + std::to_string(folders) + " folders");
+    }
+
+    /// Where the walk has the folder.
+    std::string placeOfFolder(const std::string& identifier) {
+        const auto path = product_.service().path(identifier);
+        if (identifier.empty() || !path) return {};
+        auto place = path->substr(base().size() + 1);
+        if (place.starts_with("l/")) {
+            place.replace(0, 1, "s").erase(place.find("/Documents"), 10);
+        }
+        return place;
     }
 
     const RunOptions& options_;
@@ -324,9 +370,11 @@ class Run {
                               }};
     std::array<Actor, 2> actors_{{{0, place_, log_}, {1, place_, log_}}};
     std::array<Replica, 3> replicas_{Replica("R1"), Replica("R2"), Replica("R3")};
+    std::array<Replica, 2> folders_{Replica("F1"), Replica("F2")};
     Ledger ledger_;
     std::size_t pause_ = 0;
-    bool looks_ = true;  // whether anyone looks before the barrier
+    std::size_t fullFor_ = 0;  ///< the disk is full
+    bool looks_ = true;        // whether anyone looks before the barrier
     bool forgetsIdentifiers_ = false;
     std::string difference_;
 };

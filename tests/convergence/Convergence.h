@@ -22,6 +22,9 @@ enum Fault : unsigned {
     faultSplits = 1024,     ///< a read gives only some of what is there
     faultLibraries = 2048,  ///< applications come and go, with their documents
     faultOwnVerbs = 4096,   ///< no fault: some of the changes are made through the product
+    faultFolders = 8192,    ///< no fault: clients hold single folders too, which move
+    faultLinks = 16384,     ///< no fault: most files have several names
+    faultFullDisk = 32768,  ///< at times the store cannot be written (D alone)
 };
 
 struct RunOptions {

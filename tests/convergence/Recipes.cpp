@@ -132,6 +132,16 @@ bool isBackupName(std::string_view name) {
     return false;
 }
 
+Operation linkingOperation(Random& random) {
+    const auto file = randomPath(random, false);
+    std::string script = "?excl " + file + "|?put|?close|";
+    for (auto names = below(random, 3) + 1; names > 0; --names) {
+        const auto other = randomTarget(random, false);
+        script += below(random, 3) == 0 ? "?rm " + other + "|" : "?ln " + file + " " + other + "|";
+    }
+    return {script};
+}
+
 Operation randomOperation(Random& random) {
     const auto file = randomPath(random, false);
     // Half of the time the folders above are made where they are missing.

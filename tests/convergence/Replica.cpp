@@ -1,10 +1,11 @@
 #include "tests/convergence/Replica.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <iterator>
 #include <sstream>
 
 #include "host/errors.h"
-#include "platform/fileprovider/QSFileProviderItem.h"
 
 namespace tests {
 
@@ -38,18 +39,41 @@ std::string difference(const host::ItemRecord& item, const WalkedRow& row) {
 
 }  // namespace
 
+bool Replica::isTree() const {
+    return container_ == workingSet;
+}
+
+/// A folder that is out of sight is held no more; what fails on a full disk is tried again.
+void Replica::fail(const platform::QSError& error) {
+    const bool isMissing = host::meansNoSuchItem(error) || error.code == ENODATA;
+    if (!isTree() && (isMissing || host::meansExpired(error))) return turnTo({});
+    isListing_ = true;
+    if (isPatient_ && (error.code == EIO || error.code == ENOSPC)) return;
+    if (failure_.empty()) failure_ = name_ + ": " + error.description();
+}
+
+std::string Replica::anyFolder(Random& random) const {
+    std::map<std::string, std::string> folders{{"", root}};
+    for (const auto& [identifier, item] : state_.items) {
+        if (item.isFolder()) folders[pathOf(item)] = identifier;
+    }
+    return std::next(folders.begin(), static_cast<int>(below(random, folders.size())))->second;
+}
+
 void Replica::begin(host::DocumentService& service) {
     state_ = {};
     pending_.clear();
-    auto anchor = service.anchor(workingSet);
+    isListing_ = false;
+    auto anchor = service.anchor(container_);
     if (!anchor) return fail(anchor.error());
     state_.anchor = std::move(*anchor);
 }
 
 void Replica::list(host::DocumentService& service) {
     begin(service);
-    const auto listed = service.list(workingSet, host::Order::ByName, [&](const auto& item) {
-        if (!item.isTrashed) state_.items[item.itemIdentifier] = item;
+    if (isListing_) return;
+    const auto listed = service.list(container_, host::Order::ByName, [&](const auto& item) {
+        if (!item.isTrashed || !isTree()) state_.items[item.itemIdentifier] = item;
         return true;
     });
     if (!listed) fail(listed.error());
@@ -82,7 +106,7 @@ void Replica::listStep(host::DocumentService& service) {
         }
     } else if (!page.next) {
         // Something else took the folder's path meanwhile; that cannot go on for ever.
-        if (++mishaps_ == 100) return fail(page.next.error());
+        if (!isPatient_ && ++mishaps_ == 100) return fail(page.next.error());
         pending_.push_back({next.container});
     }
 }
@@ -97,7 +121,8 @@ void Replica::take(const host::ChangePage& page) {
         failure_ = name_ + ": a page too large";
     }
     for (const auto& item : page.updates) {
-        if (item.isTrashed) failure_ = name_ + ": trashed, but updated: " + item.filename;
+        if (item.isTrashed && isTree())
+            failure_ = name_ + ": trashed, but updated: " + item.filename;
         const auto isNew = state_.items.insert_or_assign(item.itemIdentifier, item).second;
         // It may have gone from a folder not yet listed to one that was, with all that is in it.
         if (isNew && isListed_ && item.isFolder()) pending_.push_back({item.itemIdentifier});
@@ -110,7 +135,9 @@ void Replica::take(const host::ChangePage& page) {
 }
 
 void Replica::pull(host::DocumentService& service) {
-    const auto reached = service.changes(workingSet, state_.anchor, [&](const auto& page) {
+    if (container_.empty()) return;
+    if (isListing_) return list(service);
+    const auto reached = service.changes(container_, state_.anchor, [&](const auto& page) {
         take(page);
         return true;
     });
@@ -125,7 +152,11 @@ void Replica::pull(host::DocumentService& service) {
         while (std::erase_if(state_.items, isOutOfSight) > 0) continue;
         return;
     }
-    if (!host::meansExpired(reached.error())) return fail(reached.error());
+    if (!host::meansExpired(reached.error())) {
+        fail(reached.error());
+        isListing_ = false;  // the anchor is where it was
+        return;
+    }
     ++refusals_;
     list(service);
     keep();
@@ -134,7 +165,8 @@ void Replica::pull(host::DocumentService& service) {
 std::string Replica::pathOf(const host::ItemRecord& item) const {
     std::string path = item.filename;
     const auto* at = &item;
-    for (std::size_t depth = 0; at->parentItemIdentifier != root; ++depth) {
+    const auto& top = isTree() ? root : container_;
+    for (std::size_t depth = 0; at->parentItemIdentifier != top; ++depth) {
         const auto parent = state_.items.find(at->parentItemIdentifier);
         if (parent == state_.items.end() || depth > state_.items.size()) return {};
         at = &parent->second;
@@ -143,12 +175,20 @@ std::string Replica::pathOf(const host::ItemRecord& item) const {
     return path;
 }
 
+bool Replica::isShown(const WalkedRow& row, const std::string& folder) const {
+    if (isTree()) return row.isShown && row.path != folder;
+    if (!row.path.starts_with(folder + "/")) return false;
+    const auto name = row.path.substr(folder.size() + 1);
+    return !name.starts_with('.') && name.find('/') == name.npos;
+}
+
 std::string Replica::compare(const std::vector<WalkedRow>& rows,
-                             std::map<ObjectKey, std::string>& identifiers) const {
-    if (!failure_.empty()) return failure_;
+                             std::map<ObjectKey, std::string>& identifiers,
+                             const std::string& folder) const {
+    if (!failure_.empty() || container_.empty()) return failure_;
     std::map<std::string, const WalkedRow*> shown;
     for (const auto& row : rows) {
-        if (row.isShown && row.path != "s") shown[row.path.substr(2)] = &row;
+        if (isShown(row, folder)) shown[row.path.substr(folder.size() + 1)] = &row;
     }
     std::set<ObjectKey> found;
     for (const auto& [identifier, item] : state_.items) {

@@ -8,12 +8,14 @@
 #include <vector>
 
 #include "host/DocumentService.h"
+#include "platform/fileprovider/QSFileProviderItem.h"
+#include "tests/convergence/Recipes.h"
 #include "tests/convergence/Walker.h"
 
 namespace tests {
 
-/// What a client knows of the tree, from listing pages and change pages alone. What is in the trash
-/// is left out: it is seen by listing only.
+/// What a client knows of the tree, or of one folder, from listing pages and change pages alone.
+/// What is in the trash of the tree is left out: it is seen by listing only.
 class Replica {
   public:
     explicit Replica(std::string name) : name_(std::move(name)) {}
@@ -21,25 +23,39 @@ class Replica {
     /// The first reason for which it can go on no more; empty while all is well.
     [[nodiscard]] const std::string& failure() const { return failure_; }
 
-    /// Takes an anchor and lists the tree at once.
+    /// Turns to a single folder. When that is missing, it holds none.
+    void turnTo(const std::string& folder) { container_ = folder, isListing_ = true, state_ = {}; }
+    /// Empty where it holds none.
+    [[nodiscard]] const std::string& container() const { return container_; }
+    /// Any folder that it knows; the root where it knows none.
+    [[nodiscard]] std::string anyFolder(Random& random) const;
+
+    /// Takes an anchor and lists the container at once.
     void list(host::DocumentService& service);
     /// The same folder by folder, one page each time; begins anew where no listing runs.
     void listStep(host::DocumentService& service);
     [[nodiscard]] bool isListing() const { return !pending_.empty(); }
 
-    /// Takes over what has changed. An anchor that is refused is counted, and the tree listed anew.
+    /// Takes over what has changed. An anchor that is refused is counted, and the container listed
+    /// anew.
     void pull(host::DocumentService& service);
+    /// While the store cannot be written, calls may fail, and are made again later.
+    void setPatient(bool isPatient) { isPatient_ = isPatient; }
     [[nodiscard]] std::size_t refusals() const { return refusals_; }
     /// Goes back to what it knew when it kept that, as a client would that starts again.
     void goBack() { state_ = kept_; }
-    void keep() { kept_ = state_; }
+    void keep() {
+        if (!isListing_) kept_ = state_;
+    }
 
     /// Identifiers that were reported deleted since the last call.
     [[nodiscard]] std::set<std::string> takeDeleted() { return std::exchange(deleted_, {}); }
 
     /// The first difference to what a walk found; else nothing, and `identifiers` has every object.
+    /// `folder`: where the container is, below the base folder.
     [[nodiscard]] std::string compare(const std::vector<WalkedRow>& rows,
-                                      std::map<ObjectKey, std::string>& identifiers) const;
+                                      std::map<ObjectKey, std::string>& identifiers,
+                                      const std::string& folder = "s") const;
 
   private:
     struct State {
@@ -56,12 +72,15 @@ class Replica {
     void take(const host::ChangePage& page);
     /// Below the root; empty where it is in no folder that is known.
     [[nodiscard]] std::string pathOf(const host::ItemRecord& item) const;
-    void fail(const platform::QSError& error) {
-        if (failure_.empty()) failure_ = name_ + ": " + error.description();
-    }
+    [[nodiscard]] bool isShown(const WalkedRow& row, const std::string& folder) const;
+    [[nodiscard]] bool isTree() const;
+    void fail(const platform::QSError& error);
 
     const std::string name_;
+    std::string container_{platform::QSFileProviderWorkingSetContainerItemIdentifier};
     std::string failure_;
+    bool isListing_ = false;  ///< at the next pull
+    bool isPatient_ = false;
     State state_, kept_;
     std::deque<Pending> pending_;
     std::set<std::string> deleted_;
