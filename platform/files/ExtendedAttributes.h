@@ -11,6 +11,9 @@ inline constexpr std::string_view lastUsedDateAttribute = "com.quenby.lastusedda
 inline constexpr std::string_view tagDataAttribute = "com.quenby.metadata:_kMDItemUserTags";
 inline constexpr std::string_view favoriteRankAttribute = "com.quenby.favorite-rank.number#PS";
 
+/// Of the storage folder alone: how far the store had come that knows it.
+inline constexpr std::string_view folderWitnessAttribute = "com.quenby.tidewell.witness";
+
 /// Sets an extended attribute (given name, kept below "user.") of an object that is open, be it
 /// with O_PATH, whole or not at all. 0, or -1 with errno: E2BIG where the value does not fit the
 /// object's attribute space, which file systems also report as a full disk.

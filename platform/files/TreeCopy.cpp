@@ -15,7 +15,9 @@
 #include <limits>
 #include <vector>
 
+#include "platform/files/AttributeReader.h"
 #include "platform/files/DirectoryStream.h"
+#include "platform/files/ExtendedAttributes.h"
 #include "platform/files/SystemCalls.h"
 #include "platform/foundation/QSData.h"
 
@@ -42,6 +44,8 @@ Result<void> failureAt(int folder, const char* name, int code) {
 
 /// Attributes that go with a copy: users' own and access lists.
 bool isCopied(std::string_view name) {
+    // What belongs to the one folder and would be wrong of another.
+    if (name == storedAttributeName(folderWitnessAttribute)) return false;
     return name.starts_with("user.") || name.starts_with("system.posix_acl_");
 }
 

@@ -80,6 +80,8 @@ Result<void> EventTable::prepare(SQLiteDatabase& database) {
         {&nth_, "SELECT id FROM events ORDER BY id LIMIT 1 OFFSET ?"},
         {&old_, "SELECT id FROM events WHERE time >= ? ORDER BY id LIMIT 1"},
         {&drop_, "DELETE FROM events WHERE id <= ?"},
+        {&last_, "SELECT max(id) FROM events"},
+        {&known_, "SELECT count(*) FROM events WHERE id = ?"},
         {&countAll_, "SELECT count(*) FROM events"}};
     for (const auto& [statement, sql] : statements) {
         if (auto done = prepareInto(*statement, database, sql); !done) return done;
@@ -89,7 +91,7 @@ Result<void> EventTable::prepare(SQLiteDatabase& database) {
 
 void EventTable::close() {
     for (auto* statement : {&append_, &read_, &readDocumentIDs_, &readRootsLetGo_, &nth_, &old_,
-                            &drop_, &countAll_}) {
+                            &drop_, &last_, &known_, &countAll_}) {
         *statement = {};
     }
 }
@@ -142,6 +144,17 @@ Result<std::vector<EventRecord>> EventTable::read(std::uint64_t after, std::uint
             return std::unexpected(errorFromErrno(EUCLEAN));
         }
     }
+}
+
+Result<std::uint64_t> EventTable::lastID() {
+    return firstValue(last_);
+}
+
+Result<bool> EventTable::has(std::uint64_t id) {
+    known_.bind(1, id);
+    const auto count = firstValue(known_);
+    if (!count) return std::unexpected(count.error());
+    return *count != 0;
 }
 
 Result<std::uint64_t> EventTable::lastToDrop(const Retention& retention) {

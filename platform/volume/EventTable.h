@@ -43,6 +43,9 @@ class EventTable {
         std::uint64_t after, std::uint64_t upTo, std::size_t limit,
         EventSelection selection = EventSelection::All);
 
+    /// 0 where there are none.
+    [[nodiscard]] Result<std::uint64_t> lastID();
+    [[nodiscard]] Result<bool> has(std::uint64_t id);
     [[nodiscard]] std::uint64_t count() const { return count_; }
 
     struct Retention {
@@ -66,6 +69,8 @@ class EventTable {
     SQLiteStatement nth_;
     SQLiteStatement old_;
     SQLiteStatement drop_;
+    SQLiteStatement last_;
+    SQLiteStatement known_;
     SQLiteStatement countAll_;
     std::uint64_t count_ = 0;
 };

@@ -433,7 +433,14 @@ void Follower::noteCommit(const Result<void>& done) {
     if (storeTrouble_) nextTry_ = now() + Time::duration(retryAfter);
 }
 
+void Follower::writeFolderWitness() {
+    if (!state_.folderWitnessIsDue) return;
+    const std::scoped_lock lock(mutex_);
+    state_.writeFolderWitness();
+}
+
 void Follower::afterCommit() {
+    state_.writeFolderWitness();
     for (const auto folder : reconciler_.takeGoneFolders()) unwatch(folder);
     if (!reconciler_.isSettled()) {
         nextDecision_ = std::min(nextDecision_, now() + state_.configuration.windows.rest);

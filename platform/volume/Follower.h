@@ -67,6 +67,8 @@ class Follower {
 
     /// Writes now what a commit that failed has left.
     Result<void> commit();
+    /// Writes the witness in the storage folder where that is due.
+    void writeFolderWitness();
 
     /// Where an object that is missing was last; none where no decision about it is pending.
     [[nodiscard]] std::optional<QSURL> lastPlaceOf(NodeNumber object) const;

@@ -10,23 +10,11 @@
 #include <limits>
 
 #include "platform/log/Log.h"
-#include "platform/volume/RowSum.h"
+#include "platform/volume/StoreSchema.h"
 
 namespace platform {
 
 namespace {
-
-constexpr const char* schema = R"(
-PRAGMA user_version = 3;
-CREATE TABLE state (
-    id INTEGER PRIMARY KEY CHECK (id = 1),
-    store TEXT NOT NULL, history TEXT NOT NULL,
-    event INTEGER NOT NULL, document INTEGER NOT NULL, file INTEGER NOT NULL,
-    sequence INTEGER NOT NULL, floor INTEGER NOT NULL, fresh_only INTEGER NOT NULL,
-    volume TEXT NOT NULL, root_inode INTEGER NOT NULL, root_generation INTEGER NOT NULL,
-    trouble TEXT NOT NULL, sum INTEGER NOT NULL) STRICT;
-)";
-constexpr std::string_view schemaVersion = "3";
 
 struct CounterRule {
     std::uint64_t step;  ///< reserved ahead
@@ -38,55 +26,9 @@ constexpr std::array<CounterRule, counterCount> rules{{
     {65'536, std::numeric_limits<std::int64_t>::max()},
 }};
 
-std::uint64_t sumOf(const StoreState& state) {
-    RowSum sum;
-    sum.add(state.store.UUIDString()).add(state.history.UUIDString());
-    for (const auto mark : state.marks.reserved) sum.add(mark);
-    sum.add(state.marks.sequence)
-        .add(state.floor)
-        .add(state.freshOnly ? 1 : 0)
-        .add(state.volume.uuid);
-    return sum.add(state.volume.root.inode).add(state.volume.root.generation).value();
-}
-
-QSError damage(std::string text) {
-    QSError error = errorFromErrno(EUCLEAN);
-    error.userInfo.emplace(QSDescriptionErrorKey, "store: " + std::move(text));
-    return error;
-}
-
 std::string textOf(const QSError& error) {
     const auto found = error.userInfo.find(QSDescriptionErrorKey);
     return found == error.userInfo.end() ? error.description() : found->second;
-}
-
-Result<StoreState> readState(SQLiteDatabase& database) {
-    auto statement = database.prepare(
-        "SELECT store, history, event, document, file, sequence, floor, fresh_only, volume, "
-        "root_inode, root_generation, trouble, sum FROM state WHERE id = 1");
-    if (!statement) return std::unexpected(statement.error());
-    const auto row = statement->step();
-    if (!row) return std::unexpected(row.error());
-    if (!*row) return std::unexpected(damage("its state is missing"));
-    const auto store = QSUUID::fromString(statement->columnBytes(0));
-    const auto history = QSUUID::fromString(statement->columnBytes(1));
-    if (!store || !history) return std::unexpected(damage("its state is unreadable"));
-    StoreState state;
-    state.store = *store;
-    state.history = *history;
-    for (int i = 0; i < static_cast<int>(counterCount); ++i) {
-        state.marks.reserved[static_cast<std::size_t>(i)] = statement->column(2 + i);
-    }
-    state.marks.sequence = statement->column(5);
-    state.floor = statement->column(6);
-    state.freshOnly = statement->column(7) != 0;
-    state.volume.uuid = statement->columnBytes(8);
-    state.volume.root = {statement->column(9), statement->column(10)};
-    state.trouble = statement->columnBytes(11);
-    if (statement->column(12) != sumOf(state)) {
-        return std::unexpected(damage("its state does not match its checksum"));
-    }
-    return state;
 }
 
 bool exists(const std::string& path) {
@@ -101,10 +43,9 @@ void syncFolder(const std::string& path) {
 
 }  // namespace
 
-Result<std::unique_ptr<IdentityStore>> IdentityStore::open(const std::string& dataFolder,
-                                                           const std::string& stateFolder,
-                                                           const VolumeFingerprint& volume,
-                                                           ObjectIndex& index) {
+Result<std::unique_ptr<IdentityStore>> IdentityStore::open(
+    const std::string& dataFolder, const std::string& stateFolder, const VolumeFingerprint& volume,
+    const std::optional<FolderWitness>& folderWitness, ObjectIndex& index) {
     for (const auto& folder : {dataFolder, stateFolder}) {
         if (auto made = makePrivateFolder(folder); !made) return std::unexpected(made.error());
     }
@@ -117,10 +58,12 @@ Result<std::unique_ptr<IdentityStore>> IdentityStore::open(const std::string& da
         new IdentityStore(dataFolder + "/volume.db", std::move(*lock), std::move(*witness)));
 
     auto found = store->readExisting(index);
-    std::string trouble;
+    std::string trouble = store->doubt_;
     if (!found) {
         const auto& error = found.error();
-        if (!isDamage(error) && error.code != ENOENT) return std::unexpected(error);
+        if (error.code == EBUSY) return std::unexpected(store->lock_.inUse());
+        const bool isUseless = isDamage(error) && !store->isReadOnly_;
+        if (!isUseless && error.code != ENOENT) return std::unexpected(error);
         index.clear();
         store->closeDatabase();
         if (isDamage(error)) {
@@ -128,10 +71,12 @@ Result<std::unique_ptr<IdentityStore>> IdentityStore::open(const std::string& da
             store->setAside();
         }
         if (auto made = store->create(); !made) return std::unexpected(made.error());
+        (void)unlink((store->path_ + ".rebuild").c_str());
         syncFolder(dataFolder);
     }
-    const auto decision =
-        decideAboutStore(found ? std::optional(*found) : std::nullopt, known, volume, trouble);
+    store->lock_.noteHolder();
+    const auto decision = decideAboutStore(found ? std::optional(*found) : std::nullopt, known,
+                                           folderWitness, volume, trouble);
     const bool isTrouble =
         found ? decision.state.history != found->history : !decision.state.trouble.empty();
     if (isTrouble) {
@@ -143,14 +88,16 @@ Result<std::unique_ptr<IdentityStore>> IdentityStore::open(const std::string& da
         index.clear();
         store->orphansFound_.clear();
     }
-    if (decision.isNews) {
-        if (auto done = store->adopt(decision.state, decision.dropsObjects); !done) {
+    store->state_ = decision.state;
+    if (decision.isNews && !store->isReadOnly_) {
+        if (auto done = store->adopt(decision.dropsObjects); !done) {
             return std::unexpected(done.error());
         }
     }
-    if (!decision.isNews) store->state_ = decision.state;
-    store->used_ = store->state_.marks.reserved;
-    store->lastEvent_ = store->storedEvent_ = store->state_.marks[Counter::Event];
+    store->used_ = store->state_.marks.above(store->highest_).reserved;
+    const auto last = store->highest_[Counter::Event];
+    store->lastEvent_ = store->storedEvent_ =
+        std::max({last, store->state_.floor, store->state_.start});
     return store;
 }
 
@@ -159,46 +106,61 @@ Result<StoreState> IdentityStore::readExisting(ObjectIndex& index) {
     if (lstat(path_.c_str(), &status) != 0 || status.st_size == 0) {
         return std::unexpected(errorFromErrno(ENOENT, path_));
     }
-    if (exists(path_ + ".rebuild")) {
-        return std::unexpected(damage("it was found damaged while it was in use"));
+    const auto folder = path_.substr(0, path_.rfind('/'));
+    isReadOnly_ = faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) != 0 ||
+                  faccessat(AT_FDCWD, path_.c_str(), W_OK, AT_EACCESS) != 0;
+    if (!isReadOnly_ && exists(path_ + ".rebuild")) {
+        return std::unexpected(storeDamage("it was found damaged while it was in use"));
     }
     if (auto opened = openDatabase(); !opened) return std::unexpected(opened.error());
-    const auto version = database_.value("PRAGMA user_version");
-    if (!version) return std::unexpected(version.error());
-    if (*version != schemaVersion) {
-        return std::unexpected(damage("version " + *version + " is not known"));
-    }
+    if (auto taken = upgradeSchema(database_); !taken) return std::unexpected(taken.error());
+    if (auto ready = beginWriting(); !ready) return std::unexpected(ready.error());
     const auto check = database_.value("PRAGMA quick_check(1)");
     if (!check) return std::unexpected(check.error());
-    if (*check != "ok") return std::unexpected(damage(*check));
+    if (*check != "ok") return std::unexpected(storeDamage(*check));
     auto state = readState(database_);
     if (!state) return state;
-    const auto loaded = objects_.load(database_, index);
+    const auto loaded = objects_.load(database_, index, highest_);
     auto orphans = orphans_.load(database_);
     if (!loaded || !orphans) {
         const auto& error = loaded ? orphans.error() : loaded.error();
-        return std::unexpected(error.code == EUCLEAN ? damage("a row does not match its checksum")
-                                                     : error);
+        return std::unexpected(
+            error.code == EUCLEAN ? storeDamage("a row does not match its checksum") : error);
     }
+    if (*loaded) doubt_ = "store: two objects had one identifier, and have it no more";
     orphansFound_ = std::move(*orphans);
+    for (const auto& orphan : orphansFound_) {
+        highest_.raise(Counter::Document, orphan.documentID);
+        highest_.raise(Counter::File, orphan.fileID);
+    }
     if (auto ready = prepareStatements(); !ready) return std::unexpected(ready.error());
+    const auto last = events_.lastID();
+    if (!last) return std::unexpected(last.error());
+    highest_.raise(Counter::Event, *last);
     return state;
 }
 
 Result<void> IdentityStore::openDatabase() {
-    auto opened = SQLiteDatabase::open(path_);
+    auto opened = isReadOnly_ ? SQLiteDatabase::openReadOnly(path_) : SQLiteDatabase::open(path_);
     if (!opened) return std::unexpected(opened.error());
     database_ = std::move(*opened);
+    database_.setMovesLogAtEnd(false);
+    return {};
+}
+
+Result<void> IdentityStore::beginWriting() {
+    if (isReadOnly_) return {};
+    database_.setMovesLogAtEnd(true);
     return database_.execute(
-        "PRAGMA busy_timeout = 2000; PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;");
+        "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;"
+        "PRAGMA journal_size_limit = 4194304;");
 }
 
 Result<void> IdentityStore::prepareStatements() {
     if (auto done = objects_.prepare(database_); !done) return done;
     if (auto done = events_.prepare(database_); !done) return done;
     if (auto done = orphans_.prepare(database_); !done) return done;
-    auto state = database_.prepare(
-        "INSERT OR REPLACE INTO state VALUES(1, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    auto state = prepareToWriteState(database_);
     if (!state) return std::unexpected(state.error());
     insertState_ = std::move(*state);
     return {};
@@ -206,11 +168,10 @@ Result<void> IdentityStore::prepareStatements() {
 
 Result<void> IdentityStore::create() {
     if (auto opened = openDatabase(); !opened) return opened;
+    if (auto ready = beginWriting(); !ready) return ready;
     SQLiteTransaction transaction(database_);
     if (auto begun = transaction.begin(); !begun) return begun;
-    for (const char* sql : {schema, ObjectTable::schema, EventTable::schema, OrphanTable::schema}) {
-        if (auto made = database_.execute(sql); !made) return made;
-    }
+    if (auto made = createSchema(database_); !made) return made;
     if (auto committed = transaction.commit(); !committed) return committed;
     return prepareStatements();
 }
@@ -234,12 +195,11 @@ void IdentityStore::setAside() {
             (void)unlink((path_ + suffix).c_str());
         }
     }
-    (void)unlink((path_ + ".rebuild").c_str());
 }
 
-Result<void> IdentityStore::adopt(StoreState state, bool dropsObjects) {
+Result<void> IdentityStore::adopt(bool dropsObjects) {
     const std::uint64_t known = witness_.record() ? witness_.record()->marks.sequence : 0;
-    state.marks.sequence = std::max(state.marks.sequence, known) + 1;
+    state_.marks.sequence = std::max(state_.marks.sequence, known) + 1;
     if (dropsObjects) {
         if (auto done =
                 database_.execute("DELETE FROM objects; DELETE FROM names; DELETE FROM orphans");
@@ -247,12 +207,11 @@ Result<void> IdentityStore::adopt(StoreState state, bool dropsObjects) {
             return std::unexpected(reported(done.error()));
         }
     }
-    if (auto written = writeTransaction({}, &state, {}, {}); !written) {
+    if (auto written = writeTransaction({}, &state_, {}, {}); !written) {
         return std::unexpected(reported(written.error()));
     }
-    if (auto seen = witness_.write({state.store, state.history, state.marks}); !seen) return seen;
-    state_ = std::move(state);
-    return {};
+    isFolderWitnessDue_ = true;
+    return witness_.write(witnessRecord());
 }
 
 Result<std::uint64_t> IdentityStore::allocate(Counter counter) {
@@ -293,8 +252,9 @@ Result<void> IdentityStore::commit(std::span<const ObjectRow> rows, Durability d
     if (done) done = writeTransaction(rows, isDurable ? &next : nullptr, events, orphans);
     if (!done) return std::unexpected(reported(done.error()));
     if (isDurable) {
-        state_.marks = next.marks;
-        state_.floor = next.floor;
+        isFolderWitnessDue_ |= !hasStored_ || next.marks.reserved != state_.marks.reserved;
+        hasStored_ = true;
+        state_ = next;
         isConfirmed_ = false;
     }
     if (!events.empty()) storedEvent_ = events.back().event.id;
@@ -303,12 +263,31 @@ Result<void> IdentityStore::commit(std::span<const ObjectRow> rows, Durability d
 
 Result<void> IdentityStore::confirm() {
     if (isConfirmed_) return {};
-    if (auto done = witness_.write({state_.store, state_.history, state_.marks}); !done) {
+    if (auto done = witness_.write(witnessRecord()); !done) {
         return std::unexpected(reported(done.error()));
     }
     isConfirmed_ = true;
     lastEvent_ = storedEvent_;
     return {};
+}
+
+Result<void> IdentityStore::finish(std::span<const ObjectRow> rows) {
+    if (auto done = confirm(); !done) return done;
+    StoreState next = state_;
+    for (std::size_t i = 0; i < counterCount; ++i) {
+        auto& reserved = next.marks.reserved[i];
+        reserved = std::min(reserved, used_[i]);
+    }
+    if (next.marks == state_.marks) {
+        return rows.empty() ? Result<void>() : commit(rows, Durability::Hints);
+    }
+    ++next.marks.sequence;
+    auto done = setSyncing(true);
+    if (done) done = writeTransaction(rows, &next, {}, {});
+    if (!done) return std::unexpected(reported(done.error()));
+    state_ = next;
+    isConfirmed_ = false;
+    return confirm();
 }
 
 /// What is not synced reaches the disk with the next commit that is: they share one log.
@@ -324,6 +303,15 @@ Result<std::vector<EventRecord>> IdentityStore::events(std::uint64_t after, std:
                                                        std::size_t limit,
                                                        EventSelection selection) {
     if (after < state_.floor || after > lastEvent_) {
+        return std::unexpected(errorFromErrno(ESTALE));
+    }
+    // What was between the last event and the end of its reservation was an anchor of another
+    // history, which an older copy of the store does not know.
+    const auto isAnchor =
+        after == state_.floor || after == state_.start ? true : events_.has(after);
+    if (isAnchor && !*isAnchor) return std::unexpected(errorFromErrno(ESTALE));
+    if (!isAnchor) {
+        (void)reported(isAnchor.error());
         return std::unexpected(errorFromErrno(ESTALE));
     }
     auto found = events_.read(after, std::min<std::uint64_t>(upTo, lastEvent_), limit, selection);
@@ -346,29 +334,12 @@ Result<void> IdentityStore::writeTransaction(std::span<const ObjectRow> rows,
         if (auto dropped = events_.drop(state->floor); !dropped) return dropped;
     }
     if (state) {
-        if (auto written = writeState(*state); !written) return written;
+        if (auto written = writeState(insertState_, *state); !written) return written;
     }
     if (auto committed = transaction.commit(); !committed) return committed;
     events_.noteAppended(events.size());
     if (drops) (void)events_.recount();
     return {};
-}
-
-Result<void> IdentityStore::writeState(const StoreState& state) {
-    insertState_.bindText(1, state.store.UUIDString());
-    insertState_.bindText(2, state.history.UUIDString());
-    for (int i = 0; i < static_cast<int>(counterCount); ++i) {
-        insertState_.bind(3 + i, state.marks.reserved[static_cast<std::size_t>(i)]);
-    }
-    insertState_.bind(6, state.marks.sequence);
-    insertState_.bind(7, state.floor);
-    insertState_.bind(8, state.freshOnly ? 1 : 0);
-    insertState_.bindText(9, state.volume.uuid);
-    insertState_.bind(10, state.volume.root.inode);
-    insertState_.bind(11, state.volume.root.generation);
-    insertState_.bindText(12, state.trouble);
-    insertState_.bind(13, sumOf(state));
-    return insertState_.run();
 }
 
 QSError IdentityStore::reported(const QSError& error) {
@@ -378,7 +349,8 @@ QSError IdentityStore::reported(const QSError& error) {
         const FileDescriptor mark(
             ::open((path_ + ".rebuild").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     }
-    QSError result = errorFromErrno(error.code == ENOSPC ? ENOSPC : EIO);
+    const bool isPlain = error.code == ENOSPC || error.code == EROFS || error.code == EACCES;
+    QSError result = errorFromErrno(isPlain ? static_cast<int>(error.code) : EIO);
     result.userInfo = error.userInfo;
     return result;
 }

@@ -15,44 +15,22 @@
 #include "platform/volume/OrphanTable.h"
 #include "platform/volume/SQLite.h"
 #include "platform/volume/StoreLock.h"
-#include "platform/volume/VolumeFingerprint.h"
-#include "platform/volume/Witness.h"
+#include "platform/volume/StoreState.h"
 
 namespace platform {
 
-/// The facts that a store keeps about itself.
-struct StoreState {
-    QSUUID store;
-    QSUUID history;
-    HighWaterMarks marks;
-    std::uint64_t floor = 0;  ///< the history knows everything after this event
-    /// Inode numbers may have been handed out that the store knows nothing of, so none of an object
-    /// that is new to it serves as a file ID any more.
-    bool freshOnly = false;
-    VolumeFingerprint volume;
-    std::string trouble;  ///< why the store was last rebuilt or its history reset; empty = never
-};
-
-/// What to do with a store as found (none: missing or damaged) beside its witness and the volume.
-struct StoreDecision {
-    StoreState state;
-    bool dropsObjects = false;  ///< the rows are of another volume
-    bool isNews = false;        ///< `state` is to be written
-};
-[[nodiscard]] StoreDecision decideAboutStore(const std::optional<StoreState>& found,
-                                             const std::optional<Witness::Record>& witness,
-                                             const VolumeFingerprint& volume,
-                                             const std::string& damage);
-
-/// The SQLite store "volume.db", its lock and its witness: rows of objects, and counters whose
-/// values never come again. Not synchronised, save where noted.
+/// The SQLite store "volume.db" and its witness: rows of objects, and counters whose values never
+/// repeat. Not synchronised, save where noted.
 class IdentityStore {
   public:
-    /// Takes the lock, finds or makes the store and fills `index` (empty before) with its rows. A
-    /// damaged store is set aside as "volume.db.damaged-<n>" and a new one begun above the witness.
+    /// Finds or makes the store, locks it as long as this object lives, and fills `index` (empty
+    /// before) with its rows. A damaged store is set aside as "volume.db.damaged-<n>" and a new one
+    /// begun above the witnesses. A store that cannot be written to answers what it knows.
+    /// Errors: EBUSY where another process holds the store, ENOTSUP for one of a later version.
     [[nodiscard]] static Result<std::unique_ptr<IdentityStore>> open(
         const std::string& dataFolder, const std::string& stateFolder,
-        const VolumeFingerprint& volume, ObjectIndex& index);
+        const VolumeFingerprint& volume, const std::optional<FolderWitness>& folderWitness,
+        ObjectIndex& index);
 
     [[nodiscard]] const StoreState& state() const { return state_; }
     [[nodiscard]] const std::string& path() const { return path_; }
@@ -77,11 +55,24 @@ class IdentityStore {
     /// Records in the witness what the last durable commit stored; nothing to do where that is
     /// done. Where it fails the commit stands, and the call is to be repeated.
     Result<void> confirm();
+    /// True where the witness in the storage folder is to be written: what this process stored
+    /// first, or reserved, is not in it. Then false until the next time.
+    /// Whether this process has stored anything durably.
+    [[nodiscard]] bool hasStored() const { return hasStored_; }
+    [[nodiscard]] bool popFolderWitnessDue() { return std::exchange(isFolderWitnessDue_, false); }
+    /// What the witnesses say once everything is confirmed.
+    [[nodiscard]] Witness::Record witnessRecord() const {
+        return {state_.store, state_.history, state_.marks};
+    }
+    /// For a clean end, as the last call: writes `rows` and gives back what was reserved and not
+    /// allocated.
+    Result<void> finish(std::span<const ObjectRow> rows);
     /// Those that the last run left undecided; once.
     [[nodiscard]] std::vector<OrphanRow> takeOrphans() { return std::exchange(orphansFound_, {}); }
 
     /// after < ID <= upTo, at most `limit`. ESTALE where the history does not reach back to
-    /// `after`, never came as far, or is damaged there.
+    /// `after`, no event has that ID (it was an anchor of a history that went on otherwise), or it
+    /// is damaged there.
     [[nodiscard]] Result<std::vector<EventRecord>> events(
         std::uint64_t after, std::uint64_t upTo, std::size_t limit,
         EventSelection selection = EventSelection::All);
@@ -96,6 +87,7 @@ class IdentityStore {
     /// ENOENT where there is no store, EUCLEAN for a damaged one.
     [[nodiscard]] Result<StoreState> readExisting(ObjectIndex& index);
     Result<void> openDatabase();
+    Result<void> beginWriting();
     Result<void> prepareStatements();
     Result<void> create();
     void closeDatabase();
@@ -104,8 +96,7 @@ class IdentityStore {
                                   std::span<const EventRecord> events,
                                   std::span<const OrphanChange> orphans);
     Result<void> setSyncing(bool syncs);
-    Result<void> writeState(const StoreState& state);
-    Result<void> adopt(StoreState state, bool dropsObjects);
+    Result<void> adopt(bool dropsObjects);
     [[nodiscard]] QSError reported(const QSError& error);
 
     const std::string path_;
@@ -113,7 +104,12 @@ class IdentityStore {
     Witness witness_;
     StoreState state_;
     std::array<std::uint64_t, counterCount> used_{};  ///< only grows
-    std::uint64_t storedEvent_ = 0;                   ///< the last one of a commit
+    HighWaterMarks highest_;                          ///< in the rows that were found
+    std::string doubt_;                               ///< about some of these rows
+    bool isReadOnly_ = false;
+    bool hasStored_ = false;  ///< this process, durably
+    bool isFolderWitnessDue_ = false;
+    std::uint64_t storedEvent_ = 0;  ///< the last one of a commit
     std::atomic<std::uint64_t> lastEvent_ = 0;
     bool isConfirmed_ = true;
 

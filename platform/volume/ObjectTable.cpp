@@ -1,6 +1,7 @@
 #include "platform/volume/ObjectTable.h"
 
 #include <cerrno>
+#include <set>
 
 #include "platform/volume/RowSum.h"
 
@@ -18,6 +19,46 @@ std::uint64_t sumOf(const ObjectRow& row) {
         .add(row.metadata)
         .value();
 }
+
+/// Numbers on several rows mean none of their objects.
+class RepeatedNumbers {
+  public:
+    explicit RepeatedNumbers(ObjectIndex& index) : index_(index) {}
+
+    void removeFrom(ObjectRow& row) {
+        if (remove(row, index_.findDocumentID(row.documentID), row.documentID, documents_)) {
+            row.documentID = 0;
+        }
+        if (row.fileID < firstFreshFileID) return;
+        if (remove(row, index_.findFileID(row.fileID), row.fileID, files_)) row.fileID = 0;
+    }
+    /// Once all rows are loaded: whether there were any, and then the rows differ from the store.
+    [[nodiscard]] bool finish() {
+        for (const auto inode : affected_) {
+            const auto node = index_.findInode(inode);
+            auto row = index_.row(node);
+            if (documents_.contains(row.documentID)) row.documentID = 0;
+            if (files_.contains(row.fileID)) row.fileID = 0;
+            index_.setIdentity(node, row);
+            index_.markDirty(node);
+        }
+        return !affected_.empty();
+    }
+
+  private:
+    bool remove(const ObjectRow& row, ObjectIndex::NodeNumber other, std::uint64_t number,
+                std::set<std::uint64_t>& numbers) {
+        if (other == ObjectIndex::none) return false;
+        numbers.insert(number);
+        affected_.insert({index_.node(other).inode, row.inode});
+        return true;
+    }
+
+    ObjectIndex& index_;
+    std::set<std::uint64_t> documents_;
+    std::set<std::uint64_t> files_;
+    std::set<std::uint64_t> affected_;  ///< inodes
+};
 
 }  // namespace
 
@@ -38,7 +79,9 @@ void ObjectTable::close() {
     for (auto* statement : {&insertRow_, &insertName_, &dropNames_}) *statement = {};
 }
 
-Result<void> ObjectTable::load(SQLiteDatabase& database, ObjectIndex& index) const {
+Result<bool> ObjectTable::load(SQLiteDatabase& database, ObjectIndex& index,
+                               HighWaterMarks& highest) const {
+    RepeatedNumbers repeated(index);
     auto objects = database.prepare(
         "SELECT ino, generation, file_id, document_id, parent, name, kind, stamp, metadata, sum "
         "FROM objects");
@@ -61,6 +104,9 @@ Result<void> ObjectTable::load(SQLiteDatabase& database, ObjectIndex& index) con
         if (objects->column(9) != sumOf(row) || objects->column(3) != row.documentID) {
             return std::unexpected(errorFromErrno(EUCLEAN));
         }
+        highest.raise(Counter::File, row.fileID);
+        highest.raise(Counter::Document, row.documentID);
+        repeated.removeFrom(row);
         index.load(row);
     }
     auto names = database.prepare("SELECT ino, parent, name FROM names");
@@ -68,10 +114,11 @@ Result<void> ObjectTable::load(SQLiteDatabase& database, ObjectIndex& index) con
     for (;;) {
         const auto more = names->step();
         if (!more) return std::unexpected(more.error());
-        if (!*more) return {};
+        if (!*more) break;
         index.loadFurtherName(names->column(0),
                               {names->column(1), std::string(names->columnBytes(2))});
     }
+    return repeated.finish();
 }
 
 Result<void> ObjectTable::write(std::span<const ObjectRow> rows) {

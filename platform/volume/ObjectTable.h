@@ -4,6 +4,7 @@
 
 #include "platform/volume/ObjectIndex.h"
 #include "platform/volume/SQLite.h"
+#include "platform/volume/Witness.h"
 
 namespace platform {
 
@@ -25,7 +26,10 @@ class ObjectTable {
     void close();
 
     /// Fills `index` with all rows. EUCLEAN where one is damaged.
-    Result<void> load(SQLiteDatabase& database, ObjectIndex& index) const;
+    /// Raises `highest` to the file and document IDs in them. True where a number was on several
+    /// rows: the index has it for none of these objects then.
+    [[nodiscard]] Result<bool> load(SQLiteDatabase& database, ObjectIndex& index,
+                                    HighWaterMarks& highest) const;
 
     /// REQUIRES: within a transaction.
     Result<void> write(std::span<const ObjectRow> rows);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,9 +11,14 @@ namespace platform {
 
 namespace {
 
-int errnoOfCode(int code) {
+int errnoOfCode(sqlite3* database, int code) {
     if (code == SQLITE_IOERR_SHORT_READ || code == SQLITE_IOERR_CORRUPTFS) return EUCLEAN;
-    switch (code & 0xFF) {
+    const int primary = code & 0xFF;
+    const int system = database ? sqlite3_system_errno(database) : 0;
+    const bool isOfSystem = primary == SQLITE_IOERR || primary == SQLITE_CANTOPEN;
+    if (isOfSystem && (system == ENOSPC || system == EDQUOT)) return ENOSPC;
+    if (isOfSystem && (system == EROFS || system == EACCES)) return system;
+    switch (primary) {
         case SQLITE_FULL:
             return ENOSPC;
         case SQLITE_ERROR:  // our statements are fixed: a table or column is not as it should be
@@ -34,8 +40,10 @@ int errnoOfCode(int code) {
 }
 
 QSError errorOf(sqlite3* database, int code) {
-    QSError error = errorFromErrno(errnoOfCode(code));
+    QSError error = errorFromErrno(errnoOfCode(database, code));
     std::string text = database ? sqlite3_errmsg(database) : sqlite3_errstr(code);
+    if (error.code == ENOSPC) text = "the disk is full";
+    if (error.code == EROFS || error.code == EACCES) text = "it is read-only";
     error.userInfo.emplace(QSDescriptionErrorKey, "store: " + std::move(text));
     return error;
 }
@@ -103,19 +111,52 @@ void SQLiteDatabase::Close::operator()(sqlite3* database) const {
 }
 
 Result<SQLiteDatabase> SQLiteDatabase::open(const std::string& path) {
-    // SQLite would give a new file the umask's mode, and its companions the mode of the file.
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0) return std::unexpected(errorFromErrno(errno, path));
-    ::close(fd);
+    // SQLite would give a new file the umask's mode, and its companions the mode of the file. A
+    // file that exists is left alone: to close a descriptor of it would drop this process's locks.
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd >= 0) ::close(fd);
+    if (fd < 0 && errno != EEXIST) return std::unexpected(errorFromErrno(errno, path));
+    return open(path, SQLITE_OPEN_READWRITE, nullptr);
+}
+
+Result<SQLiteDatabase> SQLiteDatabase::openReadOnly(const std::string& path) {
+    struct stat log {};
+    if (stat((path + "-wal").c_str(), &log) == 0 && log.st_size > 0) {
+        // Its locks would need to write, too.
+        return open(path, SQLITE_OPEN_READONLY, "unix-none");
+    }
+    // SQLite would make a log first, unless the file is said never to change.
+    std::string uri = "file:";
+    for (const char c : path) {
+        if (c == '%' || c == '?' || c == '#') {
+            constexpr std::string_view digits = "0123456789ABCDEF";
+            uri += {'%', digits[static_cast<unsigned char>(c) >> 4], digits[c & 0x0F]};
+        } else {
+            uri += c;
+        }
+    }
+    return open(uri + "?immutable=1", SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
+}
+
+Result<SQLiteDatabase> SQLiteDatabase::open(const std::string& name, int flags,
+                                            const char* system) {
     sqlite3* raw = nullptr;
-    const int code =
-        sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+    const int code = sqlite3_open_v2(name.c_str(), &raw, flags | SQLITE_OPEN_NOMUTEX, system);
     SQLiteDatabase database;
     database.database_.reset(raw);
     if (code != SQLITE_OK) return std::unexpected(errorOf(raw, code));
     sqlite3_extended_result_codes(raw, 1);
     sqlite3_db_config(raw, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+    // Exclusive before the first access: then the file is locked until it is closed, whatever
+    // becomes of others beside it, and SQLite needs no file of shared memory.
+    if (auto done = database.execute("PRAGMA locking_mode = EXCLUSIVE"); !done) {
+        return std::unexpected(done.error());
+    }
     return database;
+}
+
+void SQLiteDatabase::setMovesLogAtEnd(bool moves) {
+    sqlite3_db_config(database_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, moves ? 0 : 1, nullptr);
 }
 
 Result<void> SQLiteDatabase::execute(const char* sql) {

@@ -44,7 +44,8 @@ class SQLiteStatement {
     std::unique_ptr<sqlite3_stmt, Finalize> statement_;
 };
 
-/// One connection, opened for reading and writing. Not synchronised: one thread at a time.
+/// One connection, which locks the file against every other as long as it lives. Not synchronised:
+/// one thread at a time.
 /// Errors are of QSPOSIXErrorDomain with SQLite's own text as their description: ENOSPC where the
 /// disk is full, EUCLEAN for damage (see isDamage), EBUSY where a stranger locked it, EACCES and
 /// EROFS where writing is refused, EIO for the rest.
@@ -52,6 +53,12 @@ class SQLiteDatabase {
   public:
     /// Makes the file where it is missing (mode 0600).
     [[nodiscard]] static Result<SQLiteDatabase> open(const std::string& path);
+    /// For a file or folder that cannot be written to. Locks nothing and leaves all as it is.
+    [[nodiscard]] static Result<SQLiteDatabase> openReadOnly(const std::string& path);
+
+    /// Whether the end moves what is in the write-ahead log to the file and removes the log, as it
+    /// does by default.
+    void setMovesLogAtEnd(bool moves);
 
     /// Runs one or several statements, ignoring rows.
     Result<void> execute(const char* sql);
@@ -60,6 +67,9 @@ class SQLiteDatabase {
     [[nodiscard]] Result<std::string> value(std::string_view sql);
 
   private:
+    [[nodiscard]] static Result<SQLiteDatabase> open(const std::string& name, int flags,
+                                                     const char* system);
+
     struct Close {
         void operator()(sqlite3* database) const;
     };

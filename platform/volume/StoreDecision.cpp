@@ -1,7 +1,8 @@
 #include <algorithm>
 #include <limits>
 
-#include "platform/volume/IdentityStore.h"
+#include "platform/volume/ObjectIndex.h"
+#include "platform/volume/StoreState.h"
 
 namespace platform {
 
@@ -18,10 +19,12 @@ constexpr HighWaterMarks beginning() {
     return marks;
 }
 
-/// Marks beyond everything that can have been handed out since these, by any measure.
+/// Marks beyond what can have been handed out since these. A small part of what is left is used,
+/// so that a witness that is missing at each start does not use up the numbers.
 HighWaterMarks farAbove(HighWaterMarks marks) {
     const auto jump = [&](Counter counter, std::uint64_t distance, std::uint64_t last) {
-        marks[counter] = std::min(marks[counter] + distance, last);
+        const auto left = last - std::min(marks[counter], last);
+        marks[counter] += std::min(distance, left / 64);
     };
     jump(Counter::Event, farOthers, lastOther);
     jump(Counter::Document, farDocuments, lastDocument);
@@ -29,19 +32,26 @@ HighWaterMarks farAbove(HighWaterMarks marks) {
     return marks;
 }
 
+/// Whether the store has seen less than the record says. What a later change of the store gave back
+/// may be larger in the record.
+bool isBehind(const HighWaterMarks& store, const HighWaterMarks& record) {
+    if (store.sequence != record.sequence) return store.sequence < record.sequence;
+    return store.above(record) != store;
+}
+
 StoreDecision newStore(const std::optional<Witness::Record>& witness,
+                       const std::optional<FolderWitness>& folderWitness,
                        const VolumeFingerprint& volume, const std::string& damage) {
     StoreState state{.store = QSUUID::random(),
                      .history = QSUUID::random(),
                      .marks = beginning(),
                      .volume = volume,
                      .trouble = damage};
-    if (witness) {
-        state.marks = state.marks.above(witness->marks);
-        if (damage.empty()) state.trouble = "the store was missing";
-    } else if (!damage.empty()) {
-        state.marks = farAbove(state.marks);
-    }
+    if (witness) state.marks = state.marks.above(witness->marks);
+    if (folderWitness) state.marks = state.marks.above(folderWitness->record.marks);
+    const bool hadStore = witness || (folderWitness && folderWitness->isOfThisFolder);
+    if (hadStore && damage.empty()) state.trouble = "the store was missing";
+    if (!hadStore && !damage.empty()) state.marks = farAbove(state.marks);
     state.freshOnly = !state.trouble.empty();
     state.floor = state.marks[Counter::Event];
     return {.state = state, .isNews = true};
@@ -51,27 +61,41 @@ StoreDecision newStore(const std::optional<Witness::Record>& witness,
 
 StoreDecision decideAboutStore(const std::optional<StoreState>& found,
                                const std::optional<Witness::Record>& witness,
+                               const std::optional<FolderWitness>& folderWitness,
                                const VolumeFingerprint& volume, const std::string& damage) {
-    if (!found) return newStore(witness, volume, damage);
+    if (!found) return newStore(witness, folderWitness, volume, damage);
 
     StoreDecision decision{.state = *found};
     auto& state = decision.state;
-    const auto doubt = [&](const char* why) {
+    const auto doubt = [&](const std::string& why) {
         state.history = QSUUID::random();
         state.freshOnly = true;
         state.trouble = why;
         decision.isNews = true;
     };
-    if (!witness) {
+    const bool isInFolder = folderWitness && folderWitness->isOfThisFolder &&
+                            folderWitness->record.store == found->store;
+    const bool isInFile = witness && witness->store == found->store;
+    if (folderWitness && !isInFolder) {
+        // Of another store or folder, so it says nothing about the age of this store.
+        const auto sequence = state.marks.sequence;
+        state.marks = state.marks.above(folderWitness->record.marks);
+        state.marks.sequence = sequence;
+    }
+    if (!isInFile && !isInFolder) {
+        if (witness) state.marks = state.marks.above(witness->marks);
         state.marks = farAbove(state.marks);
-        doubt("the witness of the store was missing");
-    } else if (witness->store != found->store) {
-        state.marks = farAbove(state.marks.above(witness->marks));
-        doubt("the witness was of another store");
-    } else if (witness->marks.exceeds(found->marks)) {
-        state.marks = state.marks.above(witness->marks);
+        doubt(witness ? "the witness was of another store"
+                      : "the witness of the store was missing");
+    } else if ((isInFile && isBehind(found->marks, witness->marks)) ||
+               (isInFolder && isBehind(found->marks, folderWitness->record.marks))) {
+        if (isInFile) state.marks = state.marks.above(witness->marks);
+        if (isInFolder) state.marks = state.marks.above(folderWitness->record.marks);
         doubt("the store was an older copy of itself");
     }
+    // The other witness is enough, and this one is written anew.
+    decision.isNews |= !isInFile;
+    if (!damage.empty()) doubt(damage);
     if (!volume.isSameVolume(found->volume)) {
         decision.dropsObjects = true;
         doubt("the storage is on another file system");

@@ -35,21 +35,32 @@ Result<void> makePrivateFolder(const std::string& path) {
     return {};
 }
 
-Result<StoreLock> StoreLock::take(const std::string& path) {
-    StoreLock lock;
-    lock.file_.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+Result<StoreLock> StoreLock::take(std::string path) {
+    StoreLock lock(std::move(path));
+    lock.file_.reset(::open(lock.path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     const int fd = lock.file_.get();
-    if (fd < 0) return std::unexpected(errorFromErrno(errno, path));
-    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK) return std::unexpected(errorFromErrno(errno, path));
-        QSError error = errorFromErrno(EBUSY, path);
-        error.userInfo.emplace(QSDescriptionErrorKey, holderOf(fd));
-        return std::unexpected(std::move(error));
+    if (fd < 0) {
+        // The database is what is locked; who cannot make the note goes on without.
+        if (errno == EROFS || errno == EACCES || errno == ENOSPC || errno == EDQUOT) return lock;
+        return std::unexpected(errorFromErrno(errno, lock.path_));
     }
-    // Only for the message above: a failure to write it (a full disk) is no failure of the lock.
-    const std::string pid = std::to_string(getpid()) + "\n";
-    if (ftruncate(fd, 0) == 0) (void)!pwrite(fd, pid.data(), pid.size(), 0);
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK) return std::unexpected(errorFromErrno(errno, lock.path_));
+        return std::unexpected(lock.inUse());
+    }
     return lock;
+}
+
+QSError StoreLock::inUse() const {
+    QSError error = errorFromErrno(EBUSY, path_);
+    error.userInfo.emplace(QSDescriptionErrorKey, holderOf(file_.get()));
+    return error;
+}
+
+void StoreLock::noteHolder() const {
+    // A failure to write it (a full disk) is no failure of the lock.
+    const std::string pid = std::to_string(getpid()) + "\n";
+    if (ftruncate(file_.get(), 0) == 0) (void)!pwrite(file_.get(), pid.data(), pid.size(), 0);
 }
 
 }  // namespace platform

@@ -10,14 +10,24 @@ namespace platform {
 /// Makes the folder and those above it that are missing, with mode 0700.
 Result<void> makePrivateFolder(const std::string& path);
 
-/// The right to use a store: one holder among all processes, for as long as the object lives. The
-/// kernel drops the lock with the process, so that a file left behind by a kill means nothing.
+/// A note beside the store's database that says which process uses it, and that lets one process at
+/// a time try to lock the database. The lock on the database is what counts: without the note (it
+/// was deleted, or cannot be made) only the message is poorer. The kernel drops both locks with the
+/// process, so that a file left behind by a kill means nothing.
 class StoreLock {
   public:
-    /// Never waits. Fails with EBUSY and "in use by PID …" where someone holds it.
-    [[nodiscard]] static Result<StoreLock> take(const std::string& path);
+    /// Never waits. Fails with EBUSY and "in use by PID …" where another process holds it.
+    [[nodiscard]] static Result<StoreLock> take(std::string path);
+
+    /// EBUSY, and who holds the store as far as the note says it.
+    [[nodiscard]] QSError inUse() const;
+    /// Writes down that this process holds the store.
+    void noteHolder() const;
 
   private:
+    explicit StoreLock(std::string path) : path_(std::move(path)) {}
+
+    std::string path_;
     FileDescriptor file_;
 };
 

@@ -25,7 +25,8 @@ Result<std::unique_ptr<VolumeService>> VolumeService::open(Configuration configu
 
     auto store =
         IdentityStore::open(state->configuration.dataFolder, state->configuration.stateFolder,
-                            VolumeFingerprint::of(folder->get(), identity), state->index);
+                            VolumeFingerprint::of(folder->get(), identity),
+                            FolderWitness::read(folder->get(), identity), state->index);
     if (!store) return std::unexpected(store.error());
     state->store = std::move(*store);
     state->store->retention.count = state->configuration.eventsKept;
@@ -51,6 +52,7 @@ Result<std::unique_ptr<VolumeService>> VolumeService::open(Configuration configu
         state->index.markStored(node);
     }
 
+    state->writeFolderWitness();
     state->follower->resumeDecisions();
     if (state->configuration.followsAtStart) state->follower->follow();
     return std::unique_ptr<VolumeService>(new VolumeService(std::move(state)));
@@ -60,15 +62,16 @@ VolumeService::~VolumeService() {
     state_->follower->stop();
     state_->hasNews = true;
     state_->announce();
+    if (state_->store->hasStored()) state_->folderWitnessIsDue = true;
+    state_->writeFolderWitness();
     const std::scoped_lock lock(state_->storeMutex);
     // Then the rows would be ahead of what the next run has to find.
     if (!state_->unwritten.empty()) return;
-    std::vector<EventRecord> noEvents;
     std::vector<ObjectRow> rows;
     for (const auto node : state_->index.takeDirty()) {
         rows.push_back(state_->index.row(node));
     }
-    (void)state_->write(rows, false, noEvents);
+    (void)state_->store->finish(rows);
 }
 
 Result<void> VolumeService::addRoot(const QSURL& root) {
@@ -248,6 +251,7 @@ Result<void> VolumeService::identify(std::span<IdentityRequest> requests) {
     if (state_->needsDecision(requests)) done = state_->follower->decideFor(requests);
     if (done && state_->hasUnstored(requests)) done = state_->follower->commit();
     if (done && !state_->answerFromIndex(requests)) done = state_->allocate(requests);
+    state_->follower->writeFolderWitness();
     if (done) state_->noteSuspects(requests);
     return done;
 }

@@ -243,6 +243,7 @@ Result<void> VolumeService::State::confirm() {
     const auto before = store->lastEvent();
     auto done = store->confirm();
     if (store->lastEvent() != before) hasNews = true;
+    if (done && store->popFolderWitnessDue()) folderWitnessIsDue = true;
     return done;
 }
 

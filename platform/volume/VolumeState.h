@@ -86,6 +86,9 @@ struct VolumeService::State {
                        std::span<const OrphanChange> orphans = {});
     /// Makes what is stored visible; see IdentityStore. REQUIRES: storeMutex is held.
     Result<void> confirm();
+    /// Writes the witness in the storage folder where that is due. REQUIRES: the follower's mutex
+    /// is held, or it has stopped; the others are not.
+    void writeFolderWitness();
     /// Dates the events that have no date yet, and says which ones are too old to be kept.
     /// REQUIRES: storeMutex is held.
     void datesOf(std::vector<EventRecord>& events);
@@ -152,6 +155,7 @@ struct VolumeService::State {
 
     std::atomic<bool> identityIsWeak = false;
     std::atomic<bool> hasNews = false;
+    std::atomic<bool> folderWitnessIsDue = false;
     std::atomic<std::chrono::steady_clock::time_point> lookingSince{};  ///< the latest step
     std::unique_ptr<Follower> follower;                                 // the first to go
 };

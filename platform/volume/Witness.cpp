@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -16,57 +17,38 @@ namespace {
 constexpr std::size_t slotSize = 512;  // one sector, which disks write whole
 using Slot = std::array<char, slotSize>;
 
-struct Numbered {
-    std::uint64_t serial = 0;
-    Witness::Record record;
-};
-
 std::uint64_t checksum(std::string_view text) {
     std::uint64_t hash = 0xCBF29CE484222325;  // FNV-1a
     for (const char c : text) hash = (hash ^ static_cast<std::uint8_t>(c)) * 0x100000001B3;
     return hash;
 }
 
-Slot encode(const Numbered& numbered) {
-    const auto& [store, history, marks] = numbered.record;
+constexpr std::string_view title = "tidewell witness 1\n";
+constexpr std::string_view serialKey = "serial ";
+
+Slot slotOf(std::uint64_t serial, const Witness::Record& record) {
+    const auto text = Witness::encode({std::string(serialKey) + std::to_string(serial), record});
     Slot slot;
     slot.fill('\n');
-    char text[slotSize];
-    int size = std::snprintf(
-        text, sizeof text,
-        "tidewell witness 1\nserial %" PRIu64
-        "\nstore %s\nhistory %s\nevent "
-        "%" PRIu64 "\ndocument %" PRIu64 "\nfile %" PRIu64 "\nsequence %" PRIu64 "\n",
-        numbered.serial, store.UUIDString().c_str(), history.UUIDString().c_str(),
-        marks[Counter::Event], marks[Counter::Document], marks[Counter::File], marks.sequence);
-    const auto sum = checksum({text, static_cast<std::size_t>(size)});
-    size += std::snprintf(text + size, sizeof text - static_cast<std::size_t>(size),
-                          "check %016" PRIx64 "\n", sum);
-    std::copy_n(text, size, slot.begin());
+    std::ranges::copy(text, slot.begin());
     return slot;
 }
 
-std::optional<Numbered> decode(const Slot& slot) {
-    char text[slotSize + 1] = {};
-    std::copy(slot.begin(), slot.end(), text);
-    Numbered numbered;
-    auto& marks = numbered.record.marks;
-    char store[37];
-    char history[37];
-    const int fields =
-        std::sscanf(text,
-                    "tidewell witness 1 serial %" SCNu64 " store %36s history %36s event %" SCNu64
-                    " document %" SCNu64 " file %" SCNu64 " sequence %" SCNu64,
-                    &numbered.serial, store, history, &marks[Counter::Event],
-                    &marks[Counter::Document], &marks[Counter::File], &marks.sequence);
-    if (fields != 7) return std::nullopt;
-    const auto storeUUID = QSUUID::fromString(store);
-    const auto historyUUID = QSUUID::fromString(history);
-    if (!storeUUID || !historyUUID) return std::nullopt;
-    numbered.record.store = *storeUUID;
-    numbered.record.history = *historyUUID;
-    // Equal bytes prove the checksum and that nothing else is in the slot.
-    if (encode(numbered) != slot) return std::nullopt;
+struct Numbered {
+    std::uint64_t serial = 0;
+    Witness::Record record;
+};
+
+std::optional<Numbered> read(const Slot& slot) {
+    std::string_view text(slot.data(), slot.size());
+    text = text.substr(0, text.find_last_not_of('\n') + 2);
+    const auto found = Witness::decode(text);
+    if (!found || !found->line.starts_with(serialKey)) return std::nullopt;
+    Numbered numbered{0, found->record};
+    const char* end = found->line.data() + found->line.size();
+    (void)std::from_chars(found->line.data() + serialKey.size(), end, numbered.serial);
+    // Equal bytes prove that nothing else is in the slot.
+    if (slotOf(numbered.serial, numbered.record) != slot) return std::nullopt;
     return numbered;
 }
 
@@ -96,8 +78,42 @@ HighWaterMarks HighWaterMarks::above(const HighWaterMarks& other) const {
     return result;
 }
 
-bool HighWaterMarks::exceeds(const HighWaterMarks& other) const {
-    return above(other) != other;
+std::string Witness::encode(const Text& text) {
+    const auto& [store, history, marks] = text.record;
+    char body[slotSize / 2];
+    std::snprintf(body, sizeof body,
+                  "\nstore %s\nhistory %s\nevent %" PRIu64 "\ndocument %" PRIu64 "\nfile %" PRIu64
+                  "\nsequence %" PRIu64 "\n",
+                  store.UUIDString().c_str(), history.UUIDString().c_str(), marks[Counter::Event],
+                  marks[Counter::Document], marks[Counter::File], marks.sequence);
+    const std::string lines = std::string(title) + text.line + body;
+    char check[32];
+    std::snprintf(check, sizeof check, "check %016" PRIx64 "\n", checksum(lines));
+    return lines + check;
+}
+
+std::optional<Witness::Text> Witness::decode(std::string_view text) {
+    if (!text.starts_with(title)) return std::nullopt;
+    const auto end = std::min(text.find('\n', title.size()), text.size());
+    Text found{std::string(text.substr(title.size(), end - title.size())), {}};
+    auto& marks = found.record.marks;
+    char store[37];
+    char history[37];
+    const int fields =
+        std::sscanf(std::string(text.substr(end)).c_str(),
+                    " store %36s history %36s event %" SCNu64 " document %" SCNu64 " file %" SCNu64
+                    " sequence %" SCNu64,
+                    store, history, &marks[Counter::Event], &marks[Counter::Document],
+                    &marks[Counter::File], &marks.sequence);
+    if (fields != 6) return std::nullopt;
+    const auto storeUUID = QSUUID::fromString(store);
+    const auto historyUUID = QSUUID::fromString(history);
+    if (!storeUUID || !historyUUID) return std::nullopt;
+    found.record.store = *storeUUID;
+    found.record.history = *historyUUID;
+    // Equal bytes prove the checksum.
+    if (encode(found) != text) return std::nullopt;
+    return found;
 }
 
 Result<Witness> Witness::open(std::string path) {
@@ -113,7 +129,7 @@ Result<Witness> Witness::open(std::string path) {
         const ssize_t size = pread(witness.file_.get(), slot.data(), slot.size(), offset);
         if (size < 0) return std::unexpected(errorFromErrno(errno, witness.path_));
         if (size != static_cast<ssize_t>(slot.size())) continue;
-        const auto found = decode(slot);
+        const auto found = read(slot);
         if (!found || found->serial < witness.serial_) continue;
         witness.serial_ = found->serial;
         witness.record_ = found->record;
@@ -125,7 +141,7 @@ Result<Witness> Witness::open(std::string path) {
 
 Result<void> Witness::write(const Record& record) {
     const std::uint64_t serial = serial_ + 1;
-    const Slot slot = encode({serial, record});
+    const Slot slot = slotOf(serial, record);
     const off_t offset = serial % 2 ? static_cast<off_t>(slotSize) : 0;
     if (file_) {
         if (auto done = writeSlot(file_.get(), slot, offset, path_); !done) return done;

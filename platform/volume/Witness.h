@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -17,7 +18,8 @@ enum class Counter : std::uint8_t { Event, Document, File };
 inline constexpr std::size_t counterCount = 3;
 
 /// Up to where the values of each counter may have been handed out, and how many durable changes
-/// the store has seen. Both only grow.
+/// the store has seen. A clean end gives back what was reserved and not allocated; the changes only
+/// grow.
 struct HighWaterMarks {
     std::array<std::uint64_t, counterCount> reserved{};
     std::uint64_t sequence = 0;
@@ -28,10 +30,11 @@ struct HighWaterMarks {
     [[nodiscard]] std::uint64_t operator[](Counter counter) const {
         return reserved[static_cast<std::size_t>(counter)];
     }
+    void raise(Counter counter, std::uint64_t value) {
+        (*this)[counter] = std::max((*this)[counter], value);
+    }
     /// The larger of each.
     [[nodiscard]] HighWaterMarks above(const HighWaterMarks& other) const;
-    /// Some part is larger than the other's.
-    [[nodiscard]] bool exceeds(const HighWaterMarks& other) const;
 
     friend bool operator==(const HighWaterMarks&, const HighWaterMarks&) = default;
 };
@@ -48,6 +51,16 @@ class Witness {
         QSUUID history;
         HighWaterMarks marks;
     };
+
+    /// A record as text: a title, a line that each kind of witness has for itself, the record, a
+    /// checksum.
+    struct Text {
+        std::string line;
+        Record record;
+    };
+    [[nodiscard]] static std::string encode(const Text& text);
+    /// None unless `text` is, byte for byte, what encode makes.
+    [[nodiscard]] static std::optional<Text> decode(std::string_view text);
 
     /// Reads the file at `path`; a missing or unreadable record is no failure but none.
     [[nodiscard]] static Result<Witness> open(std::string path);

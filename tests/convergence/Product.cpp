@@ -1,10 +1,15 @@
 #include "tests/convergence/Product.h"
 
+#include <sys/xattr.h>
+
+#include <array>
 #include <filesystem>
 #include <fstream>
 
 #include "platform/dispatch/Queue.h"
 #include "platform/fileprovider/QSFileProviderItem.h"
+#include "platform/files/AttributeReader.h"
+#include "platform/files/ExtendedAttributes.h"
 #include "platform/foundation/QSKeyedArchiver.h"
 #include "tidewell/provider/InstalledApps.h"
 #include "tidewell/provider/LocalFileProvider.h"
@@ -82,7 +87,15 @@ void Product::kill() {
     namespace fs = std::filesystem;
     const fs::path now = stores_, copy = stores_ + ".killed";
     fs::copy(now, copy, fs::copy_options::recursive);
+    const std::string storage = base_ + "/s";
+    const auto name = platform::storedAttributeName(platform::folderWitnessAttribute);
+    std::array<char, 512> witness;
+    const auto size = getxattr(storage.c_str(), name.c_str(), witness.data(), witness.size());
     stop();
+    if (size > 0) {
+        (void)setxattr(storage.c_str(), name.c_str(), witness.data(),
+                       static_cast<std::size_t>(size), 0);
+    }
     fs::remove_all(now);
     fs::rename(copy, now);
 }
