@@ -60,6 +60,8 @@ struct Parser {
             ->envname("TIDEWELL_STORAGE");
         app.add_option("--state", arguments.state, "Keep all data and state below this folder")
             ->envname("TIDEWELL_STATE");
+        app.add_flag("--accept-replacement", arguments.acceptsReplacement,
+                     "Go on with another folder where the storage was before");
         app.add_flag("--json", arguments.json, "Print JSON Lines");
         app.add_flag("-v,--verbose", arguments.verbosity, "Log more; twice: everything");
 

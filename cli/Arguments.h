@@ -44,8 +44,9 @@ enum class Command : std::uint8_t {
 
 /// The command line and the environment, understood.
 struct Arguments {
-    std::string storage;  ///< empty: the user's documents folder
-    std::string state;    ///< empty: the XDG folders
+    std::string storage;              ///< empty: the user's documents folder
+    bool acceptsReplacement = false;  ///< of the storage that was there before
+    std::string state;                ///< empty: the XDG folders
     bool json = false;
     int verbosity = 0;
     Command command = Command::List;

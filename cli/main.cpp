@@ -10,6 +10,7 @@
 #include "cli/Arguments.h"
 #include "cli/Output.h"
 #include "cli/Progress.h"
+#include "cli/StorageWait.h"
 #include "cli/apps.h"
 #include "cli/commands.h"
 #include "host/DocumentService.h"
@@ -48,6 +49,7 @@ platform::Platform::Options platformOptions(const cli::Arguments& arguments,
         options.folders.config = arguments.state + "/config";
         options.folders.applicationSupport = arguments.state + "/application-support";
     }
+    options.acceptsReplacement = arguments.acceptsReplacement;
     // One command reads little of the storage; a look-up that needs the whole index waits for it.
     options.followsAtStart = false;
     options.scanProgress = [&progress](std::uint64_t objects) {
@@ -60,6 +62,18 @@ cli::ExitCode run(const cli::Arguments& arguments) {
     installLog(arguments);
     cli::Progress progress(showsProgress());
     auto platform = platform::Platform::make(platformOptions(arguments, progress));
+    const auto isMissing = [&] {
+        return !platform && platform::Platform::meansStorageMissing(platform.error());
+    };
+    // What stays goes on when the storage is back.
+    if (isMissing() && arguments.command == cli::Command::Watch) {
+        cli::report(platform.error(), {}, arguments.json);
+        const bool isBack = cli::waitForStorage([&] {
+            platform = platform::Platform::make(platformOptions(arguments, progress));
+            return !isMissing();
+        });
+        if (!isBack) return cli::ExitCode::Done;
+    }
     if (!platform) {
         // A storage that is missing is a failure, not an item that was not found.
         cli::report(platform.error(), {}, arguments.json);

@@ -57,11 +57,11 @@ check() { # VERB WHAT
     # written, too), and nothing may be left of it.
     if { [ "$status" -eq 0 ] && [ "$expected" = absent ] && [ "$1" != used ]; } ||
         ! cmp -s "$work/$expected" "$work/found" ||
-        [ -n "$(ls -A "$state/state/unfinished" 2> /dev/null)" ]; then
+        [ -n "$(find "$state"/state/storages/*/unfinished -mindepth 1)" ]; then
         echo "$2 (exit code $status), $expected but for:"
         diff "$work/$expected" "$work/found" || true
         cat "$work/trace" "$work/error"
-        ls "$state/state/unfinished"
+        find "$state"/state/storages/*/unfinished
         exit 1
     fi
     [ "$expected" = absent ] || prepare
@@ -80,7 +80,7 @@ sweep() { # FAULT VERB...; paths are below the storage but for those that begin 
     tidewell "${words[@]}" > /dev/null
     tree > "$work/done"
     prepare
-    while faulty "$fault" "$((total + 1))" "$storage:$state/state/unfinished" "${words[@]}"; do
+    while faulty "$fault" "$((total + 1))" "$storage:$state/state/storages/*/unfinished" "${words[@]}"; do
         total=$((total + 1))
         check "$1" "$* with $fault at call $total"
     done

@@ -1,5 +1,6 @@
 #include "platform/fileprovider/Platform.h"
 
+#include <fcntl.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -77,6 +78,25 @@ void raiseDescriptorLimit() {
     (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+/// Without "." and the like, links not followed.
+std::string absolutePath(const std::string& path) {
+    std::error_code failure;
+    auto absolute = std::filesystem::absolute(path, failure).lexically_normal().string();
+    while (absolute.size() > 1 && absolute.ends_with('/')) absolute.pop_back();
+    return absolute;
+}
+
+Result<StorageCatalog::Storage> storageOf(const FileSystem& files, const std::string& given) {
+    const auto folder = files.openObject(files.storageURL(), O_RDONLY | O_DIRECTORY);
+    if (!folder) return std::unexpected(folder.error());
+    const auto attributes = files.freshAttributes(files.storageURL());
+    if (!attributes) return std::unexpected(attributes.error());
+    const auto& [identity, isWeak] =
+        std::pair((*attributes)->identity, (*attributes)->identityIsWeak);
+    return StorageCatalog::Storage{given, files.nativeStoragePath(),
+                                   VolumeFingerprint::of(folder->get(), identity), isWeak};
+}
+
 }  // namespace
 
 Result<std::unique_ptr<Platform>> Platform::make(Options options) {
@@ -84,10 +104,17 @@ Result<std::unique_ptr<Platform>> Platform::make(Options options) {
     fillDefaults(options.folders);
     std::unique_ptr<Platform> platform(new Platform);
     platform->folders_ = options.folders;
+    StorageCatalog catalog(options.folders.data, options.folders.state);
+    const auto given = absolutePath(options.folders.storage);
     auto files = FileSystem::open(options.folders.storage);
-    if (!files) return std::unexpected(files.error());
+    if (!files) return std::unexpected(catalog.errorForMissing(given, std::move(files.error())));
     platform->files_ = std::move(*files);
-    platform->folders_.storage = platform->files_->nativeStoragePath();
+    auto storage = storageOf(*platform->files_, given);
+    if (!storage) return std::unexpected(std::move(storage.error()));
+    const auto own = catalog.nameOf(*storage, options.acceptsReplacement);
+    if (!own) return std::unexpected(own.error());
+    platform->useFoldersOf(*storage, *own);
+    const auto& folders = platform->folders_;
     for (const auto& error : platform->types_.load(typeDeclarationFolders(options.folders.data))) {
         Log::platformLog().write(LogLevel::Error, [&] { return error.description(); });
     }
@@ -95,12 +122,12 @@ Result<std::unique_ptr<Platform>> Platform::make(Options options) {
     platform->crashReports_ = std::make_unique<CrashReports>(options.folders.state + "/crashes");
     platform->notifications_ = std::make_shared<QSDistributedNotificationCenter>();
     platform->unfinished_ =
-        std::make_unique<UnfinishedWork>(*platform->files_, options.folders.state + "/unfinished");
+        std::make_unique<UnfinishedWork>(*platform->files_, folders.state + "/unfinished");
     platform->manager_ = std::make_unique<QSFileProviderManager>(platform->files_->storageURL());
     VolumeService::Configuration configuration{
         .files = *platform->files_,
-        .dataFolder = options.folders.data,
-        .stateFolder = options.folders.state,
+        .dataFolder = folders.data,
+        .stateFolder = folders.state,
         .progress = std::move(options.scanProgress),
         .followsAtStart = options.followsAtStart,
         .isPackageName =
@@ -120,6 +147,17 @@ Result<std::unique_ptr<Platform>> Platform::make(Options options) {
     dispatchConcurrently([pass = platform->events_.gate->enter(),
                           &unfinished = *platform->unfinished_] { unfinished.finish(); });
     return platform;
+}
+
+void Platform::useFoldersOf(const StorageCatalog::Storage& storage, const std::string& name) {
+    folders_.storage = storage.resolved;
+    for (auto* folder : {&folders_.data, &folders_.state, &folders_.cache}) {
+        *folder += "/storages/" + name;
+    }
+}
+
+bool Platform::meansStorageMissing(const QSError& error) {
+    return StorageCatalog::meansMissing(error);
 }
 
 void Platform::readConfiguration(const Options& options) {

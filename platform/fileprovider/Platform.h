@@ -17,6 +17,7 @@
 #include "platform/registry/QSDistributedNotificationCenter.h"
 #include "platform/types/TypeRegistry.h"
 #include "platform/volume/FSEventStream.h"
+#include "platform/volume/StorageCatalog.h"
 #include "platform/volume/VolumeService.h"
 
 namespace platform {
@@ -27,7 +28,8 @@ namespace platform {
 class Platform {
   public:
     /// Native folders. Empty ones take the XDG defaults: "tidewell" below the data, state, cache,
-    /// configuration and data homes.
+    /// configuration and data homes. Of a platform, the first four are the storage's own: its
+    /// folder as resolved, and "storages/NAME" below those of the options.
     struct Folders {
         std::string storage;  ///< must exist
         std::string data;
@@ -51,11 +53,15 @@ class Platform {
         std::function<void(VolumeService::Configuration&)> adjustVolume = {};
         /// Where event streams read instead of the volume's own history; must outlive the platform.
         EventHistory* history = nullptr;
+        /// Whether another folder may take the place of the storage that was at that path before.
+        bool acceptsReplacement = false;
     };
 
     /// Opens the storage and its volume's store, and raises the process's limit of open files as
-    /// far as it may. Fails with the first error; nothing is left behind.
+    /// far as it may. Fails with the first error; nothing is left behind. Where that is the error
+    /// of a storage that is known and missing, it meansStorageMissing, and nothing was written.
     [[nodiscard]] static Result<std::unique_ptr<Platform>> make(Options options);
+    [[nodiscard]] static bool meansStorageMissing(const QSError& error);
     ~Platform();
 
     /// The installed platform. Fatal where none is.
@@ -86,6 +92,7 @@ class Platform {
   private:
     Platform() = default;
     void makeRegistry(const Options& options);
+    void useFoldersOf(const StorageCatalog::Storage& storage, const std::string& name);
     void readConfiguration(const Options& options);
 
     // Constant after make(); each has its own synchronisation.

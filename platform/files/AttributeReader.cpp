@@ -90,6 +90,27 @@ std::uint64_t birthTimeFingerprint(const struct statx& status) {
            1;
 }
 
+bool hasLastingHandles(const struct statfs& system) {
+    constexpr std::array<unsigned long, 5> others = {
+        0x65735546,   // FUSE: of the node that the daemon made for the look-up
+        0x4D44,       // vfat, and
+        0x2011BAB0,   // exfat: inode numbers are made up in memory
+        0xFF534D42,   // CIFS, and
+        0xFE534D42};  // SMB: of the connection
+    const auto type = static_cast<unsigned long>(system.f_type) & 0xFFFFFFFF;
+    return std::ranges::find(others, type) == others.end();
+}
+
+/// 0 where there is no handle that lasts; errno then is EOPNOTSUPP, or says that the object is
+/// missing.
+std::uint64_t lastingFingerprint(int directory, const char* name, const FolderFacts* folder) {
+    if (folder ? folder->handlesLast : fileHandlesLast(directory)) {
+        return handleFingerprint(directory, name);
+    }
+    errno = EOPNOTSUPP;
+    return 0;
+}
+
 }  // namespace
 
 Credentials Credentials::ofThisProcess() {
@@ -115,6 +136,11 @@ std::uint32_t foldedDevice(std::uint32_t major, std::uint32_t minor) {
     return folded == 0 ? ~0u : folded;
 }
 
+bool fileHandlesLast(int fd) {
+    struct statfs system {};
+    return fstatfs(fd, &system) != 0 || hasLastingHandles(system);
+}
+
 Result<FolderFacts> readFolderFacts(int folder) {
     struct statx status {};
     if (statx(folder, "", AT_EMPTY_PATH, STATX_INO | STATX_MNT_ID, &status) != 0) {
@@ -126,11 +152,13 @@ Result<FolderFacts> readFolderFacts(int folder) {
     const bool known = type == EXT4_SUPER_MAGIC || type == xfsMagic || type == BTRFS_SUPER_MAGIC ||
                        type == TMPFS_MAGIC;
     const bool readOnly = (static_cast<unsigned long>(system.f_flags) & ST_RDONLY) != 0;
-    return FolderFacts{{status.stx_ino, handleFingerprint(folder, "")},
+    const bool lasts = hasLastingHandles(system);
+    return FolderFacts{{status.stx_ino, lasts ? handleFingerprint(folder, "") : 0},
                        foldedDevice(status.stx_dev_major, status.stx_dev_minor),
                        status.stx_mnt_id,
                        !known || readOnly,
-                       known};
+                       known,
+                       lasts};
 }
 
 Result<std::shared_ptr<FileAttributes>> readAttributes(int directory, const char* name,
@@ -156,7 +184,7 @@ Result<std::shared_ptr<FileAttributes>> readAttributes(int directory, const char
         attributes->attributeNames = attributeNames(directory, name);
     }
 
-    attributes->identity.generation = handleFingerprint(directory, name);
+    attributes->identity.generation = lastingFingerprint(directory, name, folder);
     if (attributes->identity.generation == 0) {
         // It went after the first call. Another identity would be made up.
         if (errno == ENOENT || errno == ESTALE) return std::unexpected(errorFromErrno(ENOENT));
@@ -174,7 +202,7 @@ Result<std::shared_ptr<FileAttributes>> readAttributes(int directory, const char
 
 Result<ObjectIdentity> readIdentity(int directory, const char* name, const FolderFacts* folder,
                                     const Credentials& credentials) {
-    const auto fingerprint = handleFingerprint(directory, name);
+    const auto fingerprint = lastingFingerprint(directory, name, folder);
     if (fingerprint == 0) {
         auto attributes = readAttributes(directory, name, folder, credentials);
         if (!attributes) return std::unexpected(attributes.error());

@@ -25,7 +25,12 @@ struct FolderFacts {
     std::uint64_t mount = 0;
     bool asksKernelForAccess = false;  ///< read-only, or a file system whose rules are its own
     bool usesSystemClock = false;      ///< for the times of files; false where that is not known
+    bool handlesLast = true;           ///< as fileHandlesLast says
 };
+
+/// Whether a file handle of the file system that `fd` is on means the same object as long as the
+/// object lives. Some make another one up whenever the kernel has dropped the object from memory.
+[[nodiscard]] bool fileHandlesLast(int fd);
 
 /// The facts of an open folder (O_PATH will do).
 [[nodiscard]] Result<FolderFacts> readFolderFacts(int folder);

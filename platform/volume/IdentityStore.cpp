@@ -43,6 +43,14 @@ void syncFolder(const std::string& path) {
 
 }  // namespace
 
+Result<VolumeFingerprint> IdentityStore::volumeOf(const std::string& databasePath) {
+    auto database = SQLiteDatabase::open(databasePath);
+    if (!database) return std::unexpected(database.error());
+    auto state = readState(*database);
+    if (!state) return std::unexpected(state.error());
+    return state->volume;
+}
+
 Result<std::unique_ptr<IdentityStore>> IdentityStore::open(
     const std::string& dataFolder, const std::string& stateFolder, const VolumeFingerprint& volume,
     const std::optional<FolderWitness>& folderWitness, ObjectIndex& index) {

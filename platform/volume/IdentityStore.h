@@ -32,6 +32,9 @@ class IdentityStore {
         const VolumeFingerprint& volume, const std::optional<FolderWitness>& folderWitness,
         ObjectIndex& index);
 
+    /// The volume that the store at that path is of; an error where it cannot be read.
+    [[nodiscard]] static Result<VolumeFingerprint> volumeOf(const std::string& databasePath);
+
     [[nodiscard]] const StoreState& state() const { return state_; }
     [[nodiscard]] const std::string& path() const { return path_; }
 

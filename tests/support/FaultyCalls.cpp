@@ -4,6 +4,7 @@
 // FAULT_APART no rename leads from one descriptor to another (EXDEV).
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <linux/fs.h>
 #include <signal.h>
 #include <unistd.h>
@@ -33,7 +34,7 @@ bool isBelow(int folder, const char* path) {
     }
     std::istringstream folders(setting("FAULT_BELOW"));
     for (std::string below; std::getline(folders, below, ':');) {
-        if (whole.starts_with(below + "/")) return true;
+        if (fnmatch((below + "/*").c_str(), whole.c_str(), 0) == 0) return true;
     }
     return false;
 }

@@ -209,7 +209,7 @@ TEST_F(MutationsTest, AnImportIsAWholeCopy) {
     EXPECT_GT(import("/proc/sys/kernel/ostype", id("in")).value()->documentSize(), 0U);
     const auto refused = import(source / "a/fifo", id("in"));
     EXPECT_EQ(refused.error().userInfo.at(std::string(QSFilePathErrorKey)), source / "a/fifo");
-    EXPECT_TRUE(fs::is_empty(scratch / "state/unfinished"));
+    EXPECT_TRUE(fs::is_empty(installed->folders().state + "/unfinished"));
 }
 
 TEST_F(MutationsTest, ACancelledOperationLeavesNothingAndTakesNothing) {
@@ -226,7 +226,7 @@ TEST_F(MutationsTest, ACancelledOperationLeavesNothingAndTakesNothing) {
                 Pair(QSPOSIXErrorDomain, ECANCELED));
     EXPECT_EQ(pathsBelow(storage() / "in"),
               (std::set<std::string>{"source", "source/a", "source/a/b"}));
-    EXPECT_TRUE(fs::is_empty(scratch / "state/unfinished"));
+    EXPECT_TRUE(fs::is_empty(installed->folders().state + "/unfinished"));
 }
 
 /// Some file systems rename nothing into a folder of another project.
@@ -257,7 +257,7 @@ TEST_F(MutationsTest, WhatCannotBeRenamedIsCopiedAndRemoved) {
     EXPECT_NE((*moved)->itemIdentifier(), item);
     EXPECT_TRUE(fs::is_empty(storage() / "in"));
     EXPECT_TRUE(trash((*moved)->itemIdentifier()).value()->isTrashed());
-    EXPECT_TRUE(fs::is_empty(scratch / "state/unfinished"));
+    EXPECT_TRUE(fs::is_empty(installed->folders().state + "/unfinished"));
 }
 
 /// What was meant itself is swept by killing the command.
@@ -266,7 +266,8 @@ TEST_F(MutationsTest, AStrangerThatAKilledProcessSetAsideGoesBack) {
     const auto meant = installed->files().freshAttributes(url("in/taken")).value()->identity;
     const auto hidden = ".tidewell-" + std::string(20, 's');
     fs::create_directory(storage() / "in" / hidden);
-    const auto records = scratch.makeFolder("state/unfinished");
+    const fs::path records = installed->folders().state + "/unfinished";
+    fs::create_directories(records);
     char name[128];
     std::snprintf(name, sizeof name, "r.%lx.%lx.%s", meant.inode, meant.generation,
                   hidden.substr(10).c_str());

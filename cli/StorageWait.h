@@ -1,0 +1,11 @@
+#pragma once
+
+#include <functional>
+
+namespace cli {
+
+/// Calls `isThere` once a second until it says so. False where an interruption came first, or
+/// whoever reads the standard output went away. Blocks; one at a time.
+[[nodiscard]] bool waitForStorage(const std::function<bool()>& isThere);
+
+}  // namespace cli
