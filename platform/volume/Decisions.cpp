@@ -5,7 +5,6 @@
 #include "platform/log/Log.h"
 #include "platform/tree/TreeLayout.h"
 #include "platform/volume/Reconciler.h"
-#include "platform/volume/SaveNames.h"
 #include "platform/volume/UserMetadataCopy.h"
 
 namespace platform {
@@ -24,57 +23,44 @@ std::optional<Reconciler::Time> Reconciler::nextDecision(Time now) const {
     return expiry_.front().first + state_.configuration.windows.successor;
 }
 
-Reconciler::Verdict Reconciler::judge(std::uint32_t document, const Departures::Vacancy& vacancy,
-                                      Time passStart, bool mustDecide) {
-    if (vacancy.isFinal) return Verdict::Stays;
+SaveVerdict Reconciler::judge(std::uint32_t document, const Departures::Vacancy& vacancy,
+                              Time passStart, bool mustDecide) const {
     const auto& windows = state_.configuration.windows;
-    const auto age = now_ - vacancy.at;
-    ObjectIndex::Node owner;
-    ObjectIndex::Node successor;
     std::string ownerName;
-    std::optional<QSURL> successorURL;
-    bool isYoung = false;
-    bool isInTrash = false;
+    SaveFacts facts{.vacatedName = vacancy.place.name,
+                    .age = now_ - vacancy.at,
+                    .isRead = vacancy.at < passStart,
+                    .isByThisProcess = vacancy.isFinal,
+                    .isFromScan = vacancy.isFromScan,
+                    .mustDecide = mustDecide};
     {
         const std::shared_lock lock(state_.indexMutex);
         const auto& index = state_.index;
         if (vacancy.owner != ObjectIndex::none) {
-            owner = index.node(vacancy.owner);
-            if (owner.documentID != document) return Verdict::Stays;
+            const auto& owner = index.node(vacancy.owner);
+            if (owner.documentID != document) return SaveVerdict::Keep;
             if (owner.firstName != ObjectIndex::none) {
                 const auto place = placeOf(owner.firstName);
                 ownerName = place.name;
-                isInTrash = place.folder != vacancy.place.folder &&
-                            platform::isInTrash(pathOfFolder(place.folder));
+                facts.ownerName = ownerName;
+                facts.isOwnerInTrash =
+                    place.folder != vacancy.place.folder && isInTrash(pathOfFolder(place.folder));
             }
         }
-        const auto heir = index.findObject(vacancy.place.folder, vacancy.place.name);
-        if (heir != ObjectIndex::none && heir != vacancy.owner) {
-            successor = index.node(heir);
-            successorURL = state_.urlOf(heir);
-            const auto born = births_.find(heir);
-            isYoung = born != births_.end() && vacancy.at - born->second < windows.rename;
+        const auto number = index.findObject(vacancy.place.folder, vacancy.place.name);
+        if (number != ObjectIndex::none && number != vacancy.owner && state_.urlOf(number)) {
+            const auto& node = index.node(number);
+            const auto born = births_.find(number);
+            facts.replacement = {
+                .isSameKind = node.kind == vacancy.kind,
+                // A folder may have been reported by its file ID.
+                .hasOwnIdentifier = node.documentID != 0 ||
+                                    (node.kind == ObjectKind::Directory && node.fileID != 0),
+                .isRecent = born != births_.end() && vacancy.at - born->second < windows.rename,
+                .isFromOwnersPlace = vacancy.isExchange};
         }
     }
-    const bool isGone = owner.firstName == ObjectIndex::none;
-    const bool mayWait = !mustDecide && !vacancy.isFromScan;
-    if (!successorURL) {
-        const auto window = isGone ? windows.successor : windows.rename;
-        return mayWait && age < window ? Verdict::Wait : Verdict::Stays;
-    }
-    // One that was given an identifier of its own keeps that; a folder may have been by its file
-    // ID.
-    const bool isReported = successor.documentID != 0 ||
-                            (successor.kind == ObjectKind::Directory && successor.fileID != 0);
-    if (successor.kind != vacancy.kind || isReported) return Verdict::Stays;
-    if (isGone) {
-        // Its other half may still be on its way.
-        const bool isSure = vacancy.at < passStart && age >= windows.rest;
-        return mayWait && !isSure ? Verdict::Wait : Verdict::Moves;
-    }
-    if (!isInTrash && isBackupName(ownerName, vacancy.place.name)) return Verdict::Moves;
-    if (vacancy.isExchange && isYoung) return Verdict::Moves;
-    return mayWait && age < windows.rename ? Verdict::Wait : Verdict::Stays;
+    return decideAboutSave(facts, windows);
 }
 
 void Reconciler::decide(std::uint32_t document, Time passStart, bool mustDecide) {
@@ -82,7 +68,7 @@ void Reconciler::decide(std::uint32_t document, Time passStart, bool mustDecide)
     if (!open) return;
     const auto vacancy = *open;
     const auto verdict = judge(document, vacancy, passStart, mustDecide);
-    if (verdict == Verdict::Wait) return;
+    if (verdict == SaveVerdict::Wait) return;
     departures_.closeVacancy(document);
     auto successor = ObjectIndex::none;
     {
@@ -94,7 +80,7 @@ void Reconciler::decide(std::uint32_t document, Time passStart, bool mustDecide)
             updateHold(node);
         }
     }
-    if (verdict == Verdict::Moves) moveDocument(document, vacancy, successor);
+    if (verdict == SaveVerdict::Move) moveDocument(document, vacancy, successor);
     // With that it is decided what became of an object whose number is another's, whose row waits.
     finishOrphans([&](const Orphan& orphan) { return orphan.documentID == document; });
 }

@@ -11,6 +11,7 @@
 #include "platform/volume/Departures.h"
 #include "platform/volume/EventTable.h"
 #include "platform/volume/FolderReader.h"
+#include "platform/volume/SaveVerdict.h"
 #include "platform/volume/VolumeState.h"
 
 namespace platform {
@@ -114,7 +115,6 @@ class Reconciler {
         ObjectIndex::Node node;  ///< as it was
         Departures::Departure departure;
     };
-    enum class Verdict : std::uint8_t { Wait, Stays, Moves };
     static constexpr int deepest = 4096;  ///< folders in one another; ends what runs in a circle
 
     [[nodiscard]] static std::string joined(const std::string& folder, std::string_view name) {
@@ -157,8 +157,8 @@ class Reconciler {
     void recordGone(const ObjectIndex::Node& node, const FormerPlace& last);
     [[nodiscard]] std::string coverOfPath(const std::string& path) const;
 
-    [[nodiscard]] Verdict judge(std::uint32_t document, const Departures::Vacancy& vacancy,
-                                Time passStart, bool mustDecide);
+    [[nodiscard]] SaveVerdict judge(std::uint32_t document, const Departures::Vacancy& vacancy,
+                                    Time passStart, bool mustDecide) const;
     void decide(std::uint32_t document, Time passStart, bool mustDecide);
     void moveDocument(std::uint32_t document, const Departures::Vacancy& vacancy,
                       NodeNumber successor);
