@@ -68,7 +68,7 @@ struct Parser {
         auto& list = add(Command::List, "ls", "List a container", Takes::AnyItem);
         list.add_flag("--one-page", arguments.onePage, "Stop after one page");
         auto* from = list.add_option("--page", page, "Begin at the page with this token (base64)");
-        list.add_flag("--sort-by-date", byDate, "Begin with the page that is sorted by date")
+        list.add_flag("--sort-by-date", byDate, "Sort by modification date, the newest first")
             ->excludes(from);
         add(Command::Tree, "tree", "Draw a folder and all folders below it", Takes::AnyItem);
         add(Command::Stat, "stat", "Print every field of an item", Takes::OneItem);

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <utility>
 
+#include "cli/ItemOrder.h"
 #include "cli/changes.h"
 #include "cli/format.h"
 #include "cli/metadata.h"
@@ -135,11 +136,32 @@ class Run {
     [[nodiscard]] Result<ExitCode> list(const std::string& container) {
         const auto* order = std::get_if<host::Order>(&arguments_.start);
         const auto listed =
-            order && !arguments_.onePage
-                ? service_.list(container, *order, [this](const auto& item) { return row(item); })
-                : pages(container);
+            order && !arguments_.onePage ? whole(container, *order) : pages(container);
         if (!listed) return std::unexpected(listed.error());
         return ExitCode::Done;
+    }
+
+    /// On a terminal, and where the user asked for an order, in that order; else as it comes.
+    [[nodiscard]] Result<void> whole(const std::string& container, host::Order order) {
+        const bool byDate = order == host::Order::ByDate;
+        if (!byDate && !sortsByName()) {
+            return service_.list(container, order, [this](const auto& item) { return row(item); });
+        }
+        std::vector<host::ItemRecord> items;
+        auto listed = service_.list(container, order, [&](const auto& item) {
+            items.push_back(item);
+            noteProgress(items.size());
+            return true;
+        });
+        byDate ? sortByDate(items) : sortByName(items);
+        for (const auto& item : items) {
+            if (!row(item)) break;
+        }
+        return listed;
+    }
+
+    [[nodiscard]] bool sortsByName() const {
+        return output_.style().isTerminal && !arguments_.json;
     }
 
     /// From one page on: here a refusal is the user's to know, not a reason to start again.
@@ -183,6 +205,9 @@ class Run {
             [&](const host::ItemRecord& folder, const platform::QSError& error) {
                 progress_.end();
                 code = report(error, folder.path.value_or(folder.filename), arguments_.json);
+            },
+            [this](auto& items) {
+                if (sortsByName()) sortByName(items);
             }};
         const auto listed = service_.listTree(container, handler);
         if (!listed) return std::unexpected(listed.error());
@@ -216,8 +241,12 @@ class Run {
 
     [[nodiscard]] bool counted(const host::ItemRecord& item) {
         if (item.isFolder()) ++folders_;
-        if (++count_ % 200 == 0) progress_.update(fmt::format("{} items listed", count_));
+        noteProgress(++count_);
         return output_.pace();
+    }
+
+    void noteProgress(std::uint64_t items) {
+        if (items % 200 == 0) progress_.update(fmt::format("{} items listed", items));
     }
 
     [[nodiscard]] Result<ExitCode> value(std::string_view key, const std::string& text) {

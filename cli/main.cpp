@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -101,6 +102,9 @@ cli::ExitCode run(const cli::Arguments& arguments) {
 int main(int argc, char** argv) {
     // A reader that goes away ends the output, not the process.
     std::signal(SIGPIPE, SIG_IGN);
+    // The order of names, and the letters in them, are the user's; numbers stay as they are.
+    std::setlocale(LC_COLLATE, "");
+    std::setlocale(LC_CTYPE, "");
     const auto parsed = cli::parseArguments(argc, argv);
     if (const auto* arguments = std::get_if<cli::Arguments>(&parsed)) {
         return std::to_underlying(run(*arguments));

@@ -111,6 +111,7 @@ Result<bool> DocumentService::listLevel(const std::string& container, std::size_
         return true;
     });
     if (!listed) return std::unexpected(std::move(listed.error()));
+    if (handler.sort) handler.sort(children);
     for (const auto& child : children) {
         if (!handler.item(child, depth, &child == &children.back())) return false;
         if (!child.isFolder()) continue;

@@ -108,6 +108,8 @@ class DocumentService {
         std::function<bool(const ItemRecord& item, std::size_t depth, bool isLast)> item;
         /// A folder below the container that could not be listed; the rest goes on.
         std::function<void(const ItemRecord& folder, const platform::QSError& error)> failed;
+        /// Puts the entries of one folder in order; empty: they stay in the order of pages.
+        std::function<void(std::vector<ItemRecord>& entries)> sort = {};
     };
 
     /// Everything below a folder, into folders but not into packages or links. Memory for the
