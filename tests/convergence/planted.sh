@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Checks that the harness finds faults: tests/convergence/planted.sh BUILD-FOLDER [PATCH...] applies
 # each patch of tests/convergence/planted to a copy of the sources and runs seeds until one fails.
-# Fails where fewer than five in six of the patches are found or one does not apply. SEEDS is how many each may take.
+# Fails where fewer than five in six of the patches are found or one does not apply. SEEDS is how
+# many seeds each patch may take; SOME is how many patches run, others with each commit.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 source=$(cd "$here/../.." && pwd)
@@ -9,12 +10,17 @@ build=$(cd "$1" && pwd)
 shift
 [ $# -gt 0 ] || set -- "$here"/planted/*.patch
 seeds=${SEEDS:-400}
+if [ -n "${SOME:-}" ]; then
+    first=$(($(git -C "$source" rev-list --count HEAD) * SOME % $#))
+    set -- "${@:first+1}" "${@:1:first}"
+    set -- "${@:1:SOME}"
+fi
 
 work=$(mktemp -d "$build/planted-XXXXXX")
 trap 'rm -rf "$work"' EXIT
 mkdir "$work/source"
 git -C "$source" ls-files -z | (cd "$source" && xargs -0 cp --parents -t "$work/source")
-cmake -S "$work/source" -B "$work/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo > "$work/log"
+cmake -S "$work/source" -B "$work/build" -G Ninja -DCMAKE_CXX_FLAGS=-O1 > "$work/log"
 
 finds_it() {
     local first

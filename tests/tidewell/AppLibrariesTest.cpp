@@ -1,12 +1,11 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <latch>
 #include <mutex>
 #include <semaphore>
-#include <thread>
 
 #include "platform/foundation/QSKeyedArchiver.h"
+#include "tests/support/Await.h"
 #include "tests/support/InstalledPlatform.h"
 #include "tests/tidewell/Observers.h"
 #include "tidewell/applibraries/Registrar.h"
@@ -17,6 +16,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::SizeIs;
+using tests::await;
 
 constexpr auto root = QSFileProviderRootContainerItemIdentifier;
 constexpr auto workingSet = QSFileProviderWorkingSetContainerItemIdentifier;
@@ -65,7 +65,8 @@ TEST(AppLibraryCacheTest, ComesBackWholeOrNotAtAll) {
     EXPECT_EQ(cache.versionToken(), 95u);
 }
 
-/// A provider over the real registry, whose refreshes can be held and whose signals waited for.
+/// A provider over the real registry. The refresh at the start waits behind the registry until it
+/// is let on.
 class RefreshTest : public tests::InstalledPlatform {
   protected:
     RefreshTest() {
@@ -73,9 +74,7 @@ class RefreshTest : public tests::InstalledPlatform {
             configuration.rest = std::chrono::milliseconds(10);
         };
         restart();
-    }
-    /// The refresh at the start is held behind the registry.
-    void open() {
+        install("org.0");
         installed->manager().setSignalHandler([this](const std::string& container, auto done) {
             {
                 const std::scoped_lock lock(mutex);
@@ -86,16 +85,14 @@ class RefreshTest : public tests::InstalledPlatform {
         });
         libraries = AppLibraries::load([this] {
             auto bundles = retrieveAppLibraries();
-            if (++retrievals == 2) {
-                isHeld.count_down();
-                mayGoOn.wait();
-            }
+            if (++retrievals == 2) mayGoOn.wait(false);
             return bundles;
         });
         provider = LocalFileProvider::init(libraries);
-        isHeld.wait();
+        EXPECT_TRUE(await("the first refresh", [this] { return retrievals == 2; }));
     }
     void TearDown() override {
+        goOn();
         provider.reset();
         libraries.reset();
         mainQueue().sync([] {});
@@ -106,15 +103,18 @@ class RefreshTest : public tests::InstalledPlatform {
         (void)installApplication(identifier, "App", lines);
         installed->workspace().refresh();
     }
+    void goOn() {
+        mayGoOn = true;
+        mayGoOn.notify_all();
+    }
     void awaitSignals(int count) {
-        while (count-- > 0) EXPECT_TRUE(signalled.try_acquire_for(std::chrono::seconds(20)));
+        while (count-- > 0) ASSERT_TRUE(await("a signal", signalled));
     }
 
     static constexpr std::string_view browser = "X-Quenby-SupportsDocumentBrowser=true\n";
     static constexpr std::string_view inPlace = "X-Quenby-SupportsOpenInPlace=true\n";
     static constexpr std::string_view sharing = "X-Quenby-FileSharingEnabled=true\n";
-    std::latch isHeld{1};
-    std::latch mayGoOn{1};
+    std::atomic<bool> mayGoOn = false;
     std::atomic<int> retrievals = 0;
     std::shared_ptr<AppLibraries> libraries;
     std::shared_ptr<LocalFileProvider> provider;
@@ -123,9 +123,7 @@ class RefreshTest : public tests::InstalledPlatform {
     std::counting_semaphore<> signalled{0};
 };
 
-TEST_F(RefreshTest, ASlowRegistryHoldsUpNobodyAndTenNotificationsAreOneRefresh) {
-    install("org.0");
-    open();
+TEST_F(RefreshTest, ASlowRegistryHoldsUpNobody) {
     const auto enumerator = provider->enumeratorForContainerItemIdentifier(std::string(root));
     std::optional<QSFileProviderSyncAnchor> anchor;
     (*enumerator)->currentSyncAnchorWithCompletionHandler([&](auto now) { anchor = now; });
@@ -135,10 +133,9 @@ TEST_F(RefreshTest, ASlowRegistryHoldsUpNobodyAndTenNotificationsAreOneRefresh) 
         if (provider->itemForIdentifier(identifier)) ++found;
     };
     (*enumerator)->enumerateChangesForObserver(observer, anchor.value());
-    EXPECT_EQ(observer->end.get_future().wait_for(std::chrono::seconds(20)),
-              std::future_status::ready);
+    EXPECT_TRUE(await("the changes", observer->end.get_future()));
     EXPECT_EQ(found, 1);
-
+    (*enumerator)->invalidate();
     const auto container = [&](const std::string& identifier) {
         std::optional<Result<ItemRef>> answer;
         provider->_defaultApplicationContainerForBundleIdentifier(
@@ -149,8 +146,9 @@ TEST_F(RefreshTest, ASlowRegistryHoldsUpNobodyAndTenNotificationsAreOneRefresh) 
     EXPECT_EQ(container("org.none").error(),
               QPInvalidParameterError("bundleIdentifier", "org.none"));
     EXPECT_THAT(logged(LogLevel::Error, "can't create bundle proxy with 'org.none'"), SizeIs(1));
-    (*enumerator)->invalidate();
+}
 
+TEST_F(RefreshTest, TenNotificationsAreOneRefreshOfWhatQualifies) {
     for (int i = 1; i < 7; ++i) install("org." + std::to_string(i));
     install("org.both", std::string(inPlace) + std::string(sharing));
     install("org.open", inPlace);
@@ -158,7 +156,7 @@ TEST_F(RefreshTest, ASlowRegistryHoldsUpNobodyAndTenNotificationsAreOneRefresh) 
     install("org.stuck");
     std::filesystem::remove_all(scratch / "containers");
     scratch.makeFile("containers/org.stuck/Documents");
-    mayGoOn.count_down();
+    goOn();
     awaitSignals(4);
     EXPECT_EQ(retrievals, 3);
     std::vector<std::string> shown;
@@ -170,20 +168,26 @@ TEST_F(RefreshTest, ASlowRegistryHoldsUpNobodyAndTenNotificationsAreOneRefresh) 
                                    "org.both"));
     EXPECT_FALSE(std::filesystem::exists(scratch / "containers/org.open"));
     installed->notifications()->post(applicationRegisteredNotification);  // of nothing
-    while (retrievals < 4) std::this_thread::yield();
+    ASSERT_TRUE(await("a refresh that finds nothing", [&] { return retrievals == 4; }));
     std::filesystem::remove(scratch / "share/applications/org.0.desktop");
     awaitSignals(2);
-    // A container that is replaced is found again without a signal.
-    std::filesystem::rename(scratch / "containers/org.1", scratch / "elsewhere");
-    scratch.makeFile("containers/org.1/Documents/note");
-    const auto library = TWPAppLibraryManager::rootURLsForAppLibraries().at(0);
-    EXPECT_EQ(provider->persistentIdentifierForItemAtURL(library), "#org.1");
-    const auto note = library.URLByAppendingPathComponent("note");
-    while (!installed->files().freshAttributes(note)) std::this_thread::yield();
     EXPECT_THAT(signals, ElementsAre(workingSet,        // at the start
-                                     workingSet,        // which was never told of a set
+                                     workingSet,        // which had no set yet
                                      root, workingSet,  // what came
                                      root, workingSet));
+}
+
+TEST_F(RefreshTest, AContainerThatIsReplacedIsFoundAgainWithoutASignal) {
+    goOn();
+    awaitSignals(2);
+    const auto library = TWPAppLibraryManager::rootURLsForAppLibraries().at(0);
+    EXPECT_EQ(provider->persistentIdentifierForItemAtURL(library), "#org.0");
+    std::filesystem::rename(scratch / "containers/org.0", scratch / "elsewhere");
+    scratch.makeFile("containers/org.0/Documents/note");
+    const auto note = library.URLByAppendingPathComponent("note");
+    ASSERT_TRUE(await("the new container",
+                      [&] { return installed->files().freshAttributes(note).has_value(); }));
+    EXPECT_THAT(signals, SizeIs(2));
 }
 
 }  // namespace

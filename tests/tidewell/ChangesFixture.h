@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/fileprovider/URLOperations.h"
+#include "tests/support/Await.h"
 #include "tests/support/InstalledPlatform.h"
 #include "tests/support/ScriptedHistory.h"
 #include "tests/tidewell/Observers.h"
@@ -37,8 +38,7 @@ class ChangesFixture : public InstalledPlatform {
         return collector;
     }
     static void wait(ChangeCollector& collector) {
-        ASSERT_EQ(collector.end.get_future().wait_for(std::chrono::seconds(20)),
-                  std::future_status::ready);
+        ASSERT_TRUE(await("the end of the changes", collector.end.get_future()));
     }
 
     /// An event about what stands there, with its identity.

@@ -1,9 +1,9 @@
 #include <semaphore>
-#include <thread>
 
 #include "tests/support/FullDisk.h"
 #include "tests/tidewell/ChangesFixture.h"
 #include "tidewell/fs/DocIDPath.h"
+#include "tidewell/fs/FSChangesNotifier.h"
 
 namespace tidewell {
 namespace {
@@ -12,6 +12,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 using testing::SizeIs;
+using tests::await;
 
 constexpr auto workingSet = QSFileProviderWorkingSetContainerItemIdentifier;
 constexpr auto allDirectories = QSFileProviderAllDirectoriesContainerItemIdentifier;
@@ -166,7 +167,7 @@ TEST_F(ChangesTest, StoppingAndClosingAnswer) {
                           : FSEventReaderGatherPhaseResumeStatus::cantReplayHistoricalFSEvents;
         });
         if (closes) {
-            while (scripted.subscriberCount() < 3) std::this_thread::yield();
+            ASSERT_TRUE(await("three streams", [&] { return scripted.subscriberCount() == 3; }));
             installed.reset();
             scripted.tell();
         } else {
@@ -174,7 +175,8 @@ TEST_F(ChangesTest, StoppingAndClosingAnswer) {
         }
         wait(*collector);
         EXPECT_EQ(collector->error->code, QSFileProviderErrorSyncAnchorExpired);
-        while (!closes && scripted.subscriberCount() > 0) std::this_thread::yield();
+        ASSERT_TRUE(await("the end of all streams",
+                          [&] { return closes || scripted.subscriberCount() == 0; }));
         EXPECT_EQ(resumed.get(),
                   FSEventReaderGatherPhaseResumeStatus::cantReplayHistoricalFSEvents);
     }
@@ -422,31 +424,35 @@ TEST_F(CoverTest, WhatAnEventMeansIsSeenOnTheDisk) {
     EXPECT_THAT(told(folderContainer, {kept})->updated, onlyKept);
 }
 
-TEST_F(ChangesTest, SignalsOnceForABatchAndWaitsThreeSecondsAtMost) {
-    using Clock = std::chrono::steady_clock;
-    std::vector<std::pair<Clock::time_point, QSFileProviderManager::CompletionHandler>> signals;
+TEST_F(ChangesTest, SignalsOnceForABatchAndWaitsForTheAnswerUpToItsLimit) {
+    std::vector<QSFileProviderManager::CompletionHandler> signals;
     signals.reserve(10);
     std::counting_semaphore<> signalled(0);
     installed->manager().setSignalHandler(
         [&](const QSFileProviderItemIdentifier& container, auto handler) {
             EXPECT_EQ(container, "fid=1");
-            signals.emplace_back(Clock::now(), std::move(handler));
+            signals.push_back(std::move(handler));
             signalled.release();
         });
-    scripted.append(goneEvent(7000));
-    const auto watched = enumeratorOf("fid=1");
-    watched->start();
-    while (scripted.subscriberCount() == 0) std::this_thread::yield();
-    for (std::uint32_t i = 0; i < 300; ++i) scripted.append(goneEvent(8000 + i));
-    signalled.acquire();
-    scripted.append(goneEvent(9000));
-    signalled.acquire();
-    EXPECT_GE(signals[1].first - signals[0].first, std::chrono::seconds(3));
-    for (auto& [time, handler] : signals) handler(std::nullopt);
-    watched->stop();
-    while (scripted.subscriberCount() > 0) std::this_thread::yield();
-    EXPECT_THAT(signals, SizeIs(2)) << "one for the batch, one for what came during the wait";
-    EXPECT_THAT(logged(LogLevel::Debug, " timed out"), SizeIs(1));
+    for (const auto limit : {std::chrono::milliseconds(50), std::chrono::milliseconds(3'600'000)}) {
+        signals.clear();
+        log->clear();
+        const auto notifier = FSChangesNotifier::make("fid=1", {url()}, limit);
+        notifier->start();
+        ASSERT_TRUE(await("a stream", [&] { return scripted.subscriberCount() == 1; }));
+        for (std::uint32_t i = 0; i < 300; ++i) scripted.append(goneEvent(8000 + i));
+        ASSERT_TRUE(await("the signal of the batch", signalled));
+        scripted.append(goneEvent(9000));
+        const bool isAnswered = limit > tests::longestWait;
+        if (isAnswered) signals[0](std::nullopt);
+        ASSERT_TRUE(await("the signal of what came during the wait", signalled));
+        for (std::size_t i = isAnswered ? 1 : 0; i < 2; ++i) signals[i](std::nullopt);
+        notifier->stop();
+        ASSERT_TRUE(
+            await("the end of the stream", [&] { return scripted.subscriberCount() == 0; }));
+        EXPECT_THAT(signals, SizeIs(2));
+        EXPECT_EQ(logged(LogLevel::Debug, " timed out").empty(), isAnswered);
+    }
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "tidewell/fs/FSChangesNotifier.h"
 
-#include <chrono>
 #include <future>
 
 #include "platform/fileprovider/QSFileProviderManager.h"
@@ -10,14 +9,9 @@
 
 namespace tidewell {
 
-namespace {
-
-constexpr auto longestWait = std::chrono::seconds(3);
-
-}  // namespace
-
 std::shared_ptr<FSChangesNotifier> FSChangesNotifier::make(std::string container,
-                                                           std::vector<QSURL> urls) {
+                                                           std::vector<QSURL> urls,
+                                                           std::chrono::nanoseconds longestWait) {
     if (urls.empty()) fatalError("require at least one URL to init a change notifier");
     const auto volume = volumeUUID(urls.front());
     if (!volume) {
@@ -25,15 +19,16 @@ std::shared_ptr<FSChangesNotifier> FSChangesNotifier::make(std::string container
         return nullptr;
     }
     return std::shared_ptr<FSChangesNotifier>(
-        new FSChangesNotifier(std::move(container), std::move(urls), *volume));
+        new FSChangesNotifier(std::move(container), std::move(urls), *volume, longestWait));
 }
 
 FSChangesNotifier::FSChangesNotifier(std::string container, std::vector<QSURL> urls,
-                                     QSUUID deviceUUID)
+                                     QSUUID deviceUUID, std::chrono::nanoseconds longestWait)
     : container_(std::move(container)),
       reader_(std::make_shared<FSEventReader>(std::move(urls), currentFSEventID(),
                                               FSEventReader::Mode::pathBased, true)),
-      deviceUUID_(deviceUUID) {
+      deviceUUID_(deviceUUID),
+      longestWait_(longestWait) {
     reader_->setHints({.needsItem = [](const QSURL&) { return false; }});
 }
 
@@ -78,7 +73,7 @@ void FSChangesNotifier::signal(std::uint64_t upToEventID) const {
             }
             answered->set_value();
         });
-    const bool isTimely = answer.wait_for(longestWait) == std::future_status::ready;
+    const bool isTimely = answer.wait_for(longestWait_) == std::future_status::ready;
     logDebug([&] {
         const auto upTo = " changes up to FSEventID " + std::to_string(upToEventID);
         return isTimely ? "notified" + upTo : "notifying" + upTo + " timed out";

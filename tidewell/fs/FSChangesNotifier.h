@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -15,10 +16,12 @@ namespace tidewell {
 class FSChangesNotifier final : public FSEventReaderDelegate,
                                 public std::enable_shared_from_this<FSChangesNotifier> {
   public:
-    /// Null, after an error line, where the volume of the first URL is not known. REQUIRES: `urls`
-    /// is not empty.
-    [[nodiscard]] static std::shared_ptr<FSChangesNotifier> make(std::string container,
-                                                                 std::vector<QSURL> urls);
+    /// Null, after an error line, where the volume of the first URL is not known. `longestWait` is
+    /// how long the reader's queue waits for the host's answer to a signal. REQUIRES: `urls` is not
+    /// empty.
+    [[nodiscard]] static std::shared_ptr<FSChangesNotifier> make(
+        std::string container, std::vector<QSURL> urls,
+        std::chrono::nanoseconds longestWait = std::chrono::seconds(3));
 
     /// Any thread, both.
     void start();
@@ -32,7 +35,8 @@ class FSChangesNotifier final : public FSEventReaderDelegate,
     void eventsLost(FSEventReader& reader) override;
 
   private:
-    FSChangesNotifier(std::string container, std::vector<QSURL> urls, QSUUID deviceUUID);
+    FSChangesNotifier(std::string container, std::vector<QSURL> urls, QSUUID deviceUUID,
+                      std::chrono::nanoseconds longestWait);
     void signalAfterBatch(FSEventReader& reader);
     void signal(std::uint64_t upToEventID) const;
 
@@ -40,6 +44,7 @@ class FSChangesNotifier final : public FSEventReaderDelegate,
     std::string container_;
     std::shared_ptr<FSEventReader> reader_;
     QSUUID deviceUUID_;
+    std::chrono::nanoseconds longestWait_;
 
     bool shouldSignalChange_ = false;  // on the reader's queue; a block that signals is under way
 };

@@ -9,19 +9,20 @@
 #include <vector>
 
 #include "platform/dispatch/WorkerPool.h"
+#include "tests/support/Await.h"
 
 using namespace std::chrono_literals;
+using tests::await;
 
 namespace platform {
 namespace {
-
-constexpr auto deadline = 60s;
 
 TEST(SerialQueueTest, BlocksOfManyProducersRunOneAtATimeAndInOrder) {
     const SerialQueue queue("order");
     constexpr int producers = 4;
     constexpr int blocks = 500;
-    std::vector<std::vector<int>> seen(producers);  // plain: a race is for the sanitizer to find
+    std::vector<std::vector<int>> seen(producers);  // used on the queue
+    int running = 0;                                // the same; never above 1
     std::vector<std::jthread> threads;
     for (int producer = 0; producer < producers; ++producer) {
         threads.emplace_back([&, producer] {
@@ -29,7 +30,9 @@ TEST(SerialQueueTest, BlocksOfManyProducersRunOneAtATimeAndInOrder) {
             for (int block = 0; block < blocks; ++block) {
                 queue.async([&, block] {
                     queue.assertOnQueue();
+                    EXPECT_EQ(++running, 1);
                     own.push_back(block);
+                    --running;
                 });
                 if (block % 2 == 0) continue;
                 std::size_t waitedFor = 0;
@@ -59,7 +62,7 @@ TEST(SerialQueueTest, BlocksOutliveTheHandleAndAreDestroyedOnTheQueue) {
         queue.async([probe = std::move(probe)] {});
     }
     go.release();
-    EXPECT_TRUE(destroyed.try_acquire_for(deadline));
+    EXPECT_TRUE(await("the destruction of the block", destroyed));
 }
 
 TEST(SerialQueueTest, TimersRunInOrderOfTheirTimesAndNeverEarly) {
@@ -75,7 +78,7 @@ TEST(SerialQueueTest, TimersRunInOrderOfTheirTimesAndNeverEarly) {
         });
     }
     queue.asyncAfter(std::chrono::nanoseconds::max(), [] { FAIL() << "never"; });
-    done.wait();
+    ASSERT_TRUE(await("all four timers", done));
     EXPECT_EQ(order, (std::vector<std::chrono::milliseconds>{0ms, 20ms, 30ms, 40ms}));
 }
 
@@ -111,7 +114,7 @@ TEST(WorkerPoolTest, BlockedQueuesDoNotStarveOthers) {
         });
     }
     dispatchConcurrently([&] { done.count_down(); });
-    done.wait();
+    ASSERT_TRUE(await("a worker for each queue that blocks", done));
 }
 
 TEST(WorkerPoolTest, IdleWorkersEndAndComeBack) {
@@ -129,7 +132,7 @@ TEST(WorkerPoolTest, IdleWorkersEndAndComeBack) {
                 together.arrive_and_wait();
             });
         }
-        for (int i = 0; i < 6; ++i) ASSERT_TRUE(ended.try_acquire_for(deadline)) << round << i;
+        for (int i = 0; i < 6; ++i) ASSERT_TRUE(await("the end of an idle worker", ended)) << round;
     }
 }
 

@@ -66,14 +66,19 @@ TEST_F(LogTest, KeepsErrnoWhateverTheTextAndTheSinkDo) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(LogTest, SinkMayBeExchangedWhileOthersLog) {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            for (int k = 0; k < 500; ++k) log_.write(LogLevel::Debug, "text");
-        });
+TEST_F(LogTest, EachRecordReachesOneSinkWhileSinksAreExchanged) {
+    const auto other = std::make_shared<MemorySink>();
+    installLog(sink_, LogLevel::Debug);
+    {
+        std::vector<std::jthread> threads;
+        for (int i = 0; i < 4; ++i) {
+            threads.emplace_back([&] {
+                for (int k = 0; k < 500; ++k) log_.write(LogLevel::Debug, "text");
+            });
+        }
+        for (int k = 0; k < 200; ++k) installLog(k % 2 ? sink_ : other, LogLevel::Debug);
     }
-    for (int k = 0; k < 200; ++k) installLog(k % 2 ? sink_ : nullptr, LogLevel::Debug);
+    EXPECT_EQ(sink_->records().size() + other->records().size(), 2000U);
 }
 
 TEST_F(LogTest, StandardErrorHasOneCleanLineARecord) {

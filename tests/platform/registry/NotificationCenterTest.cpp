@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/registry/QSDistributedNotificationCenter.h"
+#include "tests/support/Await.h"
 
 namespace platform {
 namespace {
@@ -47,7 +48,7 @@ TEST_F(NotificationCenterTest, RemovalWaitsForTheCallbackThatRuns) {
         ++*state;
     });
     std::jthread poster([&] { center_.post("name"); });
-    isRunning.acquire();
+    EXPECT_TRUE(tests::await("the callback", isRunning));
     std::latch removed(1);
     std::jthread remover([&] {
         center_.removeEveryObserver(&observer_);
@@ -58,7 +59,7 @@ TEST_F(NotificationCenterTest, RemovalWaitsForTheCallbackThatRuns) {
     center_.post("other");
     EXPECT_FALSE(removed.try_wait());
     mayEnd.release();
-    removed.wait();
+    EXPECT_TRUE(tests::await("the removal", removed));
     center_.post("name");
 }
 

@@ -6,6 +6,7 @@
 
 #include "platform/registry/DesktopEntry.h"
 #include "platform/registry/QLApplicationWorkspace.h"
+#include "tests/support/Await.h"
 #include "tests/support/ScratchFolder.h"
 
 namespace tests {
@@ -51,7 +52,7 @@ class WorkspaceTest : public testing::Test {
         while (read.try_acquire()) continue;
         open();
         workspace->follow();
-        read.acquire();
+        EXPECT_TRUE(await("the first reading", read));
     }
     /// An entry at a path below the scratch folder.
     void entry(const std::string& path, const std::string& name, const std::string& lines = {}) {
@@ -230,22 +231,22 @@ TEST_F(WorkspaceTest, NoticesFoldersThatAreMadeAndWhatHappensInThem) {
     EXPECT_TRUE(workspace->isWatchedWhole());
     EXPECT_THAT(listed(User), IsEmpty());
     entry("home/share/applications/org.a.desktop", "A");
-    registered.acquire();
+    ASSERT_TRUE(await("an entry in a new folder", registered));
     EXPECT_THAT(listed(User), ElementsAre("org.a A"));
     entry("home/share/applications/sub/b.desktop", "B");
-    registered.acquire();
+    ASSERT_TRUE(await("an entry below", registered));
     EXPECT_THAT(listed(User), ElementsAre("org.a A", "sub-b B"));
     std::ofstream(scratch / "home/share/applications/org.a.desktop", std::ios::app) << browser;
-    registered.acquire();
+    ASSERT_TRUE(await("a flag", registered));
     EXPECT_EQ(state("org.a"), std::pair(true, false));
-    fs::rename(scratch / "home/share/applications", scratch / "away");
-    unregistered.acquire();
+    fs::rename(scratch / "home/share/applications", scratch / "elsewhere");
+    ASSERT_TRUE(await("the removal of the folder", unregistered));
     EXPECT_THAT(listed(User), IsEmpty());
-    fs::rename(scratch / "away", scratch / "home/share/applications");
-    registered.acquire();
+    fs::rename(scratch / "elsewhere", scratch / "home/share/applications");
+    ASSERT_TRUE(await("the folder again", registered));
     scratch.makeFile("config/applications/org.a.override",
                      "[Desktop Entry]\nX-Quenby-SupportsDocumentBrowser=false\n");
-    registered.acquire();
+    ASSERT_TRUE(await("an override", registered));
     EXPECT_EQ(state("org.a"), std::pair(false, true));
 
     // Where watches are missing they are read now and then.
@@ -254,7 +255,7 @@ TEST_F(WorkspaceTest, NoticesFoldersThatAreMadeAndWhatHappensInThem) {
     follow();
     EXPECT_FALSE(workspace->isWatchedWhole());
     entry("usr/share/applications/org.c.desktop", "C");
-    registered.acquire();
+    ASSERT_TRUE(await("a periodic reading", registered));
     // Stopping ends it whatever it waits for, and nothing is posted afterwards.
     workspace->stop();
     while (registered.try_acquire()) continue;
