@@ -141,7 +141,7 @@ void Reconciler::moveDocument(std::uint32_t document, const Departures::Vacancy&
         return "document " + std::to_string(document) + " goes on in \"" +
                state_.configuration.files.nativePath(*url) + "\"";
     });
-    if (!vacancy.isFromScan && !vacancy.metadata.empty()) {
+    if (!vacancy.metadata.empty()) {
         inheritMetadata(vacancy.metadata, *url, (*attributes)->identity);
     }
     toCapture_.push_back(successor);

@@ -133,7 +133,9 @@ const std::string& ObjectIndex::metadata(NodeNumber number) const {
 }
 
 void ObjectIndex::setMetadata(NodeNumber number, std::string metadata) {
+    if (textOf(metadata_, number) == metadata) return;
     setText(metadata_, number, std::move(metadata));
+    markDirty(number);
 }
 
 const std::string& ObjectIndex::rootPath(NodeNumber number) const {

@@ -48,11 +48,12 @@ Result<std::string> readMetadata(const FileSystem& files, const QSURL& url,
 
 Result<void> applyMetadata(const FileSystem& files, const QSURL& url, const ObjectIdentity& object,
                            const std::string& packed, const std::vector<std::string>& names) {
+    // Open before its identity is compared, so that no other object can get its inode number.
+    const auto file = files.openObject(url, O_RDONLY);
+    if (!file) return std::unexpected(file.error());
     const auto own = readMetadata(files, url, object, names);
     if (!own) return std::unexpected(own.error());
     if (!own->empty()) return {};
-    const auto file = files.openObject(url, O_RDONLY);
-    if (!file) return std::unexpected(file.error());
     struct stat status {};
     if (fstat(file->get(), &status) != 0 || status.st_ino != object.inode) {
         return std::unexpected(errorFromErrno(ESTALE, files.nativePath(url)));
