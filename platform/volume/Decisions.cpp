@@ -18,7 +18,7 @@ constexpr auto decisionStep = 50ms;
 }  // namespace
 
 std::optional<Reconciler::Time> Reconciler::nextDecision(Time now) const {
-    if (!departures_.openDocuments().empty() || !orphans_.empty()) return now + decisionStep;
+    if (!departures_.openDocuments().empty() || !orphans_.isEmpty()) return now + decisionStep;
     if (expiry_.empty()) return std::nullopt;
     return expiry_.front().first + state_.configuration.windows.successor;
 }
@@ -82,7 +82,7 @@ void Reconciler::decide(std::uint32_t document, Time passStart, bool mustDecide)
     }
     if (verdict == SaveVerdict::Move) moveDocument(document, vacancy, successor);
     // With that it is decided what became of an object whose number is another's, whose row waits.
-    finishOrphans([&](const Orphan& orphan) { return orphan.documentID == document; });
+    finishOrphans({document});
 }
 
 void Reconciler::moveDocument(std::uint32_t document, const Departures::Vacancy& vacancy,
@@ -191,7 +191,7 @@ void Reconciler::decideDue(Time now, Time passStart) {
         const auto* departure = departures_.departure(node);
         if (departure && departure->at == at) finish(node);
     }
-    finishOrphans([&](const Orphan& orphan) { return orphan.departure.at + window <= now; });
+    finishOrphans(orphans_.departedUntil(now - window));
 }
 
 void Reconciler::decideAfterScan(Time now) {
@@ -202,7 +202,10 @@ void Reconciler::decideAfterScan(Time now) {
     for (const auto node : departures_.departedNodes()) {
         if (departures_.departure(node)->isFromScan) finish(node);
     }
-    finishOrphans([](const Orphan& orphan) { return orphan.departure.isFromScan; });
+    auto orphans = orphans_.all();
+    std::erase_if(orphans,
+                  [&](auto document) { return !orphans_.find(document)->departure.isFromScan; });
+    finishOrphans(orphans);
 }
 
 void Reconciler::decideFor(std::span<const VolumeService::IdentityRequest> requests, Time now) {
@@ -225,11 +228,9 @@ void Reconciler::decideFor(std::span<const VolumeService::IdentityRequest> reque
     }
     for (const auto& request : requests) renewFor(request);
     for (const auto document : documents) decide(document, now, true);
-    finishOrphans([&](const Orphan& orphan) {
-        return std::ranges::any_of(requests, [&](const auto& request) {
-            return request.object->identity.inode == orphan.node.inode;
-        });
-    });
+    for (const auto& request : requests) {
+        finishOrphans(orphans_.withInode(request.object->identity.inode));
+    }
 }
 
 void Reconciler::decideAbout(std::uint32_t document, Time now) {
@@ -283,46 +284,52 @@ void Reconciler::finish(NodeNumber node) {
     forgetBelow(node, departure->last.path);
 }
 
-void Reconciler::finishOrphans(const std::function<bool(const Orphan&)>& isDue) {
-    const auto due = std::partition(orphans_.begin(), orphans_.end(),
-                                    [&](const Orphan& orphan) { return !isDue(orphan); });
-    const std::vector<Orphan> taken(due, orphans_.end());
-    orphans_.erase(due, orphans_.end());
-    for (const auto& orphan : taken) finishOrphan(orphan);
+void Reconciler::finishOrphans(const std::vector<std::uint32_t>& documents) {
+    for (const auto document : documents) {
+        const auto orphan = orphans_.remove(document);
+        if (!orphan) continue;
+        decide(document, now_, true);
+        const std::unique_lock lock(state_.indexMutex);
+        const auto node = state_.index.findInode(orphan->node.inode);
+        if (node != ObjectIndex::none) updateUndecided(node);
+        orphanChanges_.push_back({document, std::nullopt});
+        // It may go on in another object; what was shown as a folder does not.
+        const bool goesOn = state_.index.findDocumentID(document) != ObjectIndex::none;
+        if (goesOn && isDocument(orphan->node, orphan->departure.last.path)) continue;
+        recordGone(orphan->node, orphan->departure.last);
+    }
 }
 
-void Reconciler::finishOrphan(const Orphan& orphan) {
-    decide(orphan.documentID, now_, true);
-    const std::unique_lock lock(state_.indexMutex);
-    const auto node = state_.index.findInode(orphan.node.inode);
-    if (node != ObjectIndex::none) updateUndecided(node);
-    orphanChanges_.push_back({orphan.documentID, std::nullopt});
-    // It may go on in another object; what was shown as a folder does not.
-    const bool goesOn = state_.index.findDocumentID(orphan.documentID) != ObjectIndex::none;
-    if (goesOn && isDocument(orphan.node, orphan.departure.last.path)) return;
-    recordGone(orphan.node, orphan.departure.last);
-}
-
-void Reconciler::forgetBelow(NodeNumber folder, const std::string& path) {
+void Reconciler::forgetBelow(NodeNumber folder, std::string path) {
     auto& index = state_.index;
-    index.forEachChild(folder, [&](ObjectIndex::EntryNumber at) {
-        const auto object = index.entry(at).object;
-        const auto name = index.name(index.entry(at));
-        const auto place = placeIn(folder, name, joined(path, name));
-        index.removeName(at);
-        const auto& node = index.node(object);
-        if (node.firstName != ObjectIndex::none) {
-            record(fsEventMoved | fsEventRemoved, object, place);
-            index.forEachName(object, [&](ObjectIndex::EntryNumber other) {
-                record(fsEventModified, object, placeOf(other).path, index.entry(other).folder);
-            });
-            return;
-        }
-        recordGone(node, place);
-        if (node.kind != ObjectKind::Directory) return;
-        goneFolders_.push_back(object);
-        forgetBelow(object, place.path);
-    });
+    std::unordered_set<NodeNumber> linked;  // that had another name when they lost one
+    std::vector<std::pair<NodeNumber, std::string>> folders;
+    folders.emplace_back(folder, std::move(path));
+    while (!folders.empty()) {
+        const auto [holder, below] = std::move(folders.back());
+        folders.pop_back();
+        index.forEachChild(holder, [&](ObjectIndex::EntryNumber at) {
+            const auto object = index.entry(at).object;
+            const auto name = index.name(index.entry(at));
+            auto place = placeIn(holder, name, joined(below, name));
+            index.removeName(at);
+            const auto& node = index.node(object);
+            if (node.firstName != ObjectIndex::none) {
+                linked.insert(object);
+                record(fsEventMoved | fsEventRemoved, object, std::move(place));
+                return;
+            }
+            recordGone(node, place);
+            if (node.kind != ObjectKind::Directory) return;
+            goneFolders_.push_back(object);
+            folders.emplace_back(object, std::move(place.path));
+        });
+    }
+    for (const auto object : linked) {
+        index.forEachName(object, [&](ObjectIndex::EntryNumber other) {
+            record(fsEventModified, object, placeOf(other).path, index.entry(other).folder);
+        });
+    }
 }
 
 }  // namespace platform

@@ -259,15 +259,21 @@ void ObjectIndex::addName(NodeNumber object, NodeNumber folder, std::string_view
     }
     const auto place = storedName(name);
     const EntryNumber first = nodes_[folder].firstChild;
-    entries_[number] = {folder, object, place, none, first, none};
+    entries_[number] = {folder, object, place, none, first, none, none};
     if (first != none) entries_[first].previous = number;
     nodes_[folder].firstChild = number;
     ++nodes_[folder].childCount;
-    // Behind the names that it has, so that its first one stays the first.
-    EntryNumber* link = &nodes_[object].firstName;
-    if (*link != none) nodes_[object].hasMoreNames = true;
-    while (*link != none) link = &entries_[*link].nextName;
-    *link = number;
+    // Behind the first of its names, so that this stays the first.
+    const EntryNumber firstName = nodes_[object].firstName;
+    if (firstName == none) {
+        nodes_[object].firstName = number;
+    } else {
+        nodes_[object].hasMoreNames = true;
+        const EntryNumber next = std::exchange(entries_[firstName].nextName, number);
+        entries_[number].previousName = firstName;
+        entries_[number].nextName = next;
+        if (next != none) entries_[next].previousName = number;
+    }
     byName_.insert(number, [this](EntryNumber n) { return entryKey(n); });
     markDirty(object);
     if (nodes_[object].isHeld) noteHeldIn(object, folder);
@@ -282,9 +288,12 @@ void ObjectIndex::removeName(EntryNumber number) {
         entries_[gone.previous].next = gone.next;
     }
     if (gone.next != none) entries_[gone.next].previous = gone.previous;
-    EntryNumber* link = &nodes_[gone.object].firstName;
-    while (*link != number) link = &entries_[*link].nextName;
-    *link = gone.nextName;
+    if (gone.previousName == none) {
+        nodes_[gone.object].firstName = gone.nextName;
+    } else {
+        entries_[gone.previousName].nextName = gone.nextName;
+    }
+    if (gone.nextName != none) entries_[gone.nextName].previousName = gone.previousName;
     markDirty(gone.object);
     names_.drop(gone.name);
     gone = {};

@@ -75,7 +75,8 @@ class ObjectIndex {
         NameArena::Place name = 0;
         EntryNumber previous = none;  ///< in the folder
         EntryNumber next = none;
-        EntryNumber nextName = none;  ///< of the same object
+        EntryNumber previousName = none;  ///< of the same object
+        EntryNumber nextName = none;
     };
 
     ObjectIndex() = default;

@@ -131,7 +131,7 @@ void Reconciler::takeUp(NodeNumber root) {
             vacate(row.documentID,
                    {ObjectIndex::none, row.fileID, row.kind, place, {}, now_, isPast(), false});
         }
-        orphans_.push_back({row.documentID, node, {last, now_, isPast()}});
+        orphans_.add({row.documentID, node, {last, now_, isPast()}});
     }
     for (auto& displaced : std::exchange(displacedToTakeUp_, {})) {
         const auto& [object, folder, name] = displaced;
@@ -326,9 +326,7 @@ void Reconciler::updateUndecided(NodeNumber node) {
         const auto& entry = index.entry(at);
         isOpen |= departures_.documentThatLeft(entry.folder, index.name(entry)) != 0;
     });
-    isOpen |= std::ranges::any_of(
-        orphans_, [&](const Orphan& orphan) { return orphan.node.inode == object.inode; });
-    index.setUndecided(node, isOpen);
+    index.setUndecided(node, isOpen || orphans_.hasInode(object.inode));
 }
 
 /// An index that lags behind two moves may have `folder` below `node`: then that link is out of
@@ -422,8 +420,7 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
         if (owner != ObjectIndex::none) {
             updateHold(owner);
             strays_.push_back(owner);
-        } else if (const auto gone = std::ranges::find(orphans_, document, &Orphan::documentID);
-                   gone != orphans_.end()) {
+        } else if (const auto* gone = orphans_.find(document)) {
             orphanChanges_.push_back({document, rowOf(*gone)});
         }
     }
@@ -460,11 +457,11 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
 
 void Reconciler::orphan(const ObjectIndex::Node& gone, const FormerPlace& last) {
     if (auto* vacancy = departures_.vacancy(gone.documentID)) vacancy->owner = ObjectIndex::none;
-    orphans_.push_back({gone.documentID, gone, {last, now_, isPast()}});
-    orphanChanges_.push_back({gone.documentID, rowOf(orphans_.back())});
+    const auto& added = orphans_.add({gone.documentID, gone, {last, now_, isPast()}});
+    orphanChanges_.push_back({gone.documentID, rowOf(added)});
 }
 
-OrphanRow Reconciler::rowOf(const Orphan& orphan) {
+OrphanRow Reconciler::rowOf(const Orphans::Orphan& orphan) {
     const auto inodeOf = [&](NodeNumber folder) {
         return folder == ObjectIndex::none ? 0 : state_.index.node(folder).inode;
     };

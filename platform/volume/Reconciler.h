@@ -11,6 +11,7 @@
 #include "platform/volume/Departures.h"
 #include "platform/volume/EventTable.h"
 #include "platform/volume/FolderReader.h"
+#include "platform/volume/Orphans.h"
 #include "platform/volume/SaveVerdict.h"
 #include "platform/volume/VolumeState.h"
 
@@ -91,7 +92,7 @@ class Reconciler {
     /// Where an object that is missing was last; none where no decision about it, or about a folder
     /// above it, is pending.
     [[nodiscard]] std::optional<QSURL> lastPlaceOf(NodeNumber object) const;
-    [[nodiscard]] bool isSettled() const { return departures_.isEmpty() && orphans_.empty(); }
+    [[nodiscard]] bool isSettled() const { return departures_.isEmpty() && orphans_.isEmpty(); }
     /// When decideDue should be called next; none where nothing waits.
     [[nodiscard]] std::optional<Time> nextDecision(Time now) const;
     /// After a first scan: what a later one finds new is news.
@@ -109,11 +110,6 @@ class Reconciler {
         bool isModified = false;
         bool wasAway = false;   ///< for a while it was nowhere
         bool isSilent = false;  ///< was there before anybody could ask
-    };
-    struct Orphan {
-        std::uint32_t documentID = 0;
-        ObjectIndex::Node node;  ///< as it was
-        Departures::Departure departure;
     };
     static constexpr int deepest = 4096;  ///< folders in one another; ends what runs in a circle
 
@@ -137,7 +133,7 @@ class Reconciler {
                                 const ObjectIndex::Node& node);
     void notice(const FolderReading& reading, const Sighting& sighting, NodeNumber object);
     void orphan(const ObjectIndex::Node& gone, const FormerPlace& last);
-    [[nodiscard]] OrphanRow rowOf(const Orphan& orphan);
+    [[nodiscard]] OrphanRow rowOf(const Orphans::Orphan& orphan);
     void renew(NodeNumber node, std::uint64_t generation);
     void renewFor(const VolumeService::IdentityRequest& request);
     void noticeFolder(const FolderReading& reading);
@@ -147,7 +143,7 @@ class Reconciler {
 
     void resolve(NodeNumber node, Change& change);
     [[nodiscard]] bool isAboveMoved(NodeNumber folder) const;
-    void recordBelow(NodeNumber folder, const std::string& path);
+    void recordBelow(NodeNumber folder, std::string path);
     void depart(NodeNumber node, const FormerPlace& last);
     [[nodiscard]] bool isDocument(const ObjectIndex::Node& node, std::string_view path) const;
     void record(FSEventFlags flags, NodeNumber node, FormerPlace place);
@@ -163,8 +159,7 @@ class Reconciler {
     void moveDocument(std::uint32_t document, const Departures::Vacancy& vacancy,
                       NodeNumber successor);
     void finish(NodeNumber node);
-    void finishOrphans(const std::function<bool(const Orphan&)>& isDue);
-    void finishOrphan(const Orphan& orphan);
+    void finishOrphans(const std::vector<std::uint32_t>& documents);
     void inheritMetadata(const std::string& metadata, const QSURL& url, const ObjectIdentity& heir);
     void captureMetadata();
     /// Takes up what the last run left undecided, where that can be decided or is below `root`.
@@ -173,7 +168,7 @@ class Reconciler {
     void decideBelow(const QSURL& root);
     /// REQUIRES: indexMutex is held.
     void forgetRoot(NodeNumber root);
-    void forgetBelow(NodeNumber folder, const std::string& path);
+    void forgetBelow(NodeNumber folder, std::string path);
 
     VolumeService::State& state_;
     Departures departures_;
@@ -187,7 +182,7 @@ class Reconciler {
 
     std::vector<OrphanRow> orphansToTakeUp_;  ///< these and the next are still to be taken up
     std::vector<ObjectIndex::Displaced> displacedToTakeUp_;
-    std::vector<Orphan> orphans_;              ///< documents whose inode number is another object's
+    Orphans orphans_;
     std::vector<OrphanChange> orphanChanges_;  ///< not in the store yet
     /// Documents that left folders whose numbers are others' by now. Their rows name these numbers,
     /// so those that wait are written as being nowhere.

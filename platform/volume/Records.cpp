@@ -82,16 +82,22 @@ void Reconciler::resolve(NodeNumber node, Change& change) {
     if (!whole.empty()) recordBelow(node, whole);
 }
 
-void Reconciler::recordBelow(NodeNumber folder, const std::string& path) {
+void Reconciler::recordBelow(NodeNumber folder, std::string path) {
     const auto& index = state_.index;
-    index.forEachChild(folder, [&](ObjectIndex::EntryNumber at) {
-        const auto& entry = index.entry(at);
-        const auto child = joined(path, index.name(entry));
-        record(fsEventModified, entry.object, child, folder);
-        if (index.node(entry.object).kind == ObjectKind::Directory) {
-            recordBelow(entry.object, child);
-        }
-    });
+    std::vector<std::pair<NodeNumber, std::string>> folders;
+    folders.emplace_back(folder, std::move(path));
+    while (!folders.empty()) {
+        const auto [holder, below] = std::move(folders.back());
+        folders.pop_back();
+        index.forEachChild(holder, [&](ObjectIndex::EntryNumber at) {
+            const auto object = index.entry(at).object;
+            auto child = joined(below, index.name(index.entry(at)));
+            record(fsEventModified, object, child, holder);
+            if (index.node(object).kind == ObjectKind::Directory) {
+                folders.emplace_back(object, std::move(child));
+            }
+        });
+    }
 }
 
 bool Reconciler::tellOfAbsent() {

@@ -148,8 +148,11 @@ void Reconciler::decideBelow(const QSURL& root) {
         const auto* departure = departures_.departure(node);
         if (departure && isBelow(departure->last.path, root.path())) finish(node);
     }
-    finishOrphans(
-        [&](const Orphan& orphan) { return isBelow(orphan.departure.last.path, root.path()); });
+    auto orphans = orphans_.all();
+    std::erase_if(orphans, [&](auto document) {
+        return !isBelow(orphans_.find(document)->departure.last.path, root.path());
+    });
+    finishOrphans(orphans);
 }
 
 }  // namespace platform

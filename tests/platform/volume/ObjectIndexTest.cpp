@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <map>
 #include <random>
 #include <set>
@@ -121,6 +122,16 @@ TEST(ObjectIndexTest, AgreesWithANaiveTwinAfterRandomChanges) {
         }
     }
     EXPECT_LT(index.bytes(), 6u << 20) << "names that were replaced are still held";
+}
+
+TEST(ObjectIndexTest, AnObjectMayHaveManyNames) {
+    ObjectIndex index;
+    const auto folder = index.ensure(1), object = index.ensure(2);
+    const auto began = std::chrono::steady_clock::now();
+    for (int i = 0; i < 60'000; ++i) index.addName(object, folder, std::to_string(i));
+    for (int i = 59'999; i > 0; --i) index.removeName(index.findEntry(folder, std::to_string(i)));
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(3));
+    EXPECT_EQ(index.name(index.entry(index.node(object).firstName)), "0");
 }
 
 TEST(ObjectIndexTest, FurtherNamesInTheStoreAreDroppedThoughAnotherHasThem) {
