@@ -14,6 +14,7 @@ Health healthOfPlatform() {
             .roots = std::move(now.roots),
             .storePath = std::move(now.storePath),
             .storeTrouble = std::move(now.lastTrouble),
+            .writeTrouble = std::move(now.writeTrouble),
             .objects = now.objects,
             .indexBytes = now.indexBytes,
             .identityIsWeak = now.identityIsWeak,
@@ -34,6 +35,7 @@ std::vector<std::string> Health::problems() const {
     std::vector<std::string> found;
     if (storageTrouble) found.push_back("the storage cannot be read: " + *storageTrouble);
     if (storeTrouble) found.push_back("identities or history were lost: " + *storeTrouble);
+    if (writeTrouble) found.push_back("nothing new can be recorded: " + *writeTrouble);
     if (degradedFolderCount > 0) {
         const auto noun = degradedFolderCount == 1 ? " folder is" : " folders are";
         found.push_back(std::to_string(degradedFolderCount) + noun +

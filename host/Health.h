@@ -20,6 +20,7 @@ struct Health {
     std::vector<std::string> roots;
     std::string storePath;
     std::optional<std::string> storeTrouble;  ///< why the store was rebuilt by this process
+    std::optional<std::string> writeTrouble;  ///< why the store cannot be written to now
     std::uint64_t objects = 0;
     std::uint64_t indexBytes = 0;
     bool identityIsWeak = false;  ///< the file system can give an object's number to another one

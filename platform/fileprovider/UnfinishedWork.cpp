@@ -86,14 +86,15 @@ Result<std::unique_ptr<UnfinishedWork::Record>> UnfinishedWork::begin(
     const char* target = place.path().c_str();
     int failure = symlink(target, path.c_str()) == 0 ? 0 : errno;
     if (failure == ENOENT) {
-        std::error_code ignored;
-        std::filesystem::create_directories(folder_, ignored);
-        failure = symlink(target, path.c_str()) == 0 ? 0 : errno;
+        std::error_code error;
+        std::filesystem::create_directories(folder_, error);
+        failure = error ? error.value() : symlink(target, path.c_str()) == 0 ? 0 : errno;
     }
-    const bool isFull = failure == ENOSPC || failure == EDQUOT;
+    const bool takesNothing =
+        failure == ENOSPC || failure == EDQUOT || failure == EROFS || failure == EACCES;
     std::unique_ptr<Record> record(
         new Record(*this, std::move(token), failure == 0 ? std::move(path) : std::string()));
-    if (failure != 0 && !(isFull && kind == Kind::Removal)) {
+    if (failure != 0 && !(takesNothing && kind == Kind::Removal)) {
         return std::unexpected(errorFromErrno(failure, folder_));
     }
     return record;

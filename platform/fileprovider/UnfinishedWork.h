@@ -48,7 +48,8 @@ class UnfinishedWork {
     };
 
     /// Records that work on `place` (where the object is, or will be) begins. Where the state
-    /// folder's disk is full there is a record in memory only: deleting must be possible then.
+    /// folder's disk is full or read-only, a removal has a record in memory only: deleting must be
+    /// possible then.
     [[nodiscard]] Result<std::unique_ptr<Record>> begin(Kind kind, const QSURL& place,
                                                         const ObjectIdentity& object);
 

@@ -95,12 +95,14 @@ void Follower::run() {
 }
 
 Follower::Time Follower::nextTime() const {
+    const auto nextLook = now() + Time::duration(retryAfter);
+    // Nothing else is done before the store can be written.
+    if (storeTrouble_) return storageTrouble_ ? std::min(nextTry_, nextLook) : nextTry_;
     auto until = nextScan_;
     if (!unwatched_.empty()) until = std::min(until, nextDegradedScan_);
     if (!unreadable_.empty()) until = std::min(until, nextUnreadableLook_);
     if (!reconciler_.isSettled()) until = std::min(until, nextDecision_);
-    if (storeTrouble_) until = std::min(until, nextTry_);
-    if (storageTrouble_) until = std::min(until, now() + Time::duration(retryAfter));
+    if (storageTrouble_) until = std::min(until, nextLook);
     return until;
 }
 
@@ -568,8 +570,9 @@ void Follower::decideAbout(std::uint32_t documentID) {
 
 Follower::Health Follower::health() const {
     const std::scoped_lock lock(mutex_);
-    Health health{watches_.size(), {}, unwatched_.size() + unreadable_.size(), std::nullopt};
+    Health health{watches_.size(), {}, unwatched_.size() + unreadable_.size(), {}, {}};
     if (storageTrouble_) health.storageTrouble = storageTrouble_->description();
+    if (storeTrouble_) health.storeTrouble = storeTrouble_->description();
     constexpr std::size_t mostNamed = 20;
     const std::shared_lock index(state_.indexMutex);
     for (const auto* folders : {&unwatched_, &unreadable_}) {

@@ -80,6 +80,7 @@ class Follower {
         std::vector<std::string> degradedFolders;
         std::uint64_t degradedFolderCount = 0;
         std::optional<std::string> storageTrouble;
+        std::optional<std::string> storeTrouble;
     };
     [[nodiscard]] Health health() const;
 

@@ -372,6 +372,13 @@ std::vector<ObjectIndex::EntryNumber> ObjectIndex::entriesInNoFolder() const {
     return found;
 }
 
+void ObjectIndex::markNumbersStored(std::span<const NodeNumber> popped) {
+    for (const auto node : popped) nodes_[node].hasNewNumbers = false;
+    for (const auto node : dirty_) {
+        if (nodes_[node].isHeld) nodes_[node].hasNewNumbers = false;
+    }
+}
+
 void ObjectIndex::markDirty(NodeNumber number) {
     if (nodes_[number].isDirty) return;
     nodes_[number].isDirty = true;

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -56,18 +57,16 @@ class ObjectIndex {
         EntryNumber firstChild = none;  ///< of what it holds, where it is a folder
         std::uint32_t childCount = 0;
         ObjectKind kind = ObjectKind::Other;
-        bool isDirty : 1 = false;        ///< differs from its row in the store; in dirty_
-        bool isRoot : 1 = false;         ///< paths begin here
-        bool hasMoreNames : 1 = false;   ///< the store may hold further names of it
-        bool isRacy : 1 = false;         ///< a later change may have left the stamp as it is
-        bool isUndecided : 1 = false;    ///< its document ID may go to another object, or come
-        bool isListed : 1 = false;       ///< a folder all of whose entries are known
-        bool isHeld : 1 = false;         ///< its row waits for an event that is still to come
-        bool hasNewNumbers : 1 = false;  ///< file ID or document ID are not in the store yet
-
-        /// Whether a crash would undo its numbers, so that they must not be shown. The row of one
-        /// that is held is written with the decision it waits for.
-        [[nodiscard]] bool isUnstored() const { return hasNewNumbers && !isHeld; }
+        bool isDirty : 1 = false;       ///< differs from its row in the store; in dirty_
+        bool isRoot : 1 = false;        ///< paths begin here
+        bool hasMoreNames : 1 = false;  ///< the store may hold further names of it
+        bool isRacy : 1 = false;        ///< a later change may have left the stamp as it is
+        bool isUndecided : 1 = false;   ///< its document ID may go to another object, or come
+        bool isListed : 1 = false;      ///< a folder all of whose entries are known
+        bool isHeld : 1 = false;        ///< its row waits for an event that is still to come
+        /// A crash might let its file ID or document ID be allocated again, so they must not be
+        /// shown: no commit has stored or at least reserved them.
+        bool hasNewNumbers : 1 = false;
     };
     struct Entry {
         NodeNumber folder = none;
@@ -180,8 +179,9 @@ class ObjectIndex {
     void markStored(NodeNumber number) {
         nodes_[number].isDirty = nodes_[number].hasNewNumbers = false;
     }
-    /// After the commit of a row that was popped as dirty.
-    void markNumbersStored(NodeNumber number) { nodes_[number].hasNewNumbers = false; }
+    /// After the durable commit of rows that were popped as dirty, which has reserved the numbers
+    /// of those that are held as well.
+    void markNumbersStored(std::span<const NodeNumber> popped);
     /// At least as many as there are.
     [[nodiscard]] std::size_t dirtyCount() const { return dirty_.size(); }
 

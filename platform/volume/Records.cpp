@@ -182,7 +182,7 @@ Result<void> Reconciler::commit() {
     strays_.clear();
     {
         const std::unique_lock lock(state_.indexMutex);
-        for (const auto node : taken) state_.index.markNumbersStored(node);
+        state_.index.markNumbersStored(taken);
     }
     captureMetadata();
     return {};

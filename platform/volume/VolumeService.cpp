@@ -190,7 +190,8 @@ std::optional<std::uint64_t> VolumeService::fileIDOfFolder(const ObjectIdentity&
     if (number == ObjectIndex::none) return std::nullopt;
     const auto& node = index.node(number);
     const bool isKnown = node.fileID != 0 && node.generation == identity.generation;
-    if (!isKnown || node.isRoot || node.firstName == ObjectIndex::none) return std::nullopt;
+    if (!isKnown || node.hasNewNumbers || node.isRoot) return std::nullopt;
+    if (node.firstName == ObjectIndex::none) return std::nullopt;
     const auto name = index.name(index.entry(node.firstName));
     return state_->configuration.isPackageName(name) ? std::nullopt : std::optional(node.fileID);
 }
@@ -319,6 +320,7 @@ VolumeService::Statistics VolumeService::statistics() const {
     statistics.degradedFolders = health.degradedFolders;
     statistics.degradedFolderCount = health.degradedFolderCount;
     statistics.storageTrouble = health.storageTrouble;
+    statistics.writeTrouble = health.storeTrouble;
     statistics.identityIsWeak = state_->identityIsWeak;
     const std::scoped_lock storeLock(state_->storeMutex);
     statistics.storePath = state_->store->path();

@@ -185,6 +185,7 @@ class VolumeService final : public EventHistory {
         std::uint64_t eventCount = 0;               ///< kept in the history
         std::optional<std::string> lastGap;         ///< why events were lost last
         std::optional<std::string> storageTrouble;  ///< why the storage cannot be read now
+        std::optional<std::string> writeTrouble;    ///< why the store cannot be written to now
     };
     [[nodiscard]] Statistics statistics() const;
 

@@ -165,7 +165,7 @@ bool VolumeService::State::answerFromIndex(std::span<IdentityRequest> requests) 
         if (number == ObjectIndex::none) return false;
         const auto& node = index.node(number);
         if (node.fileID == 0 || node.generation != identity.generation ||
-            (request.wantsDocumentID && node.documentID == 0) || node.isUnstored()) {
+            (request.wantsDocumentID && node.documentID == 0) || node.hasNewNumbers) {
             return false;
         }
         request.result = {node.fileID, request.wantsDocumentID ? node.documentID : 0};
@@ -177,7 +177,7 @@ bool VolumeService::State::hasUnstored(std::span<const IdentityRequest> requests
     const std::shared_lock lock(indexMutex);
     return std::ranges::any_of(requests, [&](const IdentityRequest& request) {
         const auto number = index.findInode(request.object->identity.inode);
-        return number != ObjectIndex::none && index.node(number).isUnstored();
+        return number != ObjectIndex::none && index.node(number).hasNewNumbers;
     });
 }
 
@@ -394,7 +394,7 @@ Result<void> VolumeService::State::allocate(std::span<IdentityRequest> requests)
             if (!isNew) continue;
             const auto number = index.findInode(inode);
             if (number != ObjectIndex::none) {
-                if (index.node(number).isUnstored()) return std::unexpected(errorFromErrno(EIO));
+                if (index.node(number).hasNewNumbers) return std::unexpected(errorFromErrno(EIO));
                 entry->second.row = index.row(number);
             }
             entry->second.row.inode = inode;

@@ -120,6 +120,10 @@ Result<Witness> Witness::open(std::string path) {
     Witness witness;
     witness.path_ = std::move(path);
     witness.file_.reset(::open(witness.path_.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    if (!witness.file_ && (errno == EROFS || errno == EACCES)) {
+        witness.refusal_ = errno;
+        witness.file_.reset(::open(witness.path_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    }
     if (!witness.file_) {
         if (errno == ENOENT) return witness;
         return std::unexpected(errorFromErrno(errno, witness.path_));
@@ -140,6 +144,7 @@ Result<Witness> Witness::open(std::string path) {
 }
 
 Result<void> Witness::write(const Record& record) {
+    if (refusal_ != 0) return std::unexpected(errorFromErrno(refusal_, path_));
     const std::uint64_t serial = serial_ + 1;
     const Slot slot = slotOf(serial, record);
     const off_t offset = serial % 2 ? static_cast<off_t>(slotSize) : 0;

@@ -75,6 +75,7 @@ class Witness {
   private:
     std::string path_;
     FileDescriptor file_;
+    int refusal_ = 0;           ///< errno: the file can be read only
     std::uint64_t serial_ = 0;  ///< of the record in the file; its parity names the slot
     std::optional<Record> record_;
 };

@@ -371,6 +371,17 @@ TEST_F(FollowedTest, WhatCannotBeIdentifiedIsNeitherLeftOutNorDeleted) {
     EXPECT_THAT(tests::onePage(*enumerator)->items, SizeIs(4));
 }
 
+TEST_F(FollowedTest, APageIsRefusedAndDoesNotWaitWhileThePastCannotBeRecorded) {
+    for (int i = 0; i < 201; ++i) (void)file("a/" + std::to_string(i));
+    const auto token = tests::onePage(*lookedUp("a"))->next.value();
+    std::filesystem::remove(storage() / "a/200");
+    restart();
+    const auto enumerator = lookedUp("a");
+    const tests::FullDisk full;
+    const auto page = tests::onePage(*enumerator, token);
+    EXPECT_TRUE(page->error && !hasExpired(page->error));
+}
+
 TEST_F(CoverTest, WhatAnEventMeansIsSeenOnTheDisk) {
     (void)file("a/kept");
     (void)file("a/p.lutebox/deep/inner");

@@ -185,6 +185,7 @@ TEST_F(MutationsTest, AnImportIsAWholeCopy) {
     for (const auto* path : {"a/b/file", "a/b", "a"}) {
         const std::array times{timespec{1000, 5}, timespec{2000, 7}};
         setxattr((source / path).c_str(), "user.tag", "red", 3, 0);
+        setxattr((source / path).c_str(), "user.com.quenby.tidewell.witness", "own", 3, 0);
         utimensat(AT_FDCWD, (source / path).c_str(), times.data(), 0);
     }
     ASSERT_TRUE(import(source, id("in")));
@@ -204,6 +205,8 @@ TEST_F(MutationsTest, AnImportIsAWholeCopy) {
         EXPECT_EQ(status.st_mtim.tv_sec, 2000) << path;
         char value[8] = {};
         EXPECT_GT(getxattr((copy / path).c_str(), "user.tag", value, sizeof value), 0) << path;
+        EXPECT_LT(getxattr((copy / path).c_str(), "user.com.quenby.tidewell.witness", nullptr, 0),
+                  0);
     }
     // Of no size, as stat has it.
     EXPECT_GT(import("/proc/sys/kernel/ostype", id("in")).value()->documentSize(), 0U);

@@ -4,6 +4,7 @@
 
 #include "platform/foundation/QSKeyedArchiver.h"
 #include "platform/foundation/QSKeyedUnarchiver.h"
+#include "tests/support/FullDisk.h"
 #include "tests/tidewell/MutationsFixture.h"
 #include "tidewell/provider/TrashRecords.h"
 
@@ -61,6 +62,16 @@ TEST_F(TrashTest, RecordsWhenAndFromWhereAndPutsBack) {
     EXPECT_EQ(contentOf(library() / "a/b/doc.txt"), "another");
     EXPECT_FALSE(attribute(library() / "a/b/doc 2.txt", date));
     EXPECT_TRUE(attribute(library() / "a/b/doc 2.txt", putBack));
+}
+
+TEST_F(TrashTest, AFullDiskIsNotReportedAsAMissingItem) {
+    scratch.makeFile("storage/doc.txt");
+    const auto identifier = id("doc.txt");
+    const tests::FullDisk full;
+    const auto trashed = trash(identifier);
+    EXPECT_TRUE(fs::exists(storage() / ".Trash/doc.txt"));
+    ASSERT_FALSE(trashed) << "its folder has no identifier yet";
+    EXPECT_EQ(codeOf(trashed).first, QSPOSIXErrorDomain);
 }
 
 TEST_F(TrashTest, AnApplicationMayBeCalledDocuments) {

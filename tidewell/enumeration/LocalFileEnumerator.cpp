@@ -161,6 +161,9 @@ Result<void> LocalFileEnumerator::requireSameVolume(const FSChangeToken& token,
 
 Result<void> LocalFileEnumerator::requireUnchanged(const FSChangeToken& token) const {
     using Status = FSEventReaderGatherPhaseResumeStatus;
+    // The check below waits until the past is known, which it never is while the store cannot be
+    // written.
+    if (auto known = waitUntilHistoryIsKnown(); !known) return known;
     switch (FSEventReader::canResumeGatherPhase(urls(), token.streamEventID).first) {
         case Status::canResume:
             logDebug([&] {

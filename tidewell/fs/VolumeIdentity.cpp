@@ -56,6 +56,11 @@ Result<bool> foldersHaveMovedSince(std::uint64_t eventID, const ContainerCover& 
     return false;
 }
 
+Result<void> waitUntilHistoryIsKnown() {
+    auto& volume = Platform::current().volume();
+    return volume.isCaughtUp() ? Result<void>() : volume.waitUntilSeen();
+}
+
 std::uint64_t endOfHistory() {
     return Platform::current().events().history->isCaughtUp()
                ? currentFSEventID()

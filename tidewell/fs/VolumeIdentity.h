@@ -36,6 +36,10 @@ using namespace platform;
 /// longer goes back far enough.
 [[nodiscard]] QSError errorForHistory(const QSError& error);
 
+/// Waits until what happened while nobody watched is found. Fails where that cannot be found or
+/// written now.
+Result<void> waitUntilHistoryIsKnown();
+
 /// How far a replay that begins now goes: the current event ID, or no limit (the largest number)
 /// where what happened while nobody watched has still to be found. That will come behind the
 /// present ID, and belongs to the answer.

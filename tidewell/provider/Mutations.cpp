@@ -28,16 +28,17 @@ QSError normalisedError(QSError error, const std::string& identifier) {
 Result<ItemRef> LocalFileProvider::itemForResult(const QSURL& url) {
     ItemRef item;
     const auto identifier = _persistentIdentifierForItemAt(url, &item);
+    if (item) return item;
+    auto found = LocalItem::findAtURL(url, {.itemID = identifier});
+    // The object is where it was to be, but a number for it or its folder could not be stored.
+    if (!found) return std::unexpected(std::move(found.error()));
+    if (*found) return *found;
     if (!identifier) {
         logError([&] { return "identifier lookup failed for URL " + quoted(url.description()); });
-        return std::unexpected(makeError(LocalFileProviderError::itemLookupFailed));
-    }
-    if (!item) item = LocalItem::initWithURL(url, {.itemID = identifier});
-    if (!item) {
+    } else {
         logError([&] { return "can't create item for URL " + quoted(url.description()); });
-        return std::unexpected(makeError(LocalFileProviderError::itemLookupFailed));
     }
-    return item;
+    return std::unexpected(makeError(LocalFileProviderError::itemLookupFailed));
 }
 
 std::move_only_function<void(Result<QSURL>)> LocalFileProvider::completingWithItem(

@@ -1,5 +1,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <linux/capability.h>
+#include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -39,6 +41,29 @@ class ReadOnlyFile {
   private:
     int fd_ = -1;
     int saved_ = -1;
+};
+
+/// While one lives, this thread, and those that it starts, cannot write to the folders, root or
+/// not.
+class ReadOnlyFolders {
+  public:
+    explicit ReadOnlyFolders(std::vector<fs::path> folders) : folders_(std::move(folders)) {
+        for (const auto& folder : folders_)
+            fs::permissions(folder, fs::perms::owner_read | fs::perms::owner_exec);
+        syscall(SYS_capget, &header_, before_.data());
+        auto fewer = before_;
+        fewer[0].effective = 0;
+        syscall(SYS_capset, &header_, fewer.data());
+    }
+    ~ReadOnlyFolders() {
+        syscall(SYS_capset, &header_, before_.data());
+        for (const auto& folder : folders_) fs::permissions(folder, fs::perms::owner_all);
+    }
+
+  private:
+    std::vector<fs::path> folders_;
+    __user_cap_header_struct header_{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, 2> before_{};
 };
 
 /// Remembers what every identifier was handed out for.
@@ -255,6 +280,37 @@ TEST_F(StoreDamageTest, AFailedWriteChangesNothingAndIsOverWhenTheDiskRecovers) 
     EXPECT_EQ(identify("b").documentID, later.documentID);
 }
 
+TEST_F(StoreDamageTest, AStoreThatCannotBeWrittenToAnswersWhatItKnows) {
+    for (const char* name : {"a", "b"}) makeFile(name);
+    open();
+    const auto known = identify("a");
+    for (const bool hasLog : {false, true}) {
+        SCOPED_TRACE(hasLog);
+        if (hasLog) {
+            // As a process that was killed leaves it.
+            copy("data", "running");
+            service.reset();
+            restore("running");
+            ASSERT_TRUE(fs::exists(scratch / "data/volume.db-wal"));
+        }
+        service.reset();
+        const auto store = contentOf(scratch / "data/volume.db");
+        {
+            const ReadOnlyFolders refusing({scratch / "data", scratch / "state"});
+            open();
+            EXPECT_EQ(identify("a").documentID, known.documentID);
+            EXPECT_EQ(resolve(known.fileID), "a");
+            EXPECT_THAT(errorOfIdentify("b"), testing::AnyOf(EACCES, EROFS));
+            EXPECT_FALSE(service->statistics().lastTrouble);
+            service.reset();
+        }
+        EXPECT_EQ(contentOf(scratch / "data/volume.db"), store);
+        open();
+        EXPECT_EQ(identify("a").documentID, known.documentID);
+    }
+    EXPECT_NE(identify("b").documentID, known.documentID);
+}
+
 TEST_F(StoreDamageTest, ANumberOfAFailedCommitIsNeverAllocatedAgain) {
     for (const char* name : {"a", "c"}) makeFile(name);
     openManually();
@@ -264,6 +320,8 @@ TEST_F(StoreDamageTest, ANumberOfAFailedCommitIsNeverAllocatedAgain) {
         const FullDisk full;
         service->step();
         EXPECT_NE(errorOfIdentify("b"), 0) << "its file ID is in no store yet";
+        EXPECT_FALSE(service->fileIDOfFolder(attributes("b")->identity));
+        EXPECT_TRUE(service->statistics().writeTrouble);
     }
     skew += 2s;  // then it is tried again
     ASSERT_TRUE(service->waitUntilSettled());
