@@ -21,11 +21,14 @@ namespace {
 
 constexpr std::uint64_t beneath = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV;
 
-/// The path with every link resolved, or nothing.
+/// The path with every link resolved, or nothing. What is beyond the PATH_MAX bytes that can be
+/// resolved stays as it is; no link in it is followed when it is opened.
 std::string resolved(const std::string& path) {
-    char* text = realpath(path.c_str(), nullptr);
+    const auto end = path.size() < PATH_MAX ? path.size() : path.rfind('/', PATH_MAX - 1);
+    if (end == std::string::npos) return {};
+    char* text = realpath(path.substr(0, end).c_str(), nullptr);
     if (!text) return {};
-    std::string result = text;
+    std::string result = text + path.substr(end);
     std::free(text);
     return result;
 }

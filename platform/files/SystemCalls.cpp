@@ -9,8 +9,12 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <string>
+#include <string_view>
+
+#include "platform/files/FileDescriptor.h"
 
 namespace platform {
 
@@ -42,9 +46,7 @@ std::ptrdiff_t relativeOrByPath(int directory, const char* name, Relative relati
     return byPath(descriptorPath(directory, name), isOwn);
 }
 
-}  // namespace
-
-int openBeneath(int directory, const char* path, int flags, std::uint64_t resolve) {
+int openShortPath(int directory, const char* path, int flags, std::uint64_t resolve) {
     open_how how{};
     how.flags = static_cast<unsigned>(flags | O_CLOEXEC | O_NOFOLLOW);
     how.resolve = resolve;
@@ -54,6 +56,26 @@ int openBeneath(int directory, const char* path, int flags, std::uint64_t resolv
         const auto fd = static_cast<int>(syscall(SYS_openat2, directory, path, &how, sizeof how));
         if (fd >= 0 || errno != EAGAIN || attempt == 100) return fd;
     }
+}
+
+}  // namespace
+
+int openBeneath(int directory, const char* path, int flags, std::uint64_t resolve) {
+    FileDescriptor folder;
+    std::string_view rest(path);
+    while (rest.size() >= PATH_MAX) {
+        const auto slash = rest.rfind('/', PATH_MAX - 1);
+        if (slash == std::string_view::npos) {
+            errno = ENAMETOOLONG;
+            return -1;
+        }
+        const std::string part(rest.substr(0, slash));
+        folder = FileDescriptor(openShortPath(folder ? folder.get() : directory, part.c_str(),
+                                              O_PATH | O_DIRECTORY, resolve));
+        if (!folder) return -1;
+        rest.remove_prefix(slash + 1);
+    }
+    return openShortPath(folder ? folder.get() : directory, rest.data(), flags, resolve);
 }
 
 std::string descriptorPath(int directory, const char* name) {

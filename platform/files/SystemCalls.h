@@ -8,7 +8,8 @@ namespace platform {
 
 // Calls that the C library of the day does not wrap. Each sets errno as the kernel does.
 
-/// openat2 with O_CLOEXEC and O_NOFOLLOW; `resolve` as RESOLVE_… of <linux/openat2.h>.
+/// openat2 with O_CLOEXEC and O_NOFOLLOW; `resolve` as RESOLVE_… of <linux/openat2.h>. The path may
+/// be longer than the PATH_MAX bytes that the kernel takes at once.
 int openBeneath(int directory, const char* path, int flags, std::uint64_t resolve);
 
 /// The names of a child's extended attributes, "\0" behind each. Never follows a link. An empty

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "platform/files/ExtendedAttributes.h"
+#include "platform/files/Folder.h"
 #include "platform/tree/TreeLayout.h"
 #include "tests/support/ScratchFolder.h"
 
@@ -67,6 +68,16 @@ TEST_F(FileSystemTest, NothingLeadsOutOfTheRoot) {
     EXPECT_EQ(
         codeOf(files->openObject(QSURL::fileURLWithPath((scratch / "nothing").string()), O_RDONLY)),
         ENOENT);
+}
+
+TEST_F(FileSystemTest, PathsMayBeLongerThanTheKernelTakesAtOnce) {
+    std::string deep = "a";
+    for (int level = 0; level < 40; ++level) deep += "/" + std::string(250, 'd');
+    ASSERT_TRUE(files->makeFolder(url(deep)));
+    const auto identity = files->attributes(url(deep)).value()->identity;
+    EXPECT_EQ(files->openFolder(url(deep)).value()->ownIdentity().value(), identity);
+    EXPECT_EQ(files->URLForNativePath(files->nativePath(url(deep))), url(deep));
+    EXPECT_EQ(codeOf(files->attributes(url(deep + "/missing"))), ENOENT);
 }
 
 TEST_F(FileSystemTest, AccessIsWhatTheKernelSays) {
