@@ -321,9 +321,11 @@ void Follower::take(Look look, std::vector<FolderReading>& readings) {
             break;
     }
     if (isStopped_ || !noteUnreadable(look, error) || !look.hasChildren) return;
+    const auto& files = state_.configuration.files;
+    const auto own = files.freshAttributes(*look.url);
     const std::scoped_lock store(state_.storeMutex);
-    const auto native = state_.configuration.files.nativePath(*look.url);
-    reconciler_.recordGap(look.url->path(), "a folder can't be read: " + native);
+    reconciler_.recordUnreadable(look.folder, own ? stampOf(**own) : 0, look.url->path(),
+                                 "a folder can't be read: " + files.nativePath(*look.url));
 }
 
 bool Follower::noteUnreadable(const Look& look, const QSError& error) {
@@ -387,6 +389,7 @@ void Follower::lookAtMarks() {
             into.names.merge(mark.names);
         }
     }
+    if (marks_.empty()) return;
     std::vector<FolderReading> readings;
     std::size_t seen = 0;
     for (auto& [folder, mark] : std::exchange(marks_, {})) {
@@ -396,7 +399,8 @@ void Follower::lookAtMarks() {
         (void)reconcile(std::exchange(readings, {}), Reconciler::Occasion::Live);
         seen = 0;
     }
-    if (!readings.empty()) (void)reconcile(std::move(readings), Reconciler::Occasion::Live);
+    // Also where nothing could be read, which may be a gap.
+    (void)reconcile(std::move(readings), Reconciler::Occasion::Live);
 }
 
 Result<void> Follower::reconcile(std::vector<FolderReading> readings,

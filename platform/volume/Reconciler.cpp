@@ -171,6 +171,9 @@ void Reconciler::noticeAbsent(const FolderReading& reading) {
     if (!reading.names) return;
     auto& index = state_.index;
     index.setListed(reading.folder, !reading.trouble);
+    if (!reading.trouble && index.metadata(reading.folder).starts_with(unreadableMark)) {
+        index.setMetadata(reading.folder, {});
+    }
     std::vector<ObjectIndex::EntryNumber> absent;
     index.forEachChild(reading.folder, [&](ObjectIndex::EntryNumber entry) {
         const auto name = index.name(index.entry(entry));

@@ -65,6 +65,10 @@ class Reconciler {
 
     /// Records that something may have been missed below the path.
     void recordGap(std::string path, std::string why);
+    /// The same of a folder that cannot be read, once for each state (stamp) of it, also in later
+    /// runs; until it could be read.
+    void recordUnreadable(NodeNumber folder, std::uint64_t stamp, std::string path,
+                          std::string why);
 
     /// Folders that came into sight or changed since the last call, to be looked at whole.
     [[nodiscard]] std::vector<NodeNumber> takeNewFolders() {
@@ -112,6 +116,8 @@ class Reconciler {
         bool isSilent = false;  ///< was there before anybody could ask
     };
     static constexpr int deepest = 4096;  ///< folders in one another; ends what runs in a circle
+    /// Begins what the store keeps, in place of metadata, of a folder that could not be read.
+    static constexpr const char* unreadableMark = "unreadable ";
 
     [[nodiscard]] static std::string joined(const std::string& folder, std::string_view name) {
         return folder + "/" + std::string(name);

@@ -152,6 +152,17 @@ void Reconciler::recordGap(std::string path, std::string why) {
     state_.lastGap = std::move(why);
 }
 
+void Reconciler::recordUnreadable(NodeNumber folder, std::uint64_t stamp, std::string path,
+                                  std::string why) {
+    const auto mark = unreadableMark + std::to_string(stamp);
+    {
+        const std::unique_lock lock(state_.indexMutex);
+        if (state_.index.metadata(folder) == mark) return;
+        state_.index.setMetadata(folder, mark);
+    }
+    recordGap(std::move(path), std::move(why));
+}
+
 Result<void> Reconciler::commit() {
     std::vector<ObjectRow> rows;
     std::vector<NodeNumber> taken;
