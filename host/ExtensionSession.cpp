@@ -22,6 +22,8 @@ namespace {
 /// A walk over many folders needs one enumerator at a time; this many keep the pages of as many
 /// clients cheap to resume.
 constexpr std::size_t keptLeases = 32;
+/// Listings of one container that wait for their next page. Each may hold folders open.
+constexpr std::size_t keptListings = 4;
 
 std::optional<std::vector<std::string>> labels(const std::optional<platform::QSData>& tagData) {
     if (!tagData) return std::nullopt;
@@ -60,11 +62,30 @@ ItemRecord makeRecord(const platform::QSFileProviderItem& item, const NativePath
     return record;
 }
 
-platform::QSFileProviderPage pageData(const PageStart& start) {
-    if (const auto* token = std::get_if<PageToken>(&start)) return *token;
-    return platform::dataFromString(std::get<Order>(start) == Order::ByName
-                                        ? platform::QSFileProviderInitialPageSortedByName
-                                        : platform::QSFileProviderInitialPageSortedByDate);
+std::string_view initialPage(Order order) {
+    return order == Order::ByName ? platform::QSFileProviderInitialPageSortedByName
+                                  : platform::QSFileProviderInitialPageSortedByDate;
+}
+
+/// Stands between the container's identifier and the extension's page token, in those that clients
+/// get.
+constexpr char endOfContainer = '\0';
+
+/// The extension's own token in that of a client.
+Result<platform::QSFileProviderPage> extensionToken(const std::string& container,
+                                                    const PageToken& token) {
+    const auto text = platform::stringFromData(token);
+    const auto end = text.find(endOfContainer);
+    if (end == std::string_view::npos) return std::unexpected(platform::syncAnchorExpiredError());
+    if (text.substr(0, end) != container) {
+        return std::unexpected(platform::QPInvalidParameterError("page", "of another container"));
+    }
+    return platform::dataFromString(text.substr(end + 1));
+}
+
+PageToken clientToken(const std::string& container, const platform::QSFileProviderPage& token) {
+    return platform::dataFromString(container + endOfContainer +
+                                    std::string(platform::stringFromData(token)));
 }
 
 }  // namespace
@@ -155,18 +176,31 @@ Result<ItemRecord> ExtensionSession::itemAfter(const ItemRequest& request) const
 }
 
 Page ExtensionSession::page(const std::string& container, const PageStart& start) {
-    auto lease = std::holds_alternative<PageToken>(start) ? keptLease(container) : nullptr;
+    std::shared_ptr<Lease> lease;
+    Result<platform::QSFileProviderPage> from;
+    if (const auto* token = std::get_if<PageToken>(&start)) {
+        from = extensionToken(container, *token);
+        if (!from) return {{}, std::unexpected(std::move(from.error()))};
+        lease = keptLease(container, *token);
+    } else {
+        from = platform::dataFromString(initialPage(std::get<Order>(start)));
+    }
     if (!lease) {
-        auto made = newKeptLease(container);
+        auto made = newLease(container);
         if (!made) return {{}, std::unexpected(std::move(made.error()))};
         lease = std::move(*made);
     }
     const auto collector = std::make_shared<PageCollector>();
-    lease->enumerator->enumerateItemsForObserver(collector, pageData(start));
+    lease->enumerator->enumerateItemsForObserver(collector, *from);
     auto [items, next] = collector->wait(pageDeadline_);
 
     Page page{records(items), std::move(next)};
-    if (!page.next) page.next = std::unexpected(withNativePath(page.next.error()));
+    if (!page.next) {
+        page.next = std::unexpected(withNativePath(page.next.error()));
+        return page;
+    }
+    if (auto& token = *page.next) token = clientToken(container, *token);
+    keep(container, lease, *page.next);
     return page;
 }
 
@@ -212,12 +246,13 @@ Result<std::shared_ptr<void>> ExtensionSession::startWatch(const std::string& co
     return *std::move(lease);
 }
 
-std::shared_ptr<ExtensionSession::Lease> ExtensionSession::keptLease(const std::string& container) {
+std::shared_ptr<ExtensionSession::Lease> ExtensionSession::keptLease(const std::string& container,
+                                                                     const PageToken& token) {
     const std::scoped_lock lock(mutex_);
-    const auto found = std::ranges::find(leases_, container, [](auto& kept) { return kept.first; });
-    if (found == leases_.end()) return nullptr;
-    leases_.splice(leases_.begin(), leases_, found);
-    return found->second;
+    auto found = std::ranges::find_if(
+        kept_, [&](const Kept& kept) { return kept.container == container && kept.next == token; });
+    if (found == kept_.end()) found = std::ranges::find(kept_, container, &Kept::container);
+    return found == kept_.end() ? nullptr : found->lease;
 }
 
 Result<std::shared_ptr<ExtensionSession::Lease>> ExtensionSession::newLease(
@@ -227,20 +262,25 @@ Result<std::shared_ptr<ExtensionSession::Lease>> ExtensionSession::newLease(
     return std::make_shared<Lease>(std::move(*enumerator));
 }
 
-Result<std::shared_ptr<ExtensionSession::Lease>> ExtensionSession::newKeptLease(
-    const std::string& container) {
-    auto lease = newLease(container);
-    if (!lease) return lease;
-
-    decltype(leases_) dropped;  // gone only when the lock is
+void ExtensionSession::keep(const std::string& container, const std::shared_ptr<Lease>& lease,
+                            const std::optional<PageToken>& next) {
+    std::list<Kept> dropped;  // ended only after the lock
     const std::scoped_lock lock(mutex_);
-    const auto old = std::ranges::find(leases_, container, [](auto& kept) { return kept.first; });
-    if (old != leases_.end()) dropped.splice(dropped.end(), leases_, old);
-    leases_.emplace_front(container, *lease);
-    if (leases_.size() > keptLeases) {
-        dropped.splice(dropped.end(), leases_, std::prev(leases_.end()));
+    std::size_t listings = 0;
+    for (auto at = kept_.begin(); at != kept_.end();) {
+        const auto present = at++;
+        if (present->container != container) continue;
+        // Of the listings that have ended only the latest stays, for a page that is asked for
+        // again.
+        const bool isDone = !present->next || present->lease == lease;
+        if (isDone || ++listings == keptListings) {
+            dropped.splice(dropped.end(), kept_, present);
+        }
     }
-    return lease;
+    kept_.push_front({container, lease, next});
+    if (kept_.size() > keptLeases) {
+        dropped.splice(dropped.end(), kept_, std::prev(kept_.end()));
+    }
 }
 
 std::vector<ItemRecord> ExtensionSession::records(

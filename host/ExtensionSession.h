@@ -5,6 +5,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -96,15 +97,26 @@ class ExtensionSession {
 
     /// One page, waited for up to the deadline (then ETIMEDOUT; so are anchors and changes), also
     /// where the extension answers on other threads. An initial page begins with a new enumerator,
-    /// so that a folder that was renamed is found at its new place; a token goes to the container's
-    /// kept one.
+    /// so that a folder that was renamed is found at its new place; a token goes to the enumerator
+    /// whose page it ended, where that is kept, and holds in another process too. Invalid parameter
+    /// for a token that another container's page ended with.
     [[nodiscard]] Page page(const std::string& container, const PageStart& start);
 
   private:
-    [[nodiscard]] std::shared_ptr<Lease> keptLease(const std::string& container);
-    /// A new one, which later pages find by keptLease.
-    [[nodiscard]] platform::Result<std::shared_ptr<Lease>> newKeptLease(
-        const std::string& container);
+    /// An enumerator with the page token that its latest page ended with; none where that was the
+    /// last page.
+    struct Kept {
+        std::string container;
+        std::shared_ptr<Lease> lease;
+        std::optional<PageToken> next;
+    };
+
+    /// The one whose page ended with the token, or another of the container; null where none is
+    /// kept.
+    [[nodiscard]] std::shared_ptr<Lease> keptLease(const std::string& container,
+                                                   const PageToken& token);
+    void keep(const std::string& container, const std::shared_ptr<Lease>& lease,
+              const std::optional<PageToken>& next);
     [[nodiscard]] std::vector<ItemRecord> records(
         const std::vector<platform::ItemRef>& items) const;
 
@@ -114,7 +126,7 @@ class ExtensionSession {
     std::shared_ptr<platform::QSFileProviderExtension> extension_;
 
     std::mutex mutex_;
-    std::list<std::pair<std::string, std::shared_ptr<Lease>>> leases_;  // guarded; latest first
+    std::list<Kept> kept_;  // guarded; latest first
 };
 
 }  // namespace host

@@ -112,6 +112,15 @@ TEST_F(DocumentServiceTest, PagesResumeByTokenOnTheKeptEnumerator) {
     EXPECT_EQ(script.enumeratorsMade, 2) << "a folder may have moved since";
     EXPECT_EQ(script.enumeratorsInvalidated, 1);
     EXPECT_EQ(script.pages, 4U) << "no more are asked for than are wanted";
+    for (int client = 0; client < 6; ++client) (void)service().onePage("f", host::Order::ByName);
+    EXPECT_EQ(script.enumeratorsMade - script.enumeratorsInvalidated, 4) << "each keeps its cursor";
+
+    container("g").rows = script.rows;
+    EXPECT_EQ(service().onePage("g", **first.next).next.error().code,
+              platform::QPInvalidParameterErrorCode);
+    EXPECT_TRUE(host::meansExpired(service().onePage("f", anchor("f")).next.error()));
+    service_.reset();
+    EXPECT_EQ(service().onePage("f", **first.next).items.size(), 1U) << "in another process";
 }
 
 TEST_F(DocumentServiceTest, ARefusedFolderStartsAgainGivesEachRowOnceAndUpInTheEnd) {
