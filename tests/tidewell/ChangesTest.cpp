@@ -464,6 +464,19 @@ TEST_F(ChangesTest, SignalsOnceForABatchAndWaitsForTheAnswerUpToItsLimit) {
         EXPECT_THAT(signals, SizeIs(2));
         EXPECT_EQ(logged(LogLevel::Debug, " timed out").empty(), isAnswered);
     }
+
+    installed->manager().setSignalHandler([&](const auto&, auto handler) {
+        handler(std::nullopt);
+        signalled.release();
+    });
+    const auto notifier = FSChangesNotifier::make("fid=1", {url()});
+    const auto stopped = std::make_shared<FSEventReader>(std::vector{url()}, currentFSEventID(),
+                                                         FSEventReader::Mode::pathBased, false);
+    stopped->stop();
+    notifier->itemChanged(*stopped, url(), nullptr);
+    notifier->start();
+    EXPECT_TRUE(await("the signal that the stop kept back", signalled));
+    notifier->stop();
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "tidewell/fs/FSChangesNotifier.h"
 
 #include <future>
+#include <utility>
 
 #include "platform/fileprovider/QSFileProviderManager.h"
 #include "platform/foundation/fatalError.h"
@@ -34,7 +35,14 @@ FSChangesNotifier::FSChangesNotifier(std::string container, std::vector<QSURL> u
 
 void FSChangesNotifier::start() {
     reader_->setDelegate(weak_from_this());
+    // A report that a stop has kept from being signalled is signalled now.
+    reader_->streamQueue().async([self = shared_from_this()] {
+        self->isSignalDue_ = std::exchange(self->shouldSignalChange_, false);
+    });
     reader_->start();
+    reader_->streamQueue().async([self = shared_from_this()] {
+        if (std::exchange(self->isSignalDue_, false)) self->signalAfterBatch(*self->reader_);
+    });
 }
 
 void FSChangesNotifier::stop() {

@@ -46,7 +46,9 @@ class FSChangesNotifier final : public FSEventReaderDelegate,
     QSUUID deviceUUID_;
     std::chrono::nanoseconds longestWait_;
 
-    bool shouldSignalChange_ = false;  // on the reader's queue; a block that signals is under way
+    // On the reader's queue.
+    bool shouldSignalChange_ = false;  ///< a block that signals is under way
+    bool isSignalDue_ = false;         ///< of a report from before the last stop
 };
 
 }  // namespace tidewell
