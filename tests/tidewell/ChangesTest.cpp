@@ -419,6 +419,12 @@ TEST_F(CoverTest, WhatAnEventMeansIsSeenOnTheDisk) {
     EXPECT_THAT(answer->updated, onlyPackage);
     EXPECT_THAT(answer->deleted, IsEmpty());
     EXPECT_THAT(told(allDirectories, {inner})->updated, IsEmpty());
+    (void)folder(".Trash");
+    auto trash = eventAt(".Trash");
+    trash.flags = fsEventModified | fsEventIsFolder;
+    EXPECT_THAT(told(workingSet, {trash})->deleted, IsEmpty()) << "never shown";
+    trash.flags = fsEventMoved | fsEventIsFolder;
+    EXPECT_THAT(told(workingSet, {trash})->deleted, SizeIs(1));
 
     const auto scan = [&](const char* path) {
         return FSEvent{.flags = fsEventMustScanSubDirs, .path = url(path).path()};

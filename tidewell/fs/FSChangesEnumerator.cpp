@@ -6,6 +6,7 @@
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/foundation/fatalError.h"
+#include "platform/tree/TreeLayout.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/fs/ItemFactory.h"
 #include "tidewell/fs/VolumeIdentity.h"
@@ -29,6 +30,15 @@ FSChangeToken withUsableOffset(FSChangeToken token) {
 std::vector<QSURL> notEmpty(std::vector<QSURL> urls) {
     if (urls.empty()) fatalError("require at least one URL to init a change enumerator");
     return urls;
+}
+
+/// Whether the event is about a folder under a hidden name that it had before: no container shows
+/// that, and what the folder left for it has an event of its own. What is trashed changes its trash
+/// in this way.
+bool staysHidden(const QSURL& url, const FSEvent& event) {
+    constexpr auto all = fsEventIsFolder | fsEventMoved | fsEventRemoved | fsEventMustScanSubDirs;
+    return (event.flags & all) == fsEventIsFolder && event.identifierKind == IdentifierKind::File &&
+           isHiddenName(url.lastPathComponent());
 }
 
 /// The identifier of the event's object; none where it never had one. The event itself tells it
@@ -192,6 +202,7 @@ void FSChangesEnumerator::collect(const FSEvent& event, const QSURL& url,
     if (place.cover == Cover::Root || place.cover == Cover::Outside) {
         return ignore(url, place.cover);
     }
+    if (staysHidden(url, event)) return ignore(url, Cover::Hidden);
     if (place.package) {
         collectPackage(event.id, *place.package);
         // What is in a package of the folder was never in the folder itself.
