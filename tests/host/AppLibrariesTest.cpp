@@ -283,6 +283,23 @@ TEST_F(AppLibrariesTest, ARestartChangesNothingAndALostCacheHidesNothing) {
     told.sync();
     EXPECT_THAT(told.known(), UnorderedElementsAre("Name of org.a", "other"));
     EXPECT_EQ(told.restarts, 0);
+
+    ofRoot.sync();
+    fs::remove(mainCache);
+    fs::create_directories(mainCache / "in the way");  // neither read nor written
+    ofRoot.restarts = 0;
+    for (int run = 0; run < 2; ++run) {
+        reopen();
+        EXPECT_FALSE(libraries->refresh());
+        for (auto* client : {&told, &ofRoot}) client->sync();
+        EXPECT_EQ(told.restarts + ofRoot.restarts, 2) << "nothing is reported deleted";
+        EXPECT_THAT(told.known(), UnorderedElementsAre("Name of org.a", "other"));
+    }
+    fs::remove_all(mainCache);
+    EXPECT_EQ(libraries->refresh(), platform::Result<bool>(true));
+    told.sync();
+    EXPECT_EQ(told.restarts, 1);
+    EXPECT_THAT(told.known(), UnorderedElementsAre("Name of org.a", "other"));
 }
 
 TEST_F(AppLibrariesTest, SearchFollowsTheWorkingSetAndForgetsDomains) {

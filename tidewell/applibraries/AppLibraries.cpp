@@ -52,7 +52,7 @@ std::shared_ptr<AppLibraries> AppLibraries::load(LocalAppLibraryManager::Source 
     libraries->mainManager_ = std::make_unique<LocalAppLibraryManager>(libraries->main_);
     libraries->sharedManager_ = std::make_unique<LocalAppLibraryManager>(libraries->workingSet_);
     // With nothing to go by it is the registry that says what of the last run is still there.
-    if (isLoaded || !libraries->refresh()) {
+    if (isLoaded || !libraries->refresh().value_or(false)) {
         show(libraries->main_->content().bundleProxies);
         finishWhatWasLeft();
     }
@@ -63,11 +63,13 @@ AppLibraries::~AppLibraries() {
     AppLibraryRootTable::shared().replace({});
 }
 
-bool AppLibraries::refresh() {
-    if (!mainManager_->refresh(source_, show)) {
+Result<bool> AppLibraries::refresh() {
+    const auto changed = mainManager_->refresh(source_, show);
+    const bool isUnsaved = !changed && main_->versionToken() == 0;
+    if (!changed.value_or(false) && !isUnsaved) {
         // The source may have made a folder that was missing.
         Platform::current().containers().lookAgain();
-        return false;
+        return changed;
     }
     finishWhatWasLeft();
     std::vector<std::shared_ptr<std::function<void()>>> told;
@@ -79,7 +81,7 @@ bool AppLibraries::refresh() {
         }
     }
     for (const auto& listener : told) (*listener)();
-    return true;
+    return changed;
 }
 
 AppLibraryUpgrade AppLibraries::upgradeShared() {

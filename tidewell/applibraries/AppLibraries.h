@@ -24,9 +24,9 @@ class AppLibraries {
     AppLibraries(const AppLibraries&) = delete;
     AppLibraries& operator=(const AppLibraries&) = delete;
 
-    /// Follows the registry; true where the set is another one. Listeners are told before it
-    /// returns.
-    bool refresh();
+    /// Follows the registry; true where the set is another one. Fails where it cannot be saved; see
+    /// LocalAppLibraryManager. Listeners are called before it returns.
+    Result<bool> refresh();
     /// Upgrades the shared manager from the main cache.
     AppLibraryUpgrade upgradeShared();
 

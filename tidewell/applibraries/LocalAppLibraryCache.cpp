@@ -171,6 +171,16 @@ Result<bool> LocalAppLibraryCache::update(const Change& change, const Written& w
     return result;
 }
 
+void LocalAppLibraryCache::setUnsaved(
+    const std::vector<BundleRef>& bundleProxies,
+    const std::function<void(const std::vector<BundleRef>&)>& show) {
+    queue_.sync([&] {
+        show(bundleProxies);
+        bundleProxies_ = bundleProxies;
+        _versionToken = 0;
+    });
+}
+
 Result<void> LocalAppLibraryCache::write(const AppLibraryContent& content) {
     const LogSection section([&] { return "saving bundle proxies to " + cacheURL_; });
     QSPropertyList::Array records;

@@ -47,6 +47,10 @@ class LocalAppLibraryCache {
     /// on queue().
     Result<bool> update(const Change& change, const Written& written);
 
+    /// Takes over a set that could not be saved, at version 0, once `show` has it.
+    void setUnsaved(const std::vector<BundleRef>& bundleProxies,
+                    const std::function<void(const std::vector<BundleRef>&)>& show);
+
     /// Forgets content and version; the file stays until the next save.
     void reset();
 

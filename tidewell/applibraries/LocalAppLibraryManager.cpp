@@ -103,16 +103,27 @@ AppLibraryRoots LocalAppLibraryManager::bundleProxiesByRootURLs() const {
     return roots;
 }
 
+AppLibraryContent LocalAppLibraryManager::content() const {
+    AppLibraryContent content;
+    queue_.sync([&] {
+        content.versionToken = versionToken_;
+        for (const auto& [root, bundle] : bundleProxiesByRootURLs_) {
+            content.bundleProxies.push_back(bundle);
+        }
+    });
+    return content;
+}
+
 std::vector<ItemRef> LocalAppLibraryManager::appLibraryItems() const {
     return itemsOf(bundleProxiesByRootURLs());
 }
 
-bool LocalAppLibraryManager::refresh(const Source& source, const Show& show) {
+Result<bool> LocalAppLibraryManager::refresh(const Source& source, const Show& show) {
     const LogSection section("refreshing app libraries");
-    bool changed = false;
+    Result<bool> updated = false;
     queue_.sync([&] {
         auto bundles = source();
-        const auto updated = cacheSource_->update(
+        updated = cacheSource_->update(
             [&](const AppLibraryContent& present) -> std::optional<AppLibraryContent> {
                 // A version of 0 names nothing, not even the empty set.
                 if (present.versionToken != 0 && areIdentical(present.bundleProxies, bundles)) {
@@ -125,14 +136,14 @@ bool LocalAppLibraryManager::refresh(const Source& source, const Show& show) {
         if (!updated) {
             logError(
                 [&] { return "can't refresh app libraries;" + updated.error().description(); });
-            return;
+            if (cacheSource_->versionToken() != 0) return;
+            cacheSource_->setUnsaved(bundles, show);
         }
-        changed = *updated;
-        if (!changed) return;
+        if (updated && !*updated) return;
         take(cacheSource_->content());
         logInfo([&] { return "main cache version token is now " + std::to_string(versionToken_); });
     });
-    return changed;
+    return updated;
 }
 
 std::optional<AppLibraryUpgrade> LocalAppLibraryManager::upgradeFromMainCache(
@@ -143,7 +154,8 @@ std::optional<AppLibraryUpgrade> LocalAppLibraryManager::upgradeFromMainCache(
         if (requiredVersion && versionToken_ > *requiredVersion) return;
         const auto content = mainCache.content();
         upgrade = AppLibraryUpgrade{.versionToken = content.versionToken};
-        if (versionToken_ == content.versionToken) return;
+        // Version 0 may name several sets, none of which could be saved.
+        if (versionToken_ == content.versionToken && versionToken_ != 0) return;
         if (versionToken_ > content.versionToken) {
             logError([&] {
                 return "version token shouldn't be greater than the main's cache version (" +
@@ -152,8 +164,10 @@ std::optional<AppLibraryUpgrade> LocalAppLibraryManager::upgradeFromMainCache(
                        cacheSource_->cacheURL();
             });
         }
-        auto before = std::move(bundleProxiesByRootURLs_);
+        const auto before = std::move(bundleProxiesByRootURLs_);
+        const auto version = versionToken_;
         take(content);
+        if (version == versionToken_ && before == bundleProxiesByRootURLs_) return;
         for (const auto& [root, bundle] : before) {
             if (!bundleProxiesByRootURLs_.contains(root)) upgrade->lost.push_back(bundle);
         }

@@ -32,6 +32,8 @@ class LocalAppLibraryManager {
 
     [[nodiscard]] std::uint64_t versionToken() const;
     [[nodiscard]] AppLibraryRoots bundleProxiesByRootURLs() const;
+    /// Both at once.
+    [[nodiscard]] AppLibraryContent content() const;
     /// An item for each library whose folder is there, as it is now. Blocks for the disk.
     [[nodiscard]] std::vector<ItemRef> appLibraryItems() const;
 
@@ -41,8 +43,9 @@ class LocalAppLibraryManager {
     using Show = std::function<void(const std::vector<BundleRef>& bundles)>;
     /// Brings the cache up to the source and answers whether the set is another one. It is saved
     /// before it is shown, so that a process that ends in between is made good by showing what was
-    /// saved. A failure is logged, and the set stays as it was.
-    bool refresh(const Source& source, const Show& show);
+    /// saved. A failure to save is logged and returned, and the set stays as it was. Only where
+    /// none is known, the new set is shown unsaved, at version 0, until a refresh can save it.
+    Result<bool> refresh(const Source& source, const Show& show);
 
     /// Takes over the present content of the main cache. None, and nothing is taken over, where
     /// the manager stands beyond `requiredVersion`: what it holds was then never recorded.

@@ -199,6 +199,10 @@ bool LocalRootEnumerator::isUsable(std::uint64_t changeTokenVersion,
         logInfo("change token version is zero, let's send all the app-libraries known");
         return true;
     }
+    if (appLibraries_->mainCache()->versionToken() == 0) {
+        logInfo("the app libraries could not be saved, need to restart from scratch");
+        return false;
+    }
     if (changeTokenVersion == localVersion) {
         logDebug("change token version matches local version");
         return true;
@@ -232,7 +236,8 @@ Result<LocalRootEnumerator::Told> LocalRootEnumerator::appLibraryStep(FSChangeTo
     if (isWorkingSet_) saveWorkingSet();
 
     Told told;
-    if (upgrade->changed || changeTokenVersion == 0) {
+    // Another caller may have upgraded the manager since the token was found to match it.
+    if (upgrade->versionToken != changeTokenVersion || changeTokenVersion == 0) {
         told.items = appLibraryManager_.appLibraryItems();
     }
     // A library may have come and gone, with what was moved there. And a token that names no
@@ -248,13 +253,17 @@ Result<LocalRootEnumerator::Told> LocalRootEnumerator::appLibraryStep(FSChangeTo
 
 /// What the host of the working set has been told; also again where a former save has failed.
 void LocalRootEnumerator::saveWorkingSet() {
-    auto content = appLibraries_->mainCache()->content();
-    auto& cache = *appLibraries_->workingSetCache();
-    if (content.versionToken != appLibraryManager_.versionToken() ||
-        content.versionToken == cache.versionToken()) {
-        return;
-    }
-    const auto saved = cache.save(std::move(content.bundleProxies), content.versionToken);
+    const auto content = appLibraryManager_.content();
+    const auto main = appLibraries_->mainCache()->versionToken();
+    const auto saved = appLibraries_->workingSetCache()->update(
+        [&](const AppLibraryContent& present) -> std::optional<AppLibraryContent> {
+            // A newer set may have been published since, which another enumerator has saved.
+            const bool isSaved = content.versionToken == present.versionToken ||
+                                 (content.versionToken != main && present.versionToken == main);
+            if (isSaved || content.versionToken == 0) return std::nullopt;
+            return content;
+        },
+        {});
     if (saved) return;
     logError([&] { return "can't save working-set cache to disk;" + saved.error().description(); });
 }

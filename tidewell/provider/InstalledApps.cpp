@@ -39,7 +39,8 @@ void removeFromSearchIndex(const std::vector<std::string>& domains) {
 
 void refreshInstalledApps(AppLibraries& appLibraries) {
     const LogSection section("pacer event");
-    const bool rootChanged = appLibraries.refresh();
+    // A set that could not be saved may be another one.
+    const bool rootChanged = appLibraries.refresh().value_or(true);
     logDebug("auto-upgrading shared app library manager");
     const auto upgrade = appLibraries.upgradeShared();
     if (rootChanged) {
