@@ -28,25 +28,27 @@ std::string folded(const char* name) {
     const auto letters = owned(g_utf8_normalize(lowered.get(), -1, G_NORMALIZE_ALL));
     std::string result;
     for (const char* at = letters.get(); *at;) {
-        const char* next = g_utf8_next_char(at);
+        const char* next = g_utf8_find_next_char(at, nullptr);
         if (!g_unichar_ismark(g_utf8_get_char(at))) result.append(at, next);
         at = next;
     }
     return result;
 }
 
-template <typename Key, typename Less>
-void sortByKey(std::vector<host::ItemRecord>& items, Key key, Less less) {
-    std::vector<std::pair<decltype(key(items[0])), host::ItemRecord>> keyed;
+/// Items of equal keys stay in their order.
+template <typename Key, typename Before>
+void sortByKey(std::vector<host::ItemRecord>& items, Key key, Before before) {
+    std::vector<std::pair<decltype(key(items[0])), std::size_t>> keyed;
     keyed.reserve(items.size());
-    for (auto& item : items) {
-        auto itemKey = key(item);
-        keyed.emplace_back(std::move(itemKey), std::move(item));
-    }
-    std::ranges::stable_sort(
-        keyed, less, [](const auto& each) -> auto& { return each.first; });
-    items.clear();
-    for (auto& [_, item] : keyed) items.push_back(std::move(item));
+    for (const auto& item : items) keyed.emplace_back(key(item), keyed.size());
+    std::ranges::sort(keyed, [&](const auto& one, const auto& other) {
+        if (before(one.first, other.first)) return true;
+        return !before(other.first, one.first) && one.second < other.second;
+    });
+    std::vector<host::ItemRecord> sorted;
+    sorted.reserve(items.size());
+    for (const auto& each : keyed) sorted.push_back(std::move(items[each.second]));
+    items = std::move(sorted);
 }
 
 }  // namespace
