@@ -70,6 +70,39 @@ grep -q 'broken: Bad message' "$work/error"
 damaged ls "$work/damaged/storage/whole" | grep -q inside
 umount "$work/damaged"
 
+echo "== a storage that is unmounted, and mounted again"
+await() { # COMMAND
+    for _ in $(seq 200); do
+        eval "$1" && return
+        sleep 0.1
+    done
+    echo "in vain: $1"
+    exit 1
+}
+truncate -s 64M "$work/stick.image"
+mkfs.ext4 -q "$work/stick.image"
+mkdir "$work/stick"
+stick=("$build/cli/tidewell" --storage "$work/stick/storage" --state "$work/stick-state")
+mount -o loop "$work/stick.image" "$work/stick"
+mkdir "$work/stick/storage"
+touch "$work/stick/storage/a"
+identifier=$("${stick[@]}" resolve "$work/stick/storage/a")
+"${stick[@]}" watch working-set > "$work/watched" &
+watch=$!
+await 'touch "$work/stick/storage/begun"; grep -q /begun "$work/watched"'
+await 'umount "$work/stick" 2> /dev/null'  # nothing that is idle holds it
+mount -o loop "$work/stick.image" "$work/stick"
+await 'touch "$work/stick/storage/back"; grep -q /back "$work/watched"'
+kill "$watch"
+wait "$watch"
+umount "$work/stick"
+status=0
+"${stick[@]}" ls > "$work/output" 2> "$work/error" || status=$?
+[ "$status" -eq 1 ] && grep -q 'the storage is missing' "$work/error" && [ ! -s "$work/output" ]
+mount -o loop "$work/stick.image" "$work/stick"
+[ "$("${stick[@]}" resolve "$work/stick/storage/a")" = "$identifier" ]
+umount "$work/stick"
+
 echo "== another user, who may not read everything"
 home=$work/home
 mkdir -p "$home/Documents/closed" "$home/Documents/open"

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -33,15 +34,95 @@ std::string resolved(const std::string& path) {
     return result;
 }
 
+/// Which folder a path led to.
+struct FolderObject {
+    ObjectIdentity identity;
+    long fileSystemType = 0;
+    bool isWeak = false;  ///< the identity does not outlive the mount
+
+    static std::optional<FolderObject> of(int fd) {
+        struct statfs system {};
+        const auto identity = readIdentity(fd, "", nullptr, {});
+        if (!identity || fstatfs(fd, &system) != 0) return std::nullopt;
+        return FolderObject{*identity, static_cast<long>(system.f_type), !fileHandlesLast(fd)};
+    }
+    [[nodiscard]] bool isSame(const FolderObject& other) const {
+        if (fileSystemType != other.fileSystemType) return false;
+        return isWeak || identity == other.identity;
+    }
+};
+
+FileDescriptor openRoot(const std::string& path) {
+    return FileDescriptor(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+}
+
 }  // namespace
+
+/// Its folder is open only while it is used, and a moment longer.
+struct FileSystem::Root {
+    // Constant after construction.
+    std::string presented;
+    std::string native;
+    FolderObject object;
+
+    mutable std::mutex mutex;
+    mutable std::shared_ptr<const FileDescriptor> folder;     // guarded by mutex
+    mutable std::chrono::steady_clock::time_point lastUse{};  // guarded by mutex
+
+    /// The folder, opened again where it was closed. Null with errno where the path leads to
+    /// another one or to none.
+    [[nodiscard]] std::shared_ptr<const FileDescriptor> open() const {
+        const std::scoped_lock lock(mutex);
+        lastUse = std::chrono::steady_clock::now();
+        if (folder) return folder;
+        auto fd = openRoot(native);
+        if (!fd) return nullptr;
+        const auto found = FolderObject::of(fd.get());
+        errno = ENOENT;
+        if (!found || !object.isSame(*found)) return nullptr;
+        folder = std::make_shared<const FileDescriptor>(std::move(fd));
+        return folder;
+    }
+    /// False where it is still open.
+    bool closeIdle(std::chrono::steady_clock::duration idle) const {
+        const std::scoped_lock lock(mutex);
+        const bool isIdle =
+            folder.use_count() <= 1 && std::chrono::steady_clock::now() - lastUse >= idle;
+        if (isIdle) folder.reset();
+        return !folder;
+    }
+};
 
 Result<std::shared_ptr<const FileSystem::Root>> FileSystem::makeRoot(std::string presented,
                                                                      std::string_view native) {
     auto real = resolved(std::string(native));
     if (real.empty()) return std::unexpected(errorFromErrno(errno, native));
-    FileDescriptor fd(::open(real.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+    auto fd = openRoot(real);
     if (!fd) return std::unexpected(errorFromErrno(errno, native));
-    return std::make_shared<const Root>(std::move(presented), std::move(real), std::move(fd));
+    const auto object = FolderObject::of(fd.get());
+    if (!object) return std::unexpected(errorFromErrno(errno, native));
+    const auto root = std::make_shared<Root>();
+    root->presented = std::move(presented);
+    root->native = std::move(real);
+    root->object = *object;
+    root->folder = std::make_shared<const FileDescriptor>(std::move(fd));
+    root->lastUse = std::chrono::steady_clock::now();
+    return root;
+}
+
+bool FileSystem::closeIdleRoots(std::chrono::steady_clock::duration idle) const {
+    const std::shared_lock lock(mutex_);
+    bool someAreOpen = false;
+    for (const auto& root : roots_) someAreOpen |= !root->closeIdle(idle);
+    return someAreOpen;
+}
+
+FileSystem::Location FileSystem::locate(const QSURL& url) const {
+    auto location = textuallyLocate(url);
+    if (!location.root) return location;
+    location.folder = location.root->open();
+    if (!location.folder) location.error = errno;
+    return location;
 }
 
 Result<std::unique_ptr<FileSystem>> FileSystem::open(std::string_view storage) {
@@ -71,18 +152,14 @@ void FileSystem::removeContainer(std::string_view identifier) {
 }
 
 Result<void> FileSystem::checkStorage() const {
-    struct stat opened {};
-    struct stat found {};
-    int failure = 0;
-    {
+    const auto fd = openRoot(nativeStorage_);
+    int failure = fd ? 0 : errno;
+    if (fd) {
+        const auto found = FolderObject::of(fd.get());
         const std::shared_lock lock(mutex_);
-        if (fstat(roots_.front()->fd.get(), &opened) != 0) failure = errno;
+        if (!found || !roots_.front()->object.isSame(*found)) failure = ENOENT;
     }
-    if (failure == 0 && lstat(nativeStorage_.c_str(), &found) != 0) failure = errno;
-    if (failure == 0 && !S_ISDIR(found.st_mode)) failure = ENOTDIR;
-    if (failure == 0 && (found.st_ino != opened.st_ino || found.st_dev != opened.st_dev)) {
-        failure = ENOENT;
-    }
+    if (failure == ELOOP) failure = ENOTDIR;
     if (failure != 0) return std::unexpected(errorFromErrno(failure, nativeStorage_));
     return {};
 }
@@ -91,7 +168,7 @@ QSURL FileSystem::storageURL() const {
     return QSURL::fileURLWithPath(presentedStoragePath);
 }
 
-FileSystem::Location FileSystem::locate(const QSURL& url) const {
+FileSystem::Location FileSystem::textuallyLocate(const QSURL& url) const {
     const std::shared_lock lock(mutex_);
     for (const auto& root : roots_) {
         const auto relative = relativePath(url.path(), root->presented);
@@ -106,7 +183,7 @@ FileSystem::Location FileSystem::locate(const QSURL& url) const {
 }
 
 int FileSystem::pathDescriptorAt(const Location& location, FileDescriptor& opened) {
-    if (location.isRoot()) return location.root->fd.get();
+    if (location.isRoot() && location.folder) return location.folder->get();
     opened = openAt(location, O_PATH);
     return opened.get();
 }
@@ -119,12 +196,16 @@ FileDescriptor FileSystem::openAt(const Location& location, int flags) {
     if (!location.root) {
         return FileDescriptor(::open(location.path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW));
     }
+    if (!location.folder) {
+        errno = location.error;
+        return {};
+    }
     return FileDescriptor(
-        openBeneath(location.root->fd.get(), location.path.c_str(), flags, beneath));
+        openBeneath(location.folder->get(), location.path.c_str(), flags, beneath));
 }
 
 std::string FileSystem::nativePath(const QSURL& url) const {
-    const auto location = locate(url);
+    const auto location = textuallyLocate(url);
     if (!location.root) return location.path;
     if (location.isRoot()) return location.root->native;
     return (location.root->native == "/" ? "" : location.root->native) + "/" + location.path;
@@ -231,7 +312,7 @@ std::vector<Result<std::shared_ptr<const FileAttributes>>> FileSystem::attribute
             const auto location = locate(parent);
             folder.reset();
             // Roots are asked for themselves, not by their names.
-            if (location.root && locate(url).path != ".") {
+            if (location.root && textuallyLocate(url).path != ".") {
                 auto opened = openAt(location, O_PATH | O_DIRECTORY);
                 if (opened)
                     folder = Folder::make(*this, parent, std::move(opened)).value_or(nullptr);
@@ -267,7 +348,7 @@ Result<std::uint32_t> FileSystem::deviceOf(const QSURL& url) const {
 Result<void> FileSystem::makeFolder(const QSURL& url) const {
     if (openObject(url, O_PATH | O_DIRECTORY)) return {};
     const auto parentURL = url.URLByDeletingLastPathComponent();
-    if (locate(parentURL).root && !(parentURL == url)) {
+    if (textuallyLocate(parentURL).root && !(parentURL == url)) {
         if (auto parent = makeFolder(parentURL); !parent) return parent;
     }
     const auto parent = openObject(parentURL, O_PATH | O_DIRECTORY);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -38,6 +39,10 @@ class FileSystem {
     /// Whether the storage's native path still leads to the folder that was opened at start: ENOENT
     /// or ENOTDIR where it is unmounted, was removed or replaced.
     [[nodiscard]] Result<void> checkStorage() const;
+
+    /// Closes the folders of roots that no call has used for that long, so that their file systems
+    /// can be unmounted; the next call opens them again. Whether some are still open.
+    bool closeIdleRoots(std::chrono::steady_clock::duration idle) const;
 
     /// Presents an application's data container (a native path, resolved now) and returns its URL,
     /// containerURL(identifier). What is in it beside its library stays native. A second call for
@@ -94,14 +99,13 @@ class FileSystem {
     [[nodiscard]] const Credentials& credentials() const { return credentials_; }
 
   private:
-    struct Root {
-        std::string presented;
-        std::string native;
-        FileDescriptor fd;
-    };
+    struct Root;
     struct Location {
         std::shared_ptr<const Root> root;  ///< null: the path is native
         std::string path;                  ///< relative to the root, "." for the root itself
+        /// The root's folder; null with an errno where that is missing.
+        std::shared_ptr<const FileDescriptor> folder = {};
+        int error = 0;
 
         [[nodiscard]] bool isRoot() const { return root && path == "."; }
     };
@@ -110,6 +114,8 @@ class FileSystem {
     [[nodiscard]] static Result<std::shared_ptr<const Root>> makeRoot(std::string presented,
                                                                       std::string_view native);
     [[nodiscard]] Location locate(const QSURL& url) const;
+    /// The same without the root's folder.
+    [[nodiscard]] Location textuallyLocate(const QSURL& url) const;
     [[nodiscard]] static FileDescriptor openAt(const Location& location, int flags);
     /// O_PATH; the root's own, which is open as long as `location` is kept, or else `opened`. -1
     /// with errno on failure.

@@ -112,7 +112,9 @@ void Follower::waitForNews() {
         const std::scoped_lock lock(mutex_);
         until = nextTime();
     }
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - now()).count();
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - now()).count();
+    constexpr std::chrono::seconds idle(1);
+    if (state_.configuration.files.closeIdleRoots(idle)) left = std::min(left, std::int64_t{1000});
     pollfd fds[] = {{wake_.get(), POLLIN, 0}, {source_ ? source_->descriptor() : -1, POLLIN, 0}};
     (void)poll(fds, 2, static_cast<int>(std::clamp<std::int64_t>(left + 1, 0, 3'600'000)));
     std::uint64_t count = 0;
@@ -169,8 +171,11 @@ bool Follower::checkStorage() {
     }
     storageTrouble_ = there ? std::nullopt : std::optional(there.error());
     state_.setStorageTrouble(storageTrouble_);
-    if (isBack) scanEverything(Reconciler::Occasion::Scan);
-    return there.has_value();
+    if (!isBack) return there.has_value();
+    const auto& files = state_.configuration.files;
+    if (const auto device = files.deviceOf(files.storageURL())) state_.device = *device;
+    scanEverything(Reconciler::Occasion::Scan);
+    return true;
 }
 
 void Follower::drain() {

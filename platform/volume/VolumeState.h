@@ -120,7 +120,7 @@ struct VolumeService::State {
 
     // Constant after opening.
     const Configuration configuration;
-    std::uint32_t device = 0;
+    std::atomic<std::uint32_t> device = 0;  ///< another one after a mount
     QSUUID history;
     bool freshOnly = false;
     std::string trouble;

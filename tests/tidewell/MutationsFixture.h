@@ -45,23 +45,25 @@ class MutationsFixture : public InstalledPlatform {
     }
 
     void start() {
-        provider = tidewell::LocalFileProvider::init();
+        libraries = tidewell::AppLibraries::load();
+        provider = tidewell::LocalFileProvider::init(libraries);
         showLibrariesOf({"org.a"});
     }
+    /// As a refresh does, so that those of the provider find the same.
     void showLibrariesOf(const std::vector<std::string>& identifiers) {
-        std::vector<BundleRef> shown;
-        tidewell::AppLibraryRoots roots;
         for (const auto& identifier : identifiers) {
             (void)installApplication(identifier, "App", "X-Quenby-SupportsDocumentBrowser=true\n");
-            installed->workspace().refresh();
-            shown.push_back(installed->workspace().bundleProxyForIdentifier(identifier));
-            roots.emplace(libraryURL({}, identifier), shown.back());
         }
-        ASSERT_TRUE(installed->containers().show(shown).empty());
-        tidewell::AppLibraryRootTable::shared().replace(std::move(roots));
+        installed->workspace().refresh();
+        (void)libraries->refresh();
+        for (const auto& identifier : identifiers) {
+            ASSERT_TRUE(tidewell::AppLibraryRootTable::shared().bundleProxiesByRootURLs()->contains(
+                libraryURL({}, identifier)));
+        }
     }
     void end() {
         provider.reset();
+        libraries.reset();
         mainQueue().sync([] {});
     }
 
@@ -119,6 +121,7 @@ class MutationsFixture : public InstalledPlatform {
         return done.get_future().get();
     }
 
+    std::shared_ptr<tidewell::AppLibraries> libraries;
     std::shared_ptr<tidewell::LocalFileProvider> provider;
 };
 

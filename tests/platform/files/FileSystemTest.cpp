@@ -45,6 +45,33 @@ TEST_F(FileSystemTest, PresentsTheStorageUnderOneNameAndNativePathsToPeople) {
               files->freshAttributes(files->storageURL()).value()->identity);
 }
 
+TEST_F(FileSystemTest, ARootIsOpenOnlyWhileItIsUsed) {
+    scratch.makeFile("elsewhere/Dokumente/a");
+    const auto isOpen = [&] {
+        std::error_code closed;
+        return std::ranges::any_of(
+            std::filesystem::directory_iterator("/proc/self/fd"), [&](const auto& entry) {
+                return std::filesystem::read_symlink(entry.path(), closed) == storage;
+            });
+    };
+    EXPECT_TRUE(files->closeIdleRoots(std::chrono::hours(1)));
+    EXPECT_TRUE(isOpen());
+    EXPECT_FALSE(files->closeIdleRoots({}));
+    EXPECT_FALSE(isOpen());
+    EXPECT_TRUE(files->freshAttributes(url("a")));
+    EXPECT_FALSE(files->closeIdleRoots({}));
+    const auto aside = scratch / "aside";
+    std::filesystem::rename(storage, aside);
+    EXPECT_EQ(codeOf(files->freshAttributes(url("a"))), ENOENT);
+    scratch.makeFile("elsewhere/Dokumente/a");
+    EXPECT_EQ(codeOf(files->freshAttributes(url("a"))), ENOENT) << "of another storage";
+    EXPECT_EQ(codeOf(files->checkStorage()), ENOENT);
+    std::filesystem::remove_all(storage);
+    std::filesystem::rename(aside, storage);
+    EXPECT_TRUE(files->freshAttributes(url("a")));
+    EXPECT_TRUE(files->checkStorage());
+}
+
 TEST_F(FileSystemTest, NothingLeadsOutOfTheRoot) {
     scratch.makeFile("elsewhere/secret");
     std::filesystem::create_directory_symlink(scratch / "elsewhere", storage / "out");
