@@ -91,10 +91,18 @@ identifier=$("${stick[@]}" resolve "$work/stick/storage/a")
 watch=$!
 await 'touch "$work/stick/storage/begun"; grep -q /begun "$work/watched"'
 await 'umount "$work/stick" 2> /dev/null'  # nothing that is idle holds it
+# Another file system, whose folder has the same inode number and generation.
+cp "$work/stick.image" "$work/other.image"
+tune2fs -U random "$work/other.image" > /dev/null 2>&1
+mount -o loop "$work/other.image" "$work/stick"
+touch "$work/stick/storage/stranger"
+sleep 2
+umount "$work/stick"
 mount -o loop "$work/stick.image" "$work/stick"
 await 'touch "$work/stick/storage/back"; grep -q /back "$work/watched"'
 kill "$watch"
 wait "$watch"
+if grep -E 'stranger|deleted' "$work/watched"; then exit 1; fi
 umount "$work/stick"
 status=0
 "${stick[@]}" ls > "$work/output" 2> "$work/error" || status=$?

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/statfs.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,6 +12,7 @@
 
 #include "platform/files/Folder.h"
 #include "platform/files/SystemCalls.h"
+#include "platform/files/VolumeFingerprint.h"
 #include "platform/tree/PathRelation.h"
 #include "platform/tree/TreeLayout.h"
 
@@ -34,23 +34,36 @@ std::string resolved(const std::string& path) {
     return result;
 }
 
-/// Which folder a path led to.
+/// Which folder a path led to, also after another mount.
 struct FolderObject {
-    ObjectIdentity identity;
-    long fileSystemType = 0;
+    VolumeFingerprint volume;
     bool isWeak = false;  ///< the identity does not outlive the mount
 
     static std::optional<FolderObject> of(int fd) {
-        struct statfs system {};
-        const auto identity = readIdentity(fd, "", nullptr, {});
-        if (!identity || fstatfs(fd, &system) != 0) return std::nullopt;
-        return FolderObject{*identity, static_cast<long>(system.f_type), !fileHandlesLast(fd)};
+        const auto attributes = readAttributes(fd, "", nullptr, {});
+        if (!attributes) return std::nullopt;
+        // Which file system it is can be asked of what is open for reading.
+        const FileDescriptor readable(
+            ::open(descriptorPath(fd, "").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        return FolderObject{
+            VolumeFingerprint::of(readable ? readable.get() : fd, (*attributes)->identity),
+            (*attributes)->identityIsWeak};
     }
     [[nodiscard]] bool isSame(const FolderObject& other) const {
-        if (fileSystemType != other.fileSystemType) return false;
-        return isWeak || identity == other.identity;
+        if (volume.uuid != other.volume.uuid || isWeak != other.isWeak) return false;
+        return (isWeak && !volume.uuid.empty()) || volume.root == other.volume.root;
     }
 };
+
+/// Whether two open folders are one object of one mount.
+bool areOne(int one, int other) {
+    constexpr unsigned wanted = STATX_INO | STATX_MNT_ID;
+    struct statx first {};
+    struct statx second {};
+    return statx(one, "", AT_EMPTY_PATH, wanted, &first) == 0 &&
+           statx(other, "", AT_EMPTY_PATH, wanted, &second) == 0 &&
+           first.stx_ino == second.stx_ino && first.stx_mnt_id == second.stx_mnt_id;
+}
 
 FileDescriptor openRoot(const std::string& path) {
     return FileDescriptor(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
@@ -63,11 +76,12 @@ struct FileSystem::Root {
     // Constant after construction.
     std::string presented;
     std::string native;
-    FolderObject object;
 
     mutable std::mutex mutex;
-    mutable std::shared_ptr<const FileDescriptor> folder;     // guarded by mutex
-    mutable std::chrono::steady_clock::time_point lastUse{};  // guarded by mutex
+    // Guarded by mutex. The object is known from the first time on that the folder is closed.
+    mutable std::shared_ptr<const FileDescriptor> folder;
+    mutable std::optional<FolderObject> object;
+    mutable std::chrono::steady_clock::time_point lastUse{};
 
     /// The folder, opened again where it was closed. Null with errno where the path leads to
     /// another one or to none.
@@ -78,17 +92,29 @@ struct FileSystem::Root {
         auto fd = openRoot(native);
         if (!fd) return nullptr;
         const auto found = FolderObject::of(fd.get());
-        errno = ENOENT;
-        if (!found || !object.isSame(*found)) return nullptr;
+        if (!found || !object || !object->isSame(*found)) {
+            errno = ENOENT;
+            return nullptr;
+        }
         folder = std::make_shared<const FileDescriptor>(std::move(fd));
         return folder;
+    }
+    /// Whether that is its folder. No use of it: it stays closed.
+    [[nodiscard]] bool leadsTo(int found) const {
+        const std::scoped_lock lock(mutex);
+        // As long as it is open, its mount has its number for itself.
+        if (folder) return areOne(folder->get(), found);
+        const auto now = FolderObject::of(found);
+        return now && object && object->isSame(*now);
     }
     /// False where it is still open.
     bool closeIdle(std::chrono::steady_clock::duration idle) const {
         const std::scoped_lock lock(mutex);
         const bool isIdle =
             folder.use_count() <= 1 && std::chrono::steady_clock::now() - lastUse >= idle;
-        if (isIdle) folder.reset();
+        if (!folder || !isIdle) return !folder;
+        if (!object) object = FolderObject::of(folder->get());
+        if (object) folder.reset();
         return !folder;
     }
 };
@@ -99,12 +125,9 @@ Result<std::shared_ptr<const FileSystem::Root>> FileSystem::makeRoot(std::string
     if (real.empty()) return std::unexpected(errorFromErrno(errno, native));
     auto fd = openRoot(real);
     if (!fd) return std::unexpected(errorFromErrno(errno, native));
-    const auto object = FolderObject::of(fd.get());
-    if (!object) return std::unexpected(errorFromErrno(errno, native));
     const auto root = std::make_shared<Root>();
     root->presented = std::move(presented);
     root->native = std::move(real);
-    root->object = *object;
     root->folder = std::make_shared<const FileDescriptor>(std::move(fd));
     root->lastUse = std::chrono::steady_clock::now();
     return root;
@@ -152,13 +175,14 @@ void FileSystem::removeContainer(std::string_view identifier) {
 }
 
 Result<void> FileSystem::checkStorage() const {
-    const auto fd = openRoot(nativeStorage_);
-    int failure = fd ? 0 : errno;
-    if (fd) {
-        const auto found = FolderObject::of(fd.get());
+    std::shared_ptr<const Root> root;
+    {
         const std::shared_lock lock(mutex_);
-        if (!found || !roots_.front()->object.isSame(*found)) failure = ENOENT;
+        root = roots_.front();
     }
+    const auto found = openRoot(nativeStorage_);
+    int failure = found ? 0 : errno;
+    if (found && !root->leadsTo(found.get())) failure = ENOENT;
     if (failure == ELOOP) failure = ENOTDIR;
     if (failure != 0) return std::unexpected(errorFromErrno(failure, nativeStorage_));
     return {};

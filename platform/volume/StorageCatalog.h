@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/files/VolumeFingerprint.h"
 #include "platform/foundation/QSError.h"
-#include "platform/volume/VolumeFingerprint.h"
 
 namespace platform {
 

@@ -4,9 +4,9 @@
 #include <optional>
 #include <string>
 
+#include "platform/files/VolumeFingerprint.h"
 #include "platform/foundation/QSUUID.h"
 #include "platform/volume/FolderWitness.h"
-#include "platform/volume/VolumeFingerprint.h"
 #include "platform/volume/Witness.h"
 
 namespace platform {

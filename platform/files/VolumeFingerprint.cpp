@@ -1,4 +1,4 @@
-#include "platform/volume/VolumeFingerprint.h"
+#include "platform/files/VolumeFingerprint.h"
 
 #include <dirent.h>
 #include <fcntl.h>
