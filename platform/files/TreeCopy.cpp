@@ -224,7 +224,8 @@ Result<void> TreeCopy::copyRange(int source, int target, std::int64_t begin, std
                 canCopyInKernel_ = false;
             }
         }
-        if (count < 0) {
+        // Some file systems answer 0 before the end of the file: only a read finds the end.
+        if (count <= 0) {
             buffer_.resize(bufferSize);
             count = pread(source, buffer_.data(), std::min(wanted, buffer_.size()), at);
             if (count < 0 && errno == EINTR) continue;
