@@ -49,6 +49,7 @@ void forEachField(const host::Health& health, Visit&& visit) {
     visit("objects", health.objects);
     visit("indexBytes", health.indexBytes);
     visit("identity", std::string(health.identityIsWeak ? "weak" : "strong"));
+    visit("passedOver", health.passedOver);
     visit("isFollowing", health.isFollowing);
     visit("watches", health.watches);
     visit("watchLimit", health.watchLimit);

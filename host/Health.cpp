@@ -18,6 +18,7 @@ Health healthOfPlatform() {
             .objects = now.objects,
             .indexBytes = now.indexBytes,
             .identityIsWeak = now.identityIsWeak,
+            .passedOver = platform::Platform::current().files().passedOverPaths(),
             .isFollowing = now.isFollowing,
             .watches = now.watches,
             .watchLimit = now.watchLimit > 0 ? std::optional(now.watchLimit) : std::nullopt,

@@ -24,7 +24,8 @@ struct Health {
     std::uint64_t objects = 0;
     std::uint64_t indexBytes = 0;
     bool identityIsWeak = false;  ///< the file system can give an object's number to another one
-    bool isFollowing = false;     ///< changes are watched
+    std::vector<std::string> passedOver;  ///< own folders that lie in the storage
+    bool isFollowing = false;             ///< changes are watched
     std::uint64_t watches = 0;
     std::optional<std::uint64_t> watchLimit;
     std::uint64_t degradedFolderCount = 0;     ///< folders that should be watched and are not

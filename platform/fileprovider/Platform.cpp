@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
@@ -16,6 +17,7 @@
 #include "platform/files/ExtendedAttributes.h"
 #include "platform/foundation/fatalError.h"
 #include "platform/log/Log.h"
+#include "platform/tree/PathRelation.h"
 
 namespace platform {
 
@@ -97,6 +99,33 @@ Result<StorageCatalog::Storage> storageOf(const FileSystem& files, const std::st
                                    VolumeFingerprint::of(folder->get(), identity), isWeak};
 }
 
+/// EINVAL where the storage lies in a folder of its own store.
+Result<void> checkPlaces(const Platform::Folders& folders, const std::string& storage) {
+    for (const auto& folder : {folders.data, folders.state, folders.cache}) {
+        std::error_code failure;
+        const auto path = std::filesystem::weakly_canonical(folder, failure).string();
+        if (failure || !isAtOrBelow(storage, path)) continue;
+        auto error = errorFromErrno(EINVAL, storage);
+        error.userInfo.emplace(QSDescriptionErrorKey,
+                               "the storage lies inside " + path +
+                                   ", where its identities are kept; name another one of the two");
+        return std::unexpected(std::move(error));
+    }
+    return {};
+}
+
+/// Has the storage pass over the folders of data, state and cache wherever they lie.
+void passOver(const Platform::Folders& folders, FileSystem& files) {
+    const std::array own{folders.data, folders.state, folders.cache};
+    for (const auto& folder : own) {
+        // One that cannot be made is reported by whoever writes there.
+        std::error_code failure;
+        if (!std::filesystem::create_directories(folder, failure)) continue;
+        std::filesystem::permissions(folder, std::filesystem::perms::owner_all, failure);
+    }
+    files.passOver(own);
+}
+
 }  // namespace
 
 Result<std::unique_ptr<Platform>> Platform::make(Options options) {
@@ -109,11 +138,16 @@ Result<std::unique_ptr<Platform>> Platform::make(Options options) {
     auto files = FileSystem::open(options.folders.storage);
     if (!files) return std::unexpected(catalog.errorForMissing(given, std::move(files.error())));
     platform->files_ = std::move(*files);
+    const auto& resolvedStorage = platform->files_->nativeStoragePath();
+    if (auto done = checkPlaces(options.folders, resolvedStorage); !done) {
+        return std::unexpected(std::move(done.error()));
+    }
     auto storage = storageOf(*platform->files_, given);
     if (!storage) return std::unexpected(std::move(storage.error()));
     const auto own = catalog.nameOf(*storage, options.acceptsReplacement);
     if (!own) return std::unexpected(own.error());
     platform->useFoldersOf(*storage, *own);
+    passOver(options.folders, *platform->files_);
     const auto& folders = platform->folders_;
     for (const auto& error : platform->types_.load(typeDeclarationFolders(options.folders.data))) {
         Log::platformLog().write(LogLevel::Error, [&] { return error.description(); });

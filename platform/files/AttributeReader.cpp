@@ -69,20 +69,6 @@ std::uint32_t deviceOf(const struct statx& status) {
     return foldedDevice(status.stx_dev_major, status.stx_dev_minor);
 }
 
-/// EXDEV for an object of another mount or device than `folder`, where that is given.
-Result<struct statx> statusOf(int directory, const char* name, const FolderFacts* folder) {
-    struct statx status {};
-    const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | static_cast<int>(emptyPath(name));
-    if (statx(directory, name, flags, STATX_BASIC_STATS | STATX_BTIME | STATX_MNT_ID, &status) !=
-        0) {
-        return std::unexpected(errorFromErrno(errno));
-    }
-    if (folder && (deviceOf(status) != folder->device || status.stx_mnt_id != folder->mount)) {
-        return std::unexpected(errorFromErrno(EXDEV));
-    }
-    return status;
-}
-
 std::uint64_t birthTimeFingerprint(const struct statx& status) {
     if ((status.stx_mask & STATX_BTIME) == 0) return 1;
     return (static_cast<std::uint64_t>(status.stx_btime.tv_sec) * 1'000'000'000 +
@@ -109,6 +95,33 @@ std::uint64_t lastingFingerprint(int directory, const char* name, const FolderFa
     }
     errno = EOPNOTSUPP;
     return 0;
+}
+
+bool isPassedOver(int directory, const char* name, const struct statx& status,
+                  const FolderFacts& folder) {
+    return std::ranges::any_of(folder.passedOver, [&](const ObjectIdentity& object) {
+        if (object.inode != status.stx_ino) return false;
+        const auto handle = lastingFingerprint(directory, name, &folder);
+        return object.generation == (handle != 0 ? handle : birthTimeFingerprint(status));
+    });
+}
+
+/// EXDEV for an object of another mount or device than `folder`, where that is given, and for one
+/// that it passes over.
+Result<struct statx> statusOf(int directory, const char* name, const FolderFacts* folder) {
+    struct statx status {};
+    const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | static_cast<int>(emptyPath(name));
+    if (statx(directory, name, flags, STATX_BASIC_STATS | STATX_BTIME | STATX_MNT_ID, &status) !=
+        0) {
+        return std::unexpected(errorFromErrno(errno));
+    }
+    if (folder && (deviceOf(status) != folder->device || status.stx_mnt_id != folder->mount)) {
+        return std::unexpected(errorFromErrno(EXDEV));
+    }
+    if (folder && isPassedOver(directory, name, status, *folder)) {
+        return std::unexpected(errorFromErrno(EXDEV));
+    }
+    return status;
 }
 
 }  // namespace
@@ -141,7 +154,7 @@ bool fileHandlesLast(int fd) {
     return fstatfs(fd, &system) != 0 || hasLastingHandles(system);
 }
 
-Result<FolderFacts> readFolderFacts(int folder) {
+Result<FolderFacts> readFolderFacts(int folder, std::span<const ObjectIdentity> passedOver) {
     struct statx status {};
     if (statx(folder, "", AT_EMPTY_PATH, STATX_INO | STATX_MNT_ID, &status) != 0) {
         return std::unexpected(errorFromErrno(errno));
@@ -158,7 +171,8 @@ Result<FolderFacts> readFolderFacts(int folder) {
                        status.stx_mnt_id,
                        !known || readOnly,
                        known,
-                       lasts};
+                       lasts,
+                       passedOver};
 }
 
 Result<std::shared_ptr<FileAttributes>> readAttributes(int directory, const char* name,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,8 @@ struct FolderFacts {
     bool asksKernelForAccess = false;  ///< read-only, or a file system whose rules are its own
     bool usesSystemClock = false;      ///< for the times of files; false where that is not known
     bool handlesLast = true;           ///< as fileHandlesLast says
+    /// Objects that are answered as if they were on another mount.
+    std::span<const ObjectIdentity> passedOver = {};
 };
 
 /// Whether a file handle of the file system that `fd` is on means the same object as long as the
@@ -33,12 +36,13 @@ struct FolderFacts {
 [[nodiscard]] bool fileHandlesLast(int fd);
 
 /// The facts of an open folder (O_PATH will do).
-[[nodiscard]] Result<FolderFacts> readFolderFacts(int folder);
+[[nodiscard]] Result<FolderFacts> readFolderFacts(int folder,
+                                                  std::span<const ObjectIdentity> passedOver = {});
 
 /// Reads one object in as few calls as its kind needs: statx; the list of attribute names, since
 /// most objects have none; the file handle; and an access check only where the permission bits do
 /// not decide. `name` empty means the descriptor's own object. Fails with EXDEV for an object of
-/// another mount or device than `folder` (where given).
+/// another mount or device than `folder` (where given), and for one that `folder` passes over.
 [[nodiscard]] Result<std::shared_ptr<FileAttributes>> readAttributes(
     int directory, const char* name, const FolderFacts* folder, const Credentials& credentials);
 

@@ -200,6 +200,10 @@ FileSystem::Location FileSystem::textuallyLocate(const QSURL& url) const {
         if (relative->empty()) return {root, "."};
         // An entry of a container beside its library is not part of the tree.
         if (!pathInLibrary(url.path())) return {};
+        const auto isPassedOver = [&](const std::string& folder) {
+            return isAtOrBelow(root->native + "/" + std::string(*relative), folder);
+        };
+        if (std::ranges::any_of(passedOverPaths_, isPassedOver)) return {};
         return {root, std::string(*relative)};
     }
     if (url.path() == presentedVolumePath) return {roots_.front(), "."};
@@ -259,6 +263,18 @@ QSURL FileSystem::URLForNativePath(std::string_view path) const {
     return url;
 }
 
+void FileSystem::passOver(std::span<const std::string> folders) {
+    for (const auto& folder : folders) {
+        const auto path = resolved(folder);
+        const FileDescriptor opened(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        if (!opened) continue;
+        const auto identity = readIdentity(opened.get(), "", nullptr, credentials_);
+        if (!identity) continue;
+        passedOver_.push_back(*identity);
+        if (isAtOrBelow(path, nativeStorage_)) passedOverPaths_.push_back(path);
+    }
+}
+
 Result<FileDescriptor> FileSystem::openObject(const QSURL& url, int flags) const {
     auto fd = openAt(locate(url), flags | ((flags & O_PATH) != 0 ? 0 : O_NONBLOCK | O_NOCTTY));
     if (!fd) return std::unexpected(errorFromErrno(errno, nativePath(url)));
@@ -303,7 +319,7 @@ Result<std::shared_ptr<const FileAttributes>> FileSystem::freshAttributes(const 
     FileDescriptor opened;
     const int folder = pathDescriptorAt(place, opened);
     if (folder < 0) return failure(errno);
-    const auto facts = readFolderFacts(folder);
+    const auto facts = readFolderFacts(folder, passedOver_);
     if (!facts) return failure(static_cast<int>(facts.error().code));
     const std::string name(isTop ? std::string_view() : url.lastPathComponent());
     auto attributes = readAttributes(folder, name.c_str(), isTop ? nullptr : &*facts, credentials_);

@@ -51,6 +51,15 @@ class FileSystem {
     /// From now on URLs below the container lead nowhere; what is open stays so.
     void removeContainer(std::string_view identifier);
 
+    /// Passes over these folders (native paths; those that exist) as if each were another mount:
+    /// nothing in them is part of the tree. Before other threads use this.
+    void passOver(std::span<const std::string> folders);
+    [[nodiscard]] std::span<const ObjectIdentity> passedOver() const { return passedOver_; }
+    /// Those of the folders that lie in the storage, resolved.
+    [[nodiscard]] const std::vector<std::string>& passedOverPaths() const {
+        return passedOverPaths_;
+    }
+
     /// The native path of any URL, for people and for tools; text only, nothing is checked.
     [[nodiscard]] std::string nativePath(const QSURL& url) const;
     /// The URL for a native absolute path: presented where its folder (its own last component is
@@ -124,6 +133,8 @@ class FileSystem {
     // Constant after start.
     std::string nativeStorage_;
     Credentials credentials_;
+    std::vector<ObjectIdentity> passedOver_;
+    std::vector<std::string> passedOverPaths_;
 
     mutable std::shared_mutex mutex_;
     std::vector<std::shared_ptr<const Root>> roots_;  // guarded by mutex_; the storage is first

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -42,8 +43,11 @@ Folder::Folder(const FileSystem& files, QSURL url, FileDescriptor fd, FolderFact
 
 Result<std::shared_ptr<Folder>> Folder::make(const FileSystem& files, QSURL url,
                                              FileDescriptor fd) {
-    auto facts = readFolderFacts(fd.get());
+    auto facts = readFolderFacts(fd.get(), files.passedOver());
     if (!facts) return std::unexpected(facts.error());
+    if (std::ranges::find(facts->passedOver, facts->identity) != facts->passedOver.end()) {
+        return std::unexpected(errorFromErrno(EXDEV, url.path()));
+    }
     return std::shared_ptr<Folder>(new Folder(files, std::move(url), std::move(fd), *facts));
 }
 

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <thread>
 
@@ -105,6 +106,16 @@ TEST_F(FileSystemTest, PathsMayBeLongerThanTheKernelTakesAtOnce) {
     EXPECT_EQ(files->openFolder(url(deep)).value()->ownIdentity().value(), identity);
     EXPECT_EQ(files->URLForNativePath(files->nativePath(url(deep))), url(deep));
     EXPECT_EQ(codeOf(files->attributes(url(deep + "/missing"))), ENOENT);
+}
+
+TEST_F(FileSystemTest, FoldersThatArePassedOverAreNotPartOfTheTree) {
+    scratch.makeFile("elsewhere/Dokumente/own/below/store");
+    files->passOver(std::array{(storage / "own").string()});
+    const auto top = files->openFolder(files->storageURL()).value();
+    EXPECT_EQ(codeOf(top->childState("own")), EXDEV);
+    EXPECT_EQ(codeOf(top->childAttributes("own")), EXDEV);
+    EXPECT_EQ(codeOf(top->openChild("own")), EXDEV);
+    EXPECT_EQ(codeOf(files->openObject(url("own/below/store"), O_RDONLY)), ENOENT);
 }
 
 TEST_F(FileSystemTest, AccessIsWhatTheKernelSays) {
