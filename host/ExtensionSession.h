@@ -103,7 +103,7 @@ class ExtensionSession {
     [[nodiscard]] Page page(const std::string& container, const PageStart& start);
 
   private:
-    /// An enumerator with the page token that its latest page ended with; none where that was the
+    /// An enumerator with the page token that its latest page ended with; empty where that was the
     /// last page.
     struct Kept {
         std::string container;

@@ -57,7 +57,7 @@ Result<void> copyAttribute(int source, int target, const char* name) {
         value.resize(XATTR_SIZE_MAX);
         size = fgetxattr(source, name, value.data(), value.size());
     }
-    if (size < 0) return {};  // gone meanwhile, or not for us
+    if (size < 0) return {};  // removed since, or not for us
     if (fsetxattr(target, name, value.data(), static_cast<std::size_t>(size), 0) == 0) return {};
     if (errno == ENOTSUP || errno == EPERM || errno == EACCES) return {};
     return failure(errno);

@@ -85,7 +85,7 @@ void EntryReader::readFolder(Walk& walk, const std::string& path, const std::str
             walk.isDeep && found->d_type != DT_REG && name != "." && name != "..";
         if (!mayBeFile && !mayBeFolder) continue;
         struct stat status {};
-        // A link into nothing is what an application that has gone may leave.
+        // A link into nothing is what an application that was removed may leave.
         if (fstatat(dirfd(folder.get()), name.c_str(), &status, 0) != 0) continue;
         if (S_ISDIR(status.st_mode) && mayBeFolder) {
             if (depth == deepest) {
@@ -127,7 +127,7 @@ void EntryReader::parse(int folder, const char* name, Known& known) const {
     const std::unique_ptr<FILE, Close> file(fdopen(fd, "rb"));
     struct stat status {};
     if (!file || fstat(fd, &status) != 0) return fail(errorFromErrno(errno));
-    // It may be another file by now.
+    // It may have become another file.
     if (!S_ISREG(status.st_mode)) return fail(errorFromErrno(EINVAL));
     if (status.st_size > static_cast<off_t>(mostEntryBytes)) return fail(errorFromErrno(EFBIG));
     std::string text(static_cast<std::size_t>(status.st_size) + 1, '\0');

@@ -110,7 +110,7 @@ void FolderWatcher::add(const std::string& folder) {
 }
 
 /// Watches the folder above for the next one on the way; what was made meanwhile is seen since the
-/// way is gone again.
+/// way is missing again.
 void FolderWatcher::addAncestor(const std::string& folder) {
     std::string path = folder;
     while (path.size() > 1) {

@@ -250,39 +250,39 @@ TEST_F(AppLibrariesTest, ARestartChangesNothingAndALostCacheHidesNothing) {
     libraryFile("org.b/Documents/b1");
     setApps({"org.a", "org.b"});
     Client ofRoot(service, root);
-    Client told(service, workingSet);
+    Client ofSet(service, workingSet);
     ofRoot.sync();
-    told.sync();
+    ofSet.sync();
     reopen();
     (void)libraries->refresh();
     ofRoot.sync();
-    told.sync();
-    EXPECT_EQ(ofRoot.restarts + told.restarts, 0);
+    ofSet.sync();
+    EXPECT_EQ(ofRoot.restarts + ofSet.restarts, 0);
 
     // What goes while nothing says what was there.
-    Client untold(service, workingSet);
-    untold.readAll();
+    Client unread(service, workingSet);
+    unread.readAll();
     fs::remove(mainCache);
     feed({"org.b"});
     reopen();
-    EXPECT_GT(libraries->mainCache()->versionToken(), told.version()) << "was never given out";
-    for (auto* client : {&told, &untold, &ofRoot}) client->sync();
-    EXPECT_EQ(told.restarts + untold.restarts, 0);
-    EXPECT_THAT(told.known(), UnorderedElementsAre("Name of org.b", "b1"));
-    // What comes back is told as it is now.
+    EXPECT_GT(libraries->mainCache()->versionToken(), ofSet.version()) << "was never given out";
+    for (auto* client : {&ofSet, &unread, &ofRoot}) client->sync();
+    EXPECT_EQ(ofSet.restarts + unread.restarts, 0);
+    EXPECT_THAT(ofSet.known(), UnorderedElementsAre("Name of org.b", "b1"));
+    // What comes back is reported as it is now.
     fs::remove(scratch / "containers/org.a/Documents/folder/a1");
     libraryFile("org.a/Documents/a2");
     setApps({"org.a", "org.b"});
-    told.sync();
-    EXPECT_THAT(told.known(),
+    ofSet.sync();
+    EXPECT_THAT(ofSet.known(),
                 UnorderedElementsAre("Name of org.a", "folder", "a2", "Name of org.b", "b1"));
     // The application may have its documents elsewhere one day.
     libraryFile("former a/Documents/other");
     feed({"org.a"}, "former a");
     EXPECT_TRUE(libraries->refresh());
-    told.sync();
-    EXPECT_THAT(told.known(), UnorderedElementsAre("Name of org.a", "other"));
-    EXPECT_EQ(told.restarts, 0);
+    ofSet.sync();
+    EXPECT_THAT(ofSet.known(), UnorderedElementsAre("Name of org.a", "other"));
+    EXPECT_EQ(ofSet.restarts, 0);
 
     ofRoot.sync();
     fs::remove(mainCache);
@@ -291,15 +291,15 @@ TEST_F(AppLibrariesTest, ARestartChangesNothingAndALostCacheHidesNothing) {
     for (int run = 0; run < 2; ++run) {
         reopen();
         EXPECT_FALSE(libraries->refresh());
-        for (auto* client : {&told, &ofRoot}) client->sync();
-        EXPECT_EQ(told.restarts + ofRoot.restarts, 2) << "nothing is reported deleted";
-        EXPECT_THAT(told.known(), UnorderedElementsAre("Name of org.a", "other"));
+        for (auto* client : {&ofSet, &ofRoot}) client->sync();
+        EXPECT_EQ(ofSet.restarts + ofRoot.restarts, 2) << "nothing is reported deleted";
+        EXPECT_THAT(ofSet.known(), UnorderedElementsAre("Name of org.a", "other"));
     }
     fs::remove_all(mainCache);
     EXPECT_EQ(libraries->refresh(), platform::Result<bool>(true));
-    told.sync();
-    EXPECT_EQ(told.restarts, 1);
-    EXPECT_THAT(told.known(), UnorderedElementsAre("Name of org.a", "other"));
+    ofSet.sync();
+    EXPECT_EQ(ofSet.restarts, 1);
+    EXPECT_THAT(ofSet.known(), UnorderedElementsAre("Name of org.a", "other"));
 }
 
 TEST_F(AppLibrariesTest, SearchFollowsTheWorkingSetAndForgetsDomains) {
