@@ -419,6 +419,10 @@ TEST_F(CoverTest, WhatAnEventMeansIsSeenOnTheDisk) {
     EXPECT_THAT(answer->updated, onlyPackage);
     EXPECT_THAT(answer->deleted, IsEmpty());
     EXPECT_THAT(told(allDirectories, {inner})->updated, IsEmpty());
+    (void)folder("a/p.lutebox/.hidden");
+    auto hidden = eventAt("a/p.lutebox/.hidden");
+    hidden.flags = fsEventModified | fsEventIsFolder;
+    EXPECT_THAT(told(workingSet, {hidden})->updated, onlyPackage);
     (void)folder(".Trash");
     auto trash = eventAt(".Trash");
     trash.flags = fsEventModified | fsEventIsFolder;

@@ -202,12 +202,12 @@ void FSChangesEnumerator::collect(const FSEvent& event, const QSURL& url,
     if (place.cover == Cover::Root || place.cover == Cover::Outside) {
         return ignore(url, place.cover);
     }
-    if (staysHidden(url, event)) return ignore(url, Cover::Hidden);
     if (place.package) {
         collectPackage(event.id, *place.package);
         // What is in a package of the folder was never in the folder itself.
         if (!cover_.isRecursive()) return;
     }
+    if (staysHidden(url, event)) return ignore(url, Cover::Hidden);
     const auto identifier = identifierKeptBy(url, event);
     if (item && (!identifier || item->itemIdentifier() == *identifier)) {
         const auto cover = cover_.coverOf(*item);
