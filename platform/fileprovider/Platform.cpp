@@ -133,10 +133,11 @@ Result<std::unique_ptr<Platform>> Platform::make(Options options) {
     fillDefaults(options.folders);
     std::unique_ptr<Platform> platform(new Platform);
     platform->folders_ = options.folders;
-    StorageCatalog catalog(options.folders.data, options.folders.state);
+    auto catalog = StorageCatalog::load(options.folders.data, options.folders.state);
+    if (!catalog) return std::unexpected(std::move(catalog.error()));
     const auto given = absolutePath(options.folders.storage);
     auto files = FileSystem::open(options.folders.storage);
-    if (!files) return std::unexpected(catalog.errorForMissing(given, std::move(files.error())));
+    if (!files) return std::unexpected(catalog->errorForMissing(given, std::move(files.error())));
     platform->files_ = std::move(*files);
     const auto& resolvedStorage = platform->files_->nativeStoragePath();
     if (auto done = checkPlaces(options.folders, resolvedStorage); !done) {
@@ -144,7 +145,7 @@ Result<std::unique_ptr<Platform>> Platform::make(Options options) {
     }
     auto storage = storageOf(*platform->files_, given);
     if (!storage) return std::unexpected(std::move(storage.error()));
-    const auto own = catalog.nameOf(*storage, options.acceptsReplacement);
+    const auto own = catalog->nameOf(*storage, options.acceptsReplacement);
     if (!own) return std::unexpected(own.error());
     platform->useFoldersOf(*storage, *own);
     passOver(options.folders, *platform->files_);

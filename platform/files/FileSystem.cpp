@@ -42,16 +42,14 @@ struct FolderObject {
     static std::optional<FolderObject> of(int fd) {
         const auto attributes = readAttributes(fd, "", nullptr, {});
         if (!attributes) return std::nullopt;
-        // Which file system it is can be asked of what is open for reading.
-        const FileDescriptor readable(
-            ::open(descriptorPath(fd, "").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        return FolderObject{
-            VolumeFingerprint::of(readable ? readable.get() : fd, (*attributes)->identity),
-            (*attributes)->identityIsWeak};
+        return FolderObject{VolumeFingerprint::of(fd, (*attributes)->identity),
+                            (*attributes)->identityIsWeak};
     }
     [[nodiscard]] bool isSame(const FolderObject& other) const {
-        if (volume.uuid != other.volume.uuid || isWeak != other.isWeak) return false;
-        return (isWeak && !volume.uuid.empty()) || volume.root == other.volume.root;
+        if (isWeak != other.isWeak) return false;
+        // Only the file system tells its mounts apart where the identity is weak.
+        const bool isSameFileSystem = volume.uuid == other.volume.uuid && !volume.uuid.empty();
+        return (isWeak && isSameFileSystem) || volume.isSameFolder(other.volume);
     }
 };
 

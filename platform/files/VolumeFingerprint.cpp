@@ -14,6 +14,9 @@
 #include <memory>
 #include <sstream>
 
+#include "platform/files/FileDescriptor.h"
+#include "platform/files/SystemCalls.h"
+
 namespace platform {
 
 namespace {
@@ -86,7 +89,9 @@ std::string uuidFromUdev(int fd) {
 }  // namespace
 
 VolumeFingerprint VolumeFingerprint::of(int fd, const ObjectIdentity& root) {
-    VolumeFingerprint fingerprint{uuidFromKernel(fd), root};
+    const FileDescriptor readable(
+        ::open(descriptorPath(fd, "").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    VolumeFingerprint fingerprint{uuidFromKernel(readable.get()), root};
     if (fingerprint.uuid.empty()) fingerprint.uuid = uuidFromUdev(fd);
     return fingerprint;
 }
@@ -94,6 +99,10 @@ VolumeFingerprint VolumeFingerprint::of(int fd, const ObjectIdentity& root) {
 bool VolumeFingerprint::isSameVolume(const VolumeFingerprint& other) const {
     if (!uuid.empty() && !other.uuid.empty()) return uuid == other.uuid;
     return root == other.root;
+}
+
+bool VolumeFingerprint::isSameFolder(const VolumeFingerprint& other) const {
+    return root == other.root && isSameVolume(other);
 }
 
 }  // namespace platform

@@ -9,14 +9,17 @@ namespace platform {
 /// What tells one file system from another when it is mounted again, maybe under another device
 /// number. Never a device number.
 struct VolumeFingerprint {
-    std::string uuid;     ///< of the file system, lower-case hexadecimal; empty where none is told
+    std::string uuid;     ///< of the file system, lower-case hexadecimal; empty where it has none
     ObjectIdentity root;  ///< the storage folder itself
 
-    /// REQUIRES: `fd` is the storage folder, open for reading.
+    /// `fd` is that folder. It is opened for reading to ask for the UUID, which is empty where the
+    /// folder cannot be read.
     [[nodiscard]] static VolumeFingerprint of(int fd, const ObjectIdentity& root);
 
     /// The UUIDs decide where both have one; else the storage folder must be the same object.
     [[nodiscard]] bool isSameVolume(const VolumeFingerprint& other) const;
+    /// One folder of one file system.
+    [[nodiscard]] bool isSameFolder(const VolumeFingerprint& other) const;
 };
 
 }  // namespace platform

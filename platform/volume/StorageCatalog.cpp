@@ -28,6 +28,7 @@ namespace fs = std::filesystem;
 constexpr std::string_view group = "Storage";
 constexpr std::string_view missingKey = "qp_missingStorage";
 constexpr std::size_t mostPaths = 16;
+constexpr std::size_t largestRecord = 1 << 20;
 
 /// A path on one line of a key file: bytes that could end or trim it are written as %XX.
 std::string encoded(std::string_view path) {
@@ -90,24 +91,51 @@ bool exists(const std::string& path) {
 }  // namespace
 
 StorageCatalog::StorageCatalog(std::string dataFolder, std::string stateFolder)
-    : dataFolder_(std::move(dataFolder)), stateFolder_(std::move(stateFolder)) {
-    std::error_code none;
-    for (const auto& entry : fs::directory_iterator(dataFolder_ + "/storages", none)) {
-        auto record = read(entry.path() / "storage.conf", entry.path().filename());
-        if (record) records_.push_back(std::move(*record));
-    }
+    : dataFolder_(std::move(dataFolder)), stateFolder_(std::move(stateFolder)) {}
+
+Result<StorageCatalog> StorageCatalog::load(std::string dataFolder, std::string stateFolder) {
+    StorageCatalog catalog(std::move(dataFolder), std::move(stateFolder));
+    if (auto done = catalog.readRecords(); !done) return std::unexpected(std::move(done.error()));
+    return catalog;
 }
 
-std::optional<StorageCatalog::Record> StorageCatalog::read(const std::string& file,
-                                                           std::string name) {
-    const auto values = KeyFile::read(file);
-    Record record{.name = std::move(name),
+Result<void> StorageCatalog::readRecords() {
+    const auto folder = dataFolder_ + "/storages";
+    std::error_code failure;
+    for (fs::directory_iterator entry(folder, failure), end; !failure && entry != end;
+         entry.increment(failure)) {
+        auto record = read(entry->path().filename());
+        if (!record) return std::unexpected(std::move(record.error()));
+        if (*record) records_.push_back(std::move(**record));
+    }
+    if (!failure || failure == std::errc::no_such_file_or_directory) return {};
+    return std::unexpected(errorFromErrno(failure.value(), folder));
+}
+
+Result<std::optional<StorageCatalog::Record>> StorageCatalog::read(const std::string& name) const {
+    const auto folder = dataFolder_ + "/storages/" + name;
+    const auto file = folder + "/storage.conf";
+    const auto data = dataWithContentsOfFile(file, largestRecord);
+    if (!data) {
+        const bool isNone = data.error().code == ENOENT || data.error().code == ENOTDIR;
+        if (isNone && !exists(folder + "/volume.db")) return std::nullopt;
+        return std::unexpected(data.error());
+    }
+    const auto values = KeyFile::parse(stringFromData(*data));
+    Record record{.name = name,
                   .volume = {values.value(group, "UUID").value_or(""),
                              {numberFrom(values.value(group, "Inode")),
                               numberFrom(values.value(group, "Generation"))}},
                   .isWeak = values.value(group, "Weak") == "true",
                   .paths = {}};
-    if (record.volume.root.inode == 0 || record.volume.root.generation == 0) return std::nullopt;
+    const auto& root = record.volume.root;
+    if (root.inode == 0 || (root.generation == 0 && !record.isWeak)) {
+        auto error = errorFromErrno(EILSEQ, file);
+        error.userInfo.emplace(QSDescriptionErrorKey,
+                               "the record of a storage is damaged; put it back from a backup, or "
+                               "remove its folder to have the storage numbered anew");
+        return std::unexpected(std::move(error));
+    }
     for (std::size_t i = 1; i <= mostPaths; ++i) {
         const auto text = values.value(group, "Path" + std::to_string(i));
         auto path = text ? decoded(*text) : std::nullopt;
@@ -137,9 +165,7 @@ bool StorageCatalog::isOf(const Record& record, const Storage& storage) {
         return known.uuid == found.uuid &&
                std::ranges::find(record.paths, storage.resolved) != record.paths.end();
     }
-    const bool mayBeSameVolume =
-        known.uuid.empty() || found.uuid.empty() || known.uuid == found.uuid;
-    return known.root == found.root && mayBeSameVolume;
+    return known.isSameFolder(found);
 }
 
 bool StorageCatalog::holdsIdentifiers(const Record& record) const {

@@ -25,8 +25,10 @@ class StorageCatalog {
         bool isWeak = false;
     };
 
-    /// Native folders; nothing is made before it is needed.
-    StorageCatalog(std::string dataFolder, std::string stateFolder);
+    /// Reads the records of all storages. Native folders; nothing is made before it is needed.
+    /// Fails where a record cannot be read, since its storage would pass for a new one.
+    [[nodiscard]] static Result<StorageCatalog> load(std::string dataFolder,
+                                                     std::string stateFolder);
 
     /// The name of the storage's own folder in `data/storages`, `state/storages` and the like. A
     /// storage that is new gets one; that of the layout before this catalog is taken over. Fails
@@ -49,7 +51,10 @@ class StorageCatalog {
         std::vector<std::string> paths;  ///< the latest first
     };
 
-    [[nodiscard]] static std::optional<Record> read(const std::string& file, std::string name);
+    StorageCatalog(std::string dataFolder, std::string stateFolder);
+    [[nodiscard]] Result<void> readRecords();
+    /// Null where the folder is of no storage: a process ended before it had one.
+    [[nodiscard]] Result<std::optional<Record>> read(const std::string& name) const;
     Result<void> write(const Record& record) const;
     [[nodiscard]] static bool isOf(const Record& record, const Storage& storage);
     /// Whether numbers of the record's store may have been handed out.
@@ -61,8 +66,8 @@ class StorageCatalog {
     void noteFound(Record& found, const Storage& storage);
     void takeOverFormerLayout(const Storage& storage, const std::string& name) const;
 
-    const std::string dataFolder_;
-    const std::string stateFolder_;
+    std::string dataFolder_;
+    std::string stateFolder_;
     std::vector<Record> records_;
 };
 

@@ -24,8 +24,9 @@ class StorageCatalogTest : public tests::VolumeFixture {
     /// The name of the storage at the path, whose store gives out an identifier.
     Result<std::string> find(const fs::path& path, bool acceptsReplacement = false) {
         const auto storage = storageAt(path);
-        auto name =
-            StorageCatalog(scratch / "data", scratch / "state").nameOf(storage, acceptsReplacement);
+        auto catalog = StorageCatalog::load(scratch / "data", scratch / "state");
+        if (!catalog) return std::unexpected(catalog.error());
+        auto name = catalog->nameOf(storage, acceptsReplacement);
         if (!name) return name;
         scratch.makeFile(fs::relative(path, scratch.path()).string() + "/document");
         adjust = [this, own = *name](VolumeService::Configuration& configuration) {
@@ -77,10 +78,10 @@ TEST_F(StorageCatalogTest, WhatTookItsPlaceIsRefusedUnlessItIsAccepted) {
         EXPECT_EQ(find(path).value(), own);
     }
     fs::rename(path, aside);
-    const StorageCatalog catalog(scratch / "data", scratch / "state");
+    const auto catalog = StorageCatalog::load(scratch / "data", scratch / "state");
     const auto nothing = errorFromErrno(ENOENT, path.string());
-    EXPECT_TRUE(StorageCatalog::meansMissing(catalog.errorForMissing(path, nothing)));
-    EXPECT_EQ(catalog.errorForMissing(scratch / "never", nothing), nothing);
+    EXPECT_TRUE(StorageCatalog::meansMissing(catalog->errorForMissing(path, nothing)));
+    EXPECT_EQ(catalog->errorForMissing(scratch / "never", nothing), nothing);
     fs::create_directory(path);
     const auto next = find(path, true).value();
     EXPECT_NE(next, own);
@@ -96,6 +97,21 @@ TEST_F(StorageCatalogTest, AWeakRootIsKnownByFileSystemAndPath) {
     EXPECT_EQ(find(makeStorage("a")).value(), own) << "its number is another one now";
     isWeak = false;
     EXPECT_TRUE(StorageCatalog::meansMissing(errorOf(find(path)))) << "another kind of file system";
+}
+
+TEST_F(StorageCatalogTest, ARecordThatCannotBeReadIsNoNewStorage) {
+    const auto path = makeStorage("a");
+    const auto own = find(path).value();
+    const auto record = scratch / "data/storages" / own / "storage.conf";
+    fs::rename(record, scratch / "kept");
+    EXPECT_EQ(errorOf(find(path)).code, ENOENT) << "the store is there without its record";
+    fs::create_directory(record);
+    EXPECT_EQ(errorOf(find(path)).code, EINVAL);
+    fs::remove(record);
+    (void)scratch.makeFile("data/storages/" + own + "/storage.conf");
+    EXPECT_EQ(errorOf(find(path)).code, EILSEQ) << "empty";
+    fs::rename(scratch / "kept", record);
+    EXPECT_EQ(find(path).value(), own);
 }
 
 TEST_F(StorageCatalogTest, TheStoreOfTheFormerLayoutIsTakenOver) {
