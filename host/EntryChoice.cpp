@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "host/errors.h"
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/fileprovider/QSFileProviderExtension.h"
 
@@ -13,18 +14,26 @@ using platform::Result;
 Result<EntryChoice> EntryChoice::ofEntry(const ExtensionSession& session,
                                          const VolumeAccess& volume, const ItemTarget& target) {
     if (!target.entry) return EntryChoice(nullptr);
+    const auto missing =
+        platform::fileProviderErrorForNonExistentItemWithIdentifier(target.itemIdentifier);
     auto& extension = session.extension();
     const auto parent =
         extension.URLForItemWithPersistentIdentifier(target.entry->parentItemIdentifier);
-    if (parent) {
-        const auto place = parent->URLByAppendingPathComponent(target.entry->filename);
-        auto preference = volume.preferPlace ? volume.preferPlace(place) : nullptr;
-        if (extension.persistentIdentifierForItemAtURL(place) == target.itemIdentifier) {
-            return EntryChoice(std::move(preference));
-        }
-    }
-    return std::unexpected(
-        platform::fileProviderErrorForNonExistentItemWithIdentifier(target.itemIdentifier));
+    if (!parent) return std::unexpected(missing);
+    const auto place = parent->URLByAppendingPathComponent(target.entry->filename);
+    auto choice = ofPlace(session, volume, place);
+    if (!choice && meansNoSuchItem(choice.error())) return std::unexpected(missing);
+    if (!choice) return choice;
+    if (extension.persistentIdentifierForItemAtURL(place) == target.itemIdentifier) return choice;
+    return std::unexpected(missing);
+}
+
+Result<EntryChoice> EntryChoice::ofPlace(const ExtensionSession& session,
+                                         const VolumeAccess& volume, const platform::QSURL& place) {
+    if (!volume.preferPlace) return EntryChoice(nullptr);
+    auto preference = volume.preferPlace(place);
+    if (!preference) return std::unexpected(session.withNativePath(preference.error()));
+    return EntryChoice(std::move(*preference));
 }
 
 Result<EntryChoice> EntryChoice::make(const ExtensionSession& session, const VolumeAccess& volume,
@@ -37,7 +46,7 @@ Result<EntryChoice> EntryChoice::make(const ExtensionSession& session, const Vol
     const auto names = volume.names(*url);
     if (!names) return std::unexpected(session.withNativePath(names.error()));
     const auto& candidates = among == Among::InTrash ? names->inTrash : names->outsideTrash;
-    if (candidates.size() == 1) return EntryChoice(volume.preferPlace(candidates.front()));
+    if (candidates.size() == 1) return ofPlace(session, volume, candidates.front());
     if (candidates.empty()) return EntryChoice(nullptr);
     auto error = platform::errorFromErrno(EMLINK);
     error.userInfo.emplace(platform::QSDescriptionErrorKey,

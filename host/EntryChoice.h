@@ -27,6 +27,10 @@ class EntryChoice {
                                                                const ItemTarget& target);
 
   private:
+    /// Fails where the place cannot be read: without a preference another name would be meant.
+    [[nodiscard]] static platform::Result<EntryChoice> ofPlace(const ExtensionSession& session,
+                                                               const VolumeAccess& volume,
+                                                               const platform::QSURL& place);
     explicit EntryChoice(std::shared_ptr<void> preference) : preference_(std::move(preference)) {}
 
     std::shared_ptr<void> preference_;  // null: none

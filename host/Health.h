@@ -57,7 +57,7 @@ struct VolumeAccess {
     std::function<AgeLimit(std::chrono::seconds age)> limitForAge = {};
     /// As platform::namesOfObject and platform::preferPlace; an item has one name where empty.
     std::function<platform::Result<platform::ObjectNames>(const platform::QSURL&)> names = {};
-    std::function<std::shared_ptr<void>(const platform::QSURL& place)> preferPlace = {};
+    std::function<platform::Result<std::shared_ptr<void>>(const platform::QSURL&)> preferPlace = {};
 
     /// That of the installed platform.
     [[nodiscard]] static VolumeAccess ofPlatform();

@@ -18,9 +18,11 @@ namespace {
 
 constexpr std::chrono::milliseconds betweenLooks{100};
 
+using Among = EntryChoice::Among;
+
 struct Nothing {};
 
-/// What has to be handed to the extension for an answer.
+/// The completion handler that finishes the answer.
 template <typename End>
 auto finishing(const std::shared_ptr<Answer<Nothing, End>>& answer) {
     if constexpr (std::is_same_v<End, Nothing>) {
@@ -56,7 +58,7 @@ Result<End> Mutations::run(const Start& start, const ProgressHandler& progress) 
 
 namespace {
 
-/// A start that tells of no progress.
+/// A start without progress.
 template <typename Call>
 auto plain(Call call) {
     return [call = std::move(call)](platform::QSFileProviderExtension& extension,
@@ -68,96 +70,92 @@ auto plain(Call call) {
 
 }  // namespace
 
-template <typename Start>
-Result<ItemRecord> Mutations::runForItem(const Start& start,
-                                         const ProgressHandler& progress) const {
-    const auto item = run<platform::ItemRef>(start, progress);
+template <typename End, typename Start>
+Result<End> Mutations::runOn(const ItemTarget& target, EntryChoice::Among among, const Start& start,
+                             const ProgressHandler& progress) const {
+    const auto choice = EntryChoice::make(*session_, volume_, target, among);
+    if (!choice) return std::unexpected(choice.error());
+    return run<End>(start, progress);
+}
+
+Result<ItemRecord> Mutations::recordOf(const Result<platform::ItemRef>& item) const {
     if (!item) return std::unexpected(item.error());
     return session_->record(**item);
 }
 
 Result<ItemRecord> Mutations::makeDirectory(std::string_view name,
                                             const std::string& parent) const {
-    return runForItem(plain([&](auto& extension, auto handler) {
-                          extension.createDirectoryWithName(name, parent, std::move(handler));
-                      }),
-                      {});
+    return recordOf(run<platform::ItemRef>(plain([&](auto& extension, auto handler) {
+                                               extension.createDirectoryWithName(
+                                                   name, parent, std::move(handler));
+                                           }),
+                                           {}));
 }
 
 Result<ItemRecord> Mutations::import(std::string_view path, const std::string& parent,
                                      const ProgressHandler& progress) const {
     const auto url = session_->paths().URLForNativePath(path);
-    return runForItem(
+    return recordOf(run<platform::ItemRef>(
         [&](auto& extension, auto handler) {
             return extension.importDocumentAtURL(url, parent, std::move(handler));
         },
-        progress);
+        progress));
 }
 
 Result<ItemRecord> Mutations::rename(const ItemTarget& target, std::string_view name) const {
-    const auto choice =
-        EntryChoice::make(*session_, volume_, target, EntryChoice::Among::OutsideTrash);
-    if (!choice) return std::unexpected(choice.error());
-    return runForItem(plain([&](auto& extension, auto handler) {
-                          extension.renameItemWithIdentifier(target.itemIdentifier, name,
-                                                             std::move(handler));
-                      }),
-                      {});
+    return recordOf(runOn<platform::ItemRef>(
+        target, Among::OutsideTrash, plain([&](auto& extension, auto handler) {
+            extension.renameItemWithIdentifier(target.itemIdentifier, name, std::move(handler));
+        }),
+        {}));
 }
 
 Result<ItemRecord> Mutations::move(const ItemTarget& target, const std::string& parent,
                                    const std::optional<std::string>& name,
                                    const ProgressHandler& progress) const {
-    const auto choice =
-        EntryChoice::make(*session_, volume_, target, EntryChoice::Among::OutsideTrash);
-    if (!choice) return std::unexpected(choice.error());
-    return runForItem(
+    return recordOf(runOn<platform::ItemRef>(
+        target, Among::OutsideTrash,
         [&](auto& extension, auto handler) {
             return extension.reparentItemWithIdentifier(target.itemIdentifier, parent, name,
                                                         std::move(handler));
         },
-        progress);
+        progress));
 }
 
 Result<ItemRecord> Mutations::trash(const ItemTarget& target,
                                     const ProgressHandler& progress) const {
-    const auto choice =
-        EntryChoice::make(*session_, volume_, target, EntryChoice::Among::OutsideTrash);
-    if (!choice) return std::unexpected(choice.error());
-    return runForItem(
+    return recordOf(runOn<platform::ItemRef>(
+        target, Among::OutsideTrash,
         [&](auto& extension, auto handler) {
             return extension.trashItemWithIdentifier(target.itemIdentifier, std::move(handler));
         },
-        progress);
+        progress));
 }
 
 Result<ItemRecord> Mutations::untrash(const ItemTarget& target,
                                       const std::optional<std::string>& parent,
                                       const ProgressHandler& progress) const {
-    const auto choice = EntryChoice::make(*session_, volume_, target, EntryChoice::Among::InTrash);
-    if (!choice) return std::unexpected(choice.error());
-    auto done = runForItem(
+    auto done = recordOf(runOn<platform::ItemRef>(
+        target, Among::InTrash,
         [&](auto& extension, auto handler) {
             return extension.untrashItemWithIdentifier(target.itemIdentifier, parent,
                                                        std::move(handler));
         },
-        progress);
+        progress));
     const bool isRefused = !done && done.error().domain == platform::QPErrorDomain &&
                            done.error().code == platform::QPInvalidParameterErrorCode;
     if (!isRefused) return done;
     const auto item = session_->item(target.itemIdentifier);
-    done.error().userInfo.insert_or_assign(
-        std::string(platform::QSDescriptionErrorKey),
-        item && item->isTrashed ? "nothing tells where it was before it was trashed; give --to"
-                                : "it is not in the trash");
+    done.error().userInfo.insert_or_assign(std::string(platform::QSDescriptionErrorKey),
+                                           item && item->isTrashed
+                                               ? "its former folder is not recorded; give --to"
+                                               : "it is not in the trash");
     return done;
 }
 
 Result<void> Mutations::remove(const ItemTarget& target, const ProgressHandler& progress) const {
-    const auto choice =
-        EntryChoice::make(*session_, volume_, target, EntryChoice::Among::OutsideTrash);
-    if (!choice) return std::unexpected(choice.error());
-    const auto removed = run<Nothing>(
+    const auto removed = runOn<Nothing>(
+        target, Among::OutsideTrash,
         [&](auto& extension, auto handler) {
             return extension.deleteItemWithIdentifier(target.itemIdentifier, std::move(handler));
         },

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "host/EntryChoice.h"
 #include "host/ItemRecord.h"
 #include "host/ItemTarget.h"
 #include "platform/foundation/QSDate.h"
@@ -73,9 +74,11 @@ class Mutations {
   private:
     template <typename End, typename Start>
     platform::Result<End> run(const Start& start, const ProgressHandler& progress) const;
-    template <typename Start>
-    platform::Result<ItemRecord> runForItem(const Start& start,
-                                            const ProgressHandler& progress) const;
+    template <typename End, typename Start>
+    platform::Result<End> runOn(const ItemTarget& target, EntryChoice::Among among,
+                                const Start& start, const ProgressHandler& progress) const;
+    [[nodiscard]] platform::Result<ItemRecord> recordOf(
+        const platform::Result<platform::ItemRef>& item) const;
 
     const std::unique_ptr<ExtensionSession>& session_;
     const VolumeAccess& volume_;

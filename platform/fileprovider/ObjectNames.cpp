@@ -18,10 +18,10 @@ Result<ObjectNames> namesOfObject(const QSURL& url) {
     return names;
 }
 
-std::shared_ptr<void> preferPlace(const QSURL& place) {
+Result<std::shared_ptr<void>> preferPlace(const QSURL& place) {
     const auto attributes = Platform::current().files().freshAttributes(place);
-    if (!attributes) return nullptr;
-    return std::make_shared<PreferredPlace>(place, (*attributes)->identity);
+    if (!attributes) return std::unexpected(attributes.error());
+    return std::make_shared<PreferredPlace>(place, (*attributes)->identity.inode);
 }
 
 }  // namespace platform

@@ -23,7 +23,8 @@ struct ObjectNames {
 [[nodiscard]] Result<ObjectNames> namesOfObject(const QSURL& url);
 
 /// As long as the handle lives, which must end on this thread, this thread's look-ups of the object
-/// that is at `place` now answer with this place or not at all. Null where nothing is there.
-[[nodiscard]] std::shared_ptr<void> preferPlace(const QSURL& place);
+/// that is at `place` now answer with this place or not at all. Fails where the object cannot be
+/// read, ENOENT where it is missing.
+[[nodiscard]] Result<std::shared_ptr<void>> preferPlace(const QSURL& place);
 
 }  // namespace platform

@@ -8,8 +8,8 @@ namespace {
 thread_local PreferredPlace* innermost = nullptr;
 }
 
-PreferredPlace::PreferredPlace(QSURL place, const ObjectIdentity& object)
-    : place_(std::move(place)), object_(object), outer_(std::exchange(innermost, this)) {}
+PreferredPlace::PreferredPlace(QSURL place, std::uint64_t inode)
+    : place_(std::move(place)), inode_(inode), outer_(std::exchange(innermost, this)) {}
 
 PreferredPlace::~PreferredPlace() {
     innermost = outer_;
@@ -17,7 +17,7 @@ PreferredPlace::~PreferredPlace() {
 
 const QSURL* PreferredPlace::ofObject(std::uint64_t inode) {
     for (const auto* place = innermost; place; place = place->outer_) {
-        if (place->object_.inode == inode) return &place->place_;
+        if (place->inode_ == inode) return &place->place_;
     }
     return nullptr;
 }

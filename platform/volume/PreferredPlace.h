@@ -1,6 +1,7 @@
 #pragma once
 
-#include "platform/files/FileAttributes.h"
+#include <cstdint>
+
 #include "platform/foundation/QSURL.h"
 
 namespace platform {
@@ -11,7 +12,7 @@ namespace platform {
 /// nest, and end in the opposite order of their beginning.
 class PreferredPlace {
   public:
-    PreferredPlace(QSURL place, const ObjectIdentity& object);
+    PreferredPlace(QSURL place, std::uint64_t inode);
     ~PreferredPlace();
     PreferredPlace(const PreferredPlace&) = delete;
     PreferredPlace& operator=(const PreferredPlace&) = delete;
@@ -21,7 +22,7 @@ class PreferredPlace {
 
   private:
     QSURL place_;
-    ObjectIdentity object_;
+    std::uint64_t inode_;
     PreferredPlace* outer_;
 };
 

@@ -2,6 +2,7 @@
 
 #include "host/DocumentService.h"
 #include "host/errors.h"
+#include "platform/fileprovider/ObjectNames.h"
 #include "tests/support/InstalledPlatform.h"
 #include "tidewell/provider/LocalFileProvider.h"
 
@@ -44,6 +45,19 @@ class HardLinksTest : public tests::InstalledPlatform {
     std::string identifier;
     const host::Mutations::ProgressHandler none;
 };
+
+TEST_F(HardLinksTest, ANameThatVanishesMeansNoOther) {
+    auto volume = host::VolumeAccess::ofPlatform();
+    volume.preferPlace = [this](const platform::QSURL& place) {
+        fs::remove(storage() / "a");
+        return platform::preferPlace(place);
+    };
+    host::DocumentService late([] { return tidewell::makeLocalFileProvider(); },
+                               {.volume = volume});
+    const auto removed = late.mutations().remove(at("a"), none);
+    EXPECT_TRUE(!removed && host::meansNoSuchItem(removed.error()));
+    EXPECT_EQ(names(), "b d/c ");
+}
 
 TEST_F(HardLinksTest, AVerbActsOnTheNameThatWasShown) {
     EXPECT_EQ(service.item(at("d/c")).value().filename, "c");

@@ -112,6 +112,11 @@ void LocalFileProvider::_removeTrashedItemsOlderThanDate(
         });
         // This entry, wherever else the item has a name.
         const auto preferred = preferPlace(url);
+        if (!preferred) {
+            return logError([&] {
+                return "can't remove item " + *identifier + "; " + preferred.error().description();
+            });
+        }
         (void)deleteItemWithIdentifier(
             *identifier, [identifier = *identifier, group](const std::optional<QSError>& error) {
                 if (!error) return;
