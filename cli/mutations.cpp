@@ -8,6 +8,7 @@
 #include "cli/commands.h"
 #include "cli/format.h"
 #include "cli/text.h"
+#include "host/errors.h"
 
 namespace cli {
 
@@ -121,16 +122,21 @@ class Run {
         for (const auto& item : items) {
             const host::ItemTarget entry(item.itemIdentifier,
                                          {item.parentItemIdentifier, item.filename});
-            if (!given_.isDryRun && service_.item(entry)) {
-                auto error = platform::errorFromErrno(EIO, item.path.value_or(item.filename));
-                error.userInfo.emplace(platform::QSDescriptionErrorKey,
-                                       "it could not be deleted; the log says why");
-                code = report(error, item.filename, arguments_.json);
+            if (given_.isDryRun || isRemoved(entry)) {
+                printRow(item);
                 continue;
             }
-            printRow(item);
+            auto error = platform::errorFromErrno(EIO, item.path.value_or(item.filename));
+            error.userInfo.emplace(platform::QSDescriptionErrorKey,
+                                   "it could not be deleted; the log says why");
+            code = report(error, item.filename, arguments_.json);
         }
         return code;
+    }
+
+    [[nodiscard]] bool isRemoved(const host::ItemTarget& entry) {
+        const auto found = service_.item(entry);
+        return !found && host::meansNoSuchItem(found.error());
     }
 
     void printRow(const ItemRecord& item) {
