@@ -60,7 +60,9 @@ DocumentService::DocumentService(const ExtensionFactory& makeExtension, Options 
     if (options.trashAge) {
         trashKeeper_ = std::make_unique<TrashKeeper>(
             [this, age = *options.trashAge] { return volume_.limitForAge(age).safe; },
-            [this](const platform::QSDate& date) { (void)mutations_.emptyTrash(date); });
+            [this](const platform::QSDate& date) {
+                if (mutations_.dateArrivalsInTrash()) (void)mutations_.emptyTrash(date);
+            });
     }
 }
 

@@ -174,6 +174,10 @@ Result<void> Mutations::emptyTrash(const platform::QSDate& date) const {
     return {};
 }
 
+Result<void> Mutations::dateArrivalsInTrash() const {
+    return session_->extension().dateArrivalsInTrash();
+}
+
 std::vector<ItemRecord> Mutations::trashedBefore(const platform::QSDate& date) const {
     std::vector<ItemRecord> records;
     for (const auto& item : session_->extension().itemsTrashedBeforeDate(date)) {

@@ -68,7 +68,9 @@ class Mutations {
 
     /// Deletes what was trashed before the date; returns when that is done.
     [[nodiscard]] platform::Result<void> emptyTrash(const platform::QSDate& date) const;
-    /// What that would delete.
+    /// Gives what came into the trash in another way than by trash() its date, once.
+    [[nodiscard]] platform::Result<void> dateArrivalsInTrash() const;
+    /// What emptyTrash() would delete.
     [[nodiscard]] std::vector<ItemRecord> trashedBefore(const platform::QSDate& date) const;
 
   private:

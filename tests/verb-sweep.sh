@@ -13,6 +13,7 @@ tree() {
         find . -mindepth 1 ! -path ./.Trash -printf '%p %M %l\n'
         find . -type f -exec md5sum {} +
         getfattr -Rhd -m 'user\.(tag|com\.quenby\.(lastused|metadata|favorite))' .
+        getfattr -Rh -m 'user\.com\.quenby\.trash' .
     ) | sort
 }
 prepare() {

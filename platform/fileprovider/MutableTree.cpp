@@ -196,6 +196,7 @@ Result<QSURL> MutableTree::copyAcross(HeldItem& item, const OpenFolder& folder,
     const auto removed = removeHeld(item, removal);
     if (removed) {
         item.object = copy ? std::move(copy->object) : FileDescriptor();
+        if (copy) item.identity = copy->identity;
         return copied;
     }
     // Once something of the item has gone, only the copy is whole. Before, the item is, or another
@@ -296,8 +297,8 @@ Result<QSURL> MutableTree::move(const QSURL& url, const QSURL& folderURL,
     return moveHeld(*item, *folder, name.value_or(item->name), naming, progress);
 }
 
-Result<HeldURL> MutableTree::trash(const QSURL& url, const QSURL& trashURL, Copying copying,
-                                   QSProgress& progress) const {
+Result<TrashedObject> MutableTree::trash(const QSURL& url, const QSURL& trashURL, Copying copying,
+                                         QSProgress& progress) const {
     auto item = hold(url);
     if (!item) return std::unexpected(item.error());
     const auto refused = [&](std::string_view why) {
@@ -315,13 +316,23 @@ Result<HeldURL> MutableTree::trash(const QSURL& url, const QSURL& trashURL, Copy
         return refused("the trash can be written by others");
     }
     const OpenFolder trash{trashURL, std::move(*fd)};
-    volume_.moveBegins(item->identity);
+    const auto identity = item->identity;
+    // What lies in the trash already keeps the record of where it was.
+    auto record =
+        volume_.trash()
+            .find(url.path(), identity)
+            .value_or(TrashRecord{{}, isInTrash(url.path()) ? std::string() : url.path()});
+    record.date = volume_.clock().stamp();
+    auto intent = volume_.trashingBegins(trashURL.path(), identity, record);
+    volume_.moveBegins(identity);
     const auto moved = copying == Copying::Allowed
                            ? moveHeld(*item, trash, item->name, Naming::Free, progress)
                            : renameHeld(*item, trash, item->name, Naming::Free);
-    volume_.moveEnds(item->identity, moved.has_value());
+    volume_.moveEnds(identity, moved.has_value());
     if (!moved) return std::unexpected(moved.error());
-    return HeldURL{*moved, std::move(item->object)};
+    const auto date = record.date;
+    volume_.trash().put(moved->path(), item->identity, std::move(record));
+    return TrashedObject{{*moved, std::move(item->object)}, date, std::move(intent)};
 }
 
 Result<void> MutableTree::remove(const QSURL& url, QSProgress& progress) const {

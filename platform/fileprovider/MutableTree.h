@@ -30,8 +30,8 @@ class MutableTree {
                                      const std::optional<std::string>& name, Naming naming,
                                      QSProgress& progress) const;
     enum class Copying : std::uint8_t { Allowed, Refused };
-    [[nodiscard]] Result<HeldURL> trash(const QSURL& url, const QSURL& trash, Copying copying,
-                                        QSProgress& progress) const;
+    [[nodiscard]] Result<TrashedObject> trash(const QSURL& url, const QSURL& trash, Copying copying,
+                                              QSProgress& progress) const;
     Result<void> remove(const QSURL& url, QSProgress& progress) const;
 
     /// Whether the file system does not move it.

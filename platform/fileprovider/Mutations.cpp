@@ -88,7 +88,7 @@ std::shared_ptr<QSProgress> qp_reparentUnderFolder(const QSURL& url, const QSURL
 }
 
 std::shared_ptr<QSProgress> qp_trashUnderFolder(const QSURL& url, const QSURL& trash,
-                                                qp_HeldURLHandler completionHandler) {
+                                                qp_TrashHandler completionHandler) {
     using Copying = MutableTree::Copying;
     // A rename takes no longer than waking a worker and being woken by it.
     const auto gate = Platform::current().events().gate;

@@ -10,6 +10,7 @@
 #include "platform/foundation/QSError.h"
 #include "platform/foundation/QSProgress.h"
 #include "platform/foundation/QSURL.h"
+#include "platform/volume/TrashLedger.h"
 
 // The operations on URLs that change the tree. Each begins at once on a thread of its own choosing
 // and calls the completion handler there, once, under no lock; what goes wrong first ends it, with
@@ -40,7 +41,14 @@ struct HeldURL {
     QSURL url;
     FileDescriptor object = {};
 };
-using qp_HeldURLHandler = std::move_only_function<void(Result<HeldURL>)>;
+
+/// What was trashed, and its record. The next start writes the attributes unless they are written
+/// when `intent` ends, which belongs to the platform.
+struct TrashedObject : HeldURL {
+    QSDate date = {};
+    std::unique_ptr<TrashLedger::Intent> intent = {};
+};
+using qp_TrashHandler = std::move_only_function<void(Result<TrashedObject>)>;
 
 /// Makes a folder in `folder`, under a free name like `name` where that is taken.
 void qp_createSubFolder(const QSURL& folder, std::string_view name,
@@ -67,10 +75,11 @@ std::shared_ptr<QSProgress> qp_reparentUnderFolder(const QSURL& url, const QSURL
                                                    qp_URLHandler completionHandler);
 
 /// Moves the object into a trash folder, under a free name. One that is already directly in it
-/// stays. A folder that is a link, another user's or writable for others is refused with 513. Done
-/// at once, on the calling thread and without a progress, unless it has to be copied.
+/// stays, with a new date. A folder that is a link, another user's or writable for others is
+/// refused with 513. The trash ledger has the record before the object moves. Done at once, on the
+/// calling thread and without a progress, unless it has to be copied.
 std::shared_ptr<QSProgress> qp_trashUnderFolder(const QSURL& url, const QSURL& trash,
-                                                qp_HeldURLHandler completionHandler);
+                                                qp_TrashHandler completionHandler);
 
 /// Removes the object with all that is below it. After a failure or a cancel, what is left of it is
 /// back in its place; after the end of the process, the next one goes on with it.

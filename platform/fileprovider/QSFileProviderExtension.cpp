@@ -69,6 +69,10 @@ void QSFileProviderExtension::_removeTrashedItemsOlderThanDate(
     completionHandler();
 }
 
+Result<void> QSFileProviderExtension::dateArrivalsInTrash() {
+    return {};
+}
+
 std::vector<ItemRef> QSFileProviderExtension::itemsTrashedBeforeDate(const QSDate& /*date*/) {
     return {};
 }

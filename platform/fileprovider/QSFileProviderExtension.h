@@ -77,6 +77,9 @@ class QSFileProviderExtension {
     /// The handler is called when every deletion has ended, be it that some failed.
     virtual void _removeTrashedItemsOlderThanDate(
         const QSDate& date, std::move_only_function<void()> completionHandler);
+    /// Gives the present date to what came into the trash and was not put there by
+    /// trashItemWithIdentifier, once. Blocks until everything that happened has been seen.
+    virtual Result<void> dateArrivalsInTrash();
     /// What that would delete now; changes nothing.
     [[nodiscard]] virtual std::vector<ItemRef> itemsTrashedBeforeDate(const QSDate& date);
 

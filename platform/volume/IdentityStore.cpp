@@ -95,6 +95,7 @@ Result<std::unique_ptr<IdentityStore>> IdentityStore::open(
     if (decision.dropsObjects) {
         index.clear();
         store->orphansFound_.clear();
+        store->trashFound_.clear();
     }
     store->state_ = decision.state;
     if (decision.isNews && !store->isReadOnly_) {
@@ -130,13 +131,15 @@ Result<StoreState> IdentityStore::readExisting(ObjectIndex& index) {
     if (!state) return state;
     const auto loaded = objects_.load(database_, index, highest_);
     auto orphans = orphans_.load(database_);
-    if (!loaded || !orphans) {
-        const auto& error = loaded ? orphans.error() : loaded.error();
+    auto trash = trash_.load(database_);
+    if (!loaded || !orphans || !trash) {
+        const auto& error = !loaded ? loaded.error() : !orphans ? orphans.error() : trash.error();
         return std::unexpected(
             error.code == EUCLEAN ? storeDamage("a row does not match its checksum") : error);
     }
     if (*loaded) doubt_ = "store: two objects had one identifier, and have it no more";
     orphansFound_ = std::move(*orphans);
+    trashFound_ = std::move(*trash);
     for (const auto& orphan : orphansFound_) {
         highest_.raise(Counter::Document, orphan.documentID);
         highest_.raise(Counter::File, orphan.fileID);
@@ -168,6 +171,7 @@ Result<void> IdentityStore::prepareStatements() {
     if (auto done = objects_.prepare(database_); !done) return done;
     if (auto done = events_.prepare(database_); !done) return done;
     if (auto done = orphans_.prepare(database_); !done) return done;
+    if (auto done = trash_.prepare(database_); !done) return done;
     auto state = prepareToWriteState(database_);
     if (!state) return std::unexpected(state.error());
     insertState_ = std::move(*state);
@@ -188,6 +192,7 @@ void IdentityStore::closeDatabase() {
     objects_.close();
     events_.close();
     orphans_.close();
+    trash_.close();
     insertState_ = {};
     database_ = {};
 }
@@ -210,7 +215,8 @@ Result<void> IdentityStore::adopt(bool dropsObjects) {
     state_.marks.sequence = std::max(state_.marks.sequence, known) + 1;
     if (dropsObjects) {
         if (auto done =
-                database_.execute("DELETE FROM objects; DELETE FROM names; DELETE FROM orphans");
+                database_.execute("DELETE FROM objects; DELETE FROM names; DELETE FROM orphans;"
+                                  "DELETE FROM trash");
             !done) {
             return std::unexpected(reported(done.error()));
         }
@@ -296,6 +302,17 @@ Result<void> IdentityStore::finish(std::span<const ObjectRow> rows) {
     state_ = next;
     isConfirmed_ = false;
     return confirm();
+}
+
+Result<void> IdentityStore::writeTrash(std::span<const TrashRow> rows) {
+    if (isReadOnly_) return std::unexpected(errorFromErrno(EROFS, path_));
+    auto done = setSyncing(false);
+    SQLiteTransaction transaction(database_);
+    if (done) done = transaction.begin();
+    if (done) done = trash_.write(rows);
+    if (done) done = transaction.commit();
+    if (!done) return std::unexpected(reported(done.error()));
+    return {};
 }
 
 /// What is not synced reaches the disk with the next commit that is: they share one log.

@@ -16,6 +16,7 @@
 #include "platform/volume/SQLite.h"
 #include "platform/volume/StoreLock.h"
 #include "platform/volume/StoreState.h"
+#include "platform/volume/TrashTable.h"
 
 namespace platform {
 
@@ -73,6 +74,12 @@ class IdentityStore {
     /// Those that the last run left undecided; once.
     [[nodiscard]] std::vector<OrphanRow> takeOrphans() { return std::exchange(orphansFound_, {}); }
 
+    /// The records of the trash that the last run left; once.
+    [[nodiscard]] std::vector<TrashRow> takeTrash() { return std::exchange(trashFound_, {}); }
+    /// Stores records of the trash in a transaction of its own. The end of the process cannot undo
+    /// it; a power cut may, until the next durable commit. EROFS, ENOSPC or EIO.
+    Result<void> writeTrash(std::span<const TrashRow> rows);
+
     /// after < ID <= upTo, at most `limit`. ESTALE where the history does not reach back to
     /// `after`, no event has that ID (it was an anchor of a history that went on otherwise), or it
     /// is damaged there.
@@ -117,12 +124,14 @@ class IdentityStore {
     bool isConfirmed_ = true;
 
     std::vector<OrphanRow> orphansFound_;
+    std::vector<TrashRow> trashFound_;
 
     bool syncs_ = true;        ///< the database, with every commit
     SQLiteDatabase database_;  // outlives its statements
     ObjectTable objects_;
     EventTable events_;
     OrphanTable orphans_;
+    TrashTable trash_;
     SQLiteStatement insertState_;
 };
 

@@ -8,14 +8,15 @@
 #include "platform/volume/ObjectTable.h"
 #include "platform/volume/OrphanTable.h"
 #include "platform/volume/RowSum.h"
+#include "platform/volume/TrashTable.h"
 
 namespace platform {
 
 namespace {
 
-constexpr int schemaVersion = 4;
+constexpr int schemaVersion = 5;
 constexpr const char* schema = R"(
-PRAGMA user_version = 4;
+PRAGMA user_version = 5;
 CREATE TABLE state (
     id INTEGER PRIMARY KEY CHECK (id = 1),
     store TEXT NOT NULL, history TEXT NOT NULL,
@@ -36,6 +37,12 @@ constexpr std::array upgrades{
     Upgrade{3,
             "ALTER TABLE state ADD COLUMN start INTEGER NOT NULL DEFAULT 0;"
             "UPDATE state SET start = event; PRAGMA user_version = 4;"},
+    // Version 4 kept no records of the trash.
+    Upgrade{4,
+            "CREATE TABLE trash (path BLOB NOT NULL, ino INTEGER NOT NULL,"
+            "generation INTEGER NOT NULL, seconds INTEGER NOT NULL, nanoseconds INTEGER NOT NULL,"
+            "former BLOB NOT NULL, sum INTEGER NOT NULL, PRIMARY KEY(path, ino, generation))"
+            "STRICT, WITHOUT ROWID; PRAGMA user_version = 5;"},
 };
 
 std::uint64_t sumOf(const StoreState& state) {
@@ -75,7 +82,8 @@ QSError storeDamage(std::string text) {
 }
 
 Result<void> createSchema(SQLiteDatabase& database) {
-    for (const char* sql : {schema, ObjectTable::schema, EventTable::schema, OrphanTable::schema}) {
+    for (const char* sql : {schema, ObjectTable::schema, EventTable::schema, OrphanTable::schema,
+                            TrashTable::schema}) {
         if (auto made = database.execute(sql); !made) return made;
     }
     return {};

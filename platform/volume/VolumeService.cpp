@@ -30,6 +30,7 @@ Result<std::unique_ptr<VolumeService>> VolumeService::open(Configuration configu
     if (!store) return std::unexpected(store.error());
     state->store = std::move(*store);
     state->store->retention.count = state->configuration.eventsKept;
+    state->trash.load(state->store->takeTrash());
     state->clock = std::make_unique<ElapsedClock>(state->configuration.stateFolder + "/clock",
                                                   state->configuration.clocks);
     state->device = (*attributes)->device;
@@ -65,6 +66,7 @@ VolumeService::~VolumeService() {
     if (state_->store->hasStored()) state_->folderWitnessIsDue = true;
     state_->writeFolderWitness();
     const std::scoped_lock lock(state_->storeMutex);
+    state_->storeTrash();
     // Then the rows would be ahead of what the next run has to find.
     if (!state_->unwritten.empty()) return;
     std::vector<ObjectRow> rows;
@@ -115,6 +117,25 @@ void VolumeService::follow() {
 
 ElapsedClock& VolumeService::clock() {
     return *state_->clock;
+}
+
+void VolumeService::State::storeTrash() {
+    const auto changes = trash.popChanges();
+    if (!changes.empty() && !store->writeTrash(changes)) trash.markChanged(changes);
+}
+
+TrashLedger& VolumeService::trash() {
+    return state_->trash;
+}
+
+std::unique_ptr<TrashLedger::Intent> VolumeService::trashingBegins(const std::string& trash,
+                                                                   const ObjectIdentity& object,
+                                                                   TrashRecord record) {
+    auto intent = std::make_unique<TrashLedger::Intent>(state_->trash, trash, object);
+    state_->trash.put(trash, object, std::move(record));
+    const std::scoped_lock lock(state_->storeMutex);
+    state_->storeTrash();
+    return intent;
 }
 
 bool VolumeService::step() {

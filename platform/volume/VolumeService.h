@@ -17,6 +17,7 @@
 #include "platform/volume/ElapsedClock.h"
 #include "platform/volume/EventHistory.h"
 #include "platform/volume/KernelEvents.h"
+#include "platform/volume/TrashLedger.h"
 
 namespace platform {
 
@@ -156,6 +157,15 @@ class VolumeService final : public EventHistory {
     /// The same for a move after which the object, and nobody else, has its identifier.
     void moveBegins(const ObjectIdentity& object) { removalBegins(object); }
     void moveEnds(const ObjectIdentity& object, bool isDone);
+
+    /// The records of what lies in the trash.
+    [[nodiscard]] TrashLedger& trash();
+    /// Records that the object is about to be moved into the trash (a presented path), before that
+    /// begins. Never fails: where the store cannot be written to, the record is in memory only.
+    /// Blocks for the store.
+    [[nodiscard]] std::unique_ptr<TrashLedger::Intent> trashingBegins(const std::string& trash,
+                                                                      const ObjectIdentity& object,
+                                                                      TrashRecord record);
 
     /// Entries of a folder (hidden ones too), without reading it where the index's count is of this
     /// very state of the folder; none where it has to be read.

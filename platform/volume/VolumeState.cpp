@@ -221,6 +221,7 @@ Result<void> VolumeService::State::write(std::span<const ObjectRow> rows, bool i
         events = std::exchange(unwritten, {});
     }
     auto done = confirm();
+    if (done) storeTrash();
     if (done && rows.empty() && events.empty() && !isDurable) return done;
     if (done) {
         if (!events.empty()) datesOf(events);

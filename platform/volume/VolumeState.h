@@ -16,6 +16,7 @@
 #include "platform/volume/ElapsedClock.h"
 #include "platform/volume/IdentityStore.h"
 #include "platform/volume/ObjectIndex.h"
+#include "platform/volume/TrashLedger.h"
 #include "platform/volume/VolumeService.h"
 
 namespace platform {
@@ -84,6 +85,9 @@ struct VolumeService::State {
     Result<void> write(std::span<const ObjectRow> rows, bool isDurable,
                        std::vector<EventRecord>& events,
                        std::span<const OrphanChange> orphans = {});
+    /// Stores what the ledger of the trash has changed; after a failure the next call does.
+    /// REQUIRES: storeMutex is held.
+    void storeTrash();
     /// Makes what is stored visible; see IdentityStore. REQUIRES: storeMutex is held.
     Result<void> confirm();
     /// Writes the witness in the storage folder where that is due. REQUIRES: the follower's mutex
@@ -125,6 +129,7 @@ struct VolumeService::State {
     bool freshOnly = false;
     std::string trouble;
     std::unique_ptr<ElapsedClock> clock;  // has its own synchronisation
+    TrashLedger trash;                    // the same
 
     std::mutex storeMutex;
     std::unique_ptr<IdentityStore> store;  // guarded by storeMutex, save lastEvent() and path()

@@ -2,8 +2,10 @@
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
+#include "platform/fileprovider/ObjectNames.h"
 #include "platform/foundation/QSKeyedArchiver.h"
 #include "platform/foundation/QSKeyedUnarchiver.h"
+#include "tests/support/Await.h"
 #include "tests/support/FullDisk.h"
 #include "tests/tidewell/MutationsFixture.h"
 #include "tidewell/provider/TrashRecords.h"
@@ -62,6 +64,75 @@ TEST_F(TrashTest, RecordsWhenAndFromWhereAndPutsBack) {
     EXPECT_EQ(contentOf(library() / "a/b/doc.txt"), "another");
     EXPECT_FALSE(attribute(library() / "a/b/doc 2.txt", date));
     EXPECT_TRUE(attribute(library() / "a/b/doc 2.txt", putBack));
+}
+
+TEST_F(TrashTest, TheLedgerSaysWhatAttributesCannot) {
+    auto& ledger = installed->volume().trash();
+    scratch.makeFile("containers/org.a/Documents/a\xff/doc");
+    scratch.makeFile("containers/org.a/Documents/a/x");
+    fs::create_hard_link(library() / "a/x",
+                         scratch.makeFolder("containers/org.a/Documents/b") / "y");
+    fs::create_symlink("nowhere", library() / "a/link");
+    const auto tomorrow = QSDate{QSDate::now().seconds + 86400, 0};
+    for (const std::string below : {"a\xff/doc", "a/link"}) {
+        const auto item = libraryID(below);
+        ASSERT_TRUE(trash(item));
+        EXPECT_EQ(provider->itemsTrashedBeforeDate(tomorrow).size(), 1U) << below;
+        ASSERT_TRUE(untrash(item));
+        EXPECT_EQ(place(item), libraryURL(below));
+    }
+    // Each name of one object has a date and a place of its own.
+    for (const auto* below : {"a/x", "b/y"}) {
+        const auto preferred = preferPlace(libraryURL(below));
+        ASSERT_TRUE(trash(libraryID(below)));
+    }
+    const auto entry = libraryURL(".Trash/x");
+    const auto object = installed->files().attributes(entry).value()->identity;
+    EXPECT_EQ(ledger.find(entry.path(), object)->formerPath, libraryURL("a/x").path());
+    ledger.put(entry.path(), object, {{1, 0}, libraryURL("a/x").path()});
+    EXPECT_EQ(provider->itemsTrashedBeforeDate({2, 0}).front()->filename(), "x");
+}
+
+TEST_F(TrashTest, WhatWasInterruptedIsFinishedByTheNextStart) {
+    scratch.makeFile("containers/org.a/Documents/a/killed");
+    const auto file = libraryURL("a/killed");
+    const auto object = installed->files().attributes(file).value()->identity;
+    const auto unused = installed->files().attributes(libraryURL("a")).value()->identity;
+    scratch.makeFolder("containers/org.a/Documents/.Trash");
+    for (const auto& moved : {object, unused}) {
+        installed->volume()
+            .trashingBegins(libraryURL(".Trash").path(), moved, {{7, 0}, file.path()})
+            ->keep();
+    }
+    fs::rename(library() / "a/killed", library() / ".Trash/killed 2");
+    end();
+    restart();
+    start();
+    for (const auto& moved : {object, unused}) {
+        ASSERT_TRUE(tests::await("the operation has been finished", [&] {
+            return !installed->volume().trash().find(libraryURL(".Trash").path(), moved);
+        }));
+    }
+    EXPECT_EQ(*attribute(library() / ".Trash/killed 2", date).value().asDate(), (QSDate{7, 0}));
+    EXPECT_EQ(*attribute(library() / ".Trash/killed 2", putBack).value().asString(), "a/killed");
+    EXPECT_FALSE(attribute(library() / "a", date));
+}
+
+TEST_F(TrashTest, AnArrivalThatNobodySawIsDatedOnce) {
+    scratch.makeFile("storage/in/a");
+    const auto entry = storage() / ".Trash/a";
+    ASSERT_TRUE(trash(id("in/a")));
+    const auto dateArrivals = [&] {
+        setAttribute(entry, date, archived(QSDate{1, 0}));
+        EXPECT_TRUE(provider->dateArrivalsInTrash());
+        return *attribute(entry, date).value().asDate();
+    };
+    EXPECT_EQ(dateArrivals().seconds, 1) << "it was trashed by the product";
+    fs::rename(entry, storage() / "in/a");
+    ASSERT_TRUE(installed->volume().waitUntilSeen());
+    fs::rename(storage() / "in/a", entry);
+    EXPECT_GT(dateArrivals().seconds, 1);
+    EXPECT_EQ(dateArrivals().seconds, 1);
 }
 
 TEST_F(TrashTest, AFullDiskIsNotReportedAsAMissingItem) {

@@ -2,8 +2,10 @@
 
 #include <vector>
 
+#include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QPTag.h"
 #include "platform/foundation/QSKeyedUnarchiver.h"
+#include "platform/tree/TreeLayout.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/common/Utilities.h"
 #include "tidewell/items/LocalItem.h"
@@ -39,8 +41,23 @@ std::optional<std::uint64_t> favoriteRankOf(const QSURL& url) {
     return root ? root->asUnsigned() : std::nullopt;
 }
 
+std::optional<RecordOfTrash> trashRecordOf(const QSURL& url) {
+    const auto object = Platform::current().files().attributes(url);
+    if (!object) return std::nullopt;
+    auto record = Platform::current().volume().trash().find(url.path(), (*object)->identity);
+    if (!record) return std::nullopt;
+    return RecordOfTrash{std::move(*record), !(*object)->isDirectory() && (*object)->linkCount > 1};
+}
+
 std::optional<std::string> putBackPathOf(const QSURL& url, const std::string& item) {
+    const auto record = trashRecordOf(url);
+    const auto library = record ? libraryRootOf(url) : std::nullopt;
+    const auto prefix = library ? library->path() + "/" : std::string();
+    const bool isKnown = library && record->formerPath.starts_with(prefix);
+    const auto recorded = [&] { return record->formerPath.substr(prefix.size()); };
+    if (isKnown && record->isDecisive) return recorded();
     const auto bytes = initWithValueOfXattr(LocalItem::xattrTrashPutBackName(), url);
+    if (!bytes && isKnown) return recorded();
     if (!bytes) {
         logError("couldn't find putback xattr for " + item);
         return std::nullopt;

@@ -72,6 +72,7 @@ class LocalFileProvider final : public QSFileProviderExtension {
         CompletionHandler completionHandler) override;
     void _removeTrashedItemsOlderThanDate(
         const QSDate& date, std::move_only_function<void()> completionHandler) override;
+    Result<void> dateArrivalsInTrash() override;
     [[nodiscard]] std::vector<ItemRef> itemsTrashedBeforeDate(const QSDate& date) override;
     void setLastUsedDate(const std::optional<QSDate>& date,
                          const QSFileProviderItemIdentifier& forItemIdentifier,

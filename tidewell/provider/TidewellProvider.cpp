@@ -1,6 +1,7 @@
 // The provider's core: its life, identifiers and items. Other operations have files of their own.
 #include <array>
 
+#include "platform/dispatch/Queue.h"
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/fileprovider/URLOperations.h"
@@ -13,6 +14,7 @@
 #include "tidewell/items/LocalItem.h"
 #include "tidewell/provider/InstalledApps.h"
 #include "tidewell/provider/LocalFileProvider.h"
+#include "tidewell/provider/TrashRecords.h"
 
 namespace tidewell {
 
@@ -80,6 +82,12 @@ std::shared_ptr<LocalFileProvider> LocalFileProvider::init(
     self->appRefreshPacer_->resume();
     self->appRefreshPacer_->signal();
     self->observeRegistry(self);
+    if (auto interrupted = Platform::current().volume().trash().popInterrupted();
+        !interrupted.empty()) {
+        dispatchConcurrently(
+            [pass = Platform::current().events().gate->enter(),
+             interrupted = std::move(interrupted)] { finishTrashing(interrupted); });
+    }
     logInfo("auto notify changes on QSFileProviderWorkingSetContainerItemIdentifier at startup");
     QSFileProviderManager::defaultManager().signalEnumeratorForContainerItemIdentifier(
         std::string(QSFileProviderWorkingSetContainerItemIdentifier),

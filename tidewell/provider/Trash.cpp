@@ -51,14 +51,12 @@ std::shared_ptr<QSProgress> LocalFileProvider::trashItemWithIdentifier(
     return qp_trashUnderFolder(
         *url, *trash,
         [identifier, formerURL = *url,
-         handler = std::move(completionHandler)](Result<HeldURL> trashed) mutable {
+         handler = std::move(completionHandler)](Result<TrashedObject> trashed) mutable {
             if (!trashed) {
                 return handler(
                     std::unexpected(normalisedError(std::move(trashed.error()), identifier)));
             }
-            setTrashDate(*trashed, Platform::current().volume().clock().stamp());
-            // One that lay in the trash already keeps the record of where it came from.
-            if (!(trashed->url == formerURL)) setPutBackString(formerURL, *trashed);
+            writeTrashRecord(*trashed, formerURL);
             keepIdentifier(formerURL, trashed->url);
             handler(itemForResult(trashed->url));
         });
@@ -116,13 +114,19 @@ std::shared_ptr<QSProgress> LocalFileProvider::untrashItemWithIdentifier(
     }
     return qp_reparentUnderFolder(
         *url, *destination, true,
-        [identifier, handler = std::move(completionHandler)](Result<QSURL> newURL) mutable {
+        [identifier, formerURL = *url,
+         handler = std::move(completionHandler)](Result<QSURL> newURL) mutable {
             if (!newURL) {
                 return handler(
                     std::unexpected(normalisedError(std::move(newURL.error()), identifier)));
             }
             logDebug("removing trash date xattr");
-            setTrashDate({*newURL}, std::nullopt);
+            (void)setTrashDate({*newURL}, std::nullopt);
+            const auto former =
+                std::static_pointer_cast<const FileAttributes>(formerURL.attachment());
+            if (former) {
+                Platform::current().volume().trash().remove(formerURL.path(), former->identity);
+            }
             // What the URL keeps is from before.
             handler(itemForResult(QSURL::fileURLWithPath(newURL->path())));
         });

@@ -1,13 +1,17 @@
 #include "tidewell/provider/TrashRecords.h"
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <span>
 
+#include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/foundation/QSKeyedArchiver.h"
 #include "platform/tree/TreeLayout.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/common/Utilities.h"
+#include "tidewell/fs/DirectoryWalk.h"
 #include "tidewell/items/LocalAppLibraryItem.h"
 #include "tidewell/items/LocalItem.h"
 
@@ -27,6 +31,19 @@ Result<void> setAttribute(const HeldURL& item, std::string_view name,
 std::optional<QSData> archived(const QSPropertyList& root) {
     auto bytes = archivedDataWithRootObject(root);
     return bytes ? std::optional(std::move(*bytes)) : std::nullopt;
+}
+
+/// Whether the same may succeed later.
+bool failedForNow(const Result<void>& done) {
+    constexpr std::array codes = {ENOSPC, EDQUOT, EIO, EROFS, ENOMEM};
+    return !done && std::ranges::find(codes, done.error().code) != codes.end();
+}
+
+/// Writes both; false where the next start has to.
+bool writeAttributes(const HeldURL& item, const QSDate& date, const std::optional<QSURL>& former) {
+    const auto dated = setTrashDate(item, date);
+    const auto placed = former ? setPutBackString(*former, item) : Result<void>();
+    return !failedForNow(dated) && !failedForNow(placed);
 }
 
 }  // namespace
@@ -67,44 +84,91 @@ std::optional<std::string> putBackString(const QSURL& path, const QSURL& root) {
     return relative;
 }
 
-void setTrashDate(const HeldURL& item, const std::optional<QSDate>& date) {
+Result<void> setTrashDate(const HeldURL& item, const std::optional<QSDate>& date) {
     const auto& url = item.url;
     logDebug([&] { return "setting trash date on " + url.description(); });
     const auto bytes = date ? archived(QSPropertyList(*date)) : std::nullopt;
-    const auto done = setAttribute(item, LocalItem::xattrTrashDateName(), bytes);
-    if (done) return;
+    auto done = setAttribute(item, LocalItem::xattrTrashDateName(), bytes);
+    if (done) return done;
     logError([&] {
         return std::string("can't ") + (bytes ? "set" : "remove") + " xattr " +
                std::string(LocalItem::xattrTrashDateName()) + " on " + url.description() + "; " +
                done.error().description();
     });
+    return done;
 }
 
-void setPutBackString(const QSURL& formerURL, const HeldURL& item) {
+Result<void> setPutBackString(const QSURL& formerURL, const HeldURL& item) {
     const auto& newURL = item.url;
     logDebug([&] { return "setting putback string on " + newURL.description(); });
     const auto bundle = proxyWithContaining(formerURL);
     const auto library = bundle ? LocalAppLibraryItem::initFrom(*bundle) : nullptr;
     const auto root = library ? library->fileURL() : std::nullopt;
     if (!root) {
-        return logError([&] { return "couldn't find app library for " + formerURL.description(); });
+        logError([&] { return "couldn't find app library for " + formerURL.description(); });
+        return {};
     }
     const auto string = putBackString(formerURL, *root);
     if (!string) {
-        return logError([&] {
+        logError([&] {
             return "could't compute putback string (path: " + formerURL.description() +
                    ", basePath: " + root->description();
         });
+        return {};
     }
     logDebug([&] { return "setting putback '" + *string + "' on " + newURL.description(); });
     const auto bytes = archivedDataWithRootObject(QSPropertyList(*string));
-    const auto done = bytes ? setAttribute(item, LocalItem::xattrTrashPutBackName(), *bytes)
-                            : std::unexpected(bytes.error());
-    if (done) return;
+    auto done = bytes ? setAttribute(item, LocalItem::xattrTrashPutBackName(), *bytes)
+                      : std::unexpected(bytes.error());
+    if (done) return done;
     logError([&] {
         return "couldn't set putback xattr (" + *string + ") on " + newURL.description() + "; " +
                done.error().description();
     });
+    return done;
+}
+
+void writeTrashRecord(TrashedObject& trashed, const QSURL& formerURL) {
+    // What lay there already keeps the record of where it came from.
+    const auto former = trashed.url == formerURL ? std::nullopt : std::optional(formerURL);
+    if (!writeAttributes(trashed, trashed.date, former)) trashed.intent->keep();
+}
+
+void dateNow(const QSURL& url) {
+    auto& volume = Platform::current().volume();
+    const auto now = volume.clock().stamp();
+    (void)setTrashDate({url}, now);
+    const auto object = Platform::current().files().attributes(url);
+    if (!object) return;
+    auto record = volume.trash().find(url.path(), (*object)->identity).value_or(TrashRecord{});
+    record.date = now;
+    volume.trash().put(url.path(), (*object)->identity, std::move(record));
+}
+
+void finishTrashing(std::span<const TrashRow> interrupted) {
+    auto& ledger = Platform::current().volume().trash();
+    for (const auto& intent : interrupted) {
+        const auto& [date, formerPath] = *intent.record;
+        const auto former =
+            formerPath.empty() ? std::nullopt : std::optional(QSURL::fileURLWithPath(formerPath));
+        if (former) (void)proxyWithContaining(*former);  // so that its library is presented
+        bool isDone = true;
+        DirectoryWalk walk(
+            {{QSURL::fileURLWithPath(intent.path), walkDescendsIntoNothing}},
+            [](std::string_view, WalkOptions inherited) { return inherited; },
+            DirectoryWalk::Emits::everything);
+        const auto walked = walk.walk(0, walkWithoutPageLimit, [&](const QSURL& url) {
+            const auto object = Platform::current().files().attributes(url);
+            if (!object || (*object)->identity != intent.object) return Result<void>();
+            const auto known = ledger.find(url.path(), intent.object);
+            if (known && known->date != date) return Result<void>();
+            ledger.put(url.path(), intent.object, *intent.record);
+            isDone &= writeAttributes({url}, date, former);
+            return Result<void>();
+        });
+        // A trash that cannot be read now may be there at the next start.
+        if (walked && isDone) ledger.remove(intent.path, intent.object);
+    }
 }
 
 }  // namespace tidewell

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <string>
 
 #include "platform/fileprovider/Mutations.h"
@@ -8,8 +9,8 @@
 #include "platform/foundation/QSError.h"
 #include "platform/foundation/QSURL.h"
 
-// What a trashed item carries with it: when it was trashed and where it was. Failures are logged
-// and change nothing else. Any thread; they block for the file system.
+// What a trashed item carries with it: when it was trashed and where it was. Failures are logged.
+// Any thread; the calls block for the file system.
 
 namespace tidewell {
 
@@ -24,9 +25,20 @@ using namespace platform;
 
 /// Writes the trash date, or removes it where there is none, of the object that is held open; of
 /// one that is not, of the object that the URL's attributes are of, where it keeps any.
-void setTrashDate(const HeldURL& item, const std::optional<QSDate>& date);
+Result<void> setTrashDate(const HeldURL& item, const std::optional<QSDate>& date);
 
 /// Notes on the item, in the same way, that it was at `formerURL`.
-void setPutBackString(const QSURL& formerURL, const HeldURL& item);
+Result<void> setPutBackString(const QSURL& formerURL, const HeldURL& item);
+
+/// Writes both on what was trashed. Where that fails for now (a full disk), the next start tries
+/// again.
+void writeTrashRecord(TrashedObject& trashed, const QSURL& formerURL);
+
+/// Gives the entry of a trash the present date, in the attribute and in the ledger.
+void dateNow(const QSURL& url);
+
+/// Writes what a process that ended in the middle of these operations, or could not write, left
+/// out.
+void finishTrashing(std::span<const TrashRow> interrupted);
 
 }  // namespace tidewell

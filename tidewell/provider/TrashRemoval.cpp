@@ -11,6 +11,7 @@
 #include "tidewell/fs/DirectoryWalk.h"
 #include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
 #include "tidewell/items/LocalItem.h"
+#include "tidewell/items/UserMetadata.h"
 #include "tidewell/provider/LocalFileProvider.h"
 #include "tidewell/provider/TrashRecords.h"
 
@@ -52,14 +53,15 @@ std::optional<QSDate> trashDateOf(const QSURL& url, std::string_view consequence
                    std::string(consequence);
         });
     };
+    const auto record = trashRecordOf(url);
+    if (record && record->isDecisive) return record->date;
     const auto bytes = initWithValueOfXattr(LocalItem::xattrTrashDateName(), url);
-    if (!bytes) {
-        log("find trash date");
-        return std::nullopt;
+    if (bytes) {
+        const auto root = unarchivedObjectOfClasses({ArchiveClass::Date}, *bytes);
+        if (root && root->asDate()) return *root->asDate();
     }
-    const auto root = unarchivedObjectOfClasses({ArchiveClass::Date}, *bytes);
-    if (root && root->asDate()) return *root->asDate();
-    log("unarchive xattr data");
+    if (record) return record->date;
+    log(bytes ? "unarchive xattr data" : "find trash date");
     return std::nullopt;
 }
 
@@ -100,7 +102,7 @@ void LocalFileProvider::_removeTrashedItemsOlderThanDate(
     const auto group = std::make_shared<DispatchGroup>(std::move(completionHandler));
     forEachTrashed([&](const QSURL& url) {
         const auto trashed = trashDateOf(url, "; set current date");
-        if (!trashed) return setTrashDate({url}, Platform::current().volume().clock().stamp());
+        if (!trashed) return dateNow(url);
         if (!(*trashed < date)) return;
         const auto identifier = _persistentIdentifierForItemAt(url);
         if (!identifier) {
@@ -126,6 +128,15 @@ void LocalFileProvider::_removeTrashedItemsOlderThanDate(
             });
     });
     logDebug("wait until all deletions are complete");
+}
+
+Result<void> LocalFileProvider::dateArrivalsInTrash() {
+    // The record of what left the trash is removed when that is seen.
+    if (auto seen = Platform::current().volume().waitUntilSeen(); !seen) return seen;
+    forEachTrashed([](const QSURL& url) {
+        if (!trashRecordOf(url)) dateNow(url);
+    });
+    return {};
 }
 
 std::vector<ItemRef> LocalFileProvider::itemsTrashedBeforeDate(const QSDate& date) {

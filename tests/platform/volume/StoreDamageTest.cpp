@@ -445,7 +445,7 @@ TEST_F(StoreDamageTest, AStoreOfALaterVersionIsRefusedAndLeftAsItIs) {
     ASSERT_FALSE(opened);
     EXPECT_THAT(opened.error().description(), testing::HasSubstr("version 99"));
     EXPECT_EQ(contentOf(scratch / "data/volume.db"), before);
-    overwrite("data/volume.db", 60, "\0\0\0\4"sv);
+    overwrite("data/volume.db", 60, "\0\0\0\5"sv);
     open();
     EXPECT_EQ(identify("a").documentID, identity.documentID);
     EXPECT_FALSE(service->statistics().lastTrouble);
@@ -522,6 +522,9 @@ TEST_F(StoreDamageTest, AStoreOfVersionThreeIsTakenAlong) {
         EXPECT_FALSE(store->events(1000, 65539, 9));
         EXPECT_GT(store->allocate(Counter::Document).value(), 1026u);
         EXPECT_GT(store->allocate(Counter::Event).value(), 65539u);
+        EXPECT_EQ(store->takeTrash().size(), static_cast<std::size_t>(run));
+        const TrashRow row{"path", {1, ~0ULL}, TrashRecord{{-1, 2}, ""}};
+        EXPECT_TRUE(store->writeTrash({&row, 1}));
     }
 }
 
