@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 
 #include "platform/fileprovider/Mutations.h"
@@ -45,6 +46,28 @@ bool areSame(int one, int other) {
     return fstat(one, &first) == 0 && fstat(other, &second) == 0 && areSame(first, second);
 }
 
+FileDescriptor duplicate(int fd) {
+    return FileDescriptor(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+}
+
+/// Of an object that is held open, when it was changed last, its name included; none where that
+/// cannot be read.
+std::optional<std::pair<std::int64_t, std::int64_t>> changeTime(int object) {
+    struct stat status {};
+    if (fstat(object, &status) != 0) return std::nullopt;
+    return std::pair(status.st_ctim.tv_sec, status.st_ctim.tv_nsec);
+}
+
+/// Syncs the folder that has the entry; where it cannot be read, all of the file system. Returns
+/// the errno.
+int syncEntry(int folder, const std::string& name) {
+    const FileDescriptor readable(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (readable) return fsync(readable.get()) == 0 ? 0 : errno;
+    const FileDescriptor entry(
+        openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    return entry && syncfs(entry.get()) == 0 ? 0 : errno;
+}
+
 QSError goneError(const std::string& path) {
     auto error = QPItemNotFoundError(path);
     error.userInfo.insert_or_assign(std::string(QSDescriptionErrorKey),
@@ -61,6 +84,7 @@ QSError MutableTree::failure(int code, const QSURL& url) const {
         error.userInfo.emplace(QSDescriptionErrorKey, why);
     };
     if (code == EINVAL) tell("a folder cannot be moved or copied into itself");
+    if (code == EBUSY) tell("it was changed while it was copied");
     if (code == ENOTSUP) tell("only files, folders and links can be copied");
     if (code == EXDEV) tell("the file system does not let it be moved");
     if (code == E2BIG) tell("the extended attributes do not fit the file system");
@@ -127,6 +151,18 @@ QSURL MutableTree::made(const OpenFolder& folder, const std::string& name) const
     return folder.url.URLByAppendingPathComponent(name);
 }
 
+/// The same for what is there now, also where the folder was renamed meanwhile.
+QSURL MutableTree::placed(const OpenFolder& folder, const std::string& name) const {
+    const auto link = "/proc/self/fd/" + std::to_string(folder.fd.get());
+    std::string path(PATH_MAX, '\0');
+    const auto size = readlink(link.c_str(), path.data(), path.size());
+    path.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
+    if (path.empty() || path == files_.nativePath(folder.url)) return made(folder, name);
+    const auto expected = files_.openObject(folder.url, O_PATH | O_DIRECTORY);
+    if (expected && areSame(expected->get(), folder.fd.get())) return made(folder, name);
+    return files_.URLForNativePath(path).URLByAppendingPathComponent(name);
+}
+
 /// Renames to the first name that is free, which the kernel decides.
 Result<std::string> MutableTree::renameInto(int from, const std::string& name, const OpenFolder& to,
                                             const std::string& wanted, Naming naming) const {
@@ -181,60 +217,89 @@ Result<QSURL> MutableTree::renameHeld(const HeldItem& item, const OpenFolder& fo
         (void)putBack(folder.fd.get(), *reached, item);
         return std::unexpected(goneError(files_.nativePath(itemURL)));
     }
-    return made(folder, *reached);
+    return placed(folder, *reached);
 }
 
-/// For folders between which the file system moves nothing.
+/// For folders between which the file system moves nothing. The original is hidden while it is
+/// copied, so that nobody finds it by its name and changes what was copied already.
 Result<QSURL> MutableTree::copyAcross(HeldItem& item, const OpenFolder& folder,
                                       const std::string& name, Naming naming,
                                       QSProgress& progress) const {
-    auto copied = copyInto(item.parent.fd.get(), item.name, folder, name, naming,
-                           TreeCopy::Special::Refused, progress);
-    if (!copied) return copied;
-    auto copy = hold(*copied);
+    const int parent = item.parent.fd.get();
+    const auto url = made(item.parent, item.name);
+    const auto record = hide(item, UnfinishedWork::Kind::Move);
+    if (!record) return std::unexpected(record.error());
+    const auto& hidden = (*record)->name();
+    const auto fail = [&](QSError error) {
+        if (!putBack(parent, hidden, item)) (*record)->keep();
+        // Nobody knows the object under the hidden name.
+        const auto path = error.userInfo.find(QSFilePathErrorKey);
+        const auto at =
+            path == error.userInfo.end() ? std::string::npos : path->second.find(hidden);
+        if (at != std::string::npos) path->second.replace(at, hidden.size(), item.name);
+        return std::unexpected(std::move(error));
+    };
+    const auto before = changeTime(item.object.get());
+    auto copied =
+        copyInto(parent, hidden, folder, name, naming, TreeCopy::Special::Refused, progress);
+    if (!copied) return fail(std::move(copied.error()));
+    // Whoever had it open may have written to it.
+    const bool isUnchanged = before && before == changeTime(item.object.get());
+    const HeldItem original{
+        {item.parent.url, duplicate(parent)}, hidden, std::move(item.object), item.identity};
     QSProgress removal;
-    const auto removed = removeHeld(item, removal);
+    const auto removed = isUnchanged ? removeHeld(original, removal)
+                                     : Result<void>(std::unexpected(failure(EBUSY, url)));
     if (removed) {
-        item.object = copy ? std::move(copy->object) : FileDescriptor();
-        if (copy) item.identity = copy->identity;
-        return copied;
+        item.object = std::move(copied->object);
+        item.identity = copied->identity;
+        return copied->url;
     }
-    // Once something of the item has gone, only the copy is whole. Before, the item is, or another
-    // one is there that may not even be what was copied.
-    if (copy && removal.completedItems() == 0) (void)removeHeld(*copy, removal);
-    return std::unexpected(removed.error());
+    // Once something of the original is missing, only the copy is whole.
+    if (removal.completedItems() == 0) {
+        const HeldItem copy{{folder.url, duplicate(folder.fd.get())},
+                            copied->name,
+                            std::move(copied->object),
+                            copied->identity};
+        (void)removeHeld(copy, removal);
+    }
+    return fail(removed.error());
 }
 
-Result<QSURL> MutableTree::copyInto(int source, const std::string& sourceName,
-                                    const OpenFolder& folder, const std::string& name,
-                                    Naming naming, TreeCopy::Special special,
-                                    QSProgress& progress) const {
+Result<MutableTree::Copied> MutableTree::copyInto(int source, const std::string& sourceName,
+                                                  const OpenFolder& folder, const std::string& name,
+                                                  Naming naming, TreeCopy::Special special,
+                                                  QSProgress& progress) const {
     const auto url = made(folder, name);
+    const int target = folder.fd.get();
     auto record = unfinished_.begin(UnfinishedWork::Kind::Copy, url, {});
     if (!record) return std::unexpected(record.error());
     const auto& hidden = (*record)->name();
+    const auto fail = [&](QSError error) {
+        QSProgress removal;
+        if (!removeTree(target, hidden, removal)) (*record)->keep();
+        return std::unexpected(std::move(error));
+    };
     TreeCopy copy(progress, special);
-    auto done = copy.copy(source, sourceName, folder.fd.get(), hidden);
-    if (done) done = copy.sync(folder.fd.get(), hidden);
-    const auto reached = !done ? std::unexpected(done.error())
-                         : progress.isCancelled()
-                             ? std::unexpected(errorFromErrno(ECANCELED))
-                             : renameInto(folder.fd.get(), hidden, folder, name, naming);
-    if (!reached) {
-        QSProgress removal;
-        if (!removeTree(folder.fd.get(), hidden, removal)) (*record)->keep();
-        return std::unexpected(failure(reached.error(), url));
-    }
-    const FileDescriptor readable(openat(folder.fd.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (readable && fsync(readable.get()) != 0) {
-        const auto code = errno;
-        QSProgress removal;
-        (void)renameat2(folder.fd.get(), reached->c_str(), folder.fd.get(), hidden.c_str(),
-                        RENAME_NOREPLACE);
-        if (!removeTree(folder.fd.get(), hidden, removal)) (*record)->keep();
+    auto done = copy.copy(source, sourceName, target, hidden);
+    if (done) done = copy.sync(target, hidden);
+    if (!done) return fail(failure(done.error(), url));
+    if (progress.isCancelled()) return fail(failure(ECANCELED, url));
+    FileDescriptor object(openat(target, hidden.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!object) return fail(failure(errno, url));
+    const auto identity = readIdentity(object.get(), "", nullptr, files_.credentials());
+    if (!identity) return fail(identity.error());
+    const auto reached = renameInto(target, hidden, folder, name, naming);
+    if (!reached) return fail(reached.error());
+    if (const int code = syncEntry(target, *reached); code != 0) {
+        const auto removed =
+            renameat2(target, reached->c_str(), target, hidden.c_str(), RENAME_NOREPLACE) == 0;
+        if (!removed || is(*identity, target, hidden)) return fail(failure(code, url));
+        // Another object had taken the name meanwhile.
+        if (!renameInto(target, hidden, folder, *reached, Naming::Free)) (*record)->keep();
         return std::unexpected(failure(code, url));
     }
-    return made(folder, *reached);
+    return Copied{placed(folder, *reached), *reached, std::move(object), *identity};
 }
 
 /// Walks up from the folder: none of the folders on the way to the top may be the object.
@@ -258,7 +323,7 @@ Result<QSURL> MutableTree::makeFolder(const QSURL& folderURL, const std::string&
     auto candidate = name;
     for (std::uint64_t attempt = 1;; ++attempt) {
         if (mkdirat(folder->fd.get(), candidate.c_str(), 0777) == 0) {
-            return made(*folder, candidate);
+            return placed(*folder, candidate);
         }
         if (errno != EEXIST) return std::unexpected(failure(errno, made(*folder, candidate)));
         candidate = numberedName(name, nextNumber(attempt));
@@ -280,8 +345,10 @@ Result<QSURL> MutableTree::import(const QSURL& source, const QSURL& folderURL,
     if (auto checked = checkNotInside(object, *folder); !checked) {
         return std::unexpected(checked.error());
     }
-    return copyInto(parent->get(), name, *folder, name, Naming::Free, TreeCopy::Special::LeftOut,
-                    progress);
+    auto copied = copyInto(parent->get(), name, *folder, name, Naming::Free,
+                           TreeCopy::Special::LeftOut, progress);
+    if (!copied) return std::unexpected(std::move(copied.error()));
+    return std::move(copied->url);
 }
 
 Result<QSURL> MutableTree::move(const QSURL& url, const QSURL& folderURL,
@@ -350,24 +417,31 @@ Result<void> MutableTree::removeHeld(const HeldItem& item, QSProgress& progress)
     return removed;
 }
 
-Result<void> MutableTree::hideAndRemove(const HeldItem& item, QSProgress& progress) const {
+/// Renames the object to a hidden name beside it; another one that stood there goes back.
+Result<std::unique_ptr<UnfinishedWork::Record>> MutableTree::hide(const HeldItem& item,
+                                                                  UnfinishedWork::Kind kind) const {
     const auto url = made(item.parent, item.name);
     const int folder = item.parent.fd.get();
-    auto record = unfinished_.begin(UnfinishedWork::Kind::Removal, url, item.identity);
-    if (!record) return std::unexpected(record.error());
+    auto record = unfinished_.begin(kind, url, item.identity);
+    if (!record) return record;
     const auto& hidden = (*record)->name();
     if (renameat2(folder, item.name.c_str(), folder, hidden.c_str(), RENAME_NOREPLACE) != 0) {
         return std::unexpected(errno == ENOENT ? goneError(files_.nativePath(url))
                                                : failure(errno, url));
     }
-    if (!is(item.identity, folder, hidden)) {
-        if (!putBack(folder, hidden, item)) (*record)->keep();
-        return std::unexpected(goneError(files_.nativePath(url)));
-    }
-    const auto removed = removeTree(folder, hidden, progress);
-    if (removed) return {};
+    if (is(item.identity, folder, hidden)) return record;
     if (!putBack(folder, hidden, item)) (*record)->keep();
-    return std::unexpected(failure(removed.error(), url));
+    return std::unexpected(goneError(files_.nativePath(url)));
+}
+
+Result<void> MutableTree::hideAndRemove(const HeldItem& item, QSProgress& progress) const {
+    const int folder = item.parent.fd.get();
+    const auto record = hide(item, UnfinishedWork::Kind::Removal);
+    if (!record) return std::unexpected(record.error());
+    const auto removed = removeTree(folder, (*record)->name(), progress);
+    if (removed) return {};
+    if (!putBack(folder, (*record)->name(), item)) (*record)->keep();
+    return std::unexpected(failure(removed.error(), made(item.parent, item.name)));
 }
 
 }  // namespace platform

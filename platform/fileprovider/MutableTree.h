@@ -61,10 +61,19 @@ class MutableTree {
     [[nodiscard]] Result<QSURL> copyAcross(HeldItem& item, const OpenFolder& folder,
                                            const std::string& name, Naming naming,
                                            QSProgress& progress) const;
-    [[nodiscard]] Result<QSURL> copyInto(int source, const std::string& sourceName,
-                                         const OpenFolder& folder, const std::string& name,
-                                         Naming naming, TreeCopy::Special special,
-                                         QSProgress& progress) const;
+    /// A copy, held open since before it was given its name.
+    struct Copied {
+        QSURL url;
+        std::string name;
+        FileDescriptor object;
+        ObjectIdentity identity;
+    };
+    [[nodiscard]] Result<Copied> copyInto(int source, const std::string& sourceName,
+                                          const OpenFolder& folder, const std::string& name,
+                                          Naming naming, TreeCopy::Special special,
+                                          QSProgress& progress) const;
+    [[nodiscard]] Result<std::unique_ptr<UnfinishedWork::Record>> hide(
+        const HeldItem& item, UnfinishedWork::Kind kind) const;
     Result<void> removeHeld(const HeldItem& item, QSProgress& progress) const;
     Result<void> hideAndRemove(const HeldItem& item, QSProgress& progress) const;
     Result<void> checkNotInside(const FileDescriptor& object, const OpenFolder& folder) const;
@@ -74,6 +83,7 @@ class MutableTree {
     [[nodiscard]] bool is(const ObjectIdentity& object, int folder, const std::string& name) const;
     /// False where it stays hidden.
     bool putBack(int from, const std::string& hidden, const HeldItem& item) const;
+    [[nodiscard]] QSURL placed(const OpenFolder& folder, const std::string& name) const;
     [[nodiscard]] QSURL made(const OpenFolder& folder, const std::string& name) const;
     [[nodiscard]] QSError failure(int code, const QSURL& url) const;
     /// The same for what went wrong, which may name another object.

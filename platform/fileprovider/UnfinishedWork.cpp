@@ -48,7 +48,8 @@ struct UnfinishedWork::Leftover {
 
     /// From the name and target of a record; none for anything else.
     static std::optional<Leftover> read(std::string_view name, const std::string& target) {
-        if (name.size() < 3 || name[1] != '.' || (name[0] != 'r' && name[0] != 'c')) return {};
+        if (name.size() < 3 || name[1] != '.') return {};
+        if (std::string_view("rcm").find(name[0]) == std::string_view::npos) return {};
         const auto kind = static_cast<Kind>(name[0]);
         name.remove_prefix(2);
         const auto inode = numberFrom(name);
@@ -134,8 +135,8 @@ bool UnfinishedWork::deal(const Leftover& leftover) const {
     }
     const auto found = readIdentity(parent->get(), hidden.c_str(), nullptr, files_.credentials());
     if (!found) return found.error().code == ENOENT;
-    if (leftover.kind == Kind::Removal && *found != leftover.object) {
-        // Something else stood under the name when it was set aside: it goes back.
+    const bool isStranger = leftover.kind == Kind::Removal && *found != leftover.object;
+    if (isStranger || leftover.kind == Kind::Move) {
         const std::string name(leftover.place.lastPathComponent());
         auto candidate = name;
         for (std::uint64_t attempt = 1;; ++attempt) {

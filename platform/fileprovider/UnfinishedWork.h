@@ -22,6 +22,7 @@ class UnfinishedWork {
     enum class Kind : char {
         Removal = 'r',  ///< what is under the hidden name is to go, if it is the recorded object
         Copy = 'c',     ///< an incomplete copy
+        Move = 'm',     ///< what is under the hidden name is being copied, and goes back
     };
 
     /// One recorded piece of work; its end removes the record.

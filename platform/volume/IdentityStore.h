@@ -75,7 +75,7 @@ class IdentityStore {
     [[nodiscard]] std::vector<OrphanRow> takeOrphans() { return std::exchange(orphansFound_, {}); }
 
     /// The records of the trash that the last run left; once.
-    [[nodiscard]] std::vector<TrashRow> takeTrash() { return std::exchange(trashFound_, {}); }
+    [[nodiscard]] std::vector<TrashRow> popTrash() { return std::exchange(trashFound_, {}); }
     /// Stores records of the trash in a transaction of its own. The end of the process cannot undo
     /// it; a power cut may, until the next durable commit. EROFS, ENOSPC or EIO.
     Result<void> writeTrash(std::span<const TrashRow> rows);

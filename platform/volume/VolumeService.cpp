@@ -30,7 +30,7 @@ Result<std::unique_ptr<VolumeService>> VolumeService::open(Configuration configu
     if (!store) return std::unexpected(store.error());
     state->store = std::move(*store);
     state->store->retention.count = state->configuration.eventsKept;
-    state->trash.load(state->store->takeTrash());
+    state->trash.load(state->store->popTrash());
     state->clock = std::make_unique<ElapsedClock>(state->configuration.stateFolder + "/clock",
                                                   state->configuration.clocks);
     state->device = (*attributes)->device;

@@ -6,6 +6,9 @@
 #include <sys/syscall.h>
 #include <sys/xattr.h>
 
+#include <fstream>
+#include <functional>
+
 #include "platform/fileprovider/MutableTree.h"
 #include "platform/files/ItemNames.h"
 #include "tests/tidewell/MutationsFixture.h"
@@ -13,6 +16,10 @@
 namespace {
 
 bool kernelCopiesNothing = false;  // as some file systems have it, with data left
+struct Renames {
+    bool isApart = false;  ///< no rename leads from one folder to another
+    std::function<void()> beforeCopyIsNamed;
+} renames;
 
 }  // namespace
 
@@ -21,6 +28,17 @@ extern "C" ssize_t copy_file_range(int from, off_t* begin, int to, off_t* at, st
                                    unsigned flags) {
     if (kernelCopiesNothing) return 0;
     return syscall(SYS_copy_file_range, from, begin, to, at, size, flags);
+}
+
+extern "C" int renameat2(int from, const char* name, int to, const char* target,
+                         unsigned flags) noexcept {
+    if (renames.isApart && from != to) {
+        errno = EXDEV;
+        return -1;
+    }
+    const bool isCopy = std::string_view(name).starts_with(".tidewell-") && target[0] != '.';
+    if (isCopy && renames.beforeCopyIsNamed) std::exchange(renames.beforeCopyIsNamed, {})();
+    return static_cast<int>(syscall(SYS_renameat2, from, name, to, target, flags));
 }
 
 namespace tidewell {
@@ -253,13 +271,36 @@ TEST_F(MutationsTest, ACancelledOperationLeavesNothingAndTakesNothing) {
     EXPECT_TRUE(fs::is_empty(installed->folders().state + "/unfinished"));
 }
 
+TEST_F(MutationsTest, AnOriginalThatChangesWhileItIsCopiedStays) {
+    const auto doc = storage() / "in/doc";
+    (void)folder("apart");
+    for (const bool isByName : {false, true}) {
+        SCOPED_TRACE(isByName);
+        std::ofstream(doc) << "old";
+        std::ofstream writer(doc, std::ios::app);
+        renames.isApart = true;
+        renames.beforeCopyIsNamed = [&] {
+            EXPECT_FALSE(fs::exists(doc));
+            if (isByName) writer = std::ofstream(doc);
+            writer << "new" << std::flush;
+        };
+        const auto moved = move(id("in/doc"), id("apart"));
+        renames = {};
+        EXPECT_EQ(codeOf(moved).second, isByName ? 0 : EBUSY);
+        EXPECT_EQ(contentOf(doc), isByName ? "new" : "oldnew");
+        EXPECT_EQ(fs::exists(storage() / "apart/doc"), isByName);
+    }
+    EXPECT_EQ(contentOf(storage() / "apart/doc"), "old");
+    EXPECT_TRUE(fs::is_empty(installed->folders().state + "/unfinished"));
+}
+
 /// Some file systems rename nothing into a folder of another project.
 TEST_F(MutationsTest, WhatCannotBeRenamedIsCopiedAndRemoved) {
     const FileDescriptor apart(open(folder("apart").c_str(), O_RDONLY | O_DIRECTORY));
     fsxattr project{};
     project.fsx_xflags = FS_XFLAG_PROJINHERIT;
     project.fsx_projid = 77;
-    if (ioctl(apart.get(), FS_IOC_FSSETXATTR, &project) != 0) GTEST_SKIP() << "needs projects";
+    renames.isApart = ioctl(apart.get(), FS_IOC_FSSETXATTR, &project) != 0;
     const auto tree = file("in/tree/below").parent_path();
 
     const MutableTree moves(installed->files(), installed->unfinished(), installed->volume());
@@ -281,6 +322,7 @@ TEST_F(MutationsTest, WhatCannotBeRenamedIsCopiedAndRemoved) {
     EXPECT_NE((*moved)->itemIdentifier(), item);
     EXPECT_TRUE(fs::is_empty(storage() / "in"));
     EXPECT_TRUE(trash((*moved)->itemIdentifier()).value()->isTrashed());
+    renames = {};
     EXPECT_TRUE(fs::is_empty(installed->folders().state + "/unfinished"));
 }
 

@@ -522,7 +522,7 @@ TEST_F(StoreDamageTest, AStoreOfVersionThreeIsTakenAlong) {
         EXPECT_FALSE(store->events(1000, 65539, 9));
         EXPECT_GT(store->allocate(Counter::Document).value(), 1026u);
         EXPECT_GT(store->allocate(Counter::Event).value(), 65539u);
-        EXPECT_EQ(store->takeTrash().size(), static_cast<std::size_t>(run));
+        EXPECT_EQ(store->popTrash().size(), static_cast<std::size_t>(run));
         const TrashRow row{"path", {1, ~0ULL}, TrashRecord{{-1, 2}, ""}};
         EXPECT_TRUE(store->writeTrash({&row, 1}));
     }
