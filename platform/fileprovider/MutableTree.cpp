@@ -272,7 +272,7 @@ Result<MutableTree::Copied> MutableTree::copyInto(int source, const std::string&
                                                   QSProgress& progress) const {
     const auto url = made(folder, name);
     const int target = folder.fd.get();
-    auto record = unfinished_.begin(UnfinishedWork::Kind::Copy, url, {});
+    auto record = begin(UnfinishedWork::Kind::Copy, folder, name, {});
     if (!record) return std::unexpected(record.error());
     const auto& hidden = (*record)->name();
     const auto fail = [&](QSError error) {
@@ -417,12 +417,20 @@ Result<void> MutableTree::removeHeld(const HeldItem& item, QSProgress& progress)
     return removed;
 }
 
+Result<std::unique_ptr<UnfinishedWork::Record>> MutableTree::begin(
+    UnfinishedWork::Kind kind, const OpenFolder& folder, const std::string& name,
+    const ObjectIdentity& object) const {
+    const auto identity = readIdentity(folder.fd.get(), "", nullptr, files_.credentials());
+    if (!identity) return std::unexpected(identity.error());
+    return unfinished_.begin(kind, made(folder, name), object, *identity);
+}
+
 /// Renames the object to a hidden name beside it; another one that stood there goes back.
 Result<std::unique_ptr<UnfinishedWork::Record>> MutableTree::hide(const HeldItem& item,
                                                                   UnfinishedWork::Kind kind) const {
     const auto url = made(item.parent, item.name);
     const int folder = item.parent.fd.get();
-    auto record = unfinished_.begin(kind, url, item.identity);
+    auto record = begin(kind, item.parent, item.name, item.identity);
     if (!record) return record;
     const auto& hidden = (*record)->name();
     if (renameat2(folder, item.name.c_str(), folder, hidden.c_str(), RENAME_NOREPLACE) != 0) {

@@ -72,6 +72,9 @@ class MutableTree {
                                           const OpenFolder& folder, const std::string& name,
                                           Naming naming, TreeCopy::Special special,
                                           QSProgress& progress) const;
+    [[nodiscard]] Result<std::unique_ptr<UnfinishedWork::Record>> begin(
+        UnfinishedWork::Kind kind, const OpenFolder& folder, const std::string& name,
+        const ObjectIdentity& object) const;
     [[nodiscard]] Result<std::unique_ptr<UnfinishedWork::Record>> hide(
         const HeldItem& item, UnfinishedWork::Kind kind) const;
     Result<void> removeHeld(const HeldItem& item, QSProgress& progress) const;

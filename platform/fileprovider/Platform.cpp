@@ -179,9 +179,20 @@ Result<std::unique_ptr<Platform>> Platform::make(Options options) {
     platform->events_ = {options.history ? options.history : platform->volume_.get(),
                          std::make_shared<UseGate>()};
     // The store is ours, so whatever is recorded is an earlier process's. It may be a large tree.
-    dispatchConcurrently([pass = platform->events_.gate->enter(),
-                          &unfinished = *platform->unfinished_] { unfinished.finish(); });
+    platform->finishWhatWasLeft();
     return platform;
+}
+
+void Platform::finishWhatWasLeft() {
+    dispatchConcurrently([pass = events_.gate->enter(), this] {
+        if (!pass) return;
+        unfinished_->finish([this](const ObjectIdentity& folder) -> Result<QSURL> {
+            if (auto seen = volume_->waitUntilSeen(); !seen) return std::unexpected(seen.error());
+            const auto place = volume_->placeOfInode(folder.inode);
+            if (!place) return std::unexpected(errorFromErrno(ENOENT));
+            return *place;
+        });
+    });
 }
 
 void Platform::useFoldersOf(const StorageCatalog::Storage& storage, const std::string& name) {

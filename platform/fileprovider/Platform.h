@@ -72,6 +72,9 @@ class Platform {
     [[nodiscard]] const Folders& folders() const { return folders_; }
     [[nodiscard]] FileSystem& files() { return *files_; }
     [[nodiscard]] UnfinishedWork& unfinished() { return *unfinished_; }
+    /// Deals in the background with what earlier processes left unfinished in the storage and in
+    /// the libraries that are known by now. Any thread; returns at once.
+    void finishWhatWasLeft();
     [[nodiscard]] const TypeRegistry& types() const { return types_; }
     [[nodiscard]] VolumeService& volume() { return *volume_; }
     /// What event streams read from. Its gate closes before anything of the platform goes, so a

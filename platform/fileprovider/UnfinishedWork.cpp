@@ -43,6 +43,7 @@ std::optional<std::uint64_t> numberFrom(std::string_view& text) {
 struct UnfinishedWork::Leftover {
     Kind kind;
     ObjectIdentity object;
+    ObjectIdentity folder;  ///< zeroes in a record of an earlier version
     std::string token;
     QSURL place;
 
@@ -52,14 +53,19 @@ struct UnfinishedWork::Leftover {
         if (std::string_view("rcm").find(name[0]) == std::string_view::npos) return {};
         const auto kind = static_cast<Kind>(name[0]);
         name.remove_prefix(2);
-        const auto inode = numberFrom(name);
-        const auto generation = inode ? numberFrom(name) : std::nullopt;
+        std::vector<std::uint64_t> numbers;
+        while (const auto number = numberFrom(name)) numbers.push_back(*number);
         const bool isToken =
             name.size() == 20 &&
             name.find_first_not_of("abcdefghijklmnopqrstuvwxyz234567") == std::string_view::npos;
-        if (!generation || !isToken || !target.starts_with('/')) return {};
-        return Leftover{
-            kind, {*inode, *generation}, std::string(name), QSURL::fileURLWithPath(target)};
+        const bool isWhole = numbers.size() == 2 || numbers.size() == 4;
+        if (!isWhole || !isToken || !target.starts_with('/')) return {};
+        numbers.resize(4);
+        return Leftover{kind,
+                        {numbers[0], numbers[1]},
+                        {numbers[2], numbers[3]},
+                        std::string(name),
+                        QSURL::fileURLWithPath(target)};
     }
 };
 
@@ -76,32 +82,42 @@ UnfinishedWork::Record::~Record() {
 }
 
 Result<std::unique_ptr<UnfinishedWork::Record>> UnfinishedWork::begin(
-    Kind kind, const QSURL& place, const ObjectIdentity& object) {
+    Kind kind, const QSURL& place, const ObjectIdentity& object, const ObjectIdentity& folder) {
     auto token = randomToken();
-    auto path = folder_ + "/" + static_cast<char>(kind) + "." + hexadecimal(object.inode) + "." +
-                hexadecimal(object.generation) + "." + token;
+    auto path = folder_ + "/" + static_cast<char>(kind);
+    for (const auto number : {object.inode, object.generation, folder.inode, folder.generation}) {
+        path += "." + hexadecimal(number);
+    }
+    path += "." + token;
     {
         const std::scoped_lock lock(mutex_);
         live_.insert(token);
     }
-    const char* target = place.path().c_str();
-    int failure = symlink(target, path.c_str()) == 0 ? 0 : errno;
+    const auto record = [&] {
+        if (symlink(place.path().c_str(), path.c_str()) == 0) return 0;
+        if (errno != ENAMETOOLONG) return errno;
+        // Then the folder is found by its identity alone.
+        const auto name = "/" + std::string(place.lastPathComponent());
+        return symlink(name.c_str(), path.c_str()) == 0 ? 0 : errno;
+    };
+    int failure = record();
     if (failure == ENOENT) {
         std::error_code error;
         std::filesystem::create_directories(folder_, error);
-        failure = error ? error.value() : symlink(target, path.c_str()) == 0 ? 0 : errno;
+        failure = error ? error.value() : record();
     }
     const bool takesNothing =
         failure == ENOSPC || failure == EDQUOT || failure == EROFS || failure == EACCES;
-    std::unique_ptr<Record> record(
+    std::unique_ptr<Record> made(
         new Record(*this, std::move(token), failure == 0 ? std::move(path) : std::string()));
     if (failure != 0 && !(takesNothing && kind == Kind::Removal)) {
         return std::unexpected(errorFromErrno(failure, folder_));
     }
-    return record;
+    return made;
 }
 
-void UnfinishedWork::finish() {
+void UnfinishedWork::finish(const Locate& locate) {
+    const std::scoped_lock alone(finishing_);
     std::vector<std::pair<std::filesystem::path, Leftover>> leftovers;
     std::error_code failure;
     {
@@ -115,20 +131,33 @@ void UnfinishedWork::finish() {
         }
     }
     for (const auto& [path, leftover] : leftovers) {
-        if (deal(leftover)) unlink(path.c_str());
+        if (deal(leftover, path, locate)) unlink(path.c_str());
     }
 }
 
+Result<FileDescriptor> UnfinishedWork::openFolder(const Leftover& leftover,
+                                                  const Locate& locate) const {
+    const auto open = [&](const QSURL& url) -> Result<FileDescriptor> {
+        auto folder = files_.openObject(url, O_PATH | O_DIRECTORY);
+        if (!folder || leftover.folder.inode == 0) return folder;
+        const auto found = readIdentity(folder->get(), "", nullptr, files_.credentials());
+        if (!found) return std::unexpected(found.error());
+        if (*found != leftover.folder) return std::unexpected(errorFromErrno(ENOENT));
+        return folder;
+    };
+    auto folder = open(leftover.place.URLByDeletingLastPathComponent());
+    if (folder || leftover.folder.inode == 0) return folder;
+    const auto place = locate(leftover.folder);
+    return place ? open(*place) : std::unexpected(place.error());
+}
+
 /// Whether the record has served its time.
-bool UnfinishedWork::deal(const Leftover& leftover) const {
+bool UnfinishedWork::deal(const Leftover& leftover, const std::string& record,
+                          const Locate& locate) const {
     const auto hidden = hiddenName(leftover.token);
-    const auto parent =
-        files_.openObject(leftover.place.URLByDeletingLastPathComponent(), O_PATH | O_DIRECTORY);
+    const auto parent = openFolder(leftover, locate);
     if (!parent) {
         struct stat status {};
-        const auto record = std::string(folder_) + "/" + static_cast<char>(leftover.kind) + "." +
-                            hexadecimal(leftover.object.inode) + "." +
-                            hexadecimal(leftover.object.generation) + "." + leftover.token;
         const bool isGone = parent.error().code == ENOENT || parent.error().code == ENOTDIR;
         return isGone && lstat(record.c_str(), &status) == 0 &&
                std::time(nullptr) - status.st_mtime > longestKept;

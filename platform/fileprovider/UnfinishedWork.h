@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -48,23 +49,32 @@ class UnfinishedWork {
         bool isKept_ = false;
     };
 
-    /// Records that work on `place` (where the object is, or will be) begins. Where the state
-    /// folder's disk is full or read-only, a removal has a record in memory only: deleting must be
-    /// possible then.
+    /// Records that work on `place` (where the object is, or will be) begins in `folder`, by whose
+    /// identity the next start finds what is hidden there. Where the state folder's disk is full or
+    /// read-only, a removal has a record in memory only: deleting must be possible then.
     [[nodiscard]] Result<std::unique_ptr<Record>> begin(Kind kind, const QSURL& place,
-                                                        const ObjectIdentity& object);
+                                                        const ObjectIdentity& object,
+                                                        const ObjectIdentity& folder);
 
-    /// Deals with what earlier processes left. What cannot be reached now stays for the next call;
-    /// so does, for 30 days, what lies in a folder that is not there. Logs; never fails.
-    void finish();
+    /// Where the folder with that identity is by now; blocks. An error where it is not known.
+    using Locate = std::function<Result<QSURL>(const ObjectIdentity& folder)>;
+    /// Deals with what earlier processes left. `locate` is asked about folders that are not where
+    /// they were. What cannot be reached now stays for the next call; so does, for 30 days, what
+    /// lies in a folder that is not there. Logs; never fails.
+    void finish(const Locate& locate);
 
   private:
     struct Leftover;
-    [[nodiscard]] bool deal(const Leftover& leftover) const;
+    /// Opens the folder of what is hidden, wherever it is.
+    [[nodiscard]] Result<FileDescriptor> openFolder(const Leftover& leftover,
+                                                    const Locate& locate) const;
+    [[nodiscard]] bool deal(const Leftover& leftover, const std::string& record,
+                            const Locate& locate) const;
 
     const FileSystem& files_;
     const std::string folder_;
 
+    std::mutex finishing_;  // one call of finish() at a time
     std::mutex mutex_;
     std::set<std::string> live_;  // guarded by mutex_: tokens of records of this process
 };

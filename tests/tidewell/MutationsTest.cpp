@@ -327,6 +327,47 @@ TEST_F(MutationsTest, WhatCannotBeRenamedIsCopiedAndRemoved) {
 }
 
 /// What was meant itself is swept by killing the command.
+TEST_F(MutationsTest, AFolderThatIsRenamedMeanwhileIsFoundByItsIdentity) {
+    const auto source = scratch.makeFile("source");
+    const auto in = id("in");
+    const fs::path records = installed->folders().state + "/unfinished";
+    fs::path record, target, hidden;
+    renames.beforeCopyIsNamed = [&] {
+        record = *fs::directory_iterator(records);
+        target = fs::read_symlink(record);
+        for (const auto& entry : fs::directory_iterator(storage() / "in")) hidden = entry.path();
+        fs::rename(storage() / "in", storage() / "renamed");
+    };
+    const auto imported = import(source, in);
+    ASSERT_TRUE(imported) << imported.error().description();
+    EXPECT_EQ(place((*imported)->itemIdentifier()), url("renamed/source"));
+    // As if the process had been killed before the copy had its name.
+    end();
+    fs::rename(storage() / "renamed/source", storage() / "renamed" / hidden.filename());
+    fs::create_symlink(target, record);
+    restart();
+    start();
+    end();
+    installed.reset();  // waits for what has begun
+    EXPECT_TRUE(fs::is_empty(storage() / "renamed"));
+    EXPECT_TRUE(fs::is_empty(records));
+}
+
+TEST_F(MutationsTest, NoPathIsTooLong) {
+    FileDescriptor folder(open(storage().c_str(), O_RDONLY | O_DIRECTORY));
+    std::string below;
+    for (int depth = 0; depth < 20; ++depth) {
+        below += std::string(250, 'd') + "/";
+        ASSERT_EQ(mkdirat(folder.get(), below.c_str() + below.size() - 251, 0777), 0);
+        folder.reset(openat(folder.get(), below.c_str() + below.size() - 251, O_DIRECTORY));
+    }
+    const auto imported = import(scratch.makeFile("source"), id(below));
+    ASSERT_TRUE(imported) << imported.error().description();
+    EXPECT_EQ(faccessat(folder.get(), "source", F_OK, 0), 0);
+    EXPECT_EQ(remove((*imported)->itemIdentifier()), std::nullopt);
+    EXPECT_NE(faccessat(folder.get(), "source", F_OK, 0), 0);
+}
+
 TEST_F(MutationsTest, AStrangerThatAKilledProcessSetAsideGoesBack) {
     (void)file("in/taken");
     const auto meant = installed->files().freshAttributes(url("in/taken")).value()->identity;

@@ -23,7 +23,7 @@ bool loadCache(LocalAppLibraryCache& cache) {
 /// What was left unfinished in a library could not be reached before that was known.
 void finishWhatWasLeft() {
     if (!TWPAppLibraryManager::rootURLsForAppLibraries().empty()) {
-        Platform::current().unfinished().finish();
+        Platform::current().finishWhatWasLeft();
     }
 }
 
