@@ -361,7 +361,11 @@ Result<QSURL> MutableTree::move(const QSURL& url, const QSURL& folderURL,
     if (!item) return std::unexpected(item.error());
     const auto folder = openFolder(folderURL);
     if (!folder) return std::unexpected(folder.error());
-    return moveHeld(*item, *folder, name.value_or(item->name), naming, progress);
+    const auto identity = item->identity;
+    volume_.moveBegins(identity);
+    auto moved = moveHeld(*item, *folder, name.value_or(item->name), naming, progress);
+    volume_.moveEnds(identity, moved.has_value());
+    return moved;
 }
 
 Result<TrashedObject> MutableTree::trash(const QSURL& url, const QSURL& trashURL, Copying copying,

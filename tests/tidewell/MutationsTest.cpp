@@ -11,6 +11,7 @@
 
 #include "platform/fileprovider/MutableTree.h"
 #include "platform/files/ItemNames.h"
+#include "tests/support/FullDisk.h"
 #include "tests/tidewell/MutationsFixture.h"
 
 namespace {
@@ -351,6 +352,23 @@ TEST_F(MutationsTest, AFolderThatIsRenamedMeanwhileIsFoundByItsIdentity) {
     installed.reset();  // waits for what has begun
     EXPECT_TRUE(fs::is_empty(storage() / "renamed"));
     EXPECT_TRUE(fs::is_empty(records));
+}
+
+TEST_F(MutationsTest, AFullDiskTakesNothingBack) {
+    (void)file("in/doc");
+    (void)file("in/other");
+    const auto doc = id("in/doc");
+    const auto to = id(folder("to").filename());
+    ASSERT_NE(id("in/other"), id("in"));
+    ASSERT_TRUE(installed->volume().waitUntilSeen());
+    {
+        const tests::FullDisk full;
+        const auto renamed = rename(doc, "new");
+        EXPECT_TRUE(renamed) << renamed.error().description();
+        EXPECT_TRUE(fs::exists(storage() / "in/new"));
+        EXPECT_EQ((*renamed)->itemIdentifier(), doc);
+        EXPECT_TRUE(move(id("in/other"), to));
+    }
 }
 
 TEST_F(MutationsTest, NoPathIsTooLong) {

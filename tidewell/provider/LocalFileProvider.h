@@ -112,12 +112,15 @@ class LocalFileProvider final : public QSFileProviderExtension {
         const QSURL& url, ItemRef* built = nullptr);
     /// The item at the URL that an operation arrived at; logs where there is none.
     [[nodiscard]] static Result<ItemRef> itemForResult(const QSURL& url);
+    /// The same for one that was at `formerURL`.
+    [[nodiscard]] static Result<ItemRef> itemForMoved(const QSURL& formerURL, const QSURL& url);
     /// What the operation is to be handed: completes with the item, or with the error as the host
     /// expects it. `identifier` is of the item that the call was about, empty where there was none;
-    /// `destination` of the folder that it was moved into, where it was.
+    /// `formerURL` where that item was, for one that moves; `destination` of the folder that it is
+    /// moved into.
     [[nodiscard]] static std::move_only_function<void(Result<QSURL>)> completingWithItem(
         std::string identifier, ItemCompletionHandler completionHandler,
-        std::string destination = {});
+        std::optional<QSURL> formerURL = {}, std::string destination = {});
     [[nodiscard]] std::optional<QSURL> untrashDestination(
         const LocalItem& item, const std::optional<QSFileProviderItemIdentifier>& parentIdentifier);
 

@@ -1,6 +1,7 @@
 // Creating, importing, renaming and moving items.
 #include "platform/fileprovider/Mutations.h"
 
+#include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "tidewell/common/LocalFileProviderError.h"
 #include "tidewell/common/Logging.h"
@@ -10,6 +11,22 @@
 #include "tidewell/provider/OperationErrors.h"
 
 namespace tidewell {
+
+namespace {
+
+/// An object that was moved keeps its identifier: with it, that need not be asked for, and so not
+/// wait for what happened to be seen.
+void keepIdentifier(const QSURL& formerURL, const QSURL& newURL) {
+    const auto former = std::static_pointer_cast<const FileAttributes>(formerURL.attachment());
+    const auto now = Platform::current().files().attributes(newURL);
+    if (!former || !now || (*now)->identity != former->identity) return;
+    for (const auto key : {QSResourceKey::FileID, QSResourceKey::DocumentIdentifier}) {
+        auto kept = formerURL.cachedResourceValue(key);
+        if (kept.index() != 0) newURL.setCachedResourceValue(key, std::move(kept));
+    }
+}
+
+}  // namespace
 
 QSError normalisedError(QSError error, const std::string& identifier) {
     if (error.domain == QPErrorDomain && error.code == QPItemNotFoundErrorCode &&
@@ -41,11 +58,18 @@ Result<ItemRef> LocalFileProvider::itemForResult(const QSURL& url) {
     return std::unexpected(makeError(LocalFileProviderError::itemLookupFailed));
 }
 
+Result<ItemRef> LocalFileProvider::itemForMoved(const QSURL& formerURL, const QSURL& url) {
+    keepIdentifier(formerURL, url);
+    return itemForResult(url);
+}
+
 std::move_only_function<void(Result<QSURL>)> LocalFileProvider::completingWithItem(
-    std::string identifier, ItemCompletionHandler completionHandler, std::string destination) {
-    return [identifier = std::move(identifier), destination = std::move(destination),
+    std::string identifier, ItemCompletionHandler completionHandler, std::optional<QSURL> formerURL,
+    std::string destination) {
+    return [identifier = std::move(identifier), formerURL = std::move(formerURL),
+            destination = std::move(destination),
             handler = std::move(completionHandler)](Result<QSURL> url) mutable {
-        if (url) return handler(itemForResult(*url));
+        if (url) return handler(formerURL ? itemForMoved(*formerURL, *url) : itemForResult(*url));
         const bool isDestination =
             !destination.empty() && url.error().userInfo.contains(qp_isDestinationKey);
         handler(std::unexpected(
@@ -97,7 +121,7 @@ void LocalFileProvider::renameItemWithIdentifier(const QSFileProviderItemIdentif
     const auto url = throwingURLForItem(identifier);
     if (!url) return completionHandler(std::unexpected(url.error()));
     qp_renameWithNewName(*url, toName,
-                         completingWithItem(identifier, std::move(completionHandler)));
+                         completingWithItem(identifier, std::move(completionHandler), *url));
 }
 
 std::shared_ptr<QSProgress> LocalFileProvider::reparentItemWithIdentifier(
@@ -119,9 +143,9 @@ std::shared_ptr<QSProgress> LocalFileProvider::reparentItemWithIdentifier(
     if (!url) return refuse(QPItemNotFoundError(identifier));
     const auto parent = _urlForItemWithPersistentIdentifier(toParentItemWithIdentifier);
     if (!parent) return refuse(QPItemNotFoundError(toParentItemWithIdentifier));
-    return qp_reparentUnderFolder(
-        *url, *parent, newName,
-        completingWithItem(identifier, std::move(completionHandler), toParentItemWithIdentifier));
+    return qp_reparentUnderFolder(*url, *parent, newName,
+                                  completingWithItem(identifier, std::move(completionHandler), *url,
+                                                     toParentItemWithIdentifier));
 }
 
 }  // namespace tidewell

@@ -15,18 +15,6 @@ namespace tidewell {
 
 namespace {
 
-/// An object that was moved keeps its identifier: with it, that need not be asked for, and so not
-/// wait for what happened to be seen.
-void keepIdentifier(const QSURL& formerURL, const QSURL& newURL) {
-    const auto former = std::static_pointer_cast<const FileAttributes>(formerURL.attachment());
-    const auto now = Platform::current().files().attributes(newURL);
-    if (!former || !now || (*now)->identity != former->identity) return;
-    for (const auto key : {QSResourceKey::FileID, QSResourceKey::DocumentIdentifier}) {
-        auto kept = formerURL.cachedResourceValue(key);
-        if (kept.index() != 0) newURL.setCachedResourceValue(key, std::move(kept));
-    }
-}
-
 bool isReachableFolder(const QSURL& url) {
     const auto attributes = Platform::current().files().freshAttributes(url);
     return attributes && (*attributes)->isDirectory();
@@ -57,8 +45,7 @@ std::shared_ptr<QSProgress> LocalFileProvider::trashItemWithIdentifier(
                     std::unexpected(normalisedError(std::move(trashed.error()), identifier)));
             }
             writeTrashRecord(*trashed, formerURL);
-            keepIdentifier(formerURL, trashed->url);
-            handler(itemForResult(trashed->url));
+            handler(itemForMoved(formerURL, trashed->url));
         });
 }
 
@@ -128,7 +115,7 @@ std::shared_ptr<QSProgress> LocalFileProvider::untrashItemWithIdentifier(
                 Platform::current().volume().trash().remove(formerURL.path(), former->identity);
             }
             // What the URL keeps is from before.
-            handler(itemForResult(QSURL::fileURLWithPath(newURL->path())));
+            handler(itemForMoved(formerURL, QSURL::fileURLWithPath(newURL->path())));
         });
 }
 
