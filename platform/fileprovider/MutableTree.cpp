@@ -50,7 +50,7 @@ FileDescriptor duplicate(int fd) {
     return FileDescriptor(fcntl(fd, F_DUPFD_CLOEXEC, 0));
 }
 
-/// Of an object that is held open, when it was changed last, its name included; none where that
+/// Of an object that is held open, when it was changed last, its name included; nothing where that
 /// cannot be read.
 std::optional<std::pair<std::int64_t, std::int64_t>> changeTime(int object) {
     struct stat status {};
@@ -151,7 +151,7 @@ QSURL MutableTree::made(const OpenFolder& folder, const std::string& name) const
     return folder.url.URLByAppendingPathComponent(name);
 }
 
-/// The same for what is there now, also where the folder was renamed meanwhile.
+/// The same for what is there now, also where the folder has been renamed since.
 QSURL MutableTree::placed(const OpenFolder& folder, const std::string& name) const {
     const auto link = "/proc/self/fd/" + std::to_string(folder.fd.get());
     std::string path(PATH_MAX, '\0');
@@ -295,7 +295,7 @@ Result<MutableTree::Copied> MutableTree::copyInto(int source, const std::string&
         const auto removed =
             renameat2(target, reached->c_str(), target, hidden.c_str(), RENAME_NOREPLACE) == 0;
         if (!removed || is(*identity, target, hidden)) return fail(failure(code, url));
-        // Another object had taken the name meanwhile.
+        // Another object has got the name since.
         if (!renameInto(target, hidden, folder, *reached, Naming::Free)) (*record)->keep();
         return std::unexpected(failure(code, url));
     }

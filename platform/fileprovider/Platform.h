@@ -73,7 +73,7 @@ class Platform {
     [[nodiscard]] FileSystem& files() { return *files_; }
     [[nodiscard]] UnfinishedWork& unfinished() { return *unfinished_; }
     /// Deals in the background with what earlier processes left unfinished in the storage and in
-    /// the libraries that are known by now. Any thread; returns at once.
+    /// the libraries known so far. Any thread; returns at once.
     void finishWhatWasLeft();
     [[nodiscard]] const TypeRegistry& types() const { return types_; }
     [[nodiscard]] VolumeService& volume() { return *volume_; }

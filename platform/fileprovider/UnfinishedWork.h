@@ -56,7 +56,7 @@ class UnfinishedWork {
                                                         const ObjectIdentity& object,
                                                         const ObjectIdentity& folder);
 
-    /// Where the folder with that identity is by now; blocks. An error where it is not known.
+    /// The present place of the folder with that identity; blocks. An error where it is not known.
     using Locate = std::function<Result<QSURL>(const ObjectIdentity& folder)>;
     /// Deals with what earlier processes left. `locate` is asked about folders that are not where
     /// they were. What cannot be reached now stays for the next call; so does, for 30 days, what

@@ -130,15 +130,15 @@ Result<StoreState> IdentityStore::readExisting(ObjectIndex& index) {
     auto state = readState(database_);
     if (!state) return state;
     const auto loaded = objects_.load(database_, index, highest_);
-    auto orphans = orphans_.load(database_);
+    auto pending = orphans_.load(database_);
     auto trash = trash_.load(database_);
-    if (!loaded || !orphans || !trash) {
-        const auto& error = !loaded ? loaded.error() : !orphans ? orphans.error() : trash.error();
+    if (!loaded || !pending || !trash) {
+        const auto& error = !loaded ? loaded.error() : !pending ? pending.error() : trash.error();
         return std::unexpected(
             error.code == EUCLEAN ? storeDamage("a row does not match its checksum") : error);
     }
     if (*loaded) doubt_ = "store: two objects had one identifier, and have it no more";
-    orphansFound_ = std::move(*orphans);
+    orphansFound_ = std::move(*pending);
     trashFound_ = std::move(*trash);
     for (const auto& orphan : orphansFound_) {
         highest_.raise(Counter::Document, orphan.documentID);

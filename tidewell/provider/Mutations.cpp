@@ -144,7 +144,7 @@ std::shared_ptr<QSProgress> LocalFileProvider::reparentItemWithIdentifier(
     const auto parent = _urlForItemWithPersistentIdentifier(toParentItemWithIdentifier);
     if (!parent) return refuse(QPItemNotFoundError(toParentItemWithIdentifier));
     return qp_reparentUnderFolder(*url, *parent, newName,
-                                  completingWithItem(identifier, std::move(completionHandler), *url,
+                                  completingWithItem(identifier, std::move(completionHandler), url,
                                                      toParentItemWithIdentifier));
 }
 
