@@ -15,8 +15,8 @@ inline constexpr std::string_view favoriteRankAttribute = "com.quenby.favorite-r
 inline constexpr std::string_view folderWitnessAttribute = "com.quenby.tidewell.witness";
 
 /// Sets an extended attribute (given name, kept below "user.") of an object that is open, be it
-/// with O_PATH, whole or not at all. 0, or -1 with errno: E2BIG where the value does not fit the
-/// object's attribute space, which file systems also report as a full disk.
+/// with O_PATH, whole or not at all. 0, or -1 with errno: ENOSPC where the disk is full, E2BIG
+/// where the value does not fit the object's attribute space.
 int setExtendedAttribute(int descriptor, std::string_view name, QSDataView value);
 
 /// Removes it. 0, or -1 with errno: ENODATA where there is none.

@@ -1,12 +1,13 @@
 // Preloaded into the command by tests/support/sweep.sh. Counts the calls that change what is below
 // the folders of FAULT_BELOW, in all threads together; the one with the number FAULT_AT kills the
-// process, or fails with the errno FAULT_ERROR, and is named in the file FAULT_LOG. With
-// FAULT_APART no rename leads from one descriptor to another (EXDEV).
+// process, or fails with the errno FAULT_ERROR, and is named in the file FAULT_LOG. After ENOSPC no
+// block is free. With FAULT_APART no rename leads from one descriptor to another (EXDEV).
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <linux/fs.h>
 #include <signal.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -41,6 +42,8 @@ bool isBelow(int folder, const char* path) {
 
 constexpr int nowhere = -1;
 
+std::atomic<bool> isFull = false;
+
 /// The descriptor that "/proc/self/fd/N" is of.
 int descriptorOf(const char* path) {
     int fd = nowhere;
@@ -64,6 +67,7 @@ bool fails(const char* call, int folder, const char* path = nullptr, int from = 
     const auto error = setting("FAULT_ERROR");
     if (error.empty()) kill(getpid(), SIGKILL);
     errno = std::atoi(error.c_str());
+    isFull = errno == ENOSPC;
     return true;
 }
 
@@ -113,3 +117,12 @@ FAULTY(int, setxattr,
 FAULTY(int, removexattr, (const char* p, const char* name), (p, name), descriptorOf(p))
 FAULTY(int, fsync, (int fd), (fd), fd)
 FAULTY(int, fdatasync, (int fd), (fd), fd)
+
+extern "C" int faulty_fstatvfs(int fd, struct statvfs* status) asm("fstatvfs");
+int faulty_fstatvfs(int fd, struct statvfs* status) {
+    static const auto real =
+        reinterpret_cast<int (*)(int, struct statvfs*)>(dlsym(RTLD_NEXT, "fstatvfs"));
+    const int result = real(fd, status);
+    if (result == 0 && isFull) status->f_bavail = 0;
+    return result;
+}
