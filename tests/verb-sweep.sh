@@ -96,6 +96,7 @@ for fault in "${faults[@]}"; do
     beside sweep "$fault" mv ./in/folder --to ./to
     FAULT_APART=1 beside sweep "$fault" mv ./in/folder --to ./to
     beside sweep "$fault" trash ./in/doc
+    FAULT_APART=1 beside sweep "$fault" trash ./in/doc
     beside sweep "$fault" untrash ./.Trash/old --to ./in
     beside sweep "$fault" tag ./in/doc red
     beside sweep "$fault" favorite ./in/doc 7

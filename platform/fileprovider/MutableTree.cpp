@@ -194,11 +194,11 @@ bool MutableTree::hasToBeCopied(const QSError& error) {
 }
 
 Result<QSURL> MutableTree::moveHeld(HeldItem& item, const OpenFolder& folder,
-                                    const std::string& name, Naming naming,
-                                    QSProgress& progress) const {
+                                    const std::string& name, Naming naming, QSProgress& progress,
+                                    const CopyHandler& onCopy) const {
     auto moved = renameHeld(item, folder, name, naming);
     if (moved || !hasToBeCopied(moved.error())) return moved;
-    return copyAcross(item, folder, name, naming, progress);
+    return copyAcross(item, folder, name, naming, progress, onCopy);
 }
 
 Result<QSURL> MutableTree::renameHeld(const HeldItem& item, const OpenFolder& folder,
@@ -223,8 +223,8 @@ Result<QSURL> MutableTree::renameHeld(const HeldItem& item, const OpenFolder& fo
 /// For folders between which the file system moves nothing. The original is hidden while it is
 /// copied, so that nobody finds it by its name and changes what was copied already.
 Result<QSURL> MutableTree::copyAcross(HeldItem& item, const OpenFolder& folder,
-                                      const std::string& name, Naming naming,
-                                      QSProgress& progress) const {
+                                      const std::string& name, Naming naming, QSProgress& progress,
+                                      const CopyHandler& onCopy) const {
     const int parent = item.parent.fd.get();
     const auto url = made(item.parent, item.name);
     const auto record = hide(item, UnfinishedWork::Kind::Move);
@@ -240,8 +240,8 @@ Result<QSURL> MutableTree::copyAcross(HeldItem& item, const OpenFolder& folder,
         return std::unexpected(std::move(error));
     };
     const auto before = changeTime(item.object.get());
-    auto copied =
-        copyInto(parent, hidden, folder, name, naming, TreeCopy::Special::Refused, progress);
+    auto copied = copyInto(parent, hidden, folder, name, naming, TreeCopy::Special::Refused,
+                           progress, onCopy);
     if (!copied) return fail(std::move(copied.error()));
     // Whoever had it open may have written to it.
     const bool isUnchanged = before && before == changeTime(item.object.get());
@@ -269,7 +269,8 @@ Result<QSURL> MutableTree::copyAcross(HeldItem& item, const OpenFolder& folder,
 Result<MutableTree::Copied> MutableTree::copyInto(int source, const std::string& sourceName,
                                                   const OpenFolder& folder, const std::string& name,
                                                   Naming naming, TreeCopy::Special special,
-                                                  QSProgress& progress) const {
+                                                  QSProgress& progress,
+                                                  const CopyHandler& onCopy) const {
     const auto url = made(folder, name);
     const int target = folder.fd.get();
     auto record = begin(UnfinishedWork::Kind::Copy, folder, name, {});
@@ -289,6 +290,7 @@ Result<MutableTree::Copied> MutableTree::copyInto(int source, const std::string&
     if (!object) return fail(failure(errno, url));
     const auto identity = readIdentity(object.get(), "", nullptr, files_.credentials());
     if (!identity) return fail(identity.error());
+    if (onCopy) onCopy(*identity);
     const auto reached = renameInto(target, hidden, folder, name, naming);
     if (!reached) return fail(reached.error());
     if (const int code = syncEntry(target, *reached); code != 0) {
@@ -395,9 +397,12 @@ Result<TrashedObject> MutableTree::trash(const QSURL& url, const QSURL& trashURL
             .value_or(TrashRecord{{}, isInTrash(url.path()) ? std::string() : url.path()});
     record.date = volume_.clock().stamp();
     auto intent = volume_.trashingBegins(trashURL.path(), identity, record);
+    const auto noteCopy = [&](const ObjectIdentity& copy) {
+        intent = volume_.trashingBegins(trashURL.path(), copy, record);
+    };
     volume_.moveBegins(identity);
     const auto moved = copying == Copying::Allowed
-                           ? moveHeld(*item, trash, item->name, Naming::Free, progress)
+                           ? moveHeld(*item, trash, item->name, Naming::Free, progress, noteCopy)
                            : renameHeld(*item, trash, item->name, Naming::Free);
     volume_.moveEnds(identity, moved.has_value());
     if (!moved) return std::unexpected(moved.error());

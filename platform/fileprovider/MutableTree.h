@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -52,15 +53,18 @@ class MutableTree {
 
     [[nodiscard]] Result<OpenFolder> openFolder(const QSURL& url) const;
     [[nodiscard]] Result<HeldItem> hold(const QSURL& url) const;
+    /// Called with the identity of a copy before it has its name.
+    using CopyHandler = std::function<void(const ObjectIdentity& copy)>;
     /// `item.object` becomes the copy where there is one.
     [[nodiscard]] Result<QSURL> moveHeld(HeldItem& item, const OpenFolder& folder,
                                          const std::string& name, Naming naming,
-                                         QSProgress& progress) const;
+                                         QSProgress& progress,
+                                         const CopyHandler& onCopy = {}) const;
     [[nodiscard]] Result<QSURL> renameHeld(const HeldItem& item, const OpenFolder& folder,
                                            const std::string& name, Naming naming) const;
     [[nodiscard]] Result<QSURL> copyAcross(HeldItem& item, const OpenFolder& folder,
                                            const std::string& name, Naming naming,
-                                           QSProgress& progress) const;
+                                           QSProgress& progress, const CopyHandler& onCopy) const;
     /// A copy, held open since before it was given its name.
     struct Copied {
         QSURL url;
@@ -71,7 +75,8 @@ class MutableTree {
     [[nodiscard]] Result<Copied> copyInto(int source, const std::string& sourceName,
                                           const OpenFolder& folder, const std::string& name,
                                           Naming naming, TreeCopy::Special special,
-                                          QSProgress& progress) const;
+                                          QSProgress& progress,
+                                          const CopyHandler& onCopy = {}) const;
     [[nodiscard]] Result<std::unique_ptr<UnfinishedWork::Record>> begin(
         UnfinishedWork::Kind kind, const OpenFolder& folder, const std::string& name,
         const ObjectIdentity& object) const;

@@ -281,7 +281,7 @@ void Reconciler::leave(ObjectIndex::EntryNumber entry) {
     auto place = placeOf(entry);
     index.removeName(entry);
     const auto& node = index.node(object);
-    state_.trash.remove(place.path, {node.inode, node.generation});
+    state_.trash.removeWithEntries(place.path, {node.inode, node.generation});
     if (node.documentID != 0) {
         vacate(node.documentID, {object, node.fileID, node.kind, place, index.metadata(object),
                                  now_, isPast(), false});

@@ -1,6 +1,5 @@
 #include "platform/volume/TrashLedger.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "platform/tree/TreeLayout.h"
@@ -36,6 +35,18 @@ void TrashLedger::remove(const std::string& path, const ObjectIdentity& object) 
     if (records_.erase(key) != 0) changed_.insert(std::move(key));
 }
 
+void TrashLedger::removeWithEntries(const std::string& path, const ObjectIdentity& object) {
+    remove(path, object);
+    if (!path.ends_with("/" + std::string(trashName))) return;
+    const std::scoped_lock lock(mutex_);
+    const auto prefix = path + "/";
+    auto at = records_.lower_bound(Key(prefix, 0, 0));
+    while (at != records_.end() && std::get<0>(at->first).starts_with(prefix)) {
+        changed_.insert(at->first);
+        at = records_.erase(at);
+    }
+}
+
 std::vector<TrashRow> TrashLedger::popInterrupted() {
     const std::scoped_lock lock(mutex_);
     return std::exchange(interrupted_, {});
@@ -46,7 +57,7 @@ void TrashLedger::load(std::vector<TrashRow> rows) {
     for (auto& row : rows) {
         if (!row.record) continue;
         records_.insert_or_assign(keyOf(row.path, row.object), *row.record);
-        if (QSURL::fileURLWithPath(row.path).lastPathComponent() == trashName) {
+        if (row.path.ends_with("/" + std::string(trashName))) {
             interrupted_.push_back(std::move(row));
         }
     }

@@ -62,6 +62,8 @@ class TrashLedger {
                                                   const ObjectIdentity& object) const;
     void put(const std::string& path, const ObjectIdentity& object, TrashRecord record);
     void remove(const std::string& path, const ObjectIdentity& object);
+    /// The same for an entry that is at that path no more; of a trash, for all that is in it.
+    void removeWithEntries(const std::string& path, const ObjectIdentity& object);
 
     /// The operations that the last run recorded and did not end; empty the second time.
     [[nodiscard]] std::vector<TrashRow> popInterrupted();

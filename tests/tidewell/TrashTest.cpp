@@ -133,6 +133,11 @@ TEST_F(TrashTest, AnArrivalThatNobodySawIsDatedOnce) {
     fs::rename(storage() / "in/a", entry);
     EXPECT_GT(dateArrivals().seconds, 1);
     EXPECT_EQ(dateArrivals().seconds, 1);
+    fs::rename(storage() / ".Trash", storage() / "in/old");  // with all that is in it
+    ASSERT_TRUE(installed->volume().waitUntilSeen());
+    (void)folder(".Trash");
+    fs::rename(storage() / "in/old/a", entry);
+    EXPECT_GT(dateArrivals().seconds, 1);
 }
 
 TEST_F(TrashTest, AFullDiskIsNotReportedAsAMissingItem) {
