@@ -1,7 +1,5 @@
 #include <gmock/gmock.h>
 
-#include <thread>
-
 #include "tests/platform/volume/VolumeFixture.h"
 
 namespace tests {
@@ -92,45 +90,6 @@ TEST_F(RootsTest, WhatComesAndGoesWithARootIsRecordedObjectByObject) {
     EXPECT_EQ(identifyInLibrary("deep").fileID, folder.fileID);
 }
 
-TEST_F(RootsTest, ARootThatIsKnownFromTheLastRunIsNoNews) {
-    ASSERT_TRUE(service->addRoot(root));
-    const auto note = identifyInLibrary("note");
-    ASSERT_TRUE(service->waitUntilSettled());
-    service.reset();
-    fs::remove(scratch / "container/Documents/note");
-    open();
-    (void)events();
-    ASSERT_TRUE(service->addRoot(root));
-    ASSERT_TRUE(service->waitUntilSettled());
-    EXPECT_THAT(events(), AllOf(Contains("-L/note"), Not(Contains("~S")),
-                                Each(Not(testing::StartsWith("+")))));
-    EXPECT_THAT(service->placesOfDocumentID(note.documentID), IsEmpty());
-}
-
-TEST_F(RootsTest, ASaveThatARunEndsInIsDecidedWhereItsRootComesLater) {
-    ASSERT_TRUE(service->addRoot(root));
-    const auto path = scratch / "container/Documents/note";
-    for (int round = 0; round < 8; ++round) {
-        // The inode number of a file that is deleted most often goes to the next file.
-        const bool isDeleted = round % 2 == 0;
-        follows = round % 4 < 2;
-        const auto note = identifyInLibrary("note");
-        const auto mine = identify("mine");
-        ASSERT_TRUE(service->waitUntilSettled());
-        for (const auto& saved : {path, native("mine")}) {
-            fs::rename(saved, scratch / "former");
-            if (isDeleted) fs::remove(scratch / "former");
-            std::ofstream(saved) << round;
-        }
-        ASSERT_TRUE(service->waitUntilSeen());
-        open();
-        ASSERT_TRUE(!follows || service->waitUntilSettled());
-        ASSERT_TRUE(service->addRoot(root));
-        EXPECT_EQ(identifyInLibrary("note").documentID, note.documentID) << round;
-        EXPECT_EQ(identify("mine").documentID, mine.documentID) << round;
-    }
-}
-
 TEST_F(RootsTest, AFolderThatTakesARootsPlaceIsAnotherOneAndWhatHasMovedOutStays) {
     ASSERT_TRUE(service->addRoot(root));
     (void)identifyInLibrary("note");
@@ -146,28 +105,6 @@ TEST_F(RootsTest, AFolderThatTakesARootsPlaceIsAnotherOneAndWhatHasMovedOutStays
     EXPECT_EQ(service->statistics().roots.size(), 2U);
     ASSERT_TRUE(service->removeRoot(root));
     EXPECT_EQ(service->placesOfDocumentID(moved.documentID), std::vector{url("note")});
-}
-
-TEST_F(RootsTest, RootsComeAndGoWhileAllElseGoesOn) {
-    std::jthread writer([&](const std::stop_token& stop) {
-        for (int i = 0; !stop.stop_requested(); i = (i + 1) % 50) {
-            scratch.makeFile("container/Documents/deep/" + std::to_string(i));
-            makeFile(std::to_string(i));
-            fs::remove(scratch / ("container/Documents/deep/" + std::to_string((i + 25) % 50)));
-        }
-    });
-    for (int round = 0; round < 20; ++round) {
-        ASSERT_TRUE(service->addRoot(root));
-        (void)identifyInLibrary("note");
-        ASSERT_TRUE(service->removeRoot(root));
-    }
-    ASSERT_TRUE(service->addRoot(root));
-    writer = {};
-    ASSERT_TRUE(service->waitUntilSettled());
-    const auto entries = std::distance(fs::directory_iterator(scratch / "container/Documents/deep"),
-                                       fs::directory_iterator());
-    EXPECT_EQ(service->entryCount(*attributes("deep", root.path())),
-              static_cast<std::uint64_t>(entries));
 }
 
 }  // namespace

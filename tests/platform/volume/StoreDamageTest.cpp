@@ -1,7 +1,5 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <linux/capability.h>
-#include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -12,6 +10,7 @@
 
 #include "platform/volume/IdentityStore.h"
 #include "tests/platform/volume/VolumeFixture.h"
+#include "tests/support/AsOwnerAlone.h"
 #include "tests/support/FullDisk.h"
 
 namespace tests {
@@ -41,29 +40,6 @@ class ReadOnlyFile {
   private:
     int fd_ = -1;
     int saved_ = -1;
-};
-
-/// While one lives, this thread, and those that it starts, cannot write to the folders, root or
-/// not.
-class ReadOnlyFolders {
-  public:
-    explicit ReadOnlyFolders(std::vector<fs::path> folders) : folders_(std::move(folders)) {
-        for (const auto& folder : folders_)
-            fs::permissions(folder, fs::perms::owner_read | fs::perms::owner_exec);
-        syscall(SYS_capget, &header_, before_.data());
-        auto fewer = before_;
-        fewer[0].effective = 0;
-        syscall(SYS_capset, &header_, fewer.data());
-    }
-    ~ReadOnlyFolders() {
-        syscall(SYS_capset, &header_, before_.data());
-        for (const auto& folder : folders_) fs::permissions(folder, fs::perms::owner_all);
-    }
-
-  private:
-    std::vector<fs::path> folders_;
-    __user_cap_header_struct header_{_LINUX_CAPABILITY_VERSION_3, 0};
-    std::array<__user_cap_data_struct, 2> before_{};
 };
 
 /// Remembers what every identifier was handed out for.
@@ -263,23 +239,6 @@ TEST_F(StoreDamageTest, RandomDamageIsNoticedOrHarmless) {
     EXPECT_TRUE(fs::exists(scratch / "data/volume.db.damaged-1")) << "the last one was cut";
 }
 
-TEST_F(StoreDamageTest, AFailedWriteChangesNothingAndIsOverWhenTheDiskRecovers) {
-    open();
-    makeFile("a");
-    const auto known = identify("a");
-    makeFile("b");
-    {
-        const FullDisk full;
-        EXPECT_THAT(errorOfIdentify("b"), testing::AnyOf(EIO, ENOSPC));
-        EXPECT_EQ(identify("a").documentID, known.documentID);
-    }
-    EXPECT_EQ(service->fileIDForDocumentID(known.documentID + 1).error().code, ENOENT);
-    const auto later = identify("b");
-    EXPECT_GT(later.documentID, known.documentID);
-    open();
-    EXPECT_EQ(identify("b").documentID, later.documentID);
-}
-
 TEST_F(StoreDamageTest, AStoreThatCannotBeWrittenToAnswersWhatItKnows) {
     for (const char* name : {"a", "b"}) makeFile(name);
     open();
@@ -295,8 +254,11 @@ TEST_F(StoreDamageTest, AStoreThatCannotBeWrittenToAnswersWhatItKnows) {
         }
         service.reset();
         const auto store = contentOf(scratch / "data/volume.db");
+        const std::array folders{scratch / "data", scratch / "state"};
+        const auto readOnly = fs::perms::owner_read | fs::perms::owner_exec;
+        for (const auto& folder : folders) fs::permissions(folder, readOnly);
         {
-            const ReadOnlyFolders refusing({scratch / "data", scratch / "state"});
+            const AsOwnerAlone asOwner;
             open();
             EXPECT_EQ(identify("a").documentID, known.documentID);
             EXPECT_EQ(resolve(known.fileID), "a");
@@ -304,6 +266,7 @@ TEST_F(StoreDamageTest, AStoreThatCannotBeWrittenToAnswersWhatItKnows) {
             EXPECT_FALSE(service->statistics().lastTrouble);
             service.reset();
         }
+        for (const auto& folder : folders) fs::permissions(folder, fs::perms::owner_all);
         EXPECT_EQ(contentOf(scratch / "data/volume.db"), store);
         open();
         EXPECT_EQ(identify("a").documentID, known.documentID);

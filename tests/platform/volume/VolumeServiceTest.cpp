@@ -16,27 +16,6 @@ namespace fs = std::filesystem;
 
 class VolumeServiceTest : public VolumeFixture {};
 
-TEST_F(VolumeServiceTest, FoldersThatTakeOverAnInodeNumberGetIdentifiersOfTheirOwn) {
-    open();
-    std::set<std::uint64_t> fileIDs;
-    for (int round = 0; round < 3; ++round) {
-        std::vector<std::string> names;
-        for (int i = 0; i < 500; ++i) {
-            names.push_back(std::to_string(i));
-            fs::create_directory(native(names.back()));
-        }
-        for (const auto& identity : identifyAll(names)) {
-            ASSERT_TRUE(fileIDs.insert(identity.fileID).second) << identity.fileID;
-        }
-        ASSERT_EQ(resolve(identify("7").fileID), "7");
-        for (const auto& name : names) fs::remove(native(name));
-    }
-    // Nothing is left, so whatever an old identifier led to would be a stranger.
-    makeFile("last");
-    identify("last");
-    for (const auto fileID : fileIDs) ASSERT_EQ(resolve(fileID), std::to_string(ENOENT));
-}
-
 TEST_F(VolumeServiceTest, AnObjectSeenTooLateDoesNotTakeItsSuccessorsIdentity) {
     open();
     std::shared_ptr<const FileAttributes> stale;
@@ -96,16 +75,6 @@ TEST_F(VolumeServiceTest, ASecondOpenerIsToldWhoHasTheStoreAndAKilledOneLeavesNo
     EXPECT_EQ(service->statistics().lastTrouble, std::nullopt);
     close(ready[0]);
     close(ready[1]);
-}
-
-TEST_F(VolumeServiceTest, LocatesWhatNobodyAskedFor) {
-    for (const char* path : {"a/.hidden", "a/b/c", "a/b/d", "deep/1/2/3/4/5"}) makeFile(path);
-    fs::create_symlink("a", native("link"));
-    open();
-    ASSERT_TRUE(service->waitUntilSeen());
-    EXPECT_EQ(service->statistics().objects, 13u);  // the storage too
-    EXPECT_EQ(resolve(attributes("deep/1/2/3/4/5")->identity.inode), "deep/1/2/3/4/5");
-    EXPECT_EQ(resolve(attributes("link")->identity.inode), "link");
 }
 
 }  // namespace
