@@ -178,29 +178,6 @@ TEST_F(DocumentServiceTest, ARecursiveContainerThatIsRefusedIsJoinedFromFolders)
     EXPECT_EQ(result.error(), platform::errorFromErrno(EIO)) << "not listed as empty";
 }
 
-TEST_F(DocumentServiceTest, TreesGoDepthFirstAndOnPastAFolderThatFails) {
-    container("top").rows = {folder("x"), package, folder("locked"), folder("gone")};
-    container("x").rows = {file("a"), folder("y")};
-    container("y").rows = {file("b")};
-    container("p").rows = {file("inside")};
-    container("locked").failure = platform::errorFromErrno(EACCES);
-    std::vector<std::string> lines;
-    const host::DocumentService::TreeHandler handler{
-        [&](const auto& item, std::size_t depth, bool isLast) {
-            lines.push_back(std::to_string(depth) + item.itemIdentifier + (isLast ? "." : ""));
-            return lines.size() < limit;
-        },
-        [&](const auto& at, const auto&) { lines.push_back("failed " + at.itemIdentifier); }};
-    EXPECT_TRUE(service().listTree("top", handler));
-    EXPECT_THAT(lines,
-                ElementsAre("0x", "1a", "1y.", "2b.", "0p", "0locked", "failed locked", "0gone."));
-    lines.clear();
-    limit = 2;
-    EXPECT_TRUE(service().listTree("top", handler));
-    EXPECT_THAT(lines, ElementsAre("0x", "1a"));
-    EXPECT_FALSE(service().listTree("locked", handler));
-}
-
 TEST_F(DocumentServiceTest, ChangesComePageByPageUntilNothingMoreDoesOrOneFails) {
     auto& script = container("f");
     script.anchor = "0";

@@ -177,18 +177,5 @@ TEST_F(RefreshTest, TenNotificationsAreOneRefreshOfWhatQualifies) {
                                      root, workingSet));
 }
 
-TEST_F(RefreshTest, AContainerThatIsReplacedIsFoundAgainWithoutASignal) {
-    goOn();
-    awaitSignals(2);
-    const auto library = TWPAppLibraryManager::rootURLsForAppLibraries().at(0);
-    EXPECT_EQ(provider->persistentIdentifierForItemAtURL(library), "#org.0");
-    std::filesystem::rename(scratch / "containers/org.0", scratch / "elsewhere");
-    scratch.makeFile("containers/org.0/Documents/note");
-    const auto note = library.URLByAppendingPathComponent("note");
-    ASSERT_TRUE(await("the new container",
-                      [&] { return installed->files().freshAttributes(note).has_value(); }));
-    EXPECT_THAT(signals, SizeIs(2));
-}
-
 }  // namespace
 }  // namespace tidewell

@@ -104,18 +104,6 @@ TEST_F(ChangesTest, EveryChangeOnceWhicheverReaderHasIt) {
     }
 }
 
-TEST_F(ChangesTest, PagesHoldAHundredAndRepeatedEventsCountOnce) {
-    const auto known = documents(99);
-    const auto token = present();
-    for (int round = 0; round < 8; ++round) {
-        for (const auto& event : known) scripted.append(event);
-    }
-    const auto enumerator = enumeratorOf(workingSet);
-    EXPECT_FALSE(changes(*enumerator, token)->moreComing) << "99";
-    scripted.append(goneEvent(7000));
-    EXPECT_TRUE(changes(*enumerator, token)->moreComing) << "100";
-}
-
 TEST_F(ChangesTest, WhatIsLostExpiresTheAnchor) {
     (void)folder("d");
     const auto start = present();
@@ -182,9 +170,6 @@ TEST_F(ChangesTest, StoppingAndClosingAnswer) {
     }
 }
 
-/// A host's copy of a container, by identifier.
-using Replica = std::map<std::string, std::string>;
-
 class CoverTest : public tests::ChangesFixture {
   protected:
     static constexpr std::string_view folderContainer = "folder";
@@ -192,71 +177,7 @@ class CoverTest : public tests::ChangesFixture {
     std::shared_ptr<LocalFileEnumerator> enumeratorFor(std::string_view container) const {
         return enumeratorOf(container, container == folderContainer ? "a" : "");
     }
-    static std::string rowOf(const QSFileProviderItem& item) {
-        return item.filename() + " in " + item.parentItemIdentifier();
-    }
-    Replica listed(std::string_view container) const {
-        const auto page = tests::onePage(*enumeratorFor(container));
-        EXPECT_FALSE(page->error);
-        Replica rows;
-        for (const auto& item : page->items) {
-            if (!item->isTrashed()) rows[item->itemIdentifier()] = rowOf(*item);
-        }
-        return rows;
-    }
 };
-
-TEST_F(CoverTest, ReplicasFollowEveryTransition) {
-    using namespace std::chrono_literals;
-    history = nullptr;
-    adjustVolume = [](VolumeService::Configuration& configuration) {
-        configuration.windows = {.rest = 5ms, .successor = 20ms, .rename = 40ms};
-    };
-    restart();
-    const std::vector<std::pair<std::string, std::string>> transitions = {
-        {"a/x", "a/.x"},        {"a/x", "a/p.lutebox/x"}, {"a/x", ".Trash/x"}, {"a/x", "b/x"},
-        {"a/x", "a/y"},         {"a/x", "a/x.lutebox"},   {"a/x", "a/b/x"},    {"a/x", "x"},
-        {"b/.hidden/x", "a/x"}, {"a/x", "../outside"}};
-    const std::vector<std::string> contents[] = {{""}, {"/c", "/s/d"}};
-    for (const auto& content : contents) {
-        for (const auto& [here, there] : transitions) {
-            for (const std::string suffix : {"", ".quire"}) {
-                for (const auto& entry : std::filesystem::directory_iterator(storage())) {
-                    std::filesystem::remove_all(entry.path());
-                }
-                for (const auto* name : {"a/b", "a/p.lutebox", "b/.hidden", ".Trash"}) {
-                    (void)folder(name);
-                }
-                (void)file("a/p.lutebox/inner");
-                auto from = here + suffix;
-                auto to = there + suffix;
-                for (const auto& part : content) (void)file(from + part);
-                ASSERT_TRUE(installed->volume().waitUntilSettled());
-                for (int way = 0; way < 2; ++way) {
-                    std::map<std::string_view, Replica> replicas;
-                    for (const auto container :
-                         {workingSet, allDirectories, std::string_view(folderContainer)}) {
-                        replicas[container] = listed(container);
-                    }
-                    const auto token = present();
-                    std::filesystem::rename(storage() / from, storage() / to);
-                    ASSERT_TRUE(installed->volume().waitUntilSettled());
-                    for (auto& [container, replica] : replicas) {
-                        const auto told = changes(*enumeratorFor(container), token);
-                        for (const auto& identifier : told->deleted) replica.erase(identifier);
-                        for (const auto& [identifier, item] : told->updated) {
-                            replica[identifier] = rowOf(*item);
-                        }
-                        EXPECT_EQ(replica, listed(container))
-                            << container << ": " << from << " -> " << to
-                            << (content.size() > 1 ? ", with content" : "");
-                    }
-                    std::swap(from, to);
-                }
-            }
-        }
-    }
-}
 
 /// Runs something before each read of the kernel's events.
 class InterruptedKernel final : public KernelEventSource {

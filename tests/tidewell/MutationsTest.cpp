@@ -134,28 +134,6 @@ TEST_F(MutationsTest, FreeNamesAreNumberedAndFit) {
     EXPECT_EQ(contentOf(storage() / "in/doc.txt"), "x");
 }
 
-TEST_F(MutationsTest, ItemsKeepTheirIdentifiersAndAreFoundAtOnce) {
-    (void)file("in/a.txt");
-    (void)file("in/folder/below");
-    for (const auto* below : {"in/a.txt", "in/folder"}) {
-        const auto identifier = id(below);
-        const auto renamed = rename(identifier, "new");
-        EXPECT_EQ(renamed.value()->itemIdentifier(), identifier);
-        EXPECT_EQ(place(identifier), url("in/new"));
-        EXPECT_EQ(rename(identifier, "new").value()->itemIdentifier(), identifier);
-        EXPECT_EQ(move(identifier, "#org.a", "named").value()->itemIdentifier(), identifier);
-        EXPECT_EQ(place(identifier), libraryURL("named"));
-        EXPECT_EQ(move(identifier, id("in")).value()->parentItemIdentifier(), id("in"));
-        EXPECT_EQ(trash(identifier).value()->itemIdentifier(), identifier);
-        EXPECT_EQ(untrash(identifier, root).value()->itemIdentifier(), identifier);
-        EXPECT_EQ(place(identifier), url("named"));
-        EXPECT_FALSE(remove(identifier));
-        EXPECT_THAT(codeOf(provider->itemForIdentifier(identifier)),
-                    Pair("Tidewell.LocalFileProviderError", 0));
-    }
-    EXPECT_EQ(pathsBelow(storage()), (std::set<std::string>{".Trash", "in"}));
-}
-
 TEST_F(MutationsTest, NothingSucceedsWhatIsRemovedOrTrashed) {
     const auto source = scratch.makeFile("source/doc");
     (void)file("in/doc");

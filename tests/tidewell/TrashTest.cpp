@@ -93,31 +93,6 @@ TEST_F(TrashTest, TheLedgerSaysWhatAttributesCannot) {
     EXPECT_EQ(provider->itemsTrashedBeforeDate({2, 0}).front()->filename(), "x");
 }
 
-TEST_F(TrashTest, WhatWasInterruptedIsFinishedByTheNextStart) {
-    scratch.makeFile("containers/org.a/Documents/a/killed");
-    const auto file = libraryURL("a/killed");
-    const auto object = installed->files().attributes(file).value()->identity;
-    const auto unused = installed->files().attributes(libraryURL("a")).value()->identity;
-    scratch.makeFolder("containers/org.a/Documents/.Trash");
-    for (const auto& moved : {object, unused}) {
-        installed->volume()
-            .trashingBegins(libraryURL(".Trash").path(), moved, {{7, 0}, file.path()})
-            ->keep();
-    }
-    fs::rename(library() / "a/killed", library() / ".Trash/killed 2");
-    end();
-    restart();
-    start();
-    for (const auto& moved : {object, unused}) {
-        ASSERT_TRUE(tests::await("the operation has been finished", [&] {
-            return !installed->volume().trash().find(libraryURL(".Trash").path(), moved);
-        }));
-    }
-    EXPECT_EQ(*attribute(library() / ".Trash/killed 2", date).value().asDate(), (QSDate{7, 0}));
-    EXPECT_EQ(*attribute(library() / ".Trash/killed 2", putBack).value().asString(), "a/killed");
-    EXPECT_FALSE(attribute(library() / "a", date));
-}
-
 TEST_F(TrashTest, AnArrivalThatNobodySawIsDatedOnce) {
     scratch.makeFile("storage/in/a");
     const auto entry = storage() / ".Trash/a";

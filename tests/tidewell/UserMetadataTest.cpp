@@ -54,6 +54,9 @@ TEST_F(UserMetadataTest, ValuesAreKeptAndClearedAsTheFormatSays) {
         }
     }
     EXPECT_THAT(logged(LogLevel::Error, "xattr"), testing::IsEmpty());
+    EXPECT_EQ(QPGetTagsForTagsData(QPGetTagsDataForTags({{"\xFF", 1}, {"a", 2}, {"b", 8}})),
+              (std::vector<QPTag>{{"a", 2}}))
+        << "of well-formed text, with a colour that exists";
 }
 
 TEST_F(UserMetadataTest, WhatCannotBeKeptFailsButForTheDate) {

@@ -65,23 +65,6 @@ TEST(SerialQueueTest, BlocksOutliveTheHandleAndAreDestroyedOnTheQueue) {
     EXPECT_TRUE(await("the destruction of the block", destroyed));
 }
 
-TEST(SerialQueueTest, TimersRunInOrderOfTheirTimesAndNeverEarly) {
-    const SerialQueue queue("timers");
-    const auto start = std::chrono::steady_clock::now();
-    std::vector<std::chrono::milliseconds> order;
-    std::latch done(4);
-    for (const auto delay : {40ms, 20ms, 0ms, 30ms}) {
-        queue.asyncAfter(delay, [&, delay] {
-            EXPECT_GE(std::chrono::steady_clock::now() - start, delay);
-            order.push_back(delay);
-            done.count_down();
-        });
-    }
-    queue.asyncAfter(std::chrono::nanoseconds::max(), [] { FAIL() << "never"; });
-    ASSERT_TRUE(await("all four timers", done));
-    EXPECT_EQ(order, (std::vector<std::chrono::milliseconds>{0ms, 20ms, 30ms, 40ms}));
-}
-
 TEST(SerialQueueDeathTest, MisuseIsFatalNotADeadlock) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const SerialQueue a("a");

@@ -39,16 +39,6 @@ class PacerTest : public testing::Test {
     std::unique_ptr<QPPacer> pacer_;
 };
 
-TEST_F(PacerTest, SignalsBeforeResumeAreOneAndThoseOfAnIntervalWait) {
-    make(24h);
-    signalOften();
-    queue_.sync([this] { EXPECT_TRUE(times_.empty()); });
-    pacer_->resume();
-    EXPECT_TRUE(firesFor(1));
-    signalOften();
-    queue_.sync([this] { EXPECT_EQ(times_.size(), 1U); });
-}
-
 TEST_F(PacerTest, LaterSignalsAreAnsweredOnceAtTheEndOfTheInterval) {
     make(2ms);
     pacer_->resume();

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <thread>
 
-#include "platform/files/ExtendedAttributes.h"
 #include "platform/files/Folder.h"
 #include "platform/tree/TreeLayout.h"
 #include "tests/support/ScratchFolder.h"
@@ -149,27 +148,6 @@ TEST_F(FileSystemTest, WhatGoesWhileItIsReadGetsNoOtherIdentity) {
         const auto attributes = files->freshAttributes(url("a"));
         ASSERT_EQ(attributes ? (*attributes)->identityIsWeak : isWeak, isWeak);
     }
-}
-
-TEST_F(FileSystemTest, ExtendedAttributesReadWriteAndAbsence) {
-    const auto path = scratch.makeFile("elsewhere/Dokumente/a");
-    std::filesystem::create_symlink("a", storage / "link");
-    const FileDescriptor fd(open(path.c_str(), O_RDWR));
-    const auto kept = url("a");
-    ASSERT_TRUE(files->attributes(kept));
-    EXPECT_EQ(removeExtendedAttribute(fd.get(), "com.quenby.x"), -1);
-    EXPECT_EQ(errno, ENODATA);
-    const QSData value = {1, 0, 255};
-    ASSERT_EQ(setExtendedAttribute(fd.get(), "com.quenby.x", value), 0);
-    ASSERT_EQ(setExtendedAttribute(fd.get(), "com.quenby.empty", {}), 0);
-    EXPECT_EQ(files->extendedAttribute(url("a"), "com.quenby.x"), value);
-    EXPECT_EQ(files->extendedAttribute(url("a"), "com.quenby.empty"), QSData());
-    EXPECT_EQ(files->extendedAttribute(url("a"), "com.quenby.y"), std::nullopt);
-    EXPECT_EQ(files->extendedAttribute(url("link"), "com.quenby.x"), std::nullopt);
-    EXPECT_EQ(codeOf(files->extendedAttribute(url("gone"), "com.quenby.x")), ENOENT);
-    EXPECT_EQ(files->extendedAttribute(kept, "com.quenby.x"), std::nullopt)
-        << "a URL answers for the moment when its attributes were read";
-    EXPECT_TRUE(files->attributes(url("a")).value()->hasAttribute("user.com.quenby.x"));
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 
 #include <limits>
 
-#include "MemoryPeak.h"
-#include "PropertyListBytes.h"
 #include "platform/foundation/QSKeyedArchiver.h"
 #include "platform/foundation/QSKeyedUnarchiver.h"
 
@@ -67,121 +65,6 @@ TEST(QSKeyedArchive, LaysOutObjectsByReference) {
     EXPECT_EQ(propertyListWithData(data).value(), expected);
     EXPECT_EQ(archivedDataWithRootObject(List{UID{1}}).error().code, QSCoderInvalidValueError);
     EXPECT_EQ(archivedDataWithRootObject("\xC0").error().code, QSCoderInvalidValueError);
-}
-
-/// An archive of these objects after "$null", with class records for arrays, dictionaries and dates
-/// as objects 1 to 3; the root is object 4.
-QSPropertyList archiveOf(List objects) {
-    List all = {"$null"};
-    for (const std::string_view name : {"QSArray", "QSDictionary", "QSDate"}) {
-        all.emplace_back(Map{{"$classname", name}, {"$classes", List{name, "QSObject"}}});
-    }
-    all.insert(all.end(), objects.begin(), objects.end());
-    return Map{{"$version", 100'000},
-               {"$archiver", "QSKeyedArchiver"},
-               {"$top", Map{{"root", UID{4}}}},
-               {"$objects", std::move(all)}};
-}
-
-QSPropertyList arrayOf(List elements) {
-    return Map{{"$class", UID{1}}, {"QS.objects", std::move(elements)}};
-}
-
-QSPropertyList dictionaryOf(List keys, List values) {
-    return Map{{"$class", UID{2}}, {"QS.keys", std::move(keys)}, {"QS.objects", std::move(values)}};
-}
-
-QSPropertyList dateAt(QSPropertyList time) {
-    return Map{{"$class", UID{3}}, {"QS.time", std::move(time)}};
-}
-
-/// `count` arrays, each holding the next one `width` times, around a string.
-List nest(std::uint64_t count, std::size_t width) {
-    List objects;
-    for (std::uint64_t i = 0; i < count; ++i) {
-        objects.push_back(arrayOf(List(width, UID{5 + i})));
-    }
-    objects.emplace_back("leaf");
-    return objects;
-}
-
-QSPropertyList changed(std::string_view key, std::optional<QSPropertyList> value) {
-    auto archive = *archiveOf({"a"}).asDictionary();
-    archive.erase(std::string(key));
-    if (value) archive.emplace(key, *value);
-    return archive;
-}
-
-TEST(QSKeyedArchive, RefusesHostileArchivesWithinItsMemory) {
-    const auto record = [](QSPropertyList name, QSPropertyList classes) {
-        return archiveOf({Map{{"$class", UID{5}}, {"QS.time", 1.0}},
-                          Map{{"$classname", std::move(name)}, {"$classes", std::move(classes)}}});
-    };
-    EXPECT_FALSE(unarchivedObjectOfClasses(anyClass, dataFromString("<plist><dict/></plist>")));
-    const std::vector<std::pair<const char*, QSPropertyList>> cases = {
-        {"no dictionary", List{}},
-        {"no version", changed("$version", std::nullopt)},
-        {"another version", changed("$version", 100'001)},
-        {"another archiver", changed("$archiver", "Other")},
-        {"no top", changed("$top", std::nullopt)},
-        {"top without root", changed("$top", Map{})},
-        {"root by value", changed("$top", Map{{"root", "a"}})},
-        {"root is null", changed("$top", Map{{"root", UID{0}}})},
-        {"root beyond any index", changed("$top", Map{{"root", UID{~std::uint64_t{0}}}})},
-        {"objects of another type", changed("$objects", Map{})},
-        {"root is a class record", changed("$top", Map{{"root", UID{1}}})},
-        {"unknown class", record("QSSet", List{"QSSet", "QSObject"})},
-        {"class that only claims another", record("QSSet", List{"QSDate", "QSObject"})},
-        {"class among its ancestors", record("QSDate", List{"QSSet", "QSDate"})},
-        {"class without ancestry", record("QSDate", List{})},
-        {"class name of another type", record(1, List{1})},
-        {"class by value", archiveOf({Map{{"$class", "QSDate"}, {"QS.time", 1.0}}})},
-        {"plain array", archiveOf({List{}})},
-        {"plain date", archiveOf({QSDate{}})},
-        {"plain UID", archiveOf({UID{4}})},
-        {"date without time", archiveOf({Map{{"$class", UID{3}}}})},
-        {"date of text", archiveOf({dateAt("1")})},
-        {"NaN date", archiveOf({dateAt(std::numeric_limits<double>::quiet_NaN())})},
-        {"infinite date", archiveOf({dateAt(std::numeric_limits<double>::infinity())})},
-        {"array without elements", archiveOf({Map{{"$class", UID{1}}}})},
-        {"array of itself", archiveOf({arrayOf({UID{4}, UID{4}})})},
-        {"more keys than values", archiveOf({dictionaryOf({UID{5}}, {}), "k"})},
-        {"equal keys", archiveOf({dictionaryOf({UID{5}, UID{6}}, {UID{5}, UID{5}}), "k", "k"})},
-        {"number as key", archiveOf({dictionaryOf({UID{5}}, {UID{5}}), 1})},
-        {"dictionary of itself", archiveOf({dictionaryOf({UID{5}}, {UID{4}}), "k"})},
-        {"deep", archiveOf(nest(40, 1))},
-        {"fan-out", archiveOf(nest(8, 20))},
-        {"shared big string", archiveOf({arrayOf(List(1'000, UID{5})), std::string(20'000, 'x')})},
-    };
-    for (const auto& [what, archive] : cases) {
-        const auto data = binaryData(archive).value();
-        std::int64_t code = 0;
-        const auto peak = tests::memoryPeak([&] {
-            const auto root = unarchivedObjectOfClasses(anyClass, data);
-            if (!root) code = root.error().code;
-        });
-        EXPECT_EQ(code, QSCoderReadCorruptError) << what;
-        EXPECT_LT(peak, 1U << 20) << what;
-    }
-    // The other way round: what lies just within the limits is read, and within the memory too.
-    const auto data = binaryData(archiveOf({arrayOf(List(2'500, UID{5})), "leaf"})).value();
-    std::size_t count = 0;
-    const auto peak = tests::memoryPeak([&] {
-        count = unarchivedObjectOfClasses({Array, String}, data).value().asArray()->size();
-    });
-    EXPECT_EQ(count, 2'500U);
-    EXPECT_LT(peak, 1U << 20);
-}
-
-/// The refusal of a class must come first: here its object would not even decode.
-TEST(QSKeyedArchive, RefusesAClassBeforeItLooksIntoTheObject) {
-    const auto data = binaryData(archiveOf({arrayOf({UID{5}}), dateAt("no time")})).value();
-    const auto reason = [&](ArchiveClasses allowed) {
-        return unarchivedObjectOfClasses(allowed, data).error().description();
-    };
-    EXPECT_NE(reason({Array}).find("not allowed"), std::string::npos);
-    EXPECT_NE(reason({Date}).find("not allowed"), std::string::npos);
-    EXPECT_EQ(reason({Array, Date}).find("not allowed"), std::string::npos);
 }
 
 }  // namespace

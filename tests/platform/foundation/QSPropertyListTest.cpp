@@ -148,22 +148,6 @@ TEST(QSPropertyList, RefusesMalformedXML) {
     }
 }
 
-/// Trailers that lie, each as one changed field of a good list.
-TEST(QSPropertyList, RefusesBadTrailersAndCutOffLists) {
-    const auto good = *binaryData(Array{"a", 1, "bc", 2.5});
-    for (std::size_t size = 0; size < good.size(); ++size) {
-        EXPECT_FALSE(propertyListWithData(QSDataView(good).first(size))) << size;
-    }
-    const std::vector<std::pair<std::size_t, std::uint8_t>> changes = {
-        {26, 0}, {26, 9},   {25, 0}, {25, 9}, {24, 0x80}, {17, 200},  {16, 0xFF},
-        {9, 5},  {8, 0xFF}, {1, 0},  {1, 8},  {1, 0xFF},  {33, 0xFF}, {37, 7}};
-    for (const auto& [fromEnd, value] : changes) {
-        auto bad = good;
-        bad[bad.size() - fromEnd] = value;
-        EXPECT_FALSE(propertyListWithData(bad)) << fromEnd;
-    }
-}
-
 /// `count` arrays, each of which holds the next one `width` times.
 QSData nestedArrays(std::uint64_t count, std::uint64_t width) {
     std::vector<QSData> objects;

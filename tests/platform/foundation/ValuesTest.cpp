@@ -40,20 +40,6 @@ TEST(QSURL, PathsAreNormalisedButNotResolved) {
     EXPECT_EQ(other.URLByAppendingPathComponent("a").URLByDeletingLastPathComponent(), other);
 }
 
-TEST(QSURL, CopiesShareOneCache) {
-    const auto url = QSURL::fileURLWithPath("/a");
-    const auto copy = url;
-    const auto same = QSURL::fileURLWithPath("/a");
-    url.setCachedResourceValue(QSResourceKey::FileSize, std::uint64_t{1});
-    copy.setCachedResourceValue(QSResourceKey::FileSize, std::uint64_t{2});
-    EXPECT_EQ(url.cachedResourceValue(QSResourceKey::FileSize), QSResourceValue(std::uint64_t{2}));
-    EXPECT_EQ(url.cachedResourceValue(QSResourceKey::Name), QSResourceValue());
-    EXPECT_EQ(same.cachedResourceValue(QSResourceKey::FileSize), QSResourceValue());
-    EXPECT_EQ(same, url);
-    copy.removeAllCachedResourceValues();
-    EXPECT_EQ(url.cachedResourceValue(QSResourceKey::FileSize), QSResourceValue());
-}
-
 TEST(QSDate, IntervalsCountFrom2001) {
     for (const auto& [date, interval] : {std::pair{QSDate{978'307'200, 0}, 0.0},
                                          std::pair{QSDate{978'307'199, 750'000'000}, -0.25},

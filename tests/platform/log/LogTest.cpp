@@ -27,29 +27,6 @@ class LogTest : public testing::Test {
     const Log log_{"com.quenby.test", "unit"};
 };
 
-TEST_F(LogTest, TextIsBuiltOnlyWhereTheLevelIsOn) {
-    int built = 0;
-    const auto text = [&] {
-        ++built;
-        return std::string("100% %@ of it");
-    };
-    log_.write(LogLevel::Error, text);  // nothing installed yet
-    installLog(sink_, LogLevel::Info);
-    log_.write(LogLevel::Debug, text);
-    log_.write(LogLevel::Debug, "not on");
-    EXPECT_EQ(built, 0);
-    log_.write(LogLevel::Info, text);
-    log_.write(LogLevel::Error, "plain");
-    installLog(nullptr, LogLevel::Debug);
-    log_.write(LogLevel::Error, text);
-    EXPECT_EQ(built, 1);
-
-    const auto records = sink_->records();
-    ASSERT_EQ(records.size(), 2U);
-    EXPECT_EQ(records[0].message, "100% %@ of it");
-    EXPECT_EQ(records[1].message, "plain");
-}
-
 TEST_F(LogTest, KeepsErrnoWhateverTheTextAndTheSinkDo) {
     struct Spoiler final : LogSink {
         void write(const LogRecord&) override { errno = EIO; }
@@ -64,21 +41,6 @@ TEST_F(LogTest, KeepsErrnoWhateverTheTextAndTheSinkDo) {
     EXPECT_EQ(errnoText(ENOENT), "[2: No such file or directory]");
     EXPECT_EQ(errnoText(4000), "[4000: Unknown error]");
     EXPECT_EQ(errno, ENOENT);
-}
-
-TEST_F(LogTest, EachRecordReachesOneSinkWhileSinksAreExchanged) {
-    const auto other = std::make_shared<MemorySink>();
-    installLog(sink_, LogLevel::Debug);
-    {
-        std::vector<std::jthread> threads;
-        for (int i = 0; i < 4; ++i) {
-            threads.emplace_back([&] {
-                for (int k = 0; k < 500; ++k) log_.write(LogLevel::Debug, "text");
-            });
-        }
-        for (int k = 0; k < 200; ++k) installLog(k % 2 ? sink_ : other, LogLevel::Debug);
-    }
-    EXPECT_EQ(sink_->records().size() + other->records().size(), 2000U);
 }
 
 TEST_F(LogTest, StandardErrorHasOneCleanLineARecord) {
