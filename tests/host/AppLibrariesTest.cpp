@@ -4,7 +4,7 @@
 #include <mutex>
 #include <set>
 
-#include "host/Search.h"
+#include "host/DocumentService.h"
 #include "host/errors.h"
 #include "tests/support/InstalledPlatform.h"
 #include "tidewell/applibraries/AppLibraries.h"
@@ -14,7 +14,6 @@
 namespace {
 
 using host::ItemRecord;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 using testing::UnorderedElementsAre;
@@ -245,93 +244,69 @@ TEST_F(AppLibrariesTest, WhatCannotBeSavedWasToldToNobody) {
     EXPECT_EQ(following.known(), before);
 }
 
-TEST_F(AppLibrariesTest, ARestartChangesNothingAndALostCacheHidesNothing) {
-    libraryFile("org.a/Documents/folder/a1");
-    libraryFile("org.b/Documents/b1");
+TEST_F(AppLibrariesTest, ARestartChangesNothing) {
     setApps({"org.a", "org.b"});
     Client ofRoot(service, root);
     Client ofSet(service, workingSet);
-    ofRoot.sync();
-    ofSet.sync();
-    reopen();
-    (void)libraries->refresh();
-    ofRoot.sync();
-    ofSet.sync();
-    EXPECT_EQ(ofRoot.restarts + ofSet.restarts, 0);
+    for (int run = 0; run < 2; ++run) {
+        for (auto* client : {&ofSet, &ofRoot}) client->sync();
+        EXPECT_EQ(ofRoot.restarts + ofSet.restarts, 0);
+        reopen();
+        (void)libraries->refresh();
+    }
+}
 
-    // What goes while nothing says what was there.
+TEST_F(AppLibrariesTest, ALostCacheHidesNothing) {
+    libraryFile("org.a/Documents/folder/a1");
+    libraryFile("org.b/Documents/b1");
+    setApps({"org.a", "org.b"});
+    Client client(service, workingSet);
     Client unread(service, workingSet);
+    client.sync();
     unread.readAll();
+    // An application is removed while nothing says what was there.
     fs::remove(mainCache);
     feed({"org.b"});
     reopen();
-    EXPECT_GT(libraries->mainCache()->versionToken(), ofSet.version()) << "was never given out";
-    for (auto* client : {&ofSet, &unread, &ofRoot}) client->sync();
-    EXPECT_EQ(ofSet.restarts + unread.restarts, 0);
-    EXPECT_THAT(ofSet.known(), UnorderedElementsAre("Name of org.b", "b1"));
+    EXPECT_GT(libraries->mainCache()->versionToken(), client.version()) << "was never given out";
+    for (auto* each : {&client, &unread}) each->sync();
+    EXPECT_THAT(client.known(), UnorderedElementsAre("Name of org.b", "b1"));
     // What comes back is reported as it is now.
     fs::remove(scratch / "containers/org.a/Documents/folder/a1");
     libraryFile("org.a/Documents/a2");
     setApps({"org.a", "org.b"});
-    ofSet.sync();
-    EXPECT_THAT(ofSet.known(),
+    client.sync();
+    EXPECT_THAT(client.known(),
                 UnorderedElementsAre("Name of org.a", "folder", "a2", "Name of org.b", "b1"));
     // The application may have its documents elsewhere one day.
     libraryFile("former a/Documents/other");
     feed({"org.a"}, "former a");
     EXPECT_TRUE(libraries->refresh());
-    ofSet.sync();
-    EXPECT_THAT(ofSet.known(), UnorderedElementsAre("Name of org.a", "other"));
-    EXPECT_EQ(ofSet.restarts, 0);
+    client.sync();
+    EXPECT_THAT(client.known(), UnorderedElementsAre("Name of org.a", "other"));
+    EXPECT_EQ(client.restarts + unread.restarts, 0);
+}
 
-    ofRoot.sync();
+TEST_F(AppLibrariesTest, ACacheThatCanBeNeitherReadNorWrittenHidesNothing) {
+    libraryFile("org.a/Documents/a1");
+    setApps({"org.a"});
+    Client ofRoot(service, root);
+    Client ofSet(service, workingSet);
+    for (auto* client : {&ofSet, &ofRoot}) client->sync();
     fs::remove(mainCache);
-    fs::create_directories(mainCache / "in the way");  // neither read nor written
-    ofRoot.restarts = 0;
+    fs::create_directories(mainCache / "in the way");
     for (int run = 0; run < 2; ++run) {
         reopen();
         EXPECT_FALSE(libraries->refresh());
         for (auto* client : {&ofSet, &ofRoot}) client->sync();
         EXPECT_EQ(ofSet.restarts + ofRoot.restarts, 2) << "nothing is reported deleted";
-        EXPECT_THAT(ofSet.known(), UnorderedElementsAre("Name of org.a", "other"));
+        EXPECT_THAT(ofSet.known(), UnorderedElementsAre("Name of org.a", "a1"));
     }
     fs::remove_all(mainCache);
     EXPECT_TRUE(libraries->refresh()) << "by this or by the provider itself";
     ofSet.sync();
     EXPECT_EQ(ofSet.restarts, 1);
-    EXPECT_THAT(ofSet.known(), UnorderedElementsAre("Name of org.a", "other"));
-}
-
-TEST_F(AppLibrariesTest, SearchFollowsTheWorkingSetAndForgetsDomains) {
-    (void)file("Letter to \"Zoë\".txt");
-    libraryFile("org.a/Documents/old letter.txt");
-    setApps({"org.a"});
-    (void)scratch.makeFile("cache/search.sqlite", "a damaged replica is read anew");
-    host::Search search(*service, scratch / "cache/search.sqlite");
-    const auto found = [&](std::string_view text) {
-        std::set<std::string> names;
-        EXPECT_TRUE(search.find(
-            text, [&](const ItemRecord& item) { return names.insert(item.filename).second; }));
-        return names;
-    };
-    EXPECT_THAT(found("LETT"), ElementsAre("Letter to \"Zoë\".txt", "old letter.txt"));
-    EXPECT_THAT(found("zoe let"), ElementsAre("Letter to \"Zoë\".txt"));
-    EXPECT_THAT(found("name org"), ElementsAre("Name of org.a"));
-    for (const auto* odd : {"", "\"", "* ORX", "NEAR(", "nothing"}) {
-        EXPECT_THAT(found(odd), IsEmpty());
-    }
-    fs::rename(storage() / "Letter to \"Zoë\".txt", storage() / "note");
-    EXPECT_THAT(found("lett"), ElementsAre("old letter.txt"));
-    std::optional<std::uint64_t> removed;
-    installed->manager().deleteSearchableItemsInDomains(
-        {"org.a", "#org.a", ""}, [&](const auto& count) { removed = count.value(); });
-    EXPECT_EQ(removed, 2u);
-    EXPECT_THAT(found("lett"), IsEmpty());
-    setApps({});
-    setApps({"org.a"});
-    EXPECT_THAT(found("lett"), ElementsAre("old letter.txt"));
-    setApps({});
-    EXPECT_THAT(found("lett"), IsEmpty());
+    EXPECT_THAT(ofSet.known(), UnorderedElementsAre("Name of org.a", "a1"));
 }
 
 }  // namespace

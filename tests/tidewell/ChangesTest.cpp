@@ -170,15 +170,6 @@ TEST_F(ChangesTest, StoppingAndClosingAnswer) {
     }
 }
 
-class CoverTest : public tests::ChangesFixture {
-  protected:
-    static constexpr std::string_view folderContainer = "folder";
-
-    std::shared_ptr<LocalFileEnumerator> enumeratorFor(std::string_view container) const {
-        return enumeratorOf(container, container == folderContainer ? "a" : "");
-    }
-};
-
 /// Runs something before each read of the kernel's events.
 class InterruptedKernel final : public KernelEventSource {
   public:
@@ -303,67 +294,84 @@ TEST_F(FollowedTest, APageIsRefusedAndDoesNotWaitWhileThePastCannotBeRecorded) {
     EXPECT_TRUE(page->error && !hasExpired(page->error));
 }
 
-TEST_F(CoverTest, WhatAnEventMeansIsSeenOnTheDisk) {
-    (void)file("a/kept");
-    (void)file("a/p.lutebox/deep/inner");
-    const auto kept = eventAt("a/kept");
-    const auto inner = eventAt("a/p.lutebox/deep/inner");
-    const auto document = [](const FSEvent& event) {
-        return "did=" + std::to_string(event.documentID);
-    };
-    const auto onlyKept = ElementsAre(Pair(document(kept), testing::_));
-    const auto onlyPackage = ElementsAre(Pair(document(eventAt("a/p.lutebox")), testing::_));
-    const auto told = [&](std::string_view container, const std::vector<FSEvent>& events) {
+/// Containers over a folder "a" with a document and a package.
+class CoverTest : public tests::ChangesFixture {
+  protected:
+    static constexpr std::string_view folderContainer = "folder";
+
+    /// What a container reports of these events.
+    std::shared_ptr<tests::ChangeCollector> reported(std::string_view container,
+                                                     const std::vector<FSEvent>& events) {
         const auto token = present();
         for (const auto& event : events) scripted.append(event);
-        return changes(*enumeratorFor(container), token);
-    };
+        return changes(*enumeratorOf(container, container == folderContainer ? "a" : ""), token);
+    }
+    FSEvent folderEvent(const std::string& below, FSEventFlags flag) const {
+        auto event = eventAt(below);
+        event.flags = flag | fsEventIsFolder;
+        return event;
+    }
+    static auto only(const FSEvent& document) {
+        return ElementsAre(Pair("did=" + std::to_string(document.documentID), testing::_));
+    }
+
+    const std::filesystem::path files[2] = {file("a/kept"), file("a/p.lutebox/deep/inner")};
+    const FSEvent kept = eventAt("a/kept");
+    const FSEvent inner = eventAt("a/p.lutebox/deep/inner");
+};
+
+TEST_F(CoverTest, WhatAnEventMeansIsSeenOnTheDisk) {
     auto wrong = kept;
     wrong.flags = fsEventRemoved;
     auto never = goneEvent(0);
     never.fileID = 0;
     auto other = kept;
     other.documentID = 4'000'000;
-    auto answer = told(workingSet, {wrong, never, other, {.path = url().path()}});
-    EXPECT_THAT(answer->updated, onlyKept);
+    auto answer = reported(workingSet, {wrong, never, other, {.path = url().path()}});
+    EXPECT_THAT(answer->updated, only(kept));
     EXPECT_THAT(answer->deleted, ElementsAre("did=4000000")) << "another object stands there now";
     (void)file("a/new");
     other.path = url("a/new").path();
-    {
-        const tests::FullDisk full;
-        answer = told(workingSet, {other});
-        EXPECT_TRUE(answer->error && answer->deleted.empty()) << "which object cannot be told";
-    }
-    std::filesystem::remove(storage() / "a/new");
+    const tests::FullDisk full;
+    answer = reported(workingSet, {other});
+    EXPECT_TRUE(answer->error && answer->deleted.empty()) << "which object is not known";
+}
 
-    answer = told(folderContainer, {inner});
-    EXPECT_THAT(answer->updated, onlyPackage);
+TEST_F(CoverTest, WhatHappensInAPackageIsAChangeOfThePackage) {
+    const auto package = only(eventAt("a/p.lutebox"));
+    const auto answer = reported(folderContainer, {inner});
+    EXPECT_THAT(answer->updated, package);
     EXPECT_THAT(answer->deleted, IsEmpty());
-    EXPECT_THAT(told(allDirectories, {inner})->updated, IsEmpty());
+    EXPECT_THAT(reported(allDirectories, {inner})->updated, IsEmpty());
     (void)folder("a/p.lutebox/.hidden");
-    auto hidden = eventAt("a/p.lutebox/.hidden");
-    hidden.flags = fsEventModified | fsEventIsFolder;
-    EXPECT_THAT(told(workingSet, {hidden})->updated, onlyPackage);
-    (void)folder(".Trash");
-    auto trash = eventAt(".Trash");
-    trash.flags = fsEventModified | fsEventIsFolder;
-    EXPECT_THAT(told(workingSet, {trash})->deleted, IsEmpty()) << "never shown";
-    trash.flags = fsEventMoved | fsEventIsFolder;
-    EXPECT_THAT(told(workingSet, {trash})->deleted, SizeIs(1));
+    EXPECT_THAT(
+        reported(workingSet, {folderEvent("a/p.lutebox/.hidden", fsEventModified)})->updated,
+        package);
+}
 
+TEST_F(CoverTest, WhatAContainerNeverShowedIsNotDeletedFromIt) {
+    (void)folder(".Trash");
+    for (const auto& [flag, count] : {std::pair(fsEventModified, 0U), {fsEventMoved, 1U}}) {
+        EXPECT_THAT(reported(workingSet, {folderEvent(".Trash", flag)})->deleted, SizeIs(count));
+    }
+}
+
+TEST_F(CoverTest, AFolderThatHasToBeScannedIsScannedOrExpires) {
     const auto scan = [&](const char* path) {
         return FSEvent{.flags = fsEventMustScanSubDirs, .path = url(path).path()};
     };
-    EXPECT_THAT(told(workingSet, {scan("a")})->updated, SizeIs(3));
+    EXPECT_THAT(reported(workingSet, {scan("a")})->updated, SizeIs(3));
     for (int i = 0; i < 100; ++i) (void)file("many/" + std::to_string(i));
-    EXPECT_TRUE(told(workingSet, {scan("many")})->error);
-    EXPECT_TRUE(told(folderContainer, {scan("")})->error);
-    EXPECT_TRUE(told(folderContainer, {scan("a")})->error);
+    EXPECT_TRUE(reported(workingSet, {scan("many")})->error);
+    EXPECT_TRUE(reported(folderContainer, {scan("")})->error);
+    EXPECT_TRUE(reported(folderContainer, {scan("a")})->error);
+}
 
+TEST_F(CoverTest, ARemovedNameOfADocumentWithAnotherIsAnUpdate) {
     std::filesystem::create_hard_link(storage() / "a/kept", storage() / "a/second");
     EXPECT_EQ(eventAt("a/second").documentID, kept.documentID);
     std::filesystem::remove(storage() / "a/kept");
-    EXPECT_THAT(told(folderContainer, {kept})->updated, onlyKept);
+    EXPECT_THAT(reported(folderContainer, {kept})->updated, only(kept));
 }
 
 TEST_F(ChangesTest, SignalsOnceForABatchAndWaitsForTheAnswerUpToItsLimit) {

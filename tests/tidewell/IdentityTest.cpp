@@ -38,16 +38,6 @@ TEST_F(IdentityTest, FormFollowsTheKindOfObject) {
     EXPECT_FALSE(itemIdentifier(QSURL::URLWithString("https://example.org/x")));
 }
 
-TEST_F(IdentityTest, WhatTheURLKeepsIsAnsweredWithoutTheDisk) {
-    const auto path = file("a");
-    const auto kept = url("a");
-    const auto identifier = itemIdentifier(kept);
-    std::filesystem::remove(path);
-    EXPECT_EQ(itemIdentifier(kept), identifier);
-    EXPECT_FALSE(itemIdentifier(url("a")));
-    EXPECT_THAT(logged(LogLevel::Error, ""), testing::IsEmpty());
-}
-
 TEST_F(IdentityTest, TransientFailuresAreTriedAgainFiveTimes) {
     for (const auto& [code, failures, calls] :
          {std::tuple{EBUSY, 2, 3}, {EAGAIN, 100, 6}, {ENOENT, 100, 1}}) {

@@ -97,16 +97,6 @@ TEST_F(FileSystemTest, NothingLeadsOutOfTheRoot) {
         ENOENT);
 }
 
-TEST_F(FileSystemTest, PathsMayBeLongerThanTheKernelTakesAtOnce) {
-    std::string deep = "a";
-    for (int level = 0; level < 40; ++level) deep += "/" + std::string(250, 'd');
-    ASSERT_TRUE(files->makeFolder(url(deep)));
-    const auto identity = files->attributes(url(deep)).value()->identity;
-    EXPECT_EQ(files->openFolder(url(deep)).value()->ownIdentity().value(), identity);
-    EXPECT_EQ(files->URLForNativePath(files->nativePath(url(deep))), url(deep));
-    EXPECT_EQ(codeOf(files->attributes(url(deep + "/missing"))), ENOENT);
-}
-
 TEST_F(FileSystemTest, FoldersThatArePassedOverAreNotPartOfTheTree) {
     scratch.makeFile("elsewhere/Dokumente/own/below/store");
     files->passOver(std::array{(storage / "own").string()});

@@ -77,12 +77,5 @@ TEST_F(CrashReportsTest, KeepsTheTwentyNewestAndForeignFiles) {
     EXPECT_THAT(*all.begin(), testing::StartsWith("crash-2026-01-31T09:15:05Z-"));
 }
 
-TEST_F(CrashReportsTest, AFolderThatCannotBeHadIsAnError) {
-    scratch_.makeFile("state");
-    const auto result = reports().simulateCrash(5, "message");
-    ASSERT_FALSE(result);
-    EXPECT_EQ(result.error().userInfo.at(std::string(QSFilePathErrorKey)), folder_);
-}
-
 }  // namespace
 }  // namespace platform

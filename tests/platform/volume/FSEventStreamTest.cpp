@@ -84,21 +84,6 @@ TEST_F(FSEventStreamTest, ReplaysInOrderThenFollowsAfterTheLatency) {
     EXPECT_THAT(batches, ElementsAre(5)) << "one batch of what came within the latency";
 }
 
-TEST_F(FSEventStreamTest, WhatCannotBeReplayedIsOneLoss) {
-    const auto last = history.append({.path = "/w/old"});
-    history.expire(last);
-    for (const std::uint64_t since : {std::uint64_t{0}, last - 1, last + 1, UINT64_MAX}) {
-        received.clear();
-        open({"/w"}, {.since = since, .flags = everyFlag});
-        const auto events = until(fsEventHistoryDone);
-        ASSERT_THAT(events, SizeIs(2)) << since;
-        EXPECT_EQ(events[0].flags, dropped);
-        EXPECT_EQ(events[0].id, last);
-    }
-    const auto next = history.append({.path = "/w/new"});
-    EXPECT_EQ(until(0, next).back().path, "/w/new") << "it goes on from the present";
-}
-
 TEST_F(FSEventStreamTest, GapsConcernWhatLiesAboveAndBelow) {
     for (const auto* path : {"/w/sub", "/w", "/", "/x", "/wx", "/w/a/b"}) {
         history.append({.flags = fsEventKernelDropped, .path = path});

@@ -150,26 +150,6 @@ TEST_F(HistoryTest, WhatMovedOnBeforeItWasGivenOutIsTold) {
     EXPECT_THAT(changes(), UnorderedElementsAre("after"));
 }
 
-TEST_F(HistoryTest, ManyFoldersAreComparedByTwoWhoMissNothing) {
-    constexpr int folders = 400;
-    const auto folder = [](int i) { return "folder " + std::to_string(i); };
-    for (int i = 0; i < folders; ++i) makeFile(folder(i) + "/file");
-    start();
-    EXPECT_EQ(service->statistics().watches, folders + 1u);
-    for (int i = 0; i < folders; i += 8) documentID(folder(i) + "/file");
-    service.reset();
-    std::set<std::string> expected;
-    for (int i = 0; i < folders; i += 8) {
-        const auto from = folder(i) + "/file";
-        const auto to = folder(folders - 1 - i) + "/moved";
-        fs::rename(native(from), native(to));
-        expected.merge(std::set{folder(i), folder(folders - 1 - i), from, to});
-    }
-    open();
-    EXPECT_EQ(changes(), expected);
-    EXPECT_THAT(gone, IsEmpty());
-}
-
 TEST_F(HistoryTest, WhatTheKernelDoesNotReportIsFoundInTime) {
     adjustMore = [](auto& configuration) {
         configuration.reconcileInterval = 20ms;

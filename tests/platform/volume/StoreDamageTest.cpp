@@ -76,6 +76,36 @@ class StoreDamageTest : public VolumeFixture {
         stream.seekp(static_cast<std::streamoff>(offset));
         stream << bytes;
     }
+    /// A new storage with the files a and b.
+    void beginAnew() {
+        service.reset();
+        for (const char* folder : {"data", "state", "storage"}) fs::remove_all(scratch / folder);
+        openFiles();
+        ledger = {};
+        open();
+        copy("data", "killed-without-log");
+        fs::remove(scratch / "killed-without-log/volume.db-wal");
+        for (const char* kept : {"a", "b"}) makeFile(kept);
+        identifyEverything();
+    }
+    /// Another run with more files, of which copies are made at several moments.
+    void goOn() {
+        open();
+        copy("data", "early");
+        copy("state", "early-state");
+        for (int i = 0; i < 20; ++i) makeFile("later" + std::to_string(i));
+        identifyEverything();
+        copy("data", "running");
+        makeFile("last");
+        identifyEverything();
+        service.reset();
+    }
+    /// Strangers get the inode numbers of what came since the first copy.
+    void replaceLaterFiles() const {
+        fs::remove(native("last"));
+        for (int i = 0; i < 20; ++i) fs::remove(native("later" + std::to_string(i)));
+        for (int i = 0; i < 21; ++i) makeFile("stranger" + std::to_string(i));
+    }
     /// The kernel follows in steps that the test makes.
     void openManually() {
         adjust = [this](auto& configuration) {
@@ -164,32 +194,12 @@ TEST_F(StoreDamageTest, NoIdentifierEverComesBackForAnotherObject) {
     };
     for (const auto& [name, damage, outcome] : cases) {
         SCOPED_TRACE(name);
-        service.reset();
-        for (const char* folder : {"data", "state", "storage"}) fs::remove_all(scratch / folder);
-        openFiles();
-        ledger = {};
-        open();
-        copy("data", "killed-without-log");
-        fs::remove(scratch / "killed-without-log/volume.db-wal");
-        for (const char* kept : {"a", "b"}) makeFile(kept);
-        identifyEverything();
+        beginAnew();
         const auto before = identify("a");
         const auto historyBefore = history();
-        open();
-        copy("data", "early");
-        copy("state", "early-state");
-        for (int i = 0; i < 20; ++i) makeFile("later" + std::to_string(i));
-        identifyEverything();
-        copy("data", "running");
-        makeFile("last");
-        identifyEverything();
-        service.reset();
-
+        goOn();
         damage();
-        // Strangers take over the inode numbers of the last two rounds.
-        fs::remove(native("last"));
-        for (int i = 0; i < 20; ++i) fs::remove(native("later" + std::to_string(i)));
-        for (int i = 0; i < 21; ++i) makeFile("stranger" + std::to_string(i));
+        replaceLaterFiles();
         open();
         identifyEverything();
         const auto after = identify("a");
