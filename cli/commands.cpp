@@ -67,9 +67,9 @@ class Run {
             case Command::Tag:
             case Command::Favorite:
             case Command::Used:
-                return setMetadata(arguments_, service_, output_, *identifier);
+                return setMetadata(arguments_, service_, output_, *target);
             case Command::Cat:
-                return writeContent(service_, output_, *identifier);
+                return writeContent(service_, output_, *target);
             default:
                 return list(*identifier);
         }

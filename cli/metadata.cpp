@@ -7,14 +7,14 @@ namespace cli {
 using platform::Result;
 
 Result<ExitCode> setMetadata(const Arguments& arguments, const host::DocumentService& service,
-                             Output& output, const std::string& identifier) {
+                             Output& output, const host::ItemTarget& target) {
     const auto item = [&] {
         if (arguments.command == Command::Tag)
-            return service.setTags(identifier, arguments.metadata.labels);
+            return service.setTags(target, arguments.metadata.labels);
         if (arguments.command == Command::Favorite) {
-            return service.setFavoriteRank(identifier, arguments.metadata.rank);
+            return service.setFavoriteRank(target, arguments.metadata.rank);
         }
-        return service.setLastUsedDate(identifier, arguments.metadata.date);
+        return service.setLastUsedDate(target, arguments.metadata.date);
     }();
     if (!item) return std::unexpected(item.error());
     printItem(arguments, output, *item);

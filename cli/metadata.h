@@ -12,7 +12,8 @@ namespace cli {
 /// Sets what the arguments say, or takes it away, and prints the item as it is then.
 [[nodiscard]] platform::Result<ExitCode> setMetadata(const Arguments& arguments,
                                                      const host::DocumentService& service,
-                                                     Output& output, const std::string& identifier);
+                                                     Output& output,
+                                                     const host::ItemTarget& target);
 
 /// Every field of the item, or its JSON object.
 void printItem(const Arguments& arguments, Output& output, const host::ItemRecord& item);

@@ -99,8 +99,8 @@ Result<ExitCode> writeThumbnails(const Arguments& arguments, const host::Documen
 }
 
 Result<ExitCode> writeContent(const host::DocumentService& service, Output& output,
-                              const std::string& identifier) {
-    const auto read = service.readContent(identifier, [&](platform::QSDataView bytes) {
+                              const host::ItemTarget& target) {
+    const auto read = service.readContent(target, [&](platform::QSDataView bytes) {
         output.text() += platform::stringFromData(bytes);
         return output.pace();
     });

@@ -17,6 +17,6 @@ namespace cli {
 /// Writes the content of a document to the output.
 [[nodiscard]] platform::Result<ExitCode> writeContent(const host::DocumentService& service,
                                                       Output& output,
-                                                      const std::string& identifier);
+                                                      const host::ItemTarget& target);
 
 }  // namespace cli

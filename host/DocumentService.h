@@ -67,12 +67,12 @@ class DocumentService {
     /// A date that cannot be kept is no error: the answer does not have it. An application's
     /// library has none (QPErrorDomain, invalid parameter).
     [[nodiscard]] platform::Result<ItemRecord> setLastUsedDate(
-        const std::string& identifier, const std::optional<platform::QSDate>& date) const;
+        const ItemTarget& target, const std::optional<platform::QSDate>& date) const;
     /// In that order. E2BIG where they are too many or too long. REQUIRES: the labels are UTF-8.
     [[nodiscard]] platform::Result<ItemRecord> setTags(
-        const std::string& identifier, const std::vector<std::string>& labels) const;
+        const ItemTarget& target, const std::vector<std::string>& labels) const;
     [[nodiscard]] platform::Result<ItemRecord> setFavoriteRank(
-        const std::string& identifier, std::optional<std::uint64_t> rank) const;
+        const ItemTarget& target, std::optional<std::uint64_t> rank) const;
 
     /// A picture that stands for an item.
     struct Thumbnail {
@@ -89,7 +89,7 @@ class DocumentService {
     using ContentHandler = std::function<bool(platform::QSDataView)>;
     /// The content of a file, as it is while it is read. EISDIR for folders and packages, ELOOP for
     /// symbolic links, EINVAL for special files.
-    [[nodiscard]] platform::Result<void> readContent(const std::string& identifier,
+    [[nodiscard]] platform::Result<void> readContent(const ItemTarget& target,
                                                      const ContentHandler& handler) const;
 
     /// One page as the extension gives it; a refused token is the caller's to deal with.
@@ -160,6 +160,8 @@ class DocumentService {
     [[nodiscard]] platform::Result<bool> listLevel(const std::string& container, std::size_t depth,
                                                    const TreeHandler& handler);
     [[nodiscard]] platform::Result<std::shared_ptr<void>> watchEverywhere();
+    [[nodiscard]] platform::Result<ItemRecord> itemAfter(
+        const ItemTarget& target, const ExtensionSession::ItemRequest& request) const;
 
     // Constant after construction; session and signals have their own synchronisation.
     Waiter wait_;

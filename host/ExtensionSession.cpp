@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "host/Collectors.h"
+#include "host/errors.h"
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QPTag.h"
 #include "platform/fileprovider/QSFileProviderError.h"
@@ -33,6 +34,12 @@ std::optional<std::vector<std::string>> labels(const std::optional<platform::QSD
     result.reserve(tags->size());
     for (const auto& tag : *tags) result.push_back(tag.label);
     return result;
+}
+
+/// The error; or, of one that says that there is no such item, why that may not be so.
+QSError missOrReason(QSError error, const NativePaths& paths) {
+    if (!paths.missReason || !meansNoSuchItem(error)) return error;
+    return paths.missReason().value_or(std::move(error));
 }
 
 ItemRecord makeRecord(const platform::QSFileProviderItem& item, const NativePaths& paths) {
@@ -96,7 +103,8 @@ NativePaths NativePaths::ofPlatform() {
             },
             [](std::string_view path) {
                 return platform::Platform::current().files().URLForNativePath(path);
-            }};
+            },
+            [] { return platform::Platform::current().volume().writeTrouble(); }};
 }
 
 /// Invalidates its enumerator when the last call on it has ended.
@@ -139,7 +147,7 @@ Result<std::string> ExtensionSession::identifierForPath(std::string_view path) c
     if (identifier) return std::move(*identifier);
     auto error = platform::errorFromErrno(ENOENT, path);
     error.userInfo.emplace(platform::QSDescriptionErrorKey, "not an item of the document storage");
-    return std::unexpected(std::move(error));
+    return std::unexpected(missOrReason(std::move(error), paths_));
 }
 
 Result<ItemTarget> ExtensionSession::targetForPath(std::string_view path) const {
@@ -156,7 +164,8 @@ Result<ItemTarget> ExtensionSession::targetForPath(std::string_view path) const 
 Result<std::string> ExtensionSession::pathForIdentifier(const std::string& identifier) const {
     const auto url = extension_->URLForItemWithPersistentIdentifier(identifier);
     if (url) return paths_.nativePath(*url);
-    return std::unexpected(platform::fileProviderErrorForNonExistentItemWithIdentifier(identifier));
+    return std::unexpected(missOrReason(
+        platform::fileProviderErrorForNonExistentItemWithIdentifier(identifier), paths_));
 }
 
 Result<std::vector<std::string>> ExtensionSession::trashContainers() const {
@@ -292,6 +301,7 @@ std::vector<ItemRecord> ExtensionSession::records(
 }
 
 QSError ExtensionSession::withNativePath(QSError error) const {
+    error = missOrReason(std::move(error), paths_);
     if (const auto path = error.userInfo.find(platform::QSFilePathErrorKey);
         path != error.userInfo.end()) {
         path->second = paths_.nativePath(platform::QSURL::fileURLWithPath(path->second));

@@ -29,6 +29,8 @@ using ExtensionFactory = std::function<std::shared_ptr<platform::QSFileProviderE
 struct NativePaths {
     std::function<std::string(const platform::QSURL&)> nativePath;
     std::function<platform::QSURL(std::string_view)> URLForNativePath;
+    /// Why what has just been missed may be there all the same: then that is the error.
+    std::function<std::optional<platform::QSError>()> missReason = {};
 
     /// Those of the installed platform.
     [[nodiscard]] static NativePaths ofPlatform();

@@ -8,6 +8,7 @@
 
 #include "host/Answer.h"
 #include "host/DocumentService.h"
+#include "host/EntryChoice.h"
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/fileprovider/QSFileProviderExtension.h"
@@ -49,12 +50,15 @@ Result<std::vector<DocumentService::Thumbnail>> DocumentService::thumbnails(
     return std::move(thumbnails);
 }
 
-Result<void> DocumentService::readContent(const std::string& identifier,
+Result<void> DocumentService::readContent(const ItemTarget& target,
                                           const ContentHandler& handler) const {
+    const auto& identifier = target.itemIdentifier;
+    const auto choice = EntryChoice::ofEntry(*session_, volume_, target);
+    if (!choice) return std::unexpected(choice.error());
     const auto url = session_->extension().URLForItemWithPersistentIdentifier(identifier);
     if (!url) {
-        return std::unexpected(
-            platform::fileProviderErrorForNonExistentItemWithIdentifier(identifier));
+        return std::unexpected(session_->withNativePath(
+            platform::fileProviderErrorForNonExistentItemWithIdentifier(identifier)));
     }
     const auto answer = std::make_shared<Answer<None, None>>();
     session_->extension().startProvidingItemAtURL(*url, finishing(answer));

@@ -2,6 +2,7 @@
 #include <cerrno>
 
 #include "host/DocumentService.h"
+#include "host/EntryChoice.h"
 #include "platform/fileprovider/QPTag.h"
 #include "platform/fileprovider/QSFileProviderExtension.h"
 
@@ -9,14 +10,21 @@ namespace host {
 
 using platform::Result;
 
+Result<ItemRecord> DocumentService::itemAfter(const ItemTarget& target,
+                                              const ExtensionSession::ItemRequest& request) const {
+    const auto choice = EntryChoice::ofEntry(*session_, volume_, target);
+    if (!choice) return std::unexpected(choice.error());
+    return session_->itemAfter(request);
+}
+
 Result<ItemRecord> DocumentService::setLastUsedDate(
-    const std::string& identifier, const std::optional<platform::QSDate>& date) const {
-    return session_->itemAfter([&](auto& extension, auto completion) {
-        extension.setLastUsedDate(date, identifier, std::move(completion));
+    const ItemTarget& target, const std::optional<platform::QSDate>& date) const {
+    return itemAfter(target, [&](auto& extension, auto completion) {
+        extension.setLastUsedDate(date, target.itemIdentifier, std::move(completion));
     });
 }
 
-Result<ItemRecord> DocumentService::setTags(const std::string& identifier,
+Result<ItemRecord> DocumentService::setTags(const ItemTarget& target,
                                             const std::vector<std::string>& labels) const {
     std::vector<platform::QPTag> tags;
     tags.reserve(labels.size());
@@ -28,15 +36,15 @@ Result<ItemRecord> DocumentService::setTags(const std::string& identifier,
         error.userInfo.emplace(platform::QSDescriptionErrorKey, "too many tags for one item");
         return std::unexpected(std::move(error));
     }
-    return session_->itemAfter([&](auto& extension, auto completion) {
-        extension.setTagData(data, identifier, std::move(completion));
+    return itemAfter(target, [&](auto& extension, auto completion) {
+        extension.setTagData(data, target.itemIdentifier, std::move(completion));
     });
 }
 
-Result<ItemRecord> DocumentService::setFavoriteRank(const std::string& identifier,
+Result<ItemRecord> DocumentService::setFavoriteRank(const ItemTarget& target,
                                                     std::optional<std::uint64_t> rank) const {
-    return session_->itemAfter([&](auto& extension, auto completion) {
-        extension.setFavoriteRank(rank, identifier, std::move(completion));
+    return itemAfter(target, [&](auto& extension, auto completion) {
+        extension.setFavoriteRank(rank, target.itemIdentifier, std::move(completion));
     });
 }
 

@@ -23,41 +23,41 @@ std::optional<Reconciler::Time> Reconciler::nextDecision(Time now) const {
     return expiry_.front().first + state_.configuration.windows.successor;
 }
 
-SaveVerdict Reconciler::judge(std::uint32_t document, const Departures::Vacancy& vacancy,
+SaveVerdict Reconciler::judge(std::uint32_t document, const Departures::Vacancy& vacated,
                               Time passStart, bool mustDecide) const {
     const auto& windows = state_.configuration.windows;
     std::string ownerName;
-    SaveFacts facts{.vacatedName = vacancy.place.name,
-                    .age = now_ - vacancy.at,
-                    .isRead = vacancy.at < passStart,
-                    .isByThisProcess = vacancy.isFinal,
-                    .isFromScan = vacancy.isFromScan,
+    SaveFacts facts{.vacatedName = vacated.place.name,
+                    .age = now_ - vacated.at,
+                    .isRead = vacated.at < passStart,
+                    .isByThisProcess = vacated.isFinal,
+                    .isFromScan = vacated.isFromScan,
                     .mustDecide = mustDecide};
     {
         const std::shared_lock lock(state_.indexMutex);
         const auto& index = state_.index;
-        if (vacancy.owner != ObjectIndex::none) {
-            const auto& owner = index.node(vacancy.owner);
+        if (vacated.owner != ObjectIndex::none) {
+            const auto& owner = index.node(vacated.owner);
             if (owner.documentID != document) return SaveVerdict::Keep;
             if (owner.firstName != ObjectIndex::none) {
                 const auto place = placeOf(owner.firstName);
                 ownerName = place.name;
                 facts.ownerName = ownerName;
                 facts.isOwnerInTrash =
-                    place.folder != vacancy.place.folder && isInTrash(pathOfFolder(place.folder));
+                    place.folder != vacated.place.folder && isInTrash(pathOfFolder(place.folder));
             }
         }
-        const auto number = index.findObject(vacancy.place.folder, vacancy.place.name);
-        if (number != ObjectIndex::none && number != vacancy.owner && state_.urlOf(number)) {
+        const auto number = index.findObject(vacated.place.folder, vacated.place.name);
+        if (number != ObjectIndex::none && number != vacated.owner && state_.urlOf(number)) {
             const auto& node = index.node(number);
             const auto born = births_.find(number);
             facts.replacement = {
-                .isSameKind = node.kind == vacancy.kind,
+                .isSameKind = node.kind == vacated.kind,
                 // A folder may have been reported by its file ID.
                 .hasOwnIdentifier = node.documentID != 0 ||
                                     (node.kind == ObjectKind::Directory && node.fileID != 0),
-                .isRecent = born != births_.end() && vacancy.at - born->second < windows.rename,
-                .isFromOwnersPlace = vacancy.isExchange};
+                .isRecent = born != births_.end() && vacated.at - born->second < windows.rename,
+                .isFromOwnersPlace = vacated.isExchange};
         }
     }
     return decideAboutSave(facts, windows);
@@ -66,26 +66,26 @@ SaveVerdict Reconciler::judge(std::uint32_t document, const Departures::Vacancy&
 void Reconciler::decide(std::uint32_t document, Time passStart, bool mustDecide) {
     const auto* open = departures_.vacancy(document);
     if (!open) return;
-    const auto vacancy = *open;
-    const auto verdict = judge(document, vacancy, passStart, mustDecide);
+    const auto vacated = *open;
+    const auto verdict = judge(document, vacated, passStart, mustDecide);
     if (verdict == SaveVerdict::Wait) return;
     departures_.closeVacancy(document);
     auto successor = ObjectIndex::none;
     {
         const std::unique_lock lock(state_.indexMutex);
-        successor = state_.index.findObject(vacancy.place.folder, vacancy.place.name);
-        for (const auto node : {vacancy.owner, successor}) {
+        successor = state_.index.findObject(vacated.place.folder, vacated.place.name);
+        for (const auto node : {vacated.owner, successor}) {
             if (node == ObjectIndex::none) continue;
             updateUndecided(node);
             updateHold(node);
         }
     }
-    if (verdict == SaveVerdict::Move) moveDocument(document, vacancy, successor);
+    if (verdict == SaveVerdict::Move) moveDocument(document, vacated, successor);
     // With that it is decided what became of an object whose number is another's, whose row waits.
     finishOrphans({document});
 }
 
-void Reconciler::moveDocument(std::uint32_t document, const Departures::Vacancy& vacancy,
+void Reconciler::moveDocument(std::uint32_t document, const Departures::Vacancy& vacated,
                               NodeNumber successor) {
     std::optional<QSURL> url;
     {
@@ -111,16 +111,16 @@ void Reconciler::moveDocument(std::uint32_t document, const Departures::Vacancy&
             tookNumbers_ = true;
         }
         heir.documentID = document;
-        if (vacancy.owner != ObjectIndex::none) {
-            auto owner = index.row(vacancy.owner);
+        if (vacated.owner != ObjectIndex::none) {
+            auto owner = index.row(vacated.owner);
             owner.documentID = 0;
-            index.setIdentity(vacancy.owner, owner);
-            index.markDirty(vacancy.owner);
+            index.setIdentity(vacated.owner, owner);
+            index.markDirty(vacated.owner);
             // Also of one that has gone: no two rows may name the document.
-            index.setHeld(vacancy.owner, false);
-            index.setMetadata(vacancy.owner, {});
-            index.forEachName(vacancy.owner, [&](ObjectIndex::EntryNumber at) {
-                record(fsEventModified, vacancy.owner, placeOf(at).path, index.entry(at).folder);
+            index.setHeld(vacated.owner, false);
+            index.setMetadata(vacated.owner, {});
+            index.forEachName(vacated.owner, [&](ObjectIndex::EntryNumber at) {
+                record(fsEventModified, vacated.owner, placeOf(at).path, index.entry(at).folder);
             });
         }
         index.setIdentity(successor, heir);
@@ -131,7 +131,7 @@ void Reconciler::moveDocument(std::uint32_t document, const Departures::Vacancy&
         moved.event.documentID = document;
         moved.event.identifierKind = IdentifierKind::Document;
         moved.event.path = "/.docid/" + std::to_string(state_.device) + "/changed/" +
-                           std::to_string(document) + "/src=" + std::to_string(vacancy.fileID) +
+                           std::to_string(document) + "/src=" + std::to_string(vacated.fileID) +
                            ",dst=" + std::to_string(heir.fileID);
         index.forEachName(successor, [&](ObjectIndex::EntryNumber at) {
             record(fsEventModified, successor, placeOf(at).path, index.entry(at).folder);
@@ -141,8 +141,8 @@ void Reconciler::moveDocument(std::uint32_t document, const Departures::Vacancy&
         return "document " + std::to_string(document) + " goes on in \"" +
                state_.configuration.files.nativePath(*url) + "\"";
     });
-    if (!vacancy.metadata.empty()) {
-        inheritMetadata(vacancy.metadata, *url, (*attributes)->identity);
+    if (!vacated.metadata.empty()) {
+        inheritMetadata(vacated.metadata, *url, (*attributes)->identity);
     }
     toCapture_.push_back(successor);
 }
@@ -191,7 +191,7 @@ void Reconciler::decideDue(Time now, Time passStart) {
         const auto* departure = departures_.departure(node);
         if (departure && departure->at == at) finish(node);
     }
-    finishOrphans(orphans_.departedUntil(now - window));
+    finishOrphans(orphans_.removedUntil(now - window));
 }
 
 void Reconciler::decideAfterScan(Time now) {
@@ -204,7 +204,7 @@ void Reconciler::decideAfterScan(Time now) {
     }
     auto orphans = orphans_.all();
     std::erase_if(orphans,
-                  [&](auto document) { return !orphans_.find(document)->departure.isFromScan; });
+                  [&](auto document) { return !orphans_.find(document)->removal.isFromScan; });
     finishOrphans(orphans);
 }
 
@@ -231,6 +231,32 @@ void Reconciler::decideFor(std::span<const VolumeService::IdentityRequest> reque
     for (const auto& request : requests) {
         finishOrphans(orphans_.withInode(request.object->identity.inode));
     }
+}
+
+bool Reconciler::hasOnlyMoved(const VolumeService::IdentityRequest& request) const {
+    const std::shared_lock lock(state_.indexMutex);
+    const auto& index = state_.index;
+    const auto number = index.findInode(request.object->identity.inode);
+    const auto folder = index.findInode(request.object->parent.inode);
+    if (number == ObjectIndex::none || folder == ObjectIndex::none || request.name.empty() ||
+        index.node(number).generation != request.object->identity.generation ||
+        orphans_.hasInode(request.object->identity.inode) ||
+        departures_.documentThatLeft(folder, request.name) != 0) {
+        return false;
+    }
+    const auto there = index.findObject(folder, request.name);
+    if (there != ObjectIndex::none && there != number) return false;
+    const auto isMissing = [&](const QSURL& url) {
+        const auto now = state_.configuration.files.freshAttributes(url);
+        return !now && now.error().code == ENOENT;
+    };
+    const auto document = index.node(number).documentID;
+    const auto* vacated = document == 0 ? nullptr : departures_.vacancy(document);
+    if (vacated &&
+        (vacated->owner != number || !isMissing(QSURL::fileURLWithPath(vacated->place.path)))) {
+        return false;
+    }
+    return there == number || std::ranges::all_of(state_.urlsOf(number), isMissing);
 }
 
 void Reconciler::decideAbout(std::uint32_t document, Time now) {
@@ -295,8 +321,8 @@ void Reconciler::finishOrphans(const std::vector<std::uint32_t>& documents) {
         orphanChanges_.push_back({document, std::nullopt});
         // It may go on in another object; what was shown as a folder does not.
         const bool goesOn = state_.index.findDocumentID(document) != ObjectIndex::none;
-        if (goesOn && isDocument(orphan->node, orphan->departure.last.path)) continue;
-        recordGone(orphan->node, orphan->departure.last);
+        if (goesOn && isDocument(orphan->node, orphan->removal.last.path)) continue;
+        recordGone(orphan->node, orphan->removal.last);
     }
 }
 

@@ -48,6 +48,11 @@ Departures::Vacancy* Departures::vacancy(std::uint32_t documentID) {
     return found == vacancies_.end() ? nullptr : &found->second;
 }
 
+const Departures::Vacancy* Departures::vacancy(std::uint32_t documentID) const {
+    const auto found = vacancies_.find(documentID);
+    return found == vacancies_.end() ? nullptr : &found->second;
+}
+
 std::uint32_t Departures::documentThatLeft(NodeNumber folder, std::string_view name) const {
     if (byPlace_.empty()) return 0;
     const auto found = byPlace_.find({folder, std::string(name)});

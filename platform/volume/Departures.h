@@ -64,6 +64,7 @@ class Departures {
     /// The folder has gone, and its number is another one's. Returns the documents and the owners.
     std::vector<std::pair<std::uint32_t, NodeNumber>> closeVacanciesIn(NodeNumber folder);
     [[nodiscard]] Vacancy* vacancy(std::uint32_t documentID);
+    [[nodiscard]] const Vacancy* vacancy(std::uint32_t documentID) const;
     /// The document that left this name, 0 where none did.
     [[nodiscard]] std::uint32_t documentThatLeft(NodeNumber folder, std::string_view name) const;
 

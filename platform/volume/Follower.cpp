@@ -551,6 +551,13 @@ Result<void> Follower::decideFor(std::span<const VolumeService::IdentityRequest>
     return done;
 }
 
+bool Follower::haveOnlyMoved(std::span<const VolumeService::IdentityRequest> requests) const {
+    const std::scoped_lock lock(mutex_);
+    if (!storeTrouble_) return false;
+    return std::ranges::all_of(
+        requests, [&](const auto& request) { return reconciler_.hasOnlyMoved(request); });
+}
+
 Result<void> Follower::commit() {
     Result<void> done;
     {
@@ -575,6 +582,11 @@ void Follower::decideAbout(std::uint32_t documentID) {
         noteCommit(reconciler_.commit());
     }
     state_.announce();
+}
+
+std::optional<QSError> Follower::storeTrouble() const {
+    const std::scoped_lock lock(mutex_);
+    return storeTrouble_;
 }
 
 Follower::Health Follower::health() const {

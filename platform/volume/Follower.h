@@ -64,6 +64,11 @@ class Follower {
     /// Decides now what bears on the identifiers of these objects. Fails where that cannot be
     /// looked at or written; then no identifier may be given out.
     Result<void> decideFor(std::span<const VolumeService::IdentityRequest> requests);
+    /// Whether it is only the store that failed, and no decision can change the identifiers that
+    /// these objects have: each has moved, nothing is at its former places, and no document was at
+    /// the place where it was seen.
+    [[nodiscard]] bool haveOnlyMoved(
+        std::span<const VolumeService::IdentityRequest> requests) const;
 
     /// Writes now what a commit that failed has left.
     Result<void> commit();
@@ -83,6 +88,7 @@ class Follower {
         std::optional<std::string> storeTrouble;
     };
     [[nodiscard]] Health health() const;
+    [[nodiscard]] std::optional<QSError> storeTrouble() const;
 
   private:
     using Time = Reconciler::Time;

@@ -31,7 +31,7 @@ struct OrphanChange {
     std::optional<OrphanRow> row;  ///< none: it is decided
 };
 
-/// The table of orphans in the store's database. Not synchronised.
+/// The table of documents whose removal is pending, in the store's database. Not synchronised.
 class OrphanTable {
   public:
     static constexpr const char* schema =

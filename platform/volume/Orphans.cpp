@@ -8,7 +8,7 @@ const Orphans::Orphan& Orphans::add(Orphan orphan) {
     const auto document = orphan.documentID;
     (void)remove(document);
     byInode_.emplace(orphan.node.inode, document);
-    inOrder_.emplace_back(orphan.departure.at, document);
+    inOrder_.emplace_back(orphan.removal.at, document);
     return byDocument_.emplace(document, std::move(orphan)).first->second;
 }
 
@@ -41,11 +41,11 @@ std::vector<std::uint32_t> Orphans::withInode(std::uint64_t inode) const {
     return documents;
 }
 
-std::vector<std::uint32_t> Orphans::departedUntil(Departures::Time time) {
+std::vector<std::uint32_t> Orphans::removedUntil(Departures::Time time) {
     std::vector<std::uint32_t> documents;
     for (; !inOrder_.empty() && inOrder_.front().first <= time; inOrder_.pop_front()) {
         const auto* orphan = find(inOrder_.front().second);
-        if (orphan && orphan->departure.at <= time) documents.push_back(orphan->documentID);
+        if (orphan && orphan->removal.at <= time) documents.push_back(orphan->documentID);
     }
     return documents;
 }

@@ -19,7 +19,7 @@ class Orphans {
     struct Orphan {
         std::uint32_t documentID = 0;
         ObjectIndex::Node node;  ///< as it was
-        Departures::Departure departure;
+        Departures::Departure removal;
     };
 
     const Orphan& add(Orphan orphan);
@@ -28,10 +28,11 @@ class Orphans {
     [[nodiscard]] bool hasInode(std::uint64_t inode) const { return byInode_.contains(inode); }
     std::optional<Orphan> remove(std::uint32_t documentID);
 
-    /// Their documents: all of them, those with this inode number, those that departed until then.
+    /// Their documents: all of them, those with this inode number, those that were removed until
+    /// then.
     [[nodiscard]] std::vector<std::uint32_t> all() const;
     [[nodiscard]] std::vector<std::uint32_t> withInode(std::uint64_t inode) const;
-    [[nodiscard]] std::vector<std::uint32_t> departedUntil(Departures::Time time);
+    [[nodiscard]] std::vector<std::uint32_t> removedUntil(Departures::Time time);
     [[nodiscard]] bool isEmpty() const { return byDocument_.empty(); }
 
   private:

@@ -93,6 +93,9 @@ class Reconciler {
     /// Decides at once what concerns these objects, since an identifier of one is asked for.
     void decideFor(std::span<const VolumeService::IdentityRequest> requests, Time now);
     void decideAbout(std::uint32_t document, Time now);
+    /// Whether the object of the request is known, nothing is at its former places on the disk, and
+    /// no document was where it was seen: then no decision gives it other numbers.
+    [[nodiscard]] bool hasOnlyMoved(const VolumeService::IdentityRequest& request) const;
     /// Where an object that is missing was last; none where no decision about it, or about a folder
     /// above it, is pending.
     [[nodiscard]] std::optional<QSURL> lastPlaceOf(NodeNumber object) const;

@@ -150,7 +150,7 @@ void Reconciler::decideBelow(const QSURL& root) {
     }
     auto orphans = orphans_.all();
     std::erase_if(orphans, [&](auto document) {
-        return !isBelow(orphans_.find(document)->departure.last.path, root.path());
+        return !isBelow(orphans_.find(document)->removal.last.path, root.path());
     });
     finishOrphans(orphans);
 }

@@ -271,6 +271,7 @@ Result<void> VolumeService::identify(std::span<IdentityRequest> requests) {
     }
     Result<void> done;
     if (state_->needsDecision(requests)) done = state_->follower->decideFor(requests);
+    if (!done && state_->follower->haveOnlyMoved(requests)) done = {};
     if (done && state_->hasUnstored(requests)) done = state_->follower->commit();
     if (done && !state_->answerFromIndex(requests)) done = state_->allocate(requests);
     state_->follower->writeFolderWitness();
@@ -317,6 +318,10 @@ void VolumeService::removalEnds(const ObjectIdentity& object, bool isGone) {
         state_->removed.push_back(object);
     }
     state_->follower->wake();
+}
+
+std::optional<QSError> VolumeService::writeTrouble() const {
+    return state_->follower->storeTrouble();
 }
 
 std::optional<std::uint64_t> VolumeService::entryCount(const FileAttributes& folder) const {

@@ -345,6 +345,7 @@ TEST_F(MutationsTest, AFullDiskTakesNothingBack) {
         EXPECT_TRUE(renamed) << renamed.error().description();
         EXPECT_TRUE(fs::exists(storage() / "in/new"));
         EXPECT_EQ((*renamed)->itemIdentifier(), doc);
+        EXPECT_EQ(id("in/new"), doc);
         EXPECT_TRUE(move(id("in/other"), to));
     }
 }

@@ -5,6 +5,7 @@
 #include "platform/tree/TreeLayout.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/common/Utilities.h"
+#include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
 #include "tidewell/items/LocalAppLibraryItem.h"
 #include "tidewell/items/LocalItem.h"
 #include "tidewell/provider/LocalFileProvider.h"
@@ -36,6 +37,8 @@ std::shared_ptr<QSProgress> LocalFileProvider::trashItemWithIdentifier(
     if (auto made = Platform::current().files().makeFolder(*trash); !made) {
         return refuse(std::move(made.error()));
     }
+    // Without one for the trash the item could not be answered once it has been moved.
+    if (auto found = findItemIdentifier(*trash); !found) return refuse(std::move(found.error()));
     return qp_trashUnderFolder(
         *url, *trash,
         [identifier, formerURL = *url,
