@@ -5,7 +5,7 @@
 
 namespace platform {
 
-void Follower::scanEverything(Reconciler::Occasion occasion) {
+void Follower::scanEverything(bool isRoutine) {
     const std::shared_lock lock(state_.indexMutex);
     scan_.clear();
     compared_.clear();
@@ -13,7 +13,8 @@ void Follower::scanEverything(Reconciler::Occasion occasion) {
         scan_.push_front(root.node);
     }
     isScanning_ = true;
-    scanOccasion_ = isNeverScanned() ? Reconciler::Occasion::FirstScan : occasion;
+    isRoutine_ = isRoutine;
+    scanOccasion_ = isNeverScanned() ? Reconciler::Occasion::FirstScan : Reconciler::Occasion::Scan;
     scanned_ = reported_ = 0;
 }
 

@@ -79,7 +79,7 @@ void Follower::follow() {
         const std::scoped_lock store(state_.storeMutex);
         if (isNeverScanned()) beginFirstScan();
     }
-    scanEverything(Reconciler::Occasion::Scan);
+    scanEverything(false);
     isFollowing_ = true;
     if (!state_.configuration.isManual) thread_ = std::thread([this] { run(); });
 }
@@ -87,7 +87,10 @@ void Follower::follow() {
 void Follower::run() {
     while (!isStopped_) {
         const auto before = state_.store->lastEvent();
-        while (step() && !isStopped_) continue;
+        while (step() && !isStopped_) {
+            // Who waits goes first.
+            if (waiting_ != 0) std::this_thread::sleep_for(1ms);
+        }
         // What comes in quick succession goes into one commit; who cannot wait takes a step itself.
         if (state_.store->lastEvent() != before && !isStopped_) std::this_thread::sleep_for(pace);
         waitForNews();
@@ -125,13 +128,13 @@ bool Follower::step() {
     bool more = false;
     {
         const std::scoped_lock lock(mutex_);
-        more = isFollowing_ && !isStopped_ && stepLocked();
+        more = isFollowing_ && !isStopped_ && stepLocked(true);
     }
     state_.announce();
     return more;
 }
 
-bool Follower::stepLocked() {
+bool Follower::stepLocked(bool waitsForRoutine) {
     passStart_ = now();
     (void)state_.clock->stamp();  // counts on, also through weeks without a start
     state_.lookingSince = std::chrono::steady_clock::now();
@@ -144,7 +147,7 @@ bool Follower::stepLocked() {
         (void)reconcile({}, Reconciler::Occasion::Live);
         if (storeTrouble_) return false;
     }
-    if (!isScanning_ && passStart_ >= nextScan_) scanEverything(Reconciler::Occasion::Scan);
+    if (!isScanning_ && passStart_ >= nextScan_) scanEverything(true);
     if (!unwatched_.empty() && passStart_ >= nextDegradedScan_) {
         nextDegradedScan_ = passStart_ + state_.configuration.degradedInterval;
         lookAtUnwatched();
@@ -156,10 +159,11 @@ bool Follower::stepLocked() {
     lookAtMarks();
     state_.forgetRemovals(std::exchange(moved_, {}));
     commitRemovals();
-    if (marks_.empty() && isScanning_) scanSome();
+    const auto compares = [&] { return isScanning_ && (waitsForRoutine || !isRoutine_); };
+    if (marks_.empty() && compares()) scanSome();
     if (!isScanning_ && !storeTrouble_) decide();
     const bool mayFind = isMoved_ && !detached_.empty();
-    return (!marks_.empty() || isScanning_ || mayFind) && !storeTrouble_;
+    return (!marks_.empty() || compares() || mayFind) && !storeTrouble_;
 }
 
 bool Follower::checkStorage() {
@@ -174,7 +178,7 @@ bool Follower::checkStorage() {
     if (!isBack) return there.has_value();
     const auto& files = state_.configuration.files;
     if (const auto device = files.deviceOf(files.storageURL())) state_.device = *device;
-    scanEverything(Reconciler::Occasion::Scan);
+    scanEverything(false);
     return true;
 }
 
@@ -252,7 +256,7 @@ void Follower::lose(std::string why) {
     }
     marks_.clear();
     detached_.clear();
-    scanEverything(Reconciler::Occasion::Scan);
+    scanEverything(false);
 }
 
 Follower::Look Follower::look(NodeNumber folder, Mark mark) {
@@ -413,9 +417,12 @@ Result<void> Follower::reconcile(std::vector<FolderReading> readings,
     Result<void> done;
     {
         const std::scoped_lock store(state_.storeMutex);
+        (void)reconciler_.popLeft();
         for (const auto& reading : readings) {
             reconciler_.apply(reading, occasion, now(), beginning_.wall);
         }
+        // Where it went may be still to be compared.
+        if (occasion != Reconciler::Occasion::Live && reconciler_.popLeft()) isRoutine_ = false;
         done = reconciler_.commit();
         noteCommit(done);
     }
@@ -496,7 +503,7 @@ Result<void> Follower::wait(Barrier barrier) {
             if (isStopped_) return leave(std::unexpected(errorFromErrno(ECANCELED)));
             if (isFirst) nextTry_ = now();  // the store may be writable by now
             const auto due = nextTime();
-            const bool more = stepLocked();
+            const bool more = stepLocked(barrier == Barrier::Settled);
             isSooner |= more || nextTime() < due;
             if (storageTrouble_) return leave(std::unexpected(*storageTrouble_));
             // Nothing is looked at before what was found is written.

@@ -114,7 +114,9 @@ class Follower {
     void waitForNews();
     /// When there is something to do though nothing happens. REQUIRES: mutex_ is held.
     [[nodiscard]] Time nextTime() const;
-    [[nodiscard]] bool stepLocked();
+    /// Does the work of a routine comparison, and says that there is more of it, only for one who
+    /// waits for that.
+    [[nodiscard]] bool stepLocked(bool waitsForRoutine);
     [[nodiscard]] bool checkStorage();
     void drain();
     void takeSuspects();
@@ -154,7 +156,7 @@ class Follower {
     /// Whether it was not watched until now, and is.
     bool watch(NodeNumber number, const Folder& folder);
     void unwatch(NodeNumber number);
-    void scanEverything(Reconciler::Occasion occasion);
+    void scanEverything(bool isRoutine);
     void beginFirstScan();
     [[nodiscard]] bool isNeverScanned() const;
     [[nodiscard]] Time now() const { return state_.configuration.now(); }
@@ -178,6 +180,9 @@ class Follower {
     std::deque<NodeNumber> scan_;          ///< still to be compared, the next one last
     std::vector<bool> compared_;           ///< by number: whole, since the last comparison began
     bool isScanning_ = false;
+    /// Nothing is known that the comparison has to find: it is one of those made now and then, and
+    /// found no name missing so far. Then only Barrier::Settled waits for it.
+    bool isRoutine_ = false;
     Reconciler::Occasion scanOccasion_ = Reconciler::Occasion::Scan;
     Beginning beginning_;  ///< of a first scan: objects that have not changed since are no news
     std::uint64_t scanned_ = 0;

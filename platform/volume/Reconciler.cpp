@@ -279,6 +279,7 @@ void Reconciler::leave(ObjectIndex::EntryNumber entry) {
     auto& index = state_.index;
     const auto object = index.entry(entry).object;
     auto place = placeOf(entry);
+    hasLeft_ = true;
     index.removeName(entry);
     const auto& node = index.node(object);
     state_.trash.removeWithEntries(place.path, {node.inode, node.generation});

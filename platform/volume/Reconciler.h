@@ -70,6 +70,8 @@ class Reconciler {
     void recordUnreadable(NodeNumber folder, std::uint64_t stamp, std::string path,
                           std::string why);
 
+    /// Whether a name was missing in what was applied since the last call.
+    [[nodiscard]] bool popLeft() { return std::exchange(hasLeft_, false); }
     /// Folders that came into sight or changed since the last call, to be looked at whole.
     [[nodiscard]] std::vector<NodeNumber> takeNewFolders() {
         return std::exchange(newFolders_, {});
@@ -192,6 +194,7 @@ class Reconciler {
     std::vector<OrphanRow> orphansToTakeUp_;  ///< these and the next are still to be taken up
     std::vector<ObjectIndex::Displaced> displacedToTakeUp_;
     Orphans orphans_;
+    bool hasLeft_ = false;
     std::vector<OrphanChange> orphanChanges_;  ///< not in the store yet
     /// Documents that left folders whose numbers are others' by now. Their rows name these numbers,
     /// so those that wait are written as being nowhere.

@@ -94,7 +94,8 @@ class VolumeService final : public EventHistory {
     [[nodiscard]] std::shared_ptr<void> subscribe(News news) override;
 
     /// Blocks until everything that happened before the call has been read and committed; what went
-    /// may still be waiting for a successor. ECANCELED where the service closes, else the reason
+    /// may still be waiting for a successor. Does not wait for a comparison that is made now and
+    /// then, unless that found a name missing. ECANCELED where the service closes, else the reason
     /// for which the storage cannot be read.
     Result<void> waitUntilSeen();
     /// The same, and whether these folders (presented paths) are where the index has them, and what

@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -36,21 +37,26 @@ using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 namespace fs = std::filesystem;
 
-/// The kernel's events, with only so many watches.
+/// The kernel's events, with only so many watches, and an overflow where a test wants one.
 class LimitedSource final : public KernelEventSource {
   public:
-    explicit LimitedSource(int& watches) : watches_(watches) {}
+    LimitedSource(int& watches, bool& overflows) : watches_(watches), overflows_(overflows) {}
     Result<int> addWatch(int folder) override {
         if (watches_-- <= 0) return std::unexpected(errorFromErrno(ENOSPC));
         return real_->addWatch(folder);
     }
     void removeWatch(int watch) override { real_->removeWatch(watch); }
-    std::vector<KernelEvent> read() override { return real_->read(); }
+    std::vector<KernelEvent> read() override {
+        auto events = real_->read();
+        if (std::exchange(overflows_, false)) events.push_back({-1, IN_Q_OVERFLOW, ""});
+        return events;
+    }
     int descriptor() const override { return real_->descriptor(); }
 
   private:
     std::unique_ptr<KernelEventSource> real_ = makeInotifySource().value();
     int& watches_;  // that are still available
+    bool& overflows_;
 };
 
 class HistoryTest : public VolumeFixture {
@@ -60,7 +66,7 @@ class HistoryTest : public VolumeFixture {
         adjust = [this](VolumeService::Configuration& configuration) {
             if (adjustMore) adjustMore(configuration);
             configuration.makeSource = [this]() -> Result<std::unique_ptr<KernelEventSource>> {
-                return std::make_unique<LimitedSource>(watches);
+                return std::make_unique<LimitedSource>(watches, overflows);
             };
         };
     }
@@ -98,6 +104,7 @@ class HistoryTest : public VolumeFixture {
 
     std::function<void(VolumeService::Configuration&)> adjustMore;
     int watches = 1'000'000;
+    bool overflows = false;
     std::uint64_t since = 0;
     std::set<std::uint64_t> gone;
     int gaps = 0;
@@ -307,6 +314,18 @@ TEST_F(FirstComparisonTest, EndsOnceItsEndCanBeWritten) {
         service->step();
     }
     EXPECT_TRUE(service->isCaughtUp());
+}
+
+TEST_F(FirstComparisonTest, OnlyOneThatMayFindSomethingIsWaitedForByWhoJustLooks) {
+    open();
+    while (service->step()) continue;
+    for (const bool isLoss : {false, true}) {
+        pass(11min);
+        overflows = isLoss;
+        ASSERT_TRUE(service->waitUntilSeen());
+        EXPECT_EQ(service->step(), !isLoss) << "the comparison goes on";
+        while (service->step()) continue;
+    }
 }
 
 TEST_F(HistoryTest, OldEventsGoAndTheEdgeIsExact) {
