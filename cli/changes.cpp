@@ -3,8 +3,11 @@
 #include <fmt/format.h>
 
 #include <iterator>
+#include <utility>
 
 #include "cli/Interruption.h"
+#include "cli/StorageWait.h"
+#include "cli/commands.h"
 #include "cli/format.h"
 #include "cli/text.h"
 
@@ -47,6 +50,20 @@ Result<host::Anchor> startingAnchor(const Arguments& arguments,
     return service.anchor(container);
 }
 
+bool isStorageMissing(const host::DocumentService& service) {
+    (void)service.settle();  // looks
+    return service.health().storageTrouble.has_value();
+}
+
+/// False where the wait was interrupted.
+bool waitUntilStorageIsBack(const host::DocumentService& service, platform::QSError error,
+                            bool json) {
+    error.userInfo.insert_or_assign(std::string(platform::QSDescriptionErrorKey),
+                                    "the storage is missing, and is waited for");
+    report(error, {}, json);
+    return waitForStorage([&] { return !isStorageMissing(service); });
+}
+
 }  // namespace
 
 Result<ExitCode> printChanges(const Arguments& arguments, const host::DocumentService& service,
@@ -77,14 +94,25 @@ Result<ExitCode> watchChanges(const Arguments& arguments, host::DocumentService&
     if (!following) return std::unexpected(following.error());
     auto reached = startingAnchor(arguments, service, container);
     bool isWorthTelling = true;  // the first anchor says that the watch has begun
+    bool hasFailed = false;      // at this anchor
     while (reached) {
         bool moreComing = false;
-        reached = service.changes(**following, *reached, [&](const host::ChangePage& page) {
+        auto next = service.changes(**following, *reached, [&](const host::ChangePage& page) {
             moreComing = page.moreComing;
             isWorthTelling = isWorthTelling || !page.updates.empty() || !page.deletions.empty();
             appendPage(output, page, arguments.json);
             return output.flush() && !interruption.hasCome();
         });
+        if (!next) {
+            const bool isMissing = isStorageMissing(service);
+            if (isMissing && !waitUntilStorageIsBack(service, next.error(), arguments.json)) {
+                return ExitCode::Done;
+            }
+            // Where it is there, it may have come back just now.
+            if (isMissing || !std::exchange(hasFailed, true)) continue;
+        }
+        hasFailed = false;
+        reached = std::move(next);
         if (!reached) break;
         if (arguments.json && isWorthTelling) appendAnchor(output, *reached, moreComing, true);
         isWorthTelling = false;

@@ -14,7 +14,6 @@ using testing::SizeIs;
 
 constexpr auto everyFlag =
     fsEventStreamUsesPathObjects | fsEventStreamFileEvents | fsEventStreamUsesExtendedData;
-constexpr auto dropped = fsEventKernelDropped | fsEventMustScanSubDirs;
 
 std::vector<std::string> paths(const std::vector<FSEvent>& events) {
     std::vector<std::string> result;
