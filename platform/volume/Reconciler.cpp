@@ -88,7 +88,7 @@ void Reconciler::removed(const ObjectIdentity& identity, Time now) {
         const auto change = std::exchange(changeOf(object), {});
         if (!departures_.departure(object)) {
             if (change.left.empty()) return;
-            depart(object, change.left.front());
+            allNamesRemoved(object, change.left);
         }
     }
     finish(object);

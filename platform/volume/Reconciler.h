@@ -155,6 +155,7 @@ class Reconciler {
     void resolve(NodeNumber node, Change& change);
     [[nodiscard]] bool isAboveMoved(NodeNumber folder) const;
     void recordBelow(NodeNumber folder, std::string path);
+    void allNamesRemoved(NodeNumber node, std::span<const FormerPlace> left);
     void depart(NodeNumber node, const FormerPlace& last);
     [[nodiscard]] bool isDocument(const ObjectIndex::Node& node, std::string_view path) const;
     void record(FSEventFlags flags, NodeNumber node, FormerPlace place);

@@ -29,13 +29,19 @@ bool Reconciler::isAboveMoved(NodeNumber folder) const {
     return false;
 }
 
+/// The removal, or what becomes of the object instead, is recorded for the first of its names.
+void Reconciler::allNamesRemoved(NodeNumber node, std::span<const FormerPlace> left) {
+    for (const auto& place : left.subspan(1)) record(fsEventMoved | fsEventRemoved, node, place);
+    depart(node, left.front());
+}
+
 void Reconciler::resolve(NodeNumber node, Change& change) {
     const auto& index = state_.index;
     const auto& object = index.node(node);
     if (object.firstName == ObjectIndex::none && !object.isRoot) {
         const bool matters =
             object.fileID != 0 || object.documentID != 0 || object.kind == ObjectKind::Directory;
-        if (!change.left.empty() && matters) depart(node, change.left.front());
+        if (!change.left.empty() && matters) allNamesRemoved(node, change.left);
         return;
     }
     if (change.isSilent) return;

@@ -145,6 +145,20 @@ TEST_F(HistoryTest, RecordsWhatHappensWhereItHappens) {
     EXPECT_THAT(gone, UnorderedElementsAre(one, folder));
 }
 
+TEST_F(HistoryTest, ADocumentIsRemovedFromEachFolderThatHadAName) {
+    makeFile("a/one");
+    fs::create_directory(native("b"));
+    fs::create_hard_link(native("a/one"), native("b/two"));
+    start();
+    const auto document = documentID("a/one");
+    service.reset();
+    fs::remove(native("a/one"));
+    fs::remove(native("b/two"));
+    open();
+    EXPECT_THAT(changes(), testing::IsSupersetOf({"a/one", "b/two"}));
+    EXPECT_THAT(gone, UnorderedElementsAre(document));
+}
+
 TEST_F(HistoryTest, WhatMovedOnBeforeItWasGivenOutIsTold) {
     makeFile("before");
     start();
