@@ -51,7 +51,7 @@ Result<host::Anchor> startingAnchor(const Arguments& arguments,
 }
 
 bool isStorageMissing(const host::DocumentService& service) {
-    (void)service.settle();  // looks
+    (void)service.waitUntilSettled();  // looks
     return service.health().storageTrouble.has_value();
 }
 
@@ -71,7 +71,7 @@ Result<ExitCode> printChanges(const Arguments& arguments, const host::DocumentSe
     // Before the wait, which finds what happened while nobody looked.
     const auto since = startingAnchor(arguments, service, container);
     if (!since) return std::unexpected(since.error());
-    const auto settled = service.settle();
+    const auto settled = service.waitUntilSettled();
     if (!settled) return std::unexpected(settled.error());
     bool moreComing = false;
     const auto reached = service.changes(container, *since, [&](const host::ChangePage& page) {
@@ -86,7 +86,7 @@ Result<ExitCode> printChanges(const Arguments& arguments, const host::DocumentSe
 
 Result<ExitCode> watchChanges(const Arguments& arguments, host::DocumentService& service,
                               Output& output, Progress& progress, const std::string& container) {
-    const auto settled = service.settle();
+    const auto settled = service.waitUntilSettled();
     if (!settled) return std::unexpected(settled.error());
     progress.end();
     const Interruption interruption;

@@ -98,7 +98,7 @@ class Run {
     }
 
     [[nodiscard]] Result<ExitCode> sync() {
-        const auto settled = service_.settle();
+        const auto settled = service_.waitUntilSettled();
         if (!settled) return std::unexpected(settled.error());
         return ExitCode::Done;
     }
@@ -106,7 +106,7 @@ class Run {
     /// Waits first, so that what is shown is of a system at work; the reasons why it is not are
     /// shown all the same.
     [[nodiscard]] Result<ExitCode> doctor() {
-        const auto settled = service_.settle();
+        const auto settled = service_.waitUntilSettled();
         const auto health = service_.health();
         if (arguments_.json) {
             appendJson(output_.text(), health);
@@ -119,7 +119,7 @@ class Run {
 
     /// Waits first: what happened before the command is not after the anchor.
     [[nodiscard]] Result<ExitCode> anchor(const std::string& container) {
-        const auto settled = service_.settle();
+        const auto settled = service_.waitUntilSettled();
         if (!settled) return std::unexpected(settled.error());
         const auto anchor = service_.anchor(container);
         if (!anchor) return std::unexpected(anchor.error());

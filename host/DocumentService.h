@@ -146,7 +146,9 @@ class DocumentService {
 
     /// Blocks until everything that happened before the call shows in changes, short-lived
     /// uncertainty about what was replaced or deleted included.
-    [[nodiscard]] platform::Result<void> settle() const { return volume_.waitUntilSettled(); }
+    [[nodiscard]] platform::Result<void> waitUntilSettled() const {
+        return volume_.waitUntilSettled();
+    }
 
     /// What changes documents. Lives as long as the service.
     [[nodiscard]] const Mutations& mutations() const { return mutations_; }

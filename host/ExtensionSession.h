@@ -29,7 +29,7 @@ using ExtensionFactory = std::function<std::shared_ptr<platform::QSFileProviderE
 struct NativePaths {
     std::function<std::string(const platform::QSURL&)> nativePath;
     std::function<platform::QSURL(std::string_view)> URLForNativePath;
-    /// Why what has just been missed may be there all the same: then that is the error.
+    /// Why an object that was not found may exist all the same: then that is the error.
     std::function<std::optional<platform::QSError>()> missReason = {};
 
     /// Those of the installed platform.

@@ -80,7 +80,7 @@ Result<void> Search::update() {
 }
 
 Result<void> Search::find(std::string_view text, const ItemHandler& handler) {
-    if (auto settled = service_.settle(); !settled) return settled;
+    if (auto settled = service_.waitUntilSettled(); !settled) return settled;
     if (auto updated = update(); !updated) return updated;
     const auto found = index_->find(text);
     if (!found) return std::unexpected(found.error());

@@ -352,8 +352,8 @@ void VolumeService::State::announce() {
     }
 }
 
-Result<VolumeService::Identity> VolumeService::State::settle(const IdentityRequest& request,
-                                                             StagedRow& staged) {
+Result<VolumeService::Identity> VolumeService::State::assignIdentity(const IdentityRequest& request,
+                                                                     StagedRow& staged) {
     const auto& seen = request.object->identity;
     const bool isKnown = staged.row.fileID != 0 && staged.row.generation == seen.generation;
     // Of two objects that had the number, the one whose attributes are older may be asked for last;
@@ -407,7 +407,7 @@ Result<void> VolumeService::State::allocate(std::span<IdentityRequest> requests)
     for (const auto& request : requests) {
         auto& entry = staged[request.object->identity.inode];
         const auto before = entry.row;
-        const auto settled = settle(request, entry);
+        const auto settled = assignIdentity(request, entry);
         if (!settled) return std::unexpected(settled.error());
         results.push_back(*settled);
         // The object that had the number has gone unseen.

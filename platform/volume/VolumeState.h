@@ -68,7 +68,7 @@ struct VolumeService::State {
         bool isNews = false;  ///< other than in the store
         const IdentityRequest* request = nullptr;
     };
-    Result<Identity> settle(const IdentityRequest& request, StagedRow& staged);
+    Result<Identity> assignIdentity(const IdentityRequest& request, StagedRow& staged);
     void publish(const std::unordered_map<std::uint64_t, StagedRow>& staged);
 
     /// Remembers what user metadata documents had when they got their IDs.

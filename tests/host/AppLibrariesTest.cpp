@@ -38,7 +38,7 @@ class Client {
         names_ = listed();
     }
     void sync() {
-        ASSERT_TRUE(service_->settle());
+        ASSERT_TRUE(service_->waitUntilSettled());
         if (anchor_.empty()) readAll();
         for (; !catchUp(); ++restarts) readAll();
         EXPECT_EQ(names_, listed()) << container_;
@@ -175,7 +175,7 @@ TEST_F(AppLibrariesTest, LibrariesStandBeforeTheDocumentsAndNoPageSurvivesAnothe
     for (const auto& [restarts, isAddedOnly] :
          {std::pair(false, false), {false, true}, {true, false}, {true, true}}) {
         setApps({});
-        ASSERT_TRUE(service->settle());
+        ASSERT_TRUE(service->waitUntilSettled());
         const auto third = after(page(after(page(host::Order::ByName))));
         setApps({"org.a"});
         if (!isAddedOnly) setApps({});
