@@ -81,11 +81,14 @@ void FSChangesNotifier::signal(std::uint64_t upToEventID) const {
             }
             answered->set_value();
         });
-    const bool isTimely = answer.wait_for(longestWait_) == std::future_status::ready;
-    logDebug([&] {
-        const auto upTo = " changes up to FSEventID " + std::to_string(upToEventID);
-        return isTimely ? "notified" + upTo : "notifying" + upTo + " timed out";
-    });
+    const auto upTo = " changes up to FSEventID " + std::to_string(upToEventID);
+    if (answer.wait_for(longestWait_) == std::future_status::ready) {
+        logDebug("notified" + upTo);
+        return;
+    }
+    const auto message = "notifying" + upTo + " timed out";
+    logDebug(message);
+    reportSimulatedCrash(message);
 }
 
 }  // namespace tidewell
