@@ -269,10 +269,13 @@ Result<bool> LocalFileEnumerator::hasMoved(const Result<std::uint64_t>& lookedSi
 }
 
 std::unique_ptr<DirectoryWalk> LocalFileEnumerator::walkFor(const FSChangeToken& token) {
+    const auto standsThere = [&](const Cursor& kept) {
+        return kept.token.deviceUUID == token.deviceUUID &&
+               kept.token.streamEventID == token.streamEventID && kept.token.offset == token.offset;
+    };
     {
         const std::scoped_lock lock(mutex_);
-        const auto found = std::find_if(cursors_.rbegin(), cursors_.rend(),
-                                        [&](const Cursor& kept) { return kept.token == token; });
+        const auto found = std::find_if(cursors_.rbegin(), cursors_.rend(), standsThere);
         if (found != cursors_.rend()) {
             auto walk = std::move(found->walk);
             cursors_.erase(std::next(found).base());

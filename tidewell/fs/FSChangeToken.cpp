@@ -1,5 +1,8 @@
 #include "tidewell/fs/FSChangeToken.h"
 
+#include <source_location>
+#include <utility>
+
 #include "platform/foundation/QSPropertyList.h"
 #include "platform/foundation/fatalError.h"
 #include "tidewell/common/Logging.h"
@@ -13,66 +16,64 @@ QSError unusable(const char* key) {
                       std::string("\"") + key + "\" is missing or of the wrong type");
 }
 
-Result<std::uint64_t> number(const QSPropertyList& list, const char* key) {
+/// Reads the value of the key into the field, which stays as it is on failure.
+Result<void> read(const QSPropertyList& list, const char* key, std::uint64_t& field) {
     const auto* value = list.find(key);
     const auto decoded = value ? value->asUnsigned() : std::nullopt;
     if (!decoded) return std::unexpected(unusable(key));
-    return *decoded;
+    field = *decoded;
+    return {};
 }
 
-Result<QSUUID> uuid(const QSPropertyList& list, const char* key) {
+Result<void> read(const QSPropertyList& list, const char* key, QSUUID& field) {
     const auto* value = list.find(key);
     const auto* text = value ? value->asString() : nullptr;
     const auto decoded = text ? QSUUID::fromString(*text) : std::nullopt;
     if (!decoded) return std::unexpected(unusable(key));
-    return *decoded;
-}
-
-/// Reads into `field`, unless an earlier key failed already.
-template <typename T>
-void read(std::optional<QSError>& failure, T& field, Result<T> value) {
-    if (failure) return;
-    if (value) {
-        field = *value;
-    } else {
-        failure = value.error();
-    }
-}
-
-Result<FSChangeToken> decode(const QSData& data) {
-    const auto list = propertyListWithData(data);
-    if (!list) return std::unexpected(list.error());
-    FSChangeToken token;
-    std::optional<QSError> failure;
-    read(failure, token.version, number(*list, "v"));
-    read(failure, token.deviceUUID, uuid(*list, "d"));
-    read(failure, token.streamEventID, number(*list, "s"));
-    read(failure, token.offset, number(*list, "o"));
-    read(failure, token.appLibraryVersionToken, number(*list, "a"));
-    if (failure) return std::unexpected(*failure);
-    return token;
+    field = *decoded;
+    return {};
 }
 
 }  // namespace
 
+Result<FSChangeToken> FSChangeToken::decode(const QSPropertyList& list) {
+    FSChangeToken token;
+    auto done = read(list, "v", token.version);
+    if (done) done = read(list, "d", token.deviceUUID);
+    if (done) done = read(list, "s", token.streamEventID);
+    if (done) done = read(list, "o", token.offset);
+    if (done) done = read(list, "a", token.appLibraryVersionToken);
+    if (!done) return std::unexpected(std::move(done.error()));
+    return token;
+}
+
 std::optional<FSChangeToken> FSChangeToken::fromData(const std::optional<QSData>& data) {
     if (!data) return std::nullopt;
-    const auto token = decode(*data);
+    // Bytes that are no list and a list that is no token are reported alike.
+    const auto list = propertyListWithData(*data);
+    const auto token = list ? decode(*list) : std::unexpected(list.error());
     if (token) return *token;
     logError(
         [&] { return "can't decode token from provided data;" + token.error().description(); });
     return std::nullopt;
 }
 
+QSPropertyList FSChangeToken::encode() const {
+    return QSPropertyList::Dictionary{{"v", version},
+                                      {"d", deviceUUID.UUIDString()},
+                                      {"s", streamEventID},
+                                      {"o", offset},
+                                      {"a", appLibraryVersionToken}};
+}
+
 QSData FSChangeToken::data() const {
-    auto encoded = binaryData(QSPropertyList::Dictionary{{"v", version},
-                                                         {"d", deviceUUID.UUIDString()},
-                                                         {"s", streamEventID},
-                                                         {"o", offset},
-                                                         {"a", appLibraryVersionToken}});
+    auto encoded = binaryData(encode());
     if (encoded) return std::move(*encoded);
     logError([&] { return "can't encode token;" + encoded.error().description(); });
-    fatalError("encoding token should never failed");
+    // A number that every report of this failure has.
+    constexpr auto place = std::source_location::current();
+    static_assert(place.line() == 74, "the line that reports of this failure name");
+    fatalError("encoding token should never failed", place);
 }
 
 std::string FSChangeToken::description() const {

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/foundation/QSData.h"
+#include "platform/foundation/QSPropertyList.h"
 #include "platform/foundation/QSUUID.h"
 
 namespace tidewell {
@@ -25,9 +25,12 @@ struct FSChangeToken {
     /// The stored form. A token that cannot be encoded ends the process.
     [[nodiscard]] QSData data() const;
 
-    [[nodiscard]] std::string description() const;
+    /// The token as a value within a larger archive, and the way back, which fails with code
+    /// QSCoderReadCorruptError at the first key that is missing or of the wrong type.
+    [[nodiscard]] QSPropertyList encode() const;
+    [[nodiscard]] static Result<FSChangeToken> decode(const QSPropertyList& list);
 
-    friend bool operator==(const FSChangeToken&, const FSChangeToken&) = default;
+    [[nodiscard]] std::string description() const;
 };
 
 }  // namespace tidewell
