@@ -1,13 +1,10 @@
 #include "platform/fileprovider/QPPacer.h"
 
 #include <mutex>
-#include <optional>
 
 namespace platform {
 
 struct QPPacer::State : std::enable_shared_from_this<State> {
-    using Clock = std::chrono::steady_clock;
-
     State(std::string label, SerialQueue target, std::chrono::nanoseconds interval)
         : name(std::move(label)), queue(std::move(target)), minFireInterval(interval) {}
 
@@ -25,16 +22,13 @@ struct QPPacer::State : std::enable_shared_from_this<State> {
     bool isSignalled = false;  // since the last event began
     bool isScheduled = false;
     bool isStopped = false;
-    std::optional<Clock::time_point> lastEvent;
 };
 
 /// REQUIRES: mutex is locked.
 void QPPacer::State::schedule() {
     if (!isResumed || !isSignalled || isScheduled || isStopped) return;
     isScheduled = true;
-    const auto delay =
-        lastEvent ? *lastEvent + minFireInterval - Clock::now() : std::chrono::nanoseconds::zero();
-    queue.asyncAfter(delay, [weak = weak_from_this()] {
+    queue.asyncAfter(minFireInterval, [weak = weak_from_this()] {
         if (const auto self = weak.lock()) self->fire();
     });
 }
@@ -47,7 +41,6 @@ void QPPacer::State::fire() {
         if (isStopped) return;
         isScheduled = false;
         isSignalled = false;
-        lastEvent = Clock::now();
         event = block;
     }
     if (event && *event) (*event)();

@@ -9,8 +9,8 @@
 
 namespace platform {
 
-/// Runs an event block on a queue at most once an interval: the first signal fires at once, those
-/// that arrive within the interval are answered by one firing at its end. Any thread.
+/// Runs an event block on a queue at most once an interval: a signal is answered by one firing at
+/// the end of the interval that it begins, together with those that arrive within it. Any thread.
 class QPPacer {
   public:
     QPPacer(std::string name, SerialQueue queue, std::chrono::nanoseconds minFireInterval);
