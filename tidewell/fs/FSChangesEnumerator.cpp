@@ -77,6 +77,10 @@ void FSChangesEnumerator::makeReaders() {
 }
 
 void FSChangesEnumerator::start() {
+    const LogSection section([&] {
+        return "fetching changes of " + container() + " since FSEventID " +
+               std::to_string(sinceFSEventID_);
+    });
     bool isOver = false;
     queue_.sync([&] {
         // Most often there is nothing, which needs no reader and no other thread.
@@ -177,6 +181,7 @@ void FSChangesEnumerator::historyDone(FSEventReader& reader) {
 void FSChangesEnumerator::eventsLost(FSEventReader& reader) {
     queue_.sync([&] {
         if (isFinished() || !feedOf(reader)) return;
+        stopReaders();
         logInfo("fetching changes did finish after reset");
         finishExpired();
     });
@@ -184,7 +189,8 @@ void FSChangesEnumerator::eventsLost(FSEventReader& reader) {
 
 void FSChangesEnumerator::ignore(const QSURL& url, Cover cover) const {
     logDebug([&] {
-        const auto reason = cover == Cover::Root ? std::string("; app library are not indexed")
+        const bool isLibrary = cover == Cover::Root && url.path() != presentedStoragePath;
+        const auto reason = isLibrary ? std::string("; app library are not indexed")
                             : cover == Cover::NotAFolder
                                 ? std::string("; item is not a directory")
                                 : "; item is not a directory of " + container();

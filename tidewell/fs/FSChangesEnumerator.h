@@ -51,6 +51,16 @@ class FSChangesEnumerator final : public FSEventReaderDelegate,
     /// How far the replay goes: the current event ID at creation or, where the history had still
     /// to catch up, that of the reader which began first.
     [[nodiscard]] std::uint64_t startupFSEventID() const { return startupFSEventID_; }
+    /// Null once the observer has had its last call. On queue(), as the four below.
+    [[nodiscard]] const std::shared_ptr<QSFileProviderChangeObserver>& observer() const {
+        return observer_;
+    }
+    /// Changes handed to the observer, those before the token included.
+    [[nodiscard]] std::uint64_t numberOfChanges() const { return numberOfChanges_; }
+    void setNumberOfChanges(std::uint64_t number) { numberOfChanges_ = number; }
+    /// Readers that have reported all of the history; two end the enumeration.
+    [[nodiscard]] std::uint64_t numberOfReaderCaughtUp() const { return numberOfReaderCaughtUp_; }
+    void setNumberOfReaderCaughtUp(std::uint64_t number) { numberOfReaderCaughtUp_ = number; }
 
     // Reports of the readers; they enter the queue and wait.
     void itemChanged(FSEventReader& reader, const QSURL& url,

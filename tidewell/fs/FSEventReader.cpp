@@ -246,7 +246,7 @@ Result<FSEventReader::Subject> FSEventReader::subjectOf(const FSEvent& event) co
     }
     if (isMonitored(url)) {
         subject.url = std::move(url);
-    } else {
+    } else if ((event.flags & fsEventMustScanSubDirs) == 0) {  // else reported as a loss
         logDropped(url.description(), "; URL is not monitored");
     }
     return subject;
@@ -346,6 +346,8 @@ void FSEventReader::logDropped(const std::string& what, std::string_view reason)
 
 std::pair<FSEventReaderGatherPhaseResumeStatus, std::uint64_t> FSEventReader::canResumeGatherPhase(
     const std::vector<QSURL>& urls, std::uint64_t previousEventID) {
+    const LogSection section(
+        [&] { return "checking for changes since FSEventID " + std::to_string(previousEventID); });
     const auto currentEventID = currentFSEventID();
     const auto reader =
         std::make_shared<FSEventReader>(urls, previousEventID, Mode::pathBased, false);
