@@ -14,6 +14,9 @@ inline constexpr std::string_view favoriteRankAttribute = "com.quenby.favorite-r
 /// Of the storage folder alone: how far the store had come that knows it.
 inline constexpr std::string_view folderWitnessAttribute = "com.quenby.tidewell.witness";
 
+/// In the errors of reading an attribute that was there, its size at least, at first.
+inline constexpr std::string_view attributeWasFoundErrorKey = "AttributeWasFound";
+
 /// Sets an extended attribute (given name, kept below "user.") of an object that is open, be it
 /// with O_PATH, whole or not at all. 0, or -1 with errno: ENOSPC where the disk is full, E2BIG
 /// where the value does not fit the object's attribute space.

@@ -1,4 +1,5 @@
 #include "platform/files/FileSystem.h"
+#include "platform/files/ExtendedAttributes.h"
 
 #include <fcntl.h>
 #include <linux/openat2.h>
@@ -425,9 +426,11 @@ Result<std::optional<QSData>> FileSystem::extendedAttribute(const QSURL& url,
     auto object = openObject(url, O_PATH);
     if (!object) return std::unexpected(object.error());
     QSData value;
+    bool wasFound = false;
     for (;;) {
         const auto size = getAttribute(object->get(), "", stored.c_str(), nullptr, 0);
-        if (size < 0) break;
+        wasFound = size >= 0;
+        if (!wasFound) break;
         value.resize(static_cast<std::size_t>(size));
         // An empty buffer would ask for the size once more.
         std::uint8_t none = 0;
@@ -443,7 +446,9 @@ Result<std::optional<QSData>> FileSystem::extendedAttribute(const QSURL& url,
     if (errno == ENODATA || errno == EOPNOTSUPP || errno == EPERM || errno == ELOOP) {
         return std::nullopt;
     }
-    return std::unexpected(errorFromErrno(errno, nativePath(url)));
+    auto error = errorFromErrno(errno, nativePath(url));
+    if (wasFound) error.userInfo.emplace(attributeWasFoundErrorKey, "");
+    return std::unexpected(std::move(error));
 }
 
 }  // namespace platform

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/foundation/QSError.h"
 #include "platform/foundation/QSResourceValue.h"
 
 namespace platform {
@@ -51,7 +52,8 @@ class QSURL {
 
     /// The cached value; monostate where none is cached. Never touches the disk.
     [[nodiscard]] QSResourceValue cachedResourceValue(QSResourceKey key) const;
-    void setCachedResourceValue(QSResourceKey key, QSResourceValue value) const;
+    /// Fails with ENOMEM; then the cache is as before.
+    Result<void> setCachedResourceValue(QSResourceKey key, QSResourceValue value) const;
     void removeAllCachedResourceValues() const;
 
     [[nodiscard]] std::shared_ptr<const QSURLAttachment> attachment() const;

@@ -33,7 +33,9 @@ std::optional<QSData> initWithValueOfXattr(std::string_view name, const QSURL& a
     if (value) return std::move(*value);
     const auto& error = value.error();
     const auto message = [&] {
-        return "can't get xattr " + std::string(name) + "; " + error.description();
+        const bool wasFound = error.userInfo.contains(attributeWasFoundErrorKey);
+        return (wasFound ? "can't copy data for xattr " : "can't get xattr ") + std::string(name) +
+               "; " + error.description();
     };
     if (error.code == ENOENT) {
         logDebug(message);

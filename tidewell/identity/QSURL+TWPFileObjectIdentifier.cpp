@@ -80,6 +80,17 @@ Result<std::optional<std::uint64_t>> keptNumber(const QSURL& url, QSResourceKey 
 #endif
 }
 
+/// Keeps the number with the URL. The log names the key as hosts know it.
+void keepNumber(const QSURL& url, QSResourceKey key, std::uint64_t number,
+                std::string_view loggedKey) {
+    const auto kept = url.setCachedResourceValue(key, number);
+    if (kept) return;
+    logHandle().write(LogLevel::Debug, [&] {
+        return "can't cache value " + std::to_string(number) + " for key " +
+               std::string(loggedKey) + "; " + kept.error().description();
+    });
+}
+
 /// Asks the volume for the identifier of an object whose URL keeps none.
 Result<Identifier> freshIdentifier(const QSURL& url) {
     const auto isPackage = resourceValue(url, QSResourceKey::IsPackage);
@@ -104,7 +115,7 @@ Result<Identifier> freshIdentifier(const QSURL& url) {
                    "can't get attribute list for " + quoted(url.path()) + "; " + errnoText(reason));
             return std::unexpected(errorFromErrno(reason));
         }
-        url.setCachedResourceValue(QSResourceKey::FileID, fileID);
+        keepNumber(url, QSResourceKey::FileID, fileID, "QSURLFileResourceIdentifierKey");
         return TWPFileObjectIdentifier::fromFileID(fileID);
     }
     const std::uint64_t documentID = QGLibraryGetOrAllocateDocumentId(url);
@@ -113,7 +124,7 @@ Result<Identifier> freshIdentifier(const QSURL& url) {
         logRaw(LogLevel::Error, "can't get permanent storage for " + quoted(url.path()));
         return std::unexpected(errorFromErrno(reason));
     }
-    url.setCachedResourceValue(QSResourceKey::DocumentIdentifier, documentID);
+    keepNumber(url, QSResourceKey::DocumentIdentifier, documentID, "QSURLDocumentIdentifierKey");
     return TWPFileObjectIdentifier::fromDocumentID(documentID);
 }
 
@@ -269,7 +280,9 @@ std::optional<std::uint64_t> fileIDForDocumentID(std::uint64_t documentID, std::
                                                  const DocumentIDResolver& resolve) {
     constexpr int retries = 5;
     auto fileID = resolve(documentID, device);
-    const auto number = [&] { return quoted(std::to_string(documentID)); };
+    const auto number = [&] {
+        return quoted(std::to_string(static_cast<std::int64_t>(documentID)));
+    };
     for (int attempt = 0; fileID == 0 && attempt < retries; ++attempt) {
         const int reason = errno;
         if (reason != EAGAIN && reason != EBUSY && reason != ESTALE) {
