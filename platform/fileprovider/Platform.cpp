@@ -257,6 +257,7 @@ void Platform::install() {
     if (!installedPlatform.compare_exchange_strong(none, this)) {
         fatalError("a platform is installed already");
     }
+    workspace_->makeDefault();
 }
 
 std::string userDocumentsFolder() {

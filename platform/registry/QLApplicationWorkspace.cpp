@@ -1,10 +1,12 @@
 #include "platform/registry/QLApplicationWorkspace.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <mutex>
 #include <set>
 
+#include "platform/foundation/fatalError.h"
 #include "platform/registry/ApplicationSet.h"
 #include "platform/registry/FolderWatcher.h"
 #include "platform/registry/UserOverrides.h"
@@ -159,11 +161,29 @@ SetRef QLApplicationWorkspace::State::current() {
     return get();
 }
 
+namespace {
+
+std::atomic<QLApplicationWorkspace*> ofProcess = nullptr;
+
+}  // namespace
+
+QLApplicationWorkspace& QLApplicationWorkspace::defaultWorkspace() {
+    auto* workspace = ofProcess.load(std::memory_order_acquire);
+    if (!workspace) fatalError("there is no default workspace");
+    return *workspace;
+}
+
+void QLApplicationWorkspace::makeDefault() {
+    ofProcess.store(this, std::memory_order_release);
+}
+
 QLApplicationWorkspace::QLApplicationWorkspace(Configuration configuration)
     : state_(std::make_unique<State>(std::move(configuration))) {}
 
 QLApplicationWorkspace::~QLApplicationWorkspace() {
     stop();
+    auto* self = this;
+    ofProcess.compare_exchange_strong(self, nullptr);
 }
 
 void QLApplicationWorkspace::follow() {

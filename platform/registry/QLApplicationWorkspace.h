@@ -49,6 +49,11 @@ class QLApplicationWorkspace {
     explicit QLApplicationWorkspace(Configuration configuration);
     ~QLApplicationWorkspace();
 
+    /// That of the process, which makeDefault() was called on; ends the process where there is
+    /// none.
+    [[nodiscard]] static QLApplicationWorkspace& defaultWorkspace();
+    void makeDefault();
+
     /// Follows the folders from now on, those that are still to be made too; again is fine.
     void follow();
     /// Returns when nothing is followed and no notification is on its way.

@@ -1,5 +1,7 @@
 #include "tidewell/applibraries/LocalAppLibraryCache.h"
 
+#include <limits>
+
 #include "platform/files/DataFile.h"
 #include "platform/foundation/QSKeyedArchiver.h"
 #include "platform/foundation/QSKeyedUnarchiver.h"
@@ -21,6 +23,9 @@ constexpr std::size_t mebibyte = std::size_t{1024} * 1024;
 /// Room for some ten thousand applications.
 constexpr QSPropertyListLimits cacheLimits{
     .bytes = 16 * mebibyte, .depth = 8, .objects = 400'000, .expandedBytes = 128 * mebibyte};
+
+/// Far beyond what counting reaches: with more, the version could wrap.
+constexpr std::uint64_t largestVersion = std::numeric_limits<std::uint64_t>::max() / 2;
 
 constexpr ArchiveClasses cacheClasses{ArchiveClass::Dictionary, ArchiveClass::Array,
                                       ArchiveClass::String, ArchiveClass::Number};
@@ -94,7 +99,7 @@ bool LocalAppLibraryCache::load() {
     }
     const auto* records = root->asDictionary();
     if (!records) {
-        logError("the root is no dictionary; data on disk is corrupted let's reset");
+        logInfo("can't load cache from disk let's reset;the root is no dictionary");
         return resetAfterFailure();
     }
     if (records->empty()) {
@@ -104,7 +109,7 @@ bool LocalAppLibraryCache::load() {
     }
     const auto* number = root->find(versionTokenKey);
     const auto versionToken = number ? number->asUnsigned() : std::nullopt;
-    if (!versionToken) {
+    if (!versionToken || *versionToken > largestVersion) {
         logError("version token invalid; data on disk is corrupted let's reset");
         return resetAfterFailure();
     }

@@ -16,11 +16,6 @@ QSURL rootOf(const QLBundleProxy& bundle) {
     return libraryRootInContainer(*bundle.dataContainerURL);
 }
 
-std::string textOf(const QLBundleProxy& bundle) {
-    return bundle.bundleIdentifier.value_or("(null)") + " at " +
-           (bundle.dataContainerURL ? bundle.dataContainerURL->path() : std::string("(null)"));
-}
-
 /// The folder counts too: an application that was renamed may get another one under its URL.
 bool areIdentical(const std::vector<BundleRef>& a, const std::vector<BundleRef>& b) {
     return std::ranges::equal(a, b, [](const BundleRef& left, const BundleRef& right) {
@@ -32,7 +27,7 @@ bool areIdentical(const std::vector<BundleRef>& a, const std::vector<BundleRef>&
 /// The record with the name that its application has now.
 QLBundleProxy renamed(const QLBundleProxy& bundle) {
     auto copy = bundle;
-    const auto present = Platform::current().workspace().bundleProxyForIdentifier(
+    const auto present = QLApplicationWorkspace::defaultWorkspace().bundleProxyForIdentifier(
         bundle.bundleIdentifier.value_or(""));
     if (present && present->bundleIdentifier == bundle.bundleIdentifier) {
         copy.displayName = present->displayName;
@@ -76,14 +71,25 @@ std::vector<ItemRef> itemsOf(const AppLibraryRoots& roots) {
             items.push_back(std::move(item));
             continue;
         }
-        logError([&] { return "can't create app library from bundle proxy " + textOf(*bundle); });
+        logError([&] { return "can't create app library for " + descriptionOf(*bundle); });
     }
     return items;
 }
 
+std::string descriptionOf(const QLBundleProxy& bundle) {
+    return bundle.bundleIdentifier.value_or("(null)") + " at " +
+           (bundle.dataContainerURL ? bundle.dataContainerURL->path() : std::string("(null)"));
+}
+
 LocalAppLibraryManager::LocalAppLibraryManager(std::shared_ptr<LocalAppLibraryCache> cacheSource)
     : cacheSource_(std::move(cacheSource)), queue_("tidewell.app-library-manager") {
-    take(cacheSource_->content());
+    const auto content = cacheSource_->content();
+    for (const auto& bundle : content.bundleProxies) {
+        if (bundle->dataContainerURL) continue;
+        logError(
+            [&] { return "can't create app library from bundle proxy " + descriptionOf(*bundle); });
+    }
+    take(content);
 }
 
 void LocalAppLibraryManager::take(const AppLibraryContent& content) {
@@ -116,6 +122,19 @@ AppLibraryContent LocalAppLibraryManager::content() const {
 
 std::vector<ItemRef> LocalAppLibraryManager::appLibraryItems() const {
     return itemsOf(bundleProxiesByRootURLs());
+}
+
+std::map<std::string, ItemRef> LocalAppLibraryManager::appLibrariesByItemIDs() const {
+    std::map<std::string, ItemRef> items;
+    for (auto& item : appLibraryItems()) items.emplace(item->itemIdentifier(), item);
+    return items;
+}
+
+ItemRef LocalAppLibraryManager::appLibraryWithItemID(std::string_view itemID) const {
+    for (auto& item : appLibraryItems()) {
+        if (item->itemIdentifier() == itemID) return item;
+    }
+    return nullptr;
 }
 
 Result<bool> LocalAppLibraryManager::refresh(const Source& source, const Show& show) {
@@ -172,7 +191,6 @@ std::optional<AppLibraryUpgrade> LocalAppLibraryManager::upgradeFromMainCache(
             if (!bundleProxiesByRootURLs_.contains(root)) upgrade->lost.push_back(bundle);
         }
         upgrade->changed = true;
-        logInfo("upgraded manager");
     });
     return upgrade;
 }

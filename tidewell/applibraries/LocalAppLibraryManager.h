@@ -2,9 +2,11 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/fileprovider/QSFileProviderItem.h"
@@ -36,6 +38,9 @@ class LocalAppLibraryManager {
     [[nodiscard]] AppLibraryContent content() const;
     /// An item for each library whose folder is there, as it is now. Blocks for the disk.
     [[nodiscard]] std::vector<ItemRef> appLibraryItems() const;
+    /// The same by identifier, and one of them; null where no library has that identifier.
+    [[nodiscard]] std::map<std::string, ItemRef> appLibrariesByItemIDs() const;
+    [[nodiscard]] ItemRef appLibraryWithItemID(std::string_view itemID) const;
 
     /// The applications that are to be app libraries, in order. May block.
     using Source = std::function<std::vector<BundleRef>()>;
@@ -73,5 +78,8 @@ class LocalAppLibraryManager {
 /// The items of the libraries, named as the registry names their applications now. One that cannot
 /// be made is logged and left out.
 [[nodiscard]] std::vector<ItemRef> itemsOf(const AppLibraryRoots& roots);
+
+/// The identifier and the container, for the log.
+[[nodiscard]] std::string descriptionOf(const QLBundleProxy& bundle);
 
 }  // namespace tidewell

@@ -59,7 +59,7 @@ std::vector<BundleRef> retrieveAppLibraries() {
         containers.insert(container);
         kept.push_back(bundle);
     };
-    const auto& workspace = Platform::current().workspace();
+    const auto& workspace = QLApplicationWorkspace::defaultWorkspace();
     for (const auto type : {QLApplicationType::User, QLApplicationType::System}) {
         workspace.enumerateApplicationsOfType(type, consider);
     }

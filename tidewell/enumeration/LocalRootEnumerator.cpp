@@ -232,6 +232,7 @@ Result<LocalRootEnumerator::Told> LocalRootEnumerator::appLibraryStep(FSChangeTo
         });
         return std::unexpected(syncAnchorExpiredError());
     }
+    if (upgrade->changed) logInfo("upgraded manager");
     token.appLibraryVersionToken = upgrade->versionToken;
     if (isWorkingSet_) saveWorkingSet();
 

@@ -2,6 +2,7 @@
 
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QSFileProviderError.h"
+#include "tidewell/applibraries/LocalAppLibraryManager.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/items/LocalAppLibraryItem.h"
 #include "tidewell/provider/LocalFileProvider.h"
@@ -52,6 +53,7 @@ void refreshInstalledApps(AppLibraries& appLibraries) {
                "QSFileProviderWorkingSetContainerItemIdentifier");
     }
     removeFromSearchIndex(upgrade.domains());
+    if (upgrade.changed) logInfo("upgraded manager");
 }
 
 void LocalFileProvider::_defaultApplicationContainerForBundleIdentifier(
@@ -62,17 +64,15 @@ void LocalFileProvider::_defaultApplicationContainerForBundleIdentifier(
         completionHandler(
             std::unexpected(QPInvalidParameterError("bundleIdentifier", bundleIdentifier)));
     };
-    const auto bundle = Platform::current().workspace().bundleProxyForIdentifier(bundleIdentifier);
+    const auto bundle =
+        QLApplicationWorkspace::defaultWorkspace().bundleProxyForIdentifier(bundleIdentifier);
     if (!bundle) {
         logError([&] { return "can't create bundle proxy with '" + bundleIdentifier + "'"; });
         return refuse();
     }
     auto item = LocalAppLibraryItem::initFrom(*bundle);
     if (!item) {
-        logError([&] {
-            return "can't create an app library item with " +
-                   bundle->bundleIdentifier.value_or("(null)");
-        });
+        logError([&] { return "can't create an app library item with " + descriptionOf(*bundle); });
         return refuse();
     }
     completionHandler(std::move(item));

@@ -26,7 +26,8 @@ constexpr std::array<std::string_view, 2> registryNotifications = {
     "com.quenby.Registrar.applicationRegistered", "com.quenby.Registrar.applicationUnregistered"};
 
 std::shared_ptr<LocalItem> appLibraryItem(std::string_view bundleIdentifier) {
-    const auto bundle = Platform::current().workspace().bundleProxyForIdentifier(bundleIdentifier);
+    const auto bundle =
+        QLApplicationWorkspace::defaultWorkspace().bundleProxyForIdentifier(bundleIdentifier);
     return bundle ? LocalAppLibraryItem::initFrom(*bundle) : nullptr;
 }
 
