@@ -28,7 +28,7 @@ constexpr std::size_t keptListings = 4;
 
 std::optional<std::vector<std::string>> labels(const std::optional<platform::QSData>& tagData) {
     if (!tagData) return std::nullopt;
-    const auto tags = platform::QPGetTagsForTagsData(*tagData);
+    const auto tags = platform::QPGetTagsFromTagsData(*tagData);
     if (!tags) return std::nullopt;
     std::vector<std::string> result;
     result.reserve(tags->size());

@@ -31,7 +31,7 @@ Result<ItemRecord> DocumentService::setTags(const ItemTarget& target,
     for (const auto& label : labels) tags.push_back({label, 0});
     const auto data = platform::QPGetTagsDataForTags(tags);
     // An extension takes what it cannot read for no tags at all.
-    if (!platform::QPGetTagsForTagsData(data)) {
+    if (!platform::QPGetTagsFromTagsData(data)) {
         auto error = platform::errorFromErrno(E2BIG);
         error.userInfo.emplace(platform::QSDescriptionErrorKey, "too many tags for one item");
         return std::unexpected(std::move(error));

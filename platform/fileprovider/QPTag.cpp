@@ -34,7 +34,7 @@ QSData QPGetTagsDataForTags(const std::vector<QPTag>& tags) {
     return binaryData(entries).value();
 }
 
-std::optional<std::vector<QPTag>> QPGetTagsForTagsData(QSDataView data) {
+std::optional<std::vector<QPTag>> QPGetTagsFromTagsData(QSDataView data) {
     const auto list = propertyListWithBinaryData(data, limits);
     const auto* entries = list ? list->asArray() : nullptr;
     if (!entries) return std::nullopt;

@@ -23,6 +23,6 @@ struct QPTag {
 [[nodiscard]] QSData QPGetTagsDataForTags(const std::vector<QPTag>& tags);
 
 /// The way back. Nothing for bytes that are no such list.
-[[nodiscard]] std::optional<std::vector<QPTag>> QPGetTagsForTagsData(QSDataView data);
+[[nodiscard]] std::optional<std::vector<QPTag>> QPGetTagsFromTagsData(QSDataView data);
 
 }  // namespace platform

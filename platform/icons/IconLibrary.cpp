@@ -70,7 +70,7 @@ class ThemedIconLibrary final : public IconLibrary {
         return std::nullopt;
     }
 
-    Result<QIImage> createIconFromCachedBitmap(QSDataView data) const override {
+    Result<QIImage> QICreateIconFromCachedBitmap(QSDataView data) const override {
         const auto begin = data.first(std::min(data.size(), cachedBitmapMagic.size()));
         if (data.size() <= headerSize || !std::ranges::equal(begin, cachedBitmapMagic)) {
             return std::unexpected(errorFromErrno(EINVAL));

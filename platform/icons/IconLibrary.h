@@ -28,7 +28,7 @@ class IconLibrary {
 
     /// Decodes what iconDataForVariant gave, in a program of its own; the error says what went
     /// wrong with it. Ends after the deadline whatever the bytes are.
-    [[nodiscard]] virtual Result<QIImage> createIconFromCachedBitmap(QSDataView data) const = 0;
+    [[nodiscard]] virtual Result<QIImage> QICreateIconFromCachedBitmap(QSDataView data) const = 0;
 };
 
 /// How icons are found and decoded.

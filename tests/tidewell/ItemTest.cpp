@@ -109,7 +109,7 @@ TEST_F(ItemTest, AppLibraryItem) {
     const auto container = libraryURL().URLByDeletingLastPathComponent();
     const auto library = LocalAppLibraryItem::initFrom({"org.a", container, "An App"});
     ASSERT_TRUE(library);
-    EXPECT_EQ(library->itemIdentifier(), "#org.a");
+    EXPECT_EQ(library->itemIdentifierAsString(), "#org.a");
     EXPECT_EQ(library->parentItemIdentifier(), QSFileProviderRootContainerItemIdentifier);
     EXPECT_EQ(library->filename(), "An App");
     EXPECT_EQ(library->childItemCount(), 2);
@@ -121,7 +121,7 @@ TEST_F(ItemTest, AppLibraryItem) {
     EXPECT_FALSE(proxyAt(libraryURL("a")));
     EXPECT_FALSE(proxyWithContaining(QSURL::fileURLWithPath(container.path() + "2/x")));
     const auto inner = LocalItem::initWithURL(libraryURL("a"));
-    EXPECT_EQ(inner->parentItemIdentifier(), "#org.a");
+    EXPECT_EQ(inner->parentItemIdentifierAsString(), "#org.a");
     EXPECT_EQ(inner->qp_beaconDomainIdentifier(), "org.a");
     EXPECT_FALSE(LocalItem::initWithURL(libraryURL("Inbox")));
     const auto nameless = LocalAppLibraryItem::initFrom({{}, container, {}});

@@ -19,7 +19,7 @@ class ScriptedIcons final : public IconLibrary {
         if (std::ranges::find(present, variant) == present.end()) return std::nullopt;
         return dataFromString(iconName);
     }
-    Result<QIImage> createIconFromCachedBitmap(QSDataView data) const override {
+    Result<QIImage> QICreateIconFromCachedBitmap(QSDataView data) const override {
         if (stringFromData(data) == "bad") return std::unexpected(errorFromErrno(EBADMSG));
         if (stringFromData(data) == "odd") return QIImage{4, {}};
         return QIImage{1, {0xFFFF'FFFF}};

@@ -33,7 +33,7 @@ TEST_F(UserMetadataTest, ValuesAreKeptAndClearedAsTheFormatSays) {
         const auto item = id(name);
         EXPECT_EQ(use(item, date).value()->lastUsedDate(), date);
         EXPECT_EQ(rank(item, ~0ULL).value()->favoriteRank(), ~0ULL);
-        EXPECT_EQ(QPGetTagsForTagsData(*tag(item, red).value()->tagData()),
+        EXPECT_EQ(QPGetTagsFromTagsData(*tag(item, red).value()->tagData()),
                   (std::vector<QPTag>{{"red", 0}, {"", 0}, {"blau", 0}}));
         EXPECT_EQ(kept(name, LocalItem::xattrLastUsedDateName()),
                   archivedDataWithRootObject(date).value());
@@ -54,7 +54,7 @@ TEST_F(UserMetadataTest, ValuesAreKeptAndClearedAsTheFormatSays) {
         }
     }
     EXPECT_THAT(logged(LogLevel::Error, "xattr"), testing::IsEmpty());
-    EXPECT_EQ(QPGetTagsForTagsData(QPGetTagsDataForTags({{"\xFF", 1}, {"a", 2}, {"b", 8}})),
+    EXPECT_EQ(QPGetTagsFromTagsData(QPGetTagsDataForTags({{"\xFF", 1}, {"a", 2}, {"b", 8}})),
               (std::vector<QPTag>{{"a", 2}}))
         << "of well-formed text, with a colour that exists";
 }

@@ -10,6 +10,25 @@
 
 namespace tidewell {
 
+namespace {
+
+[[noreturn]] void failUnimplemented(std::string_view initialiser) {
+    fatalError("use of unimplemented initialiser '" + std::string(initialiser) +
+               "' for class 'Tidewell.LocalAppLibraryItem'");
+}
+
+}  // namespace
+
+std::shared_ptr<LocalItem> LocalAppLibraryItem::initWithURL(
+    const QSURL& /*url*/, const Custom& /*custom*/, bool /*hasBeaconDomainIdentifier*/,
+    const std::optional<std::string>& /*bundleIdentifier*/) {
+    failUnimplemented("initWithURL");
+}
+
+std::shared_ptr<LocalItem> LocalAppLibraryItem::initWithFileIdentifier(std::uint64_t /*fileID*/) {
+    failUnimplemented("initWithFileIdentifier");
+}
+
 std::shared_ptr<LocalAppLibraryItem> LocalAppLibraryItem::initFrom(const QLBundleProxy& bundle) {
     if (!bundle.dataContainerURL) {
         logError("can't create an app library item without a data container URL");

@@ -13,9 +13,11 @@ class LocalAppLibraryItem final : public LocalItem {
     /// Null, after a log line, for a record without a data container or without its "Documents".
     [[nodiscard]] static std::shared_ptr<LocalAppLibraryItem> initFrom(const QLBundleProxy& bundle);
 
-    // A library has no other way to be made.
-    static std::shared_ptr<LocalItem> initWithURL(const QSURL& url) = delete;
-    static std::shared_ptr<LocalItem> initWithFileIdentifier(std::uint64_t fileID) = delete;
+    // A library has no other way to be made: these end the process.
+    [[noreturn]] static std::shared_ptr<LocalItem> initWithURL(
+        const QSURL& url, const Custom& custom = {}, bool hasBeaconDomainIdentifier = true,
+        const std::optional<std::string>& bundleIdentifier = {});
+    [[noreturn]] static std::shared_ptr<LocalItem> initWithFileIdentifier(std::uint64_t fileID);
 
     [[nodiscard]] bool qp_isContainer() const override { return true; }
 

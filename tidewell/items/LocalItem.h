@@ -51,6 +51,10 @@ class LocalItem : public QSFileProviderItem {
     [[nodiscard]] std::string parentItemIdentifier() const override {
         return _parentItemIdentifier;
     }
+    [[nodiscard]] const std::string& itemIdentifierAsString() const { return _itemIdentifier; }
+    [[nodiscard]] const std::string& parentItemIdentifierAsString() const {
+        return _parentItemIdentifier;
+    }
     [[nodiscard]] std::string filename() const override { return filename_; }
     [[nodiscard]] std::string typeIdentifier() const override { return typeIdentifier_; }
     [[nodiscard]] std::optional<std::uint64_t> documentSize() const override {

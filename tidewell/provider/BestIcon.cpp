@@ -20,7 +20,9 @@ std::optional<QSData> bestIconData(const QLApplicationProxy& application) {
     const auto& device = Platform::current().device();
     const bool isPadClass = device.answer(deviceClassNumberQuestion) == padClass;
     const auto screenScale = device.answer(mainScreenScaleQuestion).value_or(1.0);
-    for (double scale = screenScale; scale >= 1.0; scale -= 1.0) {
+    constexpr int mostVariants = 3;
+    double scale = screenScale;
+    for (int asked = 0; scale >= 1.0 && asked < mostVariants; scale -= 1.0, ++asked) {
         auto data = Platform::current().icons().iconDataForVariant(
             application.iconName, application.dataFolder, variantFor(scale, isPadClass));
         if (data) return data;

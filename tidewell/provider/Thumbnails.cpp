@@ -1,5 +1,7 @@
 // Thumbnails: the icons of the applications whose libraries are shown. Files and folders have none,
 // so that the host draws its own.
+#include <new>
+
 #include "platform/fileprovider/Platform.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/identity/TWPFileObjectIdentifier.h"
@@ -10,10 +12,26 @@ namespace tidewell {
 
 namespace {
 
+/// An empty buffer with room for a picture of usual size; none where memory is short.
+std::optional<QSData> newData() {
+    constexpr std::size_t usualSize = 16 * 1024;
+    try {
+        QSData data;
+        data.reserve(usualSize);
+        return data;
+    } catch (const std::bad_alloc&) {
+        return std::nullopt;
+    }
+}
+
 /// The picture as a PNG file; none, after a log line that begins with the identifier, on failure.
 std::optional<QSData> pngData(const std::string& identifier, QIImage image) {
-    QSData png;
-    auto destination = QIImageDestination::createWithData(png, pngTypeIdentifier, 1);
+    auto png = newData();
+    if (!png) {
+        logError([&] { return identifier + ": can't create new data"; });
+        return std::nullopt;
+    }
+    auto destination = QIImageDestination::createWithData(*png, pngTypeIdentifier, 1);
     if (!destination) {
         logError([&] { return identifier + ": can't create image from new data"; });
         return std::nullopt;
@@ -23,7 +41,7 @@ std::optional<QSData> pngData(const std::string& identifier, QIImage image) {
         logError([&] { return identifier + ": can't finalize image"; });
         return std::nullopt;
     }
-    logDebug([&] { return identifier + ": returning " + std::to_string(png.size()) + " bytes"; });
+    logDebug([&] { return identifier + ": returning " + std::to_string(png->size()) + " bytes"; });
     return png;
 }
 
@@ -31,7 +49,7 @@ std::optional<QSData> thumbnail(const std::string& identifier) {
     if (!isAppLibraryIdentifier(identifier)) return std::nullopt;
     const auto bundleIdentifier = identifier.substr(1);
     const auto application =
-        Platform::current().workspace().applicationProxyForIdentifier(bundleIdentifier);
+        QLApplicationWorkspace::defaultWorkspace().applicationProxyForIdentifier(bundleIdentifier);
     if (!application) {
         logDebug([&] { return identifier + ": can't get app proxy for " + bundleIdentifier; });
         return std::nullopt;
@@ -43,7 +61,7 @@ std::optional<QSData> thumbnail(const std::string& identifier) {
         });
         return std::nullopt;
     }
-    auto image = Platform::current().icons().createIconFromCachedBitmap(*icon);
+    auto image = Platform::current().icons().QICreateIconFromCachedBitmap(*icon);
     if (!image) {
         logDebug([&] { return identifier + ": can't create icon from cached bitmap"; });
         return std::nullopt;

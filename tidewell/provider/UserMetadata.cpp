@@ -26,7 +26,7 @@ std::optional<QSData> archived(const std::optional<QSPropertyList>& value) {
 /// The labels in the order given; none where the data is absent or no list of tags.
 QSPropertyList::Array labels(const std::optional<QSData>& tagData) {
     QSPropertyList::Array labels;
-    const auto tags = tagData ? QPGetTagsForTagsData(*tagData) : std::nullopt;
+    const auto tags = tagData ? QPGetTagsFromTagsData(*tagData) : std::nullopt;
     if (!tags) return labels;
     labels.reserve(tags->size());
     for (const auto& tag : *tags) labels.emplace_back(tag.label);

@@ -36,7 +36,7 @@ class IconsTest : public testing::Test {
     Result<QIImage> decoded(const std::string& content,
                             std::chrono::milliseconds deadline = seconds(4)) const {
         const auto path = scratch.makeFile("icon", content);
-        return library(deadline)->createIconFromCachedBitmap(
+        return library(deadline)->QICreateIconFromCachedBitmap(
             library()->iconDataForVariant(path, "", 0).value());
     }
 
@@ -93,7 +93,7 @@ TEST_F(IconsTest, VariantsHaveTheirSizesAndAreDrawnAsTheyLook) {
          {std::pair{0, 60}, {15, 120}, {32, 180}, {1, 76}, {24, 152}}) {
         const auto data = library()->iconDataForVariant("a", scratch / "app", variant);
         ASSERT_TRUE(data) << variant;
-        const auto image = library()->createIconFromCachedBitmap(*data).value();
+        const auto image = library()->QICreateIconFromCachedBitmap(*data).value();
         EXPECT_EQ(image.side, side);
         ASSERT_EQ(image.pixels.size(), static_cast<std::size_t>(side * side));
         EXPECT_EQ(image.pixels[image.pixels.size() / 2], 0xFFFF'0000U);
@@ -104,7 +104,7 @@ TEST_F(IconsTest, VariantsHaveTheirSizesAndAreDrawnAsTheyLook) {
         ASSERT_TRUE(destination->finalize());
         const auto path = scratch.makeFile("out.png", stringFromData(png));
         const auto again = library()->iconDataForVariant(path, "", variant).value();
-        EXPECT_EQ(library()->createIconFromCachedBitmap(again).value().pixels, image.pixels);
+        EXPECT_EQ(library()->QICreateIconFromCachedBitmap(again).value().pixels, image.pixels);
     }
     EXPECT_FALSE(library()->iconDataForVariant("a", scratch / "app", 2));
     EXPECT_FALSE(library()->iconDataForVariant("a", "", 0));
@@ -143,7 +143,7 @@ TEST_F(IconsTest, AProgramThatHangsOrLiesIsNotBelieved) {
     const auto run = [&](const std::string& script, auto deadline) {
         const auto path = scratch.makeFile("helper", "#!/bin/sh\n" + script + "\n");
         fs::permissions(path, fs::perms::owner_all);
-        return library(deadline, path)->createIconFromCachedBitmap(data);
+        return library(deadline, path)->QICreateIconFromCachedBitmap(data);
     };
     EXPECT_EQ(run("exec sleep 100", atOnce).error().code, ETIMEDOUT);
     for (const auto& [script, code] : {std::pair("exec yes", EBADMSG),
@@ -153,11 +153,12 @@ TEST_F(IconsTest, AProgramThatHangsOrLiesIsNotBelieved) {
         EXPECT_EQ(run(script, tests::longestWait).error().code, code) << script;
     }
     EXPECT_TRUE(run("printf 'QIB1\\074\\0\\0\\0'; exec cat /dev/zero", tests::longestWait));
-    EXPECT_EQ(library(seconds(4), scratch / "none")->createIconFromCachedBitmap(data).error().code,
-              ENOENT);
+    EXPECT_EQ(
+        library(seconds(4), scratch / "none")->QICreateIconFromCachedBitmap(data).error().code,
+        ENOENT);
     for (const auto& bytes : {QSData{}, QSData(8, 'Q'), QSData{'Q', 'I', 'C', 'B', 0, 0, 0, 0, 1},
                               QSData{'Q', 'I', 'C', 'B', 1, 4, 0, 0, 1}}) {
-        EXPECT_EQ(library()->createIconFromCachedBitmap(bytes).error().code, EINVAL);
+        EXPECT_EQ(library()->QICreateIconFromCachedBitmap(bytes).error().code, EINVAL);
     }
 }
 
