@@ -320,8 +320,10 @@ void VolumeService::removalEnds(const ObjectIdentity& object, bool isGone) {
     state_->follower->wake();
 }
 
-std::optional<QSError> VolumeService::writeTrouble() const {
-    return state_->follower->storeTrouble();
+std::optional<QSError> VolumeService::writeTrouble() {
+    if (!state_->follower->storeTrouble()) return std::nullopt;
+    const auto seen = waitUntilSeen();  // which tries once more
+    return seen ? std::nullopt : std::optional(seen.error());
 }
 
 std::optional<std::uint64_t> VolumeService::entryCount(const FileAttributes& folder) const {

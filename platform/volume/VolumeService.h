@@ -141,9 +141,10 @@ class VolumeService final : public EventHistory {
     /// where each object was seen. All or nothing.
     Result<void> identify(std::span<IdentityRequest> requests);
 
-    /// Why the last write to the store failed; empty where it succeeded. As long as it
-    /// lasts an object that is not found may be one that was never recorded.
-    [[nodiscard]] std::optional<QSError> writeTrouble() const;
+    /// Why the store cannot be written to; empty where it can. If a write has failed, one more is
+    /// tried. As long as none succeeds, an object that is not found may be one that was never
+    /// recorded.
+    [[nodiscard]] std::optional<QSError> writeTrouble();
 
     /// The file ID of the object with that document ID; ENOENT where it is not known.
     [[nodiscard]] Result<std::uint64_t> fileIDForDocumentID(std::uint32_t documentID) const;

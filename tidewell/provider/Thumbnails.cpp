@@ -12,7 +12,7 @@ namespace tidewell {
 
 namespace {
 
-/// An empty buffer with room for a picture of usual size; none where memory is short.
+/// An empty buffer with room for a picture of usual size; nothing if memory is short.
 std::optional<QSData> newData() {
     constexpr std::size_t usualSize = 16 * 1024;
     try {
