@@ -98,14 +98,13 @@ void Follower::run() {
 }
 
 Follower::Time Follower::nextTime() const {
-    const auto nextLook = now() + Time::duration(retryAfter);
-    // Nothing else is done before the store can be written.
-    if (storeTrouble_) return storageTrouble_ ? std::min(nextTry_, nextLook) : nextTry_;
+    // Nothing else is done before the storage is back and the store can be written to.
+    if (storageTrouble_) return now() + Time::duration(retryAfter);
+    if (storeTrouble_) return nextTry_;
     auto until = nextScan_;
     if (!unwatched_.empty()) until = std::min(until, nextDegradedScan_);
     if (!unreadable_.empty()) until = std::min(until, nextUnreadableLook_);
     if (!reconciler_.isSettled()) until = std::min(until, nextDecision_);
-    if (storageTrouble_) until = std::min(until, nextLook);
     return until;
 }
 

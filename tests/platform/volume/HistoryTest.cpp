@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <atomic>
+#include <thread>
 
 #include <algorithm>
 #include <set>
@@ -47,11 +49,14 @@ class LimitedSource final : public KernelEventSource {
     }
     void removeWatch(int watch) override { real_->removeWatch(watch); }
     std::vector<KernelEvent> read() override {
+        ++reads;
         auto events = real_->read();
         if (std::exchange(overflows_, false)) events.push_back({-1, IN_Q_OVERFLOW, ""});
         return events;
     }
     int descriptor() const override { return real_->descriptor(); }
+
+    static inline std::atomic<int> reads = 0;  // by all of them
 
   private:
     std::unique_ptr<KernelEventSource> real_ = makeInotifySource().value();
@@ -189,6 +194,16 @@ TEST_F(HistoryTest, WhatTheKernelDoesNotReportIsFoundInTime) {
     std::set<std::string> found;
     while (!found.contains("a/b/new") || !found.contains("linked")) found.merge(changes());
     EXPECT_GT(watches, -100) << "asks again and again";
+}
+
+TEST_F(HistoryTest, AMissingStorageIsLookedForAtRest) {
+    adjustMore = [](auto& configuration) { configuration.reconcileInterval = 1ms; };
+    start();
+    fs::rename(native(""), scratch / "elsewhere");
+    while (!service->statistics().storageTrouble) (void)service->waitUntilSeen();
+    const int before = LimitedSource::reads;
+    std::this_thread::sleep_for(50ms);
+    EXPECT_LE(LimitedSource::reads, before + 5) << "looks again and again";
 }
 
 TEST_F(HistoryTest, AFolderThatCannotBeReadLosesNothing) {
