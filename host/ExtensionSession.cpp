@@ -216,10 +216,14 @@ Page ExtensionSession::page(const std::string& container, const PageStart& start
 Result<Anchor> ExtensionSession::anchor(const std::string& container) const {
     const auto lease = newLease(container);
     if (!lease) return std::unexpected(lease.error());
+    return anchor(**lease);
+}
+
+Result<Anchor> ExtensionSession::anchor(const Lease& lease) const {
     struct Nothing {};
     using Told = std::optional<platform::QSFileProviderSyncAnchor>;
     const auto answer = std::make_shared<Answer<Nothing, Told>>();
-    (*lease)->enumerator->currentSyncAnchorWithCompletionHandler(
+    lease.enumerator->currentSyncAnchorWithCompletionHandler(
         [answer](Told anchor) { answer->finish(std::move(anchor)); });
     auto told = answer->wait(pageDeadline_).second;
     if (!told) return std::unexpected(std::move(told.error()));
@@ -251,7 +255,8 @@ Result<ChangePage> ExtensionSession::changes(const Lease& lease, const Anchor& s
 Result<std::shared_ptr<void>> ExtensionSession::startWatch(const std::string& container) const {
     auto lease = newLease(container);
     if (!lease) return std::unexpected(std::move(lease.error()));
-    (*lease)->enumerator->start();
+    // An enumerator signals what happens after the first anchor that it was asked for.
+    (void)anchor(**lease);
     return *std::move(lease);
 }
 

@@ -94,6 +94,7 @@ class ExtensionSession {
     [[nodiscard]] platform::Result<std::shared_ptr<Lease>> newLease(
         const std::string& container) const;
     /// As changes(), with that enumerator.
+    [[nodiscard]] platform::Result<Anchor> anchor(const Lease& lease) const;
     [[nodiscard]] platform::Result<ChangePage> changes(const Lease& lease,
                                                        const Anchor& since) const;
 

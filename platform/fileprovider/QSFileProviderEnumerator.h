@@ -68,7 +68,8 @@ class QSFileProviderEnumerator {
     using SyncAnchorHandler = std::function<void(std::optional<QSFileProviderSyncAnchor>)>;
     virtual void currentSyncAnchorWithCompletionHandler(SyncAnchorHandler completionHandler) = 0;
 
-    /// Begins to signal changes of the container to the host.
+    /// Signals to the host what happens in the container after the first anchor, or the first
+    /// changes, that are asked for. An extension hands out its enumerators started.
     virtual void start() = 0;
     /// Ends that, and every change enumeration that runs (with an expired anchor).
     virtual void stop() = 0;

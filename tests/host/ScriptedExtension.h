@@ -72,7 +72,7 @@ struct ScriptedContainer {
     std::size_t pages = 0;
     int enumeratorsMade = 0;
     int enumeratorsInvalidated = 0;
-    int watches = 0;  ///< enumerators started and not stopped
+    int watches = 0;  ///< enumerators asked for their anchor and not stopped
     std::string lastInitialPage = {};
 };
 
@@ -89,12 +89,13 @@ class ScriptedEnumerator final : public QSFileProviderEnumerator {
         run([this, observer, since] { answerChanges(*observer, since); });
     }
     void currentSyncAnchorWithCompletionHandler(SyncAnchorHandler completionHandler) override {
+        container_.watches += std::exchange(isObserving_, true) ? 0 : 1;
         run([this, completionHandler] {
             completionHandler(container_.anchor.transform(dataFromString));
         });
     }
-    void start() override { container_.watches += std::exchange(isStarted_, true) ? 0 : 1; }
-    void stop() override { container_.watches -= std::exchange(isStarted_, false) ? 1 : 0; }
+    void start() override {}
+    void stop() override { container_.watches -= std::exchange(isObserving_, false) ? 1 : 0; }
     void invalidate() override {
         stop();
         ++container_.enumeratorsInvalidated;
@@ -143,7 +144,7 @@ class ScriptedEnumerator final : public QSFileProviderEnumerator {
     }
 
     ScriptedContainer& container_;
-    bool isStarted_ = false;
+    bool isObserving_ = false;
     std::vector<std::jthread> threads_;
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QSFileProviderError.h"
@@ -59,11 +60,27 @@ LocalFileEnumerator::~LocalFileEnumerator() {
 }
 
 void LocalFileEnumerator::start() {
+    const std::scoped_lock lock(observationMutex_);
+    isStarted_ = true;
+}
+
+void LocalFileEnumerator::observe() {
+    const std::scoped_lock lock(observationMutex_);
+    if (!isStarted_ || std::exchange(isObserving_, true)) return;
     if (notifier_) notifier_->start();
 }
 
+bool LocalFileEnumerator::isObserving() const {
+    const std::scoped_lock lock(observationMutex_);
+    return isObserving_;
+}
+
 void LocalFileEnumerator::stop() {
-    if (notifier_) notifier_->stop();
+    {
+        const std::scoped_lock lock(observationMutex_);
+        isStarted_ = false;
+        if (std::exchange(isObserving_, false) && notifier_) notifier_->stop();
+    }
     std::set<std::shared_ptr<FSChangesEnumerator>> running;
     queue_.sync([&] { running.swap(enumerators_); });
     for (const auto& enumerator : running) enumerator->stop();
@@ -79,6 +96,7 @@ void LocalFileEnumerator::removeEnumerator(const std::shared_ptr<FSChangesEnumer
 void LocalFileEnumerator::enumerateChanges(std::shared_ptr<QSFileProviderChangeObserver> observer,
                                            const QSFileProviderSyncAnchor& fromSyncAnchor,
                                            std::uint64_t upToEventID) {
+    observe();
     const auto token = FSChangeToken::fromData(fromSyncAnchor);
     if (!token) {
         logError("can't create change token from anchor data, resetting");
@@ -106,6 +124,7 @@ void LocalFileEnumerator::enumerateChanges(std::shared_ptr<QSFileProviderChangeO
 
 void LocalFileEnumerator::currentSyncAnchorWithCompletionHandler(
     SyncAnchorHandler completionHandler) {
+    observe();
     const auto volume = volumeUUID(enumeratedItemURL());
     if (!volume) {
         logError([&] { return "can't get volume UUID for " + quoted(enumeratedItemURL().path()); });

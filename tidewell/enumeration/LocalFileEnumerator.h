@@ -50,9 +50,14 @@ class LocalFileEnumerator final : public QSFileProviderEnumerator,
                           const QSFileProviderSyncAnchor& fromSyncAnchor,
                           std::uint64_t upToEventID);
     void currentSyncAnchorWithCompletionHandler(SyncAnchorHandler completionHandler) override;
+    /// Opens nothing: a listing that is all that is asked for needs no events.
     void start() override;
     void stop() override;
     void invalidate() override { stop(); }
+
+    /// Begins to signal, where started. The first anchor and the first changes do that.
+    void observe();
+    [[nodiscard]] bool isObserving() const;
 
     /// Forgets a change enumeration that has ended.
     void removeEnumerator(const std::shared_ptr<FSChangesEnumerator>& enumerator);
@@ -98,6 +103,10 @@ class LocalFileEnumerator final : public QSFileProviderEnumerator,
 
     /// On queue_. Those that ended with an error stay, empty, until the enumerator stops.
     std::set<std::shared_ptr<FSChangesEnumerator>> enumerators_;
+
+    mutable std::mutex observationMutex_;
+    bool isStarted_ = false;    // guarded by observationMutex_, as the next
+    bool isObserving_ = false;  ///< the notifier runs, if there is one
 
     std::mutex mutex_;
     std::vector<Cursor> cursors_;  // guarded by mutex_; the latest last

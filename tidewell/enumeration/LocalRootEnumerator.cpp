@@ -120,6 +120,7 @@ std::shared_ptr<LocalFileEnumerator> LocalRootEnumerator::fileEnumeratorOver(
             replaced = std::exchange(localFileEnumerator_, std::make_shared<LocalFileEnumerator>(
                                                                container_, std::move(roots)));
             if (isRunning_) localFileEnumerator_->start();
+            if (replaced->isObserving()) localFileEnumerator_->observe();
         }
         present = localFileEnumerator_;
     });

@@ -12,11 +12,15 @@ LocalFileProvider::enumeratorForContainerItemIdentifier(
     if (identifier == QSFileProviderRootContainerItemIdentifier ||
         identifier == QSFileProviderWorkingSetContainerItemIdentifier ||
         identifier == QSFileProviderAllDirectoriesContainerItemIdentifier) {
-        return LocalRootEnumerator::initWithContainer(identifier, appLibraries_);
+        auto enumerator = LocalRootEnumerator::initWithContainer(identifier, appLibraries_);
+        enumerator->start();
+        return enumerator;
     }
     const auto url = throwingURLForItem(identifier);
     if (!url) return std::unexpected(url.error());
-    return std::make_shared<LocalFileEnumerator>(identifier, std::vector<QSURL>{*url});
+    auto enumerator = std::make_shared<LocalFileEnumerator>(identifier, std::vector<QSURL>{*url});
+    enumerator->start();
+    return enumerator;
 }
 
 }  // namespace tidewell
