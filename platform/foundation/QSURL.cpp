@@ -1,8 +1,6 @@
 #include "platform/foundation/QSURL.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <new>
 
 #include "platform/foundation/fatalError.h"
 
@@ -120,20 +118,15 @@ QSResourceValue QSURL::cachedResourceValue(QSResourceKey key) const {
     return {};
 }
 
-Result<void> QSURL::setCachedResourceValue(QSResourceKey key, QSResourceValue value) const {
+void QSURL::setCachedResourceValue(QSResourceKey key, QSResourceValue value) const {
     const std::scoped_lock lock(rep_->mutex);
     for (auto& [cachedKey, cached] : rep_->values) {
         if (cachedKey == key) {
             cached = std::move(value);
-            return {};
+            return;
         }
     }
-    try {
-        rep_->values.emplace_back(key, std::move(value));
-    } catch (const std::bad_alloc&) {
-        return std::unexpected(errorFromErrno(ENOMEM, path()));
-    }
-    return {};
+    rep_->values.emplace_back(key, std::move(value));
 }
 
 void QSURL::removeAllCachedResourceValues() const {

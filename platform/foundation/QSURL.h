@@ -8,7 +8,6 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/foundation/QSError.h"
 #include "platform/foundation/QSResourceValue.h"
 
 namespace platform {
@@ -52,8 +51,7 @@ class QSURL {
 
     /// The cached value; monostate where none is cached. Never touches the disk.
     [[nodiscard]] QSResourceValue cachedResourceValue(QSResourceKey key) const;
-    /// Fails with ENOMEM; then the cache is as before.
-    Result<void> setCachedResourceValue(QSResourceKey key, QSResourceValue value) const;
+    void setCachedResourceValue(QSResourceKey key, QSResourceValue value) const;
     void removeAllCachedResourceValues() const;
 
     [[nodiscard]] std::shared_ptr<const QSURLAttachment> attachment() const;

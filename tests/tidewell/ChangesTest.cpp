@@ -351,8 +351,12 @@ TEST_F(CoverTest, WhatHappensInAPackageIsAChangeOfThePackage) {
 
 TEST_F(CoverTest, WhatAContainerNeverShowedIsNotDeletedFromIt) {
     (void)folder(".Trash");
+    (void)file(".note");
+    auto note = eventAt(".note");
     for (const auto& [flag, count] : {std::pair(fsEventModified, 0U), {fsEventMoved, 1U}}) {
         EXPECT_THAT(reported(workingSet, {folderEvent(".Trash", flag)})->deleted, SizeIs(count));
+        note.flags = flag;
+        EXPECT_THAT(reported(workingSet, {note})->deleted, SizeIs(count));
     }
 }
 

@@ -32,12 +32,12 @@ std::vector<QSURL> notEmpty(std::vector<QSURL> urls) {
     return urls;
 }
 
-/// Whether the event is about a folder under a hidden name that it had before: no container shows
-/// that, and what the folder left for it has an event of its own. What is trashed changes its trash
-/// in this way.
+/// Whether the event is about an object under a hidden name that it had before: no container shows
+/// that, and what the object left for it has an event of its own. What is trashed changes its trash
+/// in this way. A document ID may have come to the place, whatever the flags are.
 bool staysHidden(const QSURL& url, const FSEvent& event) {
-    constexpr auto all = fsEventIsFolder | fsEventMoved | fsEventRemoved | fsEventMustScanSubDirs;
-    return (event.flags & all) == fsEventIsFolder && event.identifierKind == IdentifierKind::File &&
+    constexpr auto changesPlace = fsEventMoved | fsEventRemoved | fsEventMustScanSubDirs;
+    return (event.flags & changesPlace) == 0 && event.path == url.path() &&
            isHiddenName(url.lastPathComponent());
 }
 
