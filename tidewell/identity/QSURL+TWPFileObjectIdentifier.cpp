@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <new>
 #include <thread>
 
 #include "platform/fileprovider/Platform.h"
@@ -83,12 +84,14 @@ Result<std::optional<std::uint64_t>> keptNumber(const QSURL& url, QSResourceKey 
 /// Keeps the number with the URL. The log names the key as hosts know it.
 void keepNumber(const QSURL& url, QSResourceKey key, std::uint64_t number,
                 std::string_view loggedKey) {
-    const auto kept = url.setCachedResourceValue(key, number);
-    if (kept) return;
-    logHandle().write(LogLevel::Debug, [&] {
-        return "can't cache value " + std::to_string(number) + " for key " +
-               std::string(loggedKey) + "; " + kept.error().description();
-    });
+    try {
+        url.setCachedResourceValue(key, number);
+    } catch (const std::bad_alloc&) {
+        logHandle().write(LogLevel::Debug, [&] {
+            return "can't cache value " + std::to_string(number) + " for key " +
+                   std::string(loggedKey) + "; " + errorFromErrno(ENOMEM).description();
+        });
+    }
 }
 
 /// Asks the volume for the identifier of an object whose URL keeps none.
