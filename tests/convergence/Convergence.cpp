@@ -5,8 +5,10 @@
 #include <cctype>
 #include <chrono>
 #include <filesystem>
+#include <iterator>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include "platform/volume/SQLite.h"
 #include "tests/convergence/Ledger.h"
@@ -37,8 +39,15 @@ unsigned faultsOf(const RunOptions& options) {
     return faults;
 }
 
-std::ptrdiff_t openDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+/// What the process's open descriptors lead to, sorted.
+std::vector<std::string> openDescriptors() {
+    std::vector<std::string> targets;
+    for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;  // the iterator's own, or another thread's
+        targets.push_back(std::filesystem::read_symlink(descriptor, gone).string());
+    }
+    std::ranges::sort(targets);
+    return targets;
 }
 
 /// The script with some of its paths, all of those of a save, in the documents of an application.
@@ -385,9 +394,11 @@ RunResult converge(const RunOptions& options) {
     const auto before = openDescriptors();
     RunResult result = Run(options).run();
     const auto after = openDescriptors();
-    if (result.difference.empty() && after != before) {
-        result.difference = std::to_string(before) + " descriptors were open before the run, " +
-                            std::to_string(after) + " are afterwards";
+    std::vector<std::string> changed;
+    std::ranges::set_symmetric_difference(before, after, std::back_inserter(changed));
+    if (result.difference.empty() && !changed.empty()) {
+        result.difference = "descriptors opened, or closed, by the run:";
+        for (const auto& target : changed) result.difference += " " + target;
     }
     return result;
 }

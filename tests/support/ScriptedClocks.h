@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <string>
 
@@ -7,12 +8,13 @@
 
 namespace tests {
 
-/// The clocks of a machine that a test switches off and on, and whose wall clock it sets.
+/// The clocks of a machine that a test switches off and on, and whose wall clock it sets. Any
+/// thread may read them meanwhile.
 struct ScriptedClocks {
     static constexpr std::int64_t day = 24 * 60 * 60;
-    std::int64_t wall = 20'000 * day;
-    std::int64_t sinceBoot = 1000;
-    int boots = 1;
+    std::atomic<std::int64_t> wall = 20'000 * day;
+    std::atomic<std::int64_t> sinceBoot = 1000;
+    std::atomic<int> boots = 1;
 
     void pass(std::int64_t seconds) {
         wall += seconds;

@@ -83,7 +83,7 @@ TEST_F(ElapsedClockTest, NothingIsRemovedEarlyWhateverTheWallClockShows) {
 TEST_F(ElapsedClockTest, AClockThatBeginsIn1970AtEachStartRemovesNothing) {
     trash();
     for (int i = 0; i < 20; ++i) {
-        const auto right = machine.wall;
+        const auto right = machine.wall.load();
         machine.reboot(0);
         machine.wall = 0;
         EXPECT_FALSE(isRemoved());

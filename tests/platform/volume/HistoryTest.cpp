@@ -12,7 +12,6 @@
 #include "tests/platform/volume/VolumeFixture.h"
 #include "tests/support/AsOwnerAlone.h"
 #include "tests/support/FullDisk.h"
-#include "tests/support/ScriptedClocks.h"
 
 namespace {
 
@@ -288,7 +287,6 @@ class FirstComparisonTest : public HistoryTest {
     }
 
     std::chrono::steady_clock::time_point time{};
-    ScriptedClocks clocks;
 };
 
 TEST_F(FirstComparisonTest, ReportsWhatHappenedSinceAnEarlierAnchor) {
@@ -375,26 +373,25 @@ TEST_F(HistoryTest, OldEventsGoAndTheEdgeIsExact) {
 }
 
 TEST_F(HistoryTest, EventsExpireByAgeOnlyOnceThatTimeHasPassed) {
-    ScriptedClocks machine;
-    adjustMore = [&](auto& configuration) { configuration.clocks = machine.sources(); };
+    adjustMore = [&](auto& configuration) { configuration.clocks = clocks.sources(); };
     start();
     const auto isKept = [&, anchor = service->currentEventID()] {
-        makeFile("f" + std::to_string(machine.sinceBoot));
+        makeFile("f" + std::to_string(clocks.sinceBoot));
         changes();
         return service->eventsAfter(anchor, anchor + 1, 1).has_value();
     };
     EXPECT_TRUE(isKept());
-    for (const std::int64_t wrong : {3650 * machine.day, -machine.wall}) {
-        machine.wall += wrong;
-        machine.pass(5 * machine.day);
+    for (const std::int64_t wrong : {3650 * clocks.day, -clocks.wall}) {
+        clocks.wall += wrong;
+        clocks.pass(5 * clocks.day);
         EXPECT_TRUE(isKept()) << wrong;
-        machine.wall -= wrong;
-        machine.pass(1);
+        clocks.wall -= wrong;
+        clocks.pass(1);
         EXPECT_TRUE(isKept());
     }
-    machine.pass(60 * machine.day);
+    clocks.pass(60 * clocks.day);
     EXPECT_TRUE(isKept());
-    machine.pass(10 * machine.day);
+    clocks.pass(10 * clocks.day);
     EXPECT_FALSE(isKept());
 }
 

@@ -5,6 +5,7 @@
 #include "platform/tree/TreeLayout.h"
 #include "platform/volume/VolumeService.h"
 #include "tests/support/ScratchFolder.h"
+#include "tests/support/ScriptedClocks.h"
 
 namespace tests {
 
@@ -78,6 +79,7 @@ class VolumeFixture : public testing::Test {
     std::unique_ptr<FileSystem> files;
     std::function<void(VolumeService::Configuration&)> adjust;
     bool follows = false;
+    ScriptedClocks clocks;  ///< for a configuration that asks for them
     std::unique_ptr<VolumeService> service;
 };
 
