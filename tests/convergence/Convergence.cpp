@@ -43,8 +43,8 @@ unsigned faultsOf(const RunOptions& options) {
 std::vector<std::string> openDescriptors() {
     std::vector<std::string> targets;
     for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code gone;  // the iterator's own, or another thread's
-        targets.push_back(std::filesystem::read_symlink(descriptor, gone).string());
+        std::error_code failed;  // closed since: another thread's
+        targets.push_back(std::filesystem::read_symlink(descriptor, failed).string());
     }
     std::ranges::sort(targets);
     return targets;

@@ -8,8 +8,8 @@
 
 namespace tests {
 
-/// The clocks of a machine that a test switches off and on, and whose wall clock it sets. Any
-/// thread may read them meanwhile.
+/// The clocks of a machine that a test switches off and on, and whose wall clock it sets.
+/// Other threads may read them at any time.
 struct ScriptedClocks {
     static constexpr std::int64_t day = 24 * 60 * 60;
     std::atomic<std::int64_t> wall = 20'000 * day;
