@@ -29,4 +29,10 @@ LookFailure lookFailureOf(const QSError& error) {
     }
 }
 
+QSError movesAllTheTimeError() {
+    auto error = errorFromErrno(EBUSY);
+    error.userInfo.emplace(QSDescriptionErrorKey, "it is being moved all the time; try again");
+    return error;
+}
+
 }  // namespace platform

@@ -14,4 +14,7 @@ enum class LookFailure : std::uint8_t {
 };
 [[nodiscard]] LookFailure lookFailureOf(const QSError& error);
 
+/// EBUSY, of an object that exists and was never where it had been a moment before.
+[[nodiscard]] QSError movesAllTheTimeError();
+
 }  // namespace platform

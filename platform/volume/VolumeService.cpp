@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "platform/files/LookFailure.h"
 #include "platform/volume/Beginning.h"
 #include "platform/volume/Follower.h"
 #include "platform/volume/VolumeState.h"
@@ -287,10 +288,19 @@ Result<std::uint64_t> VolumeService::fileIDForDocumentID(std::uint32_t documentI
 }
 
 Result<QSURL> VolumeService::URLForFileID(std::uint64_t fileID) {
-    if (auto url = state_->locate(fileID)) return *url;
-    if (auto seen = waitUntilSeen(); !seen) return std::unexpected(seen.error());
-    if (auto url = state_->locate(fileID)) return *url;
-    return std::unexpected(errorFromErrno(ENOENT));
+    // Each look may find that the object has moved on since the last one.
+    constexpr int mostLooks = 16;
+    for (int look = 1;; ++look) {
+        const auto located = state_->locate(fileID);
+        if (!located) return std::unexpected(located.error());
+        if (located->url) return *located->url;
+        const bool isSomewhere = !located->missedIn.empty();
+        if (look == mostLooks && isSomewhere) return std::unexpected(movesAllTheTimeError());
+        const bool mayBeThere = look < mostLooks && (isSomewhere || located->isMissing);
+        if (look > 1 && !mayBeThere) return std::unexpected(errorFromErrno(ENOENT));
+        const auto seen = look == 1 ? waitUntilSeen() : waitUntilSeenLooking(located->missedIn);
+        if (!seen) return std::unexpected(seen.error());
+    }
 }
 
 void VolumeService::removalBegins(const ObjectIdentity& object) {

@@ -151,8 +151,8 @@ class VolumeService final : public EventHistory {
 
     /// The URL of the object with that file ID, verified on the disk just now: of several names,
     /// the one that the thread prefers (see PreferredPlace). One that fails its check is looked for
-    /// once all that happened has been seen, then fails with ENOENT; ECANCELED when the service
-    /// closes.
+    /// again once all that happened has been seen. ENOENT where it does not exist, EBUSY where it
+    /// moves all the time, ECANCELED when the service closes.
     [[nodiscard]] Result<QSURL> URLForFileID(std::uint64_t fileID);
 
     /// Brackets the removal of an object by this process itself, which is no half of a save:

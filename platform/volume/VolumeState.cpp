@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <unordered_map>
 
+#include "platform/files/LookFailure.h"
 #include "platform/volume/Follower.h"
 #include "platform/volume/PreferredPlace.h"
 #include "platform/volume/UserMetadataCopy.h"
@@ -93,30 +94,48 @@ std::vector<QSURL> VolumeService::State::urlsOf(ObjectIndex::NodeNumber number) 
     return urls;
 }
 
-std::optional<QSURL> VolumeService::State::locate(std::uint64_t fileID) const {
+Result<VolumeService::State::Located> VolumeService::State::locate(std::uint64_t fileID) const {
+    Located located;
     ObjectIndex::Node node;
     std::vector<QSURL> urls;
     {
         const std::shared_lock lock(indexMutex);
         const auto number = index.findFileID(fileID);
-        if (number == ObjectIndex::none) return std::nullopt;
+        if (number == ObjectIndex::none) return located;
         node = index.node(number);
         urls = urlsOf(number);
+        located.isMissing = isMissing(number);
     }
-    if (node.fileID == 0 && freshOnly) return std::nullopt;
-    if (const auto* preferred = PreferredPlace::ofObject(node.inode)) {
-        urls = {QSURL::fileURLWithPath(preferred->path())};
-    }
+    if (node.fileID == 0 && freshOnly) return Located{};
+    const auto* preferred = PreferredPlace::ofObject(node.inode);
+    if (preferred) urls = {QSURL::fileURLWithPath(preferred->path())};
+    std::optional<QSError> failure;
     for (const auto& url : urls) {
         const auto attributes = configuration.files.attributes(url);
-        if (!attributes) continue;
+        if (!attributes) {
+            const bool isMissingThere = lookFailureOf(attributes.error()) == LookFailure::Missing;
+            if (!isMissingThere) failure = attributes.error();
+            continue;
+        }
         const auto& identity = (*attributes)->identity;
         if (identity.inode == node.inode &&
             (node.fileID == 0 || identity.generation == node.generation)) {
-            return url;
+            located.url = url;
+            return located;
         }
     }
-    return std::nullopt;
+    if (failure) return std::unexpected(*std::move(failure));
+    // No other place will do for one that is preferred.
+    if (preferred) return Located{};
+    for (const auto& url : urls) {
+        located.missedIn.push_back(url.URLByDeletingLastPathComponent().path());
+    }
+    return located;
+}
+
+bool VolumeService::State::isMissing(ObjectIndex::NodeNumber number) const {
+    const auto& top = index.node(index.top(number));
+    return !top.isRoot && top.firstName == ObjectIndex::none && top.isHeld;
 }
 
 ObjectIndex::NodeNumber VolumeService::State::missingObjectOf(const FSEvent& event) const {
@@ -124,10 +143,7 @@ ObjectIndex::NodeNumber VolumeService::State::missingObjectOf(const FSEvent& eve
     const auto number = event.identifierKind == IdentifierKind::Document
                             ? index.findDocumentID(event.documentID)
                             : index.findFileID(event.fileID);
-    if (number == ObjectIndex::none) return ObjectIndex::none;
-    const auto& top = index.node(index.top(number));
-    const bool isMissing = !top.isRoot && top.firstName == ObjectIndex::none && top.isHeld;
-    return isMissing ? number : ObjectIndex::none;
+    return number != ObjectIndex::none && isMissing(number) ? number : ObjectIndex::none;
 }
 
 std::optional<QSURL> VolumeService::State::placeOf(const IdentityRequest& request) const {

@@ -39,8 +39,14 @@ struct VolumeService::State {
     /// none. REQUIRES: indexMutex is held.
     [[nodiscard]] ObjectIndex::NodeNumber rootAt(const QSURL& url) const;
 
-    /// The URL where the index locates the object, checked on the disk.
-    [[nodiscard]] std::optional<QSURL> locate(std::uint64_t fileID) const;
+    /// Where the index locates an object, checked on the disk.
+    struct Located {
+        std::optional<QSURL> url;
+        std::vector<std::string> missedIn;  ///< paths of folders that should hold it and do not
+        bool isMissing = false;             ///< it has no place now, and may get one
+    };
+    /// Fails where the disk cannot be asked.
+    [[nodiscard]] Result<Located> locate(std::uint64_t fileID) const;
     /// Where the index has the node, unchecked. REQUIRES: indexMutex is held.
     [[nodiscard]] std::optional<QSURL> urlOf(ObjectIndex::NodeNumber number) const;
     /// All its places, the same way.
@@ -48,6 +54,9 @@ struct VolumeService::State {
     /// The event's object where it, or a folder above it, is missing and may come back or have a
     /// replacement; else none.
     [[nodiscard]] ObjectIndex::NodeNumber missingObjectOf(const FSEvent& event) const;
+    /// Whether the object, or a folder above it, has no place now and may get one. REQUIRES: the
+    /// caller holds indexMutex.
+    [[nodiscard]] bool isMissing(ObjectIndex::NodeNumber number) const;
     /// Where the object of the request was seen; none where that cannot be told.
     [[nodiscard]] std::optional<QSURL> placeOf(const IdentityRequest& request) const;
     /// Whether the object of the request is still where it was seen, or where the index has what

@@ -1,5 +1,9 @@
 #include <gmock/gmock.h>
 
+#include <array>
+#include <atomic>
+#include <thread>
+
 #include "tests/tidewell/MutationsFixture.h"
 #include "tidewell/common/LocalFileProviderError.h"
 
@@ -40,6 +44,44 @@ TEST_F(ProviderTest, TemporaryFolderIsMadeOnDemandOrLogged) {
     (void)file(".TemporaryLocalFolder");
     EXPECT_FALSE(provider->itemForIdentifier(identifier));
     EXPECT_THAT(logged(LogLevel::Error, "can't create temporary directory; "), SizeIs(1));
+}
+
+TEST_F(ProviderTest, AFolderThatMovesAllTheTimeIsThere) {
+    const auto kept = folder("top/kept");
+    const auto identifier =
+        provider->persistentIdentifierForItemAtURL(url("top/kept")).value_or("none");
+    std::atomic<int> looks = 0;
+    // One move beside each look; the last ones bring everything back.
+    std::jthread mover([&] {
+        const std::array<std::pair<std::string, std::string>, 4> moves{{{"top/kept", "in/kept"},
+                                                                        {"in", "moved"},
+                                                                        {"moved/kept", "top/kept"},
+                                                                        {"moved", "in"}}};
+        for (int done = 0; looks >= 0 || done % 4 != 0; ++done) {
+            const auto& [from, to] = moves[static_cast<std::size_t>(done) % 4];
+            std::filesystem::rename(storage() / from, storage() / to);
+            looks.wait(done);
+        }
+    });
+    std::optional<QSError> miss;
+    for (int i = 0; i < 4000 && !miss; ++i) {
+        looks = i + 1;
+        looks.notify_one();
+        log->clear();
+        const auto item = provider->itemForIdentifier(identifier);
+        if (!item && item.error().code != EBUSY) miss = item.error();
+        const auto enumerator = provider->enumeratorForContainerItemIdentifier(identifier);
+        if (enumerator) (*enumerator)->invalidate();
+        if (!enumerator && enumerator.error().code != EBUSY) miss = enumerator.error();
+    }
+    looks = -1;
+    looks.notify_one();
+    mover.join();
+    EXPECT_FALSE(miss) << miss->description();
+    std::filesystem::remove(kept);
+    const auto item = provider->itemForIdentifier(identifier);
+    ASSERT_FALSE(item);
+    EXPECT_EQ(item.error(), makeError(LocalFileProviderError::itemLookupFailed));
 }
 
 }  // namespace

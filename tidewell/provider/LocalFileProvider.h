@@ -131,9 +131,10 @@ class LocalFileProvider final : public QSFileProviderExtension {
     std::shared_ptr<QPPacer> appRefreshPacer_;
 };
 
-/// The item that an identifier of any form means; null, after a log line, if none. Shared by every
-/// operation that takes an identifier.
-[[nodiscard]] std::shared_ptr<LocalItem> itemMeantBy(const std::string& identifier);
+/// The item that an identifier of any form means; null, after a log line, if none. An error where
+/// that cannot be found out, EBUSY where the item moves all the time. Shared by every operation
+/// that takes an identifier.
+[[nodiscard]] Result<std::shared_ptr<LocalItem>> itemMeantBy(const std::string& identifier);
 
 /// The extension as the host instantiates it, over app libraries that are loaded already.
 [[nodiscard]] std::shared_ptr<QSFileProviderExtension> makeLocalFileProvider(

@@ -5,6 +5,7 @@
 #include "platform/fileprovider/Platform.h"
 #include "platform/fileprovider/QSFileProviderError.h"
 #include "platform/fileprovider/URLOperations.h"
+#include "platform/files/LookFailure.h"
 #include "platform/tree/TreeLayout.h"
 #include "tidewell/common/LocalFileProviderError.h"
 #include "tidewell/common/Logging.h"
@@ -52,20 +53,34 @@ bool bears(const LocalItem& item, std::string_view identifier) {
 
 }  // namespace
 
-std::shared_ptr<LocalItem> itemMeantBy(const std::string& identifier) {
+Result<std::shared_ptr<LocalItem>> itemMeantBy(const std::string& identifier) {
     if (isAppLibraryIdentifier(identifier)) {
         return appLibraryItem(std::string_view(identifier).substr(1));
     }
     if (identifier == QSFileProviderTemporaryLocalFolderItemIdentifier) {
         return temporaryFolderItem();
     }
-    const auto url = fileURLWithItemIdentifier(identifier);
-    auto item = url ? LocalItem::initWithURL(*url) : nullptr;
-    if (!item || bears(*item, identifier)) return item;
-    logError([&] {
-        return "found " + item->description() + " where " + quoted(identifier) + " was asked for";
-    });
-    return nullptr;
+    constexpr int mostLooks = 8;
+    std::optional<QSURL> former;
+    for (int look = 0; look < mostLooks; ++look) {
+        const auto url = findFileURLWithItemIdentifier(identifier);
+        if (!url) return std::unexpected(url.error());
+        if (!*url) return nullptr;
+        auto item = LocalItem::findAtURL(**url);
+        if (!item || (*item && bears(**item, identifier))) return item;
+        // It has moved since, or is no item where it stays.
+        const bool stays = former == *url && Platform::current().files().attributes(**url);
+        former = *url;
+        if (!stays) continue;
+        if (*item) {
+            logError([&] {
+                return "found " + (*item)->description() + " where " + quoted(identifier) +
+                       " was asked for";
+            });
+        }
+        return nullptr;
+    }
+    return std::unexpected(movesAllTheTimeError());
 }
 
 LocalFileProvider::LocalFileProvider(std::shared_ptr<AppLibraries> appLibraries)
@@ -120,7 +135,8 @@ LocalFileProvider::~LocalFileProvider() {
 Result<QSURL> LocalFileProvider::throwingURLForItem(
     const QSFileProviderItemIdentifier& identifier) {
     const auto item = itemMeantBy(identifier);
-    const auto url = item ? item->fileURL() : std::nullopt;
+    if (!item) return std::unexpected(item.error());
+    const auto url = *item ? (*item)->fileURL() : std::nullopt;
     if (!url) {
         return std::unexpected(fileProviderErrorForNonExistentItemWithIdentifier(identifier));
     }
@@ -179,12 +195,13 @@ Result<ItemRef> LocalFileProvider::itemForIdentifier(
     const LogSection section(
         [&] { return "fetching item's properties for " + quoted(identifier); });
     auto item = itemMeantBy(identifier);
-    if (!item) {
+    if (!item || !*item) {
         logError([&] { return "item lookup failed for identifier " + quoted(identifier); });
+        if (!item) return std::unexpected(std::move(item.error()));
         return std::unexpected(makeError(LocalFileProviderError::itemLookupFailed));
     }
-    logDebug([&] { return "found " + item->description(); });
-    return item;
+    logDebug([&] { return "found " + (*item)->description(); });
+    return *std::move(item);
 }
 
 void LocalFileProvider::providePlaceholderAtURL(const QSURL& /*url*/,
