@@ -122,6 +122,7 @@ void SerialQueue::State::runBehindOthers(Work& work) {
         hasEnded = true;
         ended.notify_one();
     });
+    const WorkerPool::Wait wait;
     std::unique_lock lock(endMutex);
     ended.wait(lock, [&] { return hasEnded; });
 }

@@ -20,6 +20,9 @@ namespace {
 /// How long work may wait before the pool asks itself whether its workers are blocked.
 constexpr std::chrono::milliseconds patience{10};
 
+/// Of the worker that the thread is; null on another thread.
+thread_local WorkerPool* poolOfThread = nullptr;
+
 /// Whether the thread of this process runs or waits for nothing but a processor.
 bool isRunnable(pid_t thread) {
     char text[64];
@@ -38,6 +41,26 @@ WorkerPool& WorkerPool::shared() {
     static WorkerPool* const pool =
         new WorkerPool({.atOnce = std::max(2U, std::thread::hardware_concurrency())});
     return *pool;
+}
+
+WorkerPool::Wait::Wait() : pool_(poolOfThread) {
+    if (!pool_) return;
+    {
+        const std::scoped_lock lock(pool_->mutex_);
+        ++pool_->waitCount_;
+    }
+    pool_->watchProgress();
+}
+
+WorkerPool::Wait::~Wait() {
+    if (!pool_) return;
+    const std::scoped_lock lock(pool_->mutex_);
+    --pool_->waitCount_;
+}
+
+std::size_t WorkerPool::room() const {
+    const auto most = limits_.most + waitCount_;
+    return most - std::min(most, workerCount_);
 }
 
 void WorkerPool::submit(Work work) {
@@ -76,6 +99,7 @@ void WorkerPool::startWorkers(std::size_t count) {
 void WorkerPool::runWorker() {
     pthread_setname_np(pthread_self(), "worker");
     const pid_t thread = ::gettid();
+    poolOfThread = this;
     Worker self;
     std::unique_lock lock(mutex_);
     threads_.push_back(thread);
@@ -109,7 +133,7 @@ bool WorkerPool::awaitJob(Worker& self, std::unique_lock<std::mutex>& lock) {
 void WorkerPool::watchProgress() {
     {
         const std::scoped_lock lock(mutex_);
-        if (isWatched_ || waiting_.empty() || workerCount_ >= limits_.most) return;
+        if (isWatched_ || waiting_.empty() || room() == 0) return;
         isWatched_ = true;
         endedAtWatch_ = endedCount_;
         submittedAtWatch_ = begunCount_ + waiting_.size();
@@ -135,7 +159,7 @@ void WorkerPool::growIfStuck() {
         if (runnable < limits_.atOnce && begunCount_ < submittedAtWatch_) {
             const bool isMoving = endedCount_ > endedAtWatch_;
             started = isMoving ? 1 : std::max<std::size_t>(workerCount_, 1);
-            started = std::min({started, waiting_.size(), limits_.most - workerCount_});
+            started = std::min({started, waiting_.size(), room()});
         }
         workerCount_ += started;
     }

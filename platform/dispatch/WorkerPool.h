@@ -22,17 +22,30 @@ namespace platform {
 class WorkerPool {
   public:
     struct Limits {
-        std::size_t atOnce;  ///< workers started without waiting
-        std::size_t most = 512;
+        std::size_t atOnce;      ///< workers started without waiting
+        std::size_t most = 512;  ///< workers, without those that wait for other work
         std::chrono::milliseconds idleLife{5000};
     };
 
     /// The one of the process.
     [[nodiscard]] static WorkerPool& shared();
 
-    /// Never blocks. Work begins in the order of submission. While `most` workers are blocked,
-    /// nothing begins.
+    /// Never blocks. Work begins in the order of submission. While `most` workers are blocked
+    /// outside of a Wait, nothing begins.
     void submit(Work work);
+
+    /// While one lives, its thread waits for other work of the pool. If the thread is a worker,
+    /// the pool may start another in its place, so that workers that wait never use up the pool.
+    class Wait {
+      public:
+        Wait();
+        ~Wait();
+        Wait(const Wait&) = delete;
+        Wait& operator=(const Wait&) = delete;
+
+      private:
+        WorkerPool* const pool_;  // null: the thread is no worker
+    };
 
     explicit WorkerPool(Limits limits) : limits_(limits) {}
     /// A pool lives until the process ends, since nobody could know that all its work has.
@@ -50,6 +63,8 @@ class WorkerPool {
     bool awaitJob(Worker& self, std::unique_lock<std::mutex>& lock);
     void watchProgress();
     void growIfStuck();
+    /// How many workers may be started. REQUIRES: the caller holds mutex_.
+    [[nodiscard]] std::size_t room() const;
 
     const Limits limits_;
 
@@ -58,6 +73,7 @@ class WorkerPool {
     std::deque<Work> waiting_;   // empty while a worker is idle
     std::vector<Worker*> idle_;  // the last to come is the first to go, so that the rest can end
     std::size_t workerCount_ = 0;
+    std::size_t waitCount_ = 0;     // of workers in a Wait
     std::vector<pid_t> threads_;    // of the workers that have begun
     std::uint64_t begunCount_ = 0;  // of what had to wait
     std::uint64_t endedCount_ = 0;  // of all

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <semaphore>
 
+#include "platform/dispatch/WorkerPool.h"
 #include "platform/fileprovider/URLOperations.h"
 #include "platform/files/LookFailure.h"
 #include "platform/foundation/fatalError.h"
@@ -355,7 +356,10 @@ std::pair<FSEventReaderGatherPhaseResumeStatus, std::uint64_t> FSEventReader::ca
     const auto checker = std::make_shared<FSEventChecker>();
     reader->setDelegate(checker);
     reader->start();
-    checker->sema.acquire();
+    {
+        const WorkerPool::Wait wait;  // for the reader's queue
+        checker->sema.acquire();
+    }
     const auto status = reader->historyHasClosed()
                             ? FSEventReaderGatherPhaseResumeStatus::cantReplayHistoricalFSEvents
                             : checker->gatherPhaseResumeStatus;

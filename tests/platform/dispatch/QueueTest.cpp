@@ -100,6 +100,24 @@ TEST(WorkerPoolTest, BlockedQueuesDoNotStarveOthers) {
     ASSERT_TRUE(await("a worker for each queue that blocks", done));
 }
 
+TEST(WorkerPoolTest, WorkersThatWaitForOtherWorkDoNotUseUpThePool) {
+    static WorkerPool* const pool = new WorkerPool({.atOnce = 2, .most = 4});
+    constexpr int waiters = 8;
+    std::latch awaited(1);
+    std::latch done(waiters);
+    for (int i = 0; i < waiters; ++i) {
+        pool->submit([&] {
+            {
+                const WorkerPool::Wait wait;
+                awaited.wait();
+            }
+            done.count_down();
+        });
+    }
+    pool->submit([&] { awaited.count_down(); });
+    ASSERT_TRUE(await("the work that all workers wait for", done));
+}
+
 TEST(WorkerPoolTest, IdleWorkersEndAndComeBack) {
     static WorkerPool* const pool = new WorkerPool({.atOnce = 2, .most = 8, .idleLife = 20ms});
     static std::counting_semaphore<> ended(0);
