@@ -39,7 +39,7 @@ constexpr std::array attributeNames = {"user.com.quenby.lastuseddate#PS",
 }
 
 /// Calls `visit` for every entry name of the open directory but "." and "..", with the type that
-/// the directory itself tells.
+/// the directory itself has.
 void forEachEntry(int folder, const std::function<void(const char*, unsigned char)>& visit) {
     alignas(dirent64) std::array<char, 32768> buffer;
     for (;;) {

@@ -280,7 +280,7 @@ class Drain {
         for (ssize_t size = 0; (size = read(kernel_, buffer_.data(), buffer_.size())) > 0;) {
             for (ssize_t at = 0; at < size;) {
                 const auto* event = reinterpret_cast<const inotify_event*>(buffer_.data() + at);
-                take(*event);
+                receive(*event);
                 at += static_cast<ssize_t>(sizeof *event + event->len);
             }
         }
@@ -297,7 +297,7 @@ class Drain {
         const int number = inotify_add_watch(kernel_, folder.c_str(), mask);
         if (number >= 0) folders_[number] = folder;
     }
-    void take(const inotify_event& event) {
+    void receive(const inotify_event& event) {
         if ((event.mask & IN_Q_OVERFLOW) != 0) ++overflows_;
         const char* name = event.len > 0 ? event.name : "";
         const std::string path = folders_[event.wd] + "/" + name;

@@ -49,7 +49,7 @@ struct Parser {
     std::string application;
     std::vector<std::string> words;
     bool byDate = false;
-    bool takesItem = true;
+    bool needsItem = true;
     CLI::App app{"Browse the documents of this user as document browsers see them.", "tidewell"};
 
     Parser() {
@@ -131,12 +131,12 @@ struct Parser {
         auto& sub = *app.add_subcommand(name, help);
         sub.callback([this, command, takes] {
             arguments.command = command;
-            takesItem = takes != Takes::Nothing;
+            needsItem = takes != Takes::Nothing;
         });
         if (takes == Takes::Nothing) return sub;
-        const bool takesPath = command == Command::Resolve;
-        auto* item = sub.add_option(takesPath ? "PATH" : "ITEM", arguments.item,
-                                    takesPath ? "A native path" : itemHelp);
+        const bool needsPath = command == Command::Resolve;
+        auto* item = sub.add_option(needsPath ? "PATH" : "ITEM", arguments.item,
+                                    needsPath ? "A native path" : itemHelp);
         item->option_text(takes == Takes::OneItem ? " " : "(root)");
         if (takes == Takes::OneItem) item->required();
         return sub;
@@ -162,7 +162,7 @@ struct Parser {
         if (arguments.command == Command::Tree && isWide) {
             return usageError("tree draws folders; list " + arguments.item + " with ls");
         }
-        if (!takesItem) arguments.item = application;
+        if (!needsItem) arguments.item = application;
         for (const auto& word : words) {
             arguments.item += (arguments.item.empty() ? "" : " ") + word;
         }

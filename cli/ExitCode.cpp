@@ -14,8 +14,8 @@ namespace {
 
 /// What happened, without the domain and code that only programs want.
 std::string reason(const platform::QSError& error) {
-    const auto told = error.userInfo.find(platform::QSDescriptionErrorKey);
-    if (told != error.userInfo.end()) return told->second;
+    const auto described = error.userInfo.find(platform::QSDescriptionErrorKey);
+    if (described != error.userInfo.end()) return described->second;
     if (error.domain == platform::QSPOSIXErrorDomain) {
         char buffer[128];
         // The GNU variant returns a pointer that need not be the buffer.

@@ -46,11 +46,11 @@ bool Interruption::hasCome() const {
     return poll(&polled, 1, 0) == 1;
 }
 
-bool Interruption::waitFor(int news, int output) const {
-    // A pipe or socket without a reader has an error, which is told unasked.
+bool Interruption::waitFor(int input, int output) const {
+    // A pipe or socket without a reader has an error, which poll reports unasked.
     pollfd polled[] = {{.fd = interrupted, .events = POLLIN, .revents = 0},
                        {.fd = output, .events = 0, .revents = 0},
-                       {.fd = news, .events = POLLIN, .revents = 0}};
+                       {.fd = input, .events = POLLIN, .revents = 0}};
     while (poll(polled, std::size(polled), -1) < 0) {
         if (errno != EINTR) return false;
     }

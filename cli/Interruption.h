@@ -16,9 +16,9 @@ class Interruption {
 
     [[nodiscard]] bool hasCome() const;
 
-    /// Blocks until `news` is readable. False where the interruption came first, or whoever reads
-    /// `output` went away.
-    [[nodiscard]] bool waitFor(int news, int output) const;
+    /// Blocks until `input` is readable. False where the interruption came first, or the reader
+    /// of `output` has closed it.
+    [[nodiscard]] bool waitFor(int input, int output) const;
 
   private:
     struct sigaction onInterrupt_ {};

@@ -22,11 +22,12 @@ class Output {
     [[nodiscard]] std::string& text() { return text_; }
 
     /// To be called after each item: writes where much has come together or some time has passed.
-    /// False once nothing can be written any more, be it that nobody reads on or an error.
+    /// False once nothing can be written any more, because of an error or because the reader has
+    /// closed its end.
     bool pace();
     /// Writes at once; returns as pace() does.
     bool flush();
-    /// Writes what is left. A reader that went away is no error.
+    /// Writes what is left. A reader that has closed its end is no error.
     [[nodiscard]] platform::Result<void> finish();
 
   private:

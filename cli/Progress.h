@@ -6,8 +6,8 @@
 
 namespace cli {
 
-/// A line on standard error that tells of long work and is gone when it ends. Nothing is drawn in
-/// the first half second, nor where standard error is no terminal. Any thread.
+/// A line on standard error that shows how far long work is and is cleared when it ends. Nothing is
+/// drawn in the first half second, nor where standard error is no terminal. Any thread.
 class Progress {
   public:
     explicit Progress(bool isOn) : isOn_(isOn) {}

@@ -5,7 +5,7 @@
 namespace cli {
 
 /// Calls `isThere` once a second until it says so. False where an interruption came first, or
-/// whoever reads the standard output went away. Blocks; one at a time.
+/// the reader of the standard output has closed it. Blocks; one at a time.
 [[nodiscard]] bool waitForStorage(const std::function<bool()>& isThere);
 
 }  // namespace cli

@@ -93,13 +93,13 @@ Result<ExitCode> watchChanges(const Arguments& arguments, host::DocumentService&
     const auto following = service.follow(container);
     if (!following) return std::unexpected(following.error());
     auto reached = startingAnchor(arguments, service, container);
-    bool isWorthTelling = true;  // the first anchor says that the watch has begun
-    bool hasFailed = false;      // at this anchor
+    bool printsAnchor = true;  // the first anchor says that the watch has begun
+    bool hasFailed = false;    // at this anchor
     while (reached) {
         bool moreComing = false;
         auto next = service.changes(**following, *reached, [&](const host::ChangePage& page) {
             moreComing = page.moreComing;
-            isWorthTelling = isWorthTelling || !page.updates.empty() || !page.deletions.empty();
+            printsAnchor = printsAnchor || !page.updates.empty() || !page.deletions.empty();
             appendPage(output, page, arguments.json);
             return output.flush() && !interruption.hasCome();
         });
@@ -114,8 +114,8 @@ Result<ExitCode> watchChanges(const Arguments& arguments, host::DocumentService&
         hasFailed = false;
         reached = std::move(next);
         if (!reached) break;
-        if (arguments.json && isWorthTelling) appendAnchor(output, *reached, moreComing, true);
-        isWorthTelling = false;
+        if (arguments.json && printsAnchor) appendAnchor(output, *reached, moreComing, true);
+        printsAnchor = false;
         if (!output.flush()) return ExitCode::Done;
         do {
             if (!interruption.waitFor((*following)->descriptor(), output.descriptor())) {

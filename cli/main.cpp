@@ -100,7 +100,7 @@ cli::ExitCode run(const cli::Arguments& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A reader that goes away ends the output, not the process.
+    // A reader that closes its end ends the output, not the process.
     std::signal(SIGPIPE, SIG_IGN);
     // The order of names, and the letters in them, are the user's; numbers stay as they are.
     std::setlocale(LC_COLLATE, "");

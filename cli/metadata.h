@@ -9,7 +9,7 @@
 
 namespace cli {
 
-/// Sets what the arguments say, or takes it away, and prints the item as it is then.
+/// Sets what the arguments say, or clears it, and prints the item as it is then.
 [[nodiscard]] platform::Result<ExitCode> setMetadata(const Arguments& arguments,
                                                      const host::DocumentService& service,
                                                      Output& output,

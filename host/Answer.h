@@ -11,7 +11,7 @@
 
 namespace host {
 
-/// What an extension tells in answer to one request, on whatever threads it calls: any number of
+/// The answer of an extension to one request, on whatever threads it calls: any number of
 /// parts, then the end. What comes after the end, or after the wait was given up, is dropped.
 template <typename Parts, typename End>
 class Answer {

@@ -119,7 +119,7 @@ Result<bool> DocumentService::listLevel(const std::string& container, std::size_
         if (!child.isFolder()) continue;
         const auto below = listLevel(child.itemIdentifier, depth + 1, handler);
         if (below && !*below) return false;
-        // One that went away meanwhile is no failure: it was there when its folder was read.
+        // One that was removed since its folder was read is no failure.
         if (!below && !meansNoSuchItem(below.error())) handler.failed(child, below.error());
     }
     return true;

@@ -80,8 +80,9 @@ class DocumentService {
         std::optional<platform::QSData> picture;  ///< the bytes of a file; none: it has no such
         std::optional<std::string> type;          ///< of that file
     };
-    /// One for each identifier, in that order. What has no thumbnail is no error, be it that there
-    /// is no such item. ETIMEDOUT where an extension takes more than ten seconds for each.
+    /// One for each identifier, in that order. An item without a thumbnail is no error, nor is
+    /// an identifier without an item. ETIMEDOUT where an extension takes more than ten seconds for
+    /// each.
     [[nodiscard]] platform::Result<std::vector<Thumbnail>> thumbnails(
         const std::vector<std::string>& identifiers) const;
 
@@ -101,7 +102,7 @@ class DocumentService {
     [[nodiscard]] platform::Result<void> list(const std::string& container, Order order,
                                               const ItemHandler& handler);
 
-    /// What listTree tells. Both are called depth first, a folder before what it holds.
+    /// Receives what listTree finds. Both are called depth first, a folder before what it holds.
     struct TreeHandler {
         /// `depth` is 0 for the children of the container; `isLast` among those of its folder.
         /// False ends the listing.
@@ -118,7 +119,7 @@ class DocumentService {
                                                   const TreeHandler& handler);
 
     /// The present position in what happens to a container. Taken before a listing, nothing that
-    /// happens meanwhile is missed.
+    /// happens during the listing is missed.
     [[nodiscard]] platform::Result<Anchor> anchor(const std::string& container) const;
 
     /// What happened to the container after the anchor, one page of it. The error satisfies

@@ -221,13 +221,13 @@ Result<Anchor> ExtensionSession::anchor(const std::string& container) const {
 
 Result<Anchor> ExtensionSession::anchor(const Lease& lease) const {
     struct Nothing {};
-    using Told = std::optional<platform::QSFileProviderSyncAnchor>;
-    const auto answer = std::make_shared<Answer<Nothing, Told>>();
+    using Given = std::optional<platform::QSFileProviderSyncAnchor>;
+    const auto answer = std::make_shared<Answer<Nothing, Given>>();
     lease.enumerator->currentSyncAnchorWithCompletionHandler(
-        [answer](Told anchor) { answer->finish(std::move(anchor)); });
-    auto told = answer->wait(pageDeadline_).second;
-    if (!told) return std::unexpected(std::move(told.error()));
-    if (*told) return std::move(**told);
+        [answer](Given anchor) { answer->finish(std::move(anchor)); });
+    auto given = answer->wait(pageDeadline_).second;
+    if (!given) return std::unexpected(std::move(given.error()));
+    if (*given) return std::move(**given);
     auto error = platform::errorFromErrno(ENODATA);
     error.userInfo.emplace(platform::QSDescriptionErrorKey,
                            "the present position in the history cannot be told");

@@ -54,7 +54,7 @@ class ExtensionSession {
     /// extension has no item for it.
     [[nodiscard]] platform::Result<std::string> identifierForPath(std::string_view path) const;
 
-    /// The same with the entry; none where the folder around it is no item.
+    /// The same with the entry; without one if the folder around it is no item.
     [[nodiscard]] platform::Result<ItemTarget> targetForPath(std::string_view path) const;
 
     [[nodiscard]] platform::Result<std::string> pathForIdentifier(
@@ -63,7 +63,7 @@ class ExtensionSession {
     /// The containers of what was trashed.
     [[nodiscard]] platform::Result<std::vector<std::string>> trashContainers() const;
 
-    /// The present position of the container; ENODATA where the extension cannot tell it.
+    /// The present position of the container; ENODATA where the extension has none to give.
     [[nodiscard]] platform::Result<Anchor> anchor(const std::string& container) const;
 
     /// What happened after the anchor, one page of it or nothing but an error. With a new

@@ -12,7 +12,7 @@
 namespace host {
 
 using platform::Result;
-using News = SignalBoard::News;
+using Signal = SignalBoard::Signal;
 
 namespace {
 
@@ -82,10 +82,10 @@ bool Following::wait(std::chrono::milliseconds deadline) {
     const auto end =
         std::chrono::steady_clock::now() + std::min(deadline, std::chrono::milliseconds(INT_MAX));
     for (;;) {
-        const auto news = inbox_.take();
-        if (news != News::None) {
+        const auto signal = inbox_.pop();
+        if (signal != Signal::None) {
             const bool moved = hasMoved();
-            if (moved || news == News::Signalled) return true;
+            if (moved || signal == Signal::Signalled) return true;
         } else if (std::chrono::steady_clock::now() >= end) {
             return false;
         }

@@ -12,7 +12,7 @@
 
 namespace host {
 
-/// One who follows a container: the extension watches it until the handle goes. What it is told is
+/// One who follows a container: the extension watches it until the handle goes. A signal says
 /// only that something may have happened; the changes since the last anchor say what.
 ///
 /// The extension watches a folder at the place where it was. So a folder that was moved, or that is
@@ -21,7 +21,7 @@ namespace host {
 /// One thread at a time; must not outlive its service.
 class Following {
   public:
-    /// `everywhere` keeps all directories watched, which tells of folders that move. All must
+    /// `everywhere` keeps all directories watched, so that folders that move are noticed. All must
     /// outlive the following, or are kept by it.
     [[nodiscard]] static platform::Result<std::unique_ptr<Following>> begin(
         ExtensionSession& session, std::shared_ptr<SignalBoard> board, const std::string& container,
@@ -36,7 +36,8 @@ class Following {
     /// follower knows; an anchor of another one may have expired for it.
     [[nodiscard]] platform::Result<ChangePage> changes(const Anchor& since) const;
 
-    /// For poll: readable when wait() has something to look at, be it that it then answers false.
+    /// For poll: readable when wait() has something to look at, also where wait() then answers
+    /// false.
     [[nodiscard]] int descriptor() const { return inbox_.descriptor(); }
 
   private:
@@ -54,7 +55,7 @@ class Following {
     SignalBoard::Inbox inbox_;  // its own synchronisation
     // Used by the one thread.
     std::optional<std::string> place_;                 // native path; none for what is no folder
-    std::shared_ptr<void> watch_;                      // none where everywhere_ does
+    std::shared_ptr<void> watch_;                      // null if everywhere_ watches
     std::shared_ptr<ExtensionSession::Lease> source_;  // of a wide container
 };
 

@@ -36,14 +36,14 @@ struct Health {
     std::uint64_t eventCount = 0;
 
     /// What is wrong, in plain words; empty where all is well. A gap in the past is not wrong
-    /// (those whom it concerns have been told), nor is a weak identity.
+    /// (the clients that it concerns got an error), nor is a weak identity.
     [[nodiscard]] std::vector<std::string> problems() const;
 };
 
 /// How old something must be to be removed for its age, as dates.
 struct AgeLimit {
     platform::QSDate wall;  ///< what the age says by the wall clock
-    /// What carries an earlier date is that old however wrong the wall clock was; none where the
+    /// An object with an earlier date is that old however wrong the wall clock was; no date if the
     /// storage has not been known for so long.
     std::optional<platform::QSDate> safe;
     bool clocksDiffer = false;  ///< by more than a day: the wall clock is, or was, wrong

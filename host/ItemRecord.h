@@ -10,8 +10,8 @@
 
 namespace host {
 
-/// One item as clients of the document service see it: a plain value that owns all it holds. Absent
-/// values are std::nullopt. Names and paths are bytes as on disk and need not be UTF-8.
+/// One item as clients of the document service see it: a plain value that owns all it holds.
+/// Missing values are std::nullopt. Names and paths are bytes as on disk and need not be UTF-8.
 struct ItemRecord {
     std::string itemIdentifier;
     std::string parentItemIdentifier;

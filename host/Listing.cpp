@@ -39,7 +39,7 @@ void DeliveredItems::beginTry() {
     firstTry_ = {};
 }
 
-bool DeliveredItems::take(const std::string& identifier) {
+bool DeliveredItems::accept(const std::string& identifier) {
     if (tries_ < 2) {
         firstTry_ += identifier;
         firstTry_ += '\0';
@@ -81,7 +81,7 @@ Result<void> Listing::tryOnce(const std::string& container, Order order,
 Result<void> Listing::retry(const std::string& container, Order order, std::uint32_t tries,
                             DeliveredItems& delivered, const ItemHandler& handler) {
     const auto giveOut = [&](const ItemRecord& item) {
-        return !delivered.take(item.itemIdentifier) || handler(item);
+        return !delivered.accept(item.itemIdentifier) || handler(item);
     };
     for (std::uint32_t attempt = 1;; ++attempt) {
         delivered.beginTry();
@@ -97,13 +97,14 @@ Result<void> Listing::folderByFolder(const std::string& container, Order order,
         container == platform::QSFileProviderAllDirectoriesContainerItemIdentifier;
     delivered.beginTry();
     const auto giveOut = [&](const ItemRecord& item) {
-        return (foldersOnly && !item.isFolder()) || !delivered.take(item.itemIdentifier) ||
+        return (foldersOnly && !item.isFolder()) || !delivered.accept(item.itemIdentifier) ||
                handler_(item);
     };
 
     const std::string root(platform::QSFileProviderRootContainerItemIdentifier);
     std::deque<std::string> folders{root};
-    std::unordered_set<std::string> known{root};  // a folder moved meanwhile is met twice
+    std::unordered_set<std::string> known{
+        root};  // a folder that moves during the listing is met twice
 
     while (!folders.empty() && !stopped_) {
         const auto folder = std::move(folders.front());
@@ -116,7 +117,7 @@ Result<void> Listing::folderByFolder(const std::string& container, Order order,
             }
             return giveOut(item);
         });
-        // A folder that went away after its parent was read has nothing to show.
+        // A folder that was removed after its parent was read has nothing to show.
         if (!result && (folder == root || !meansNoSuchItem(result.error()))) return result;
     }
     return foldersOnly ? Result<void>() : trash(order, giveOut);

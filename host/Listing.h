@@ -25,7 +25,7 @@ class DeliveredItems {
   public:
     void beginTry();
     /// Whether the row has not been given out; it counts as given out from here on.
-    [[nodiscard]] bool take(const std::string& identifier);
+    [[nodiscard]] bool accept(const std::string& identifier);
 
   private:
     std::uint32_t tries_ = 0;

@@ -37,7 +37,7 @@ using Anchor = platform::QSData;
 struct ChangePage {
     std::vector<ItemRecord> updates;     ///< new ones too, as they are now
     std::vector<std::string> deletions;  ///< identifiers of what is no longer in the container
-    Anchor anchor;                       ///< up to where this tells everything
+    Anchor anchor;                       ///< the position up to which this is complete
     bool moreComing = false;             ///< ask on from `anchor`
 };
 

@@ -86,7 +86,7 @@ Result<void> Search::find(std::string_view text, const ItemHandler& handler) {
     if (!found) return std::unexpected(found.error());
     for (const auto& identifier : *found) {
         const auto item = service_.item(identifier);
-        if (!item) continue;  // it went meanwhile
+        if (!item) continue;  // it has been removed since
         if (!handler(*item)) break;
     }
     return {};

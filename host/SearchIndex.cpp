@@ -153,7 +153,7 @@ Result<void> SearchIndex::Database::remove(const std::string& identifier) {
 
 Result<void> SearchIndex::Database::add(const ItemRecord& item) {
     if (auto done = remove(item.itemIdentifier); !done) return done;
-    // What was trashed is told as a deletion, so listing it must not bring it back.
+    // A trashed item is reported as a deletion, so listing it must not bring it back.
     if (item.isTrashed) return {};
     addItem.bindText(1, item.itemIdentifier);
     addItem.bindText(2, domainOf(item));

@@ -21,7 +21,7 @@ class SearchIndex {
     explicit SearchIndex(std::string path);
     ~SearchIndex();
 
-    /// Up to where pages were applied; none where everything has to be read first.
+    /// The position up to which pages were applied; none before everything has been read once.
     [[nodiscard]] platform::Result<std::optional<Anchor>> anchor();
 
     /// Forgets everything.

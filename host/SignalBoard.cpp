@@ -26,11 +26,11 @@ SignalBoard::Inbox::~Inbox() {
     if (descriptor_ >= 0) close(descriptor_);
 }
 
-SignalBoard::News SignalBoard::Inbox::take() {
+SignalBoard::Signal SignalBoard::Inbox::pop() {
     const std::scoped_lock lock(board_.mutex_);
     eventfd_t count = 0;
     (void)eventfd_read(descriptor_, &count);
-    return std::exchange(news_, News::None);
+    return std::exchange(signal_, Signal::None);
 }
 
 void SignalBoard::signal(const std::string& container) {
@@ -43,7 +43,7 @@ void SignalBoard::signal(const std::string& container) {
             (isEverywhere &&
              inbox->container_ == platform::QSFileProviderWorkingSetContainerItemIdentifier);
         if (!isMeant && !isEverywhere) continue;
-        inbox->news_ = std::max(inbox->news_, isMeant ? News::Signalled : News::Elsewhere);
+        inbox->signal_ = std::max(inbox->signal_, isMeant ? Signal::Signalled : Signal::Elsewhere);
         (void)eventfd_write(inbox->descriptor_, 1);
     }
 }

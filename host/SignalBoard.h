@@ -13,8 +13,8 @@ namespace host {
 /// calls out, so that an extension that waits for its signal to be taken gets its answer at once.
 class SignalBoard {
   public:
-    /// What news there was; of two the greater counts.
-    enum class News : std::uint8_t {
+    /// What has arrived; of two the greater counts.
+    enum class Signal : std::uint8_t {
         None,
         Elsewhere,  ///< something happened in the tree, of which the container may know nothing
         Signalled,
@@ -28,11 +28,11 @@ class SignalBoard {
         Inbox(const Inbox&) = delete;
         Inbox& operator=(const Inbox&) = delete;
 
-        /// Readable, as poll tells, while there is news; -1 with the reason in errno where the
+        /// Readable, for poll, while a signal waits; -1 with the reason in errno where the
         /// process has no descriptor left.
         [[nodiscard]] int descriptor() const { return descriptor_; }
         /// What came since the last call.
-        [[nodiscard]] News take();
+        [[nodiscard]] Signal pop();
 
       private:
         friend class SignalBoard;
@@ -41,7 +41,7 @@ class SignalBoard {
         std::string container_;
         int descriptor_;
 
-        News news_ = News::None;  // guarded by board_.mutex_
+        Signal signal_ = Signal::None;  // guarded by board_.mutex_
     };
 
     /// The extension signalled the container. Where it is all directories, that also means the

@@ -11,11 +11,11 @@
 
 namespace host {
 
-/// Deletes what has lain in the trash for too long: at its start and once a day.
+/// Deletes what was trashed too long ago: at its start and once a day.
 class TrashKeeper {
   public:
     /// The date before which things were trashed too long ago, however wrong the wall clock was;
-    /// none where nothing is known to be that old.
+    /// none if nothing is known to be that old.
     using Limit = std::function<std::optional<platform::QSDate>()>;
     using Removal = std::function<void(const platform::QSDate& olderThan)>;
     using Clock = std::function<std::chrono::seconds()>;

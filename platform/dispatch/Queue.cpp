@@ -142,7 +142,7 @@ void SerialQueue::asyncAfter(std::chrono::nanoseconds delay, Work work) const {
 
 void SerialQueue::sync(Work work) const {
     assertNotOnQueue();
-    const std::shared_ptr<State> state = state_;  // `work` may let go of this handle
+    const std::shared_ptr<State> state = state_;  // `work` may destroy this handle
     if (state->beginIfIdle()) {
         runBlock(state.get(), std::move(work));
         state->endOrScheduleTurn();

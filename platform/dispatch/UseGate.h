@@ -7,14 +7,14 @@
 
 namespace platform {
 
-/// Lets blocks on queues use what may be torn down meanwhile: a block enters before it does, and
+/// Lets blocks on queues use what may be torn down at any time: a block enters before it does, and
 /// closing waits for those inside. Shared by both sides. Any thread.
 class UseGate {
   public:
     struct Leave {
         void operator()(UseGate* gate) const { gate->leave(); }
     };
-    /// To be let go before the gate is.
+    /// To be destroyed before the gate is.
     using Pass = std::unique_ptr<UseGate, Leave>;
 
     /// Null once the gate closes; never blocks.

@@ -86,11 +86,11 @@ std::map<std::string, QSError> AppContainers::show(std::span<const BundleRef> bu
         if (!bundle->bundleIdentifier || !bundle->dataContainerURL) continue;
         wanted.emplace(*bundle->bundleIdentifier, bundle->dataContainerPath);
     }
-    std::vector<std::string> gone;
+    std::vector<std::string> unwanted;
     for (const auto& [identifier, shown] : shown_) {
-        if (!wanted.contains(identifier)) gone.push_back(identifier);
+        if (!wanted.contains(identifier)) unwanted.push_back(identifier);
     }
-    for (const auto& identifier : gone) {
+    for (const auto& identifier : unwanted) {
         letOut(identifier);
         shown_.erase(identifier);
     }

@@ -28,7 +28,7 @@ class AppContainers {
                                                 const std::string& path) const;
 
     /// Lets in exactly these, and out all others, those of the last run too. By the time it
-    /// returns, what has come and gone with them is in the volume's history. Yields those that
+    /// returns, what was added and removed with them is in the volume's history. Yields those that
     /// could not be let in, by identifier; they are not part of the tree, but are looked for again.
     /// Records without a container are passed over.
     std::map<std::string, QSError> show(std::span<const BundleRef> bundles);
@@ -40,7 +40,8 @@ class AppContainers {
   private:
     struct Shown {
         std::string path;  ///< native
-        /// What tells the folders there from all others; empty where nothing does.
+        /// The fingerprint that distinguishes the folders there from all others; empty if there is
+        /// none.
         std::vector<std::uint64_t> state;
     };
 

@@ -32,7 +32,7 @@ QSError notPermitted(std::string_view why, const std::string& path) {
 }
 
 /// What says that an object is not where it was.
-bool meansGone(int code) {
+bool meansMissing(int code) {
     return code == ENOENT || code == ENOTDIR || code == ELOOP || code == EXDEV;
 }
 
@@ -68,7 +68,7 @@ int syncEntry(int folder, const std::string& name) {
     return entry && syncfs(entry.get()) == 0 ? 0 : errno;
 }
 
-QSError goneError(const std::string& path) {
+QSError missingError(const std::string& path) {
     auto error = QPItemNotFoundError(path);
     error.userInfo.insert_or_assign(std::string(QSDescriptionErrorKey),
                                     "the item is not there any more");
@@ -80,36 +80,36 @@ QSError goneError(const std::string& path) {
 
 QSError MutableTree::failure(int code, const QSURL& url) const {
     auto error = errorFromErrno(code, files_.nativePath(url));
-    const auto tell = [&](std::string_view why) {
+    const auto describe = [&](std::string_view why) {
         error.userInfo.emplace(QSDescriptionErrorKey, why);
     };
-    if (code == EINVAL) tell("a folder cannot be moved or copied into itself");
-    if (code == EBUSY) tell("it was changed while it was copied");
-    if (code == ENOTSUP) tell("only files, folders and links can be copied");
-    if (code == EXDEV) tell("the file system does not let it be moved");
-    if (code == E2BIG) tell("the extended attributes do not fit the file system");
+    if (code == EINVAL) describe("a folder cannot be moved or copied into itself");
+    if (code == EBUSY) describe("it was changed while it was copied");
+    if (code == ENOTSUP) describe("only files, folders and links can be copied");
+    if (code == EXDEV) describe("the file system does not let it be moved");
+    if (code == E2BIG) describe("the extended attributes do not fit the file system");
     return error;
 }
 
 QSError MutableTree::failure(const QSError& error, const QSURL& url) const {
     if (error.domain != QSPOSIXErrorDomain) return error;
-    auto told = failure(static_cast<int>(error.code), url);
+    auto failed = failure(static_cast<int>(error.code), url);
     const auto path = error.userInfo.find(QSFilePathErrorKey);
-    if (path != error.userInfo.end()) told.userInfo.insert_or_assign(path->first, path->second);
-    return told;
+    if (path != error.userInfo.end()) failed.userInfo.insert_or_assign(path->first, path->second);
+    return failed;
 }
 
 Result<MutableTree::OpenFolder> MutableTree::openFolder(const QSURL& url) const {
     if (!pathInLibrary(url.path())) {
         return std::unexpected(notPermitted("not a folder of documents", files_.nativePath(url)));
     }
-    auto missing = goneError(files_.nativePath(url));
+    auto missing = missingError(files_.nativePath(url));
     missing.userInfo.emplace(qp_isDestinationKey, "");
     auto fd = files_.openObject(url, O_PATH | O_DIRECTORY);
     if (!fd) {
         const auto code = static_cast<int>(fd.error().code);
         if (code == ENOTDIR) return std::unexpected(failure(code, url));
-        return std::unexpected(meansGone(code) ? std::move(missing) : std::move(fd.error()));
+        return std::unexpected(meansMissing(code) ? std::move(missing) : std::move(fd.error()));
     }
     if (const auto meant = std::static_pointer_cast<const FileAttributes>(url.attachment())) {
         const auto found = readIdentity(fd->get(), "", nullptr, files_.credentials());
@@ -119,7 +119,7 @@ Result<MutableTree::OpenFolder> MutableTree::openFolder(const QSURL& url) const 
     return OpenFolder{url, std::move(*fd)};
 }
 
-Result<MutableTree::HeldItem> MutableTree::hold(const QSURL& url) const {
+Result<MutableTree::OpenItem> MutableTree::hold(const QSURL& url) const {
     const auto native = files_.nativePath(url);
     if (hasToStay(url.path())) {
         return std::unexpected(notPermitted("this one has to stay where it is", native));
@@ -134,12 +134,12 @@ Result<MutableTree::HeldItem> MutableTree::hold(const QSURL& url) const {
         object.reset(openBeneath(parent->get(), name.c_str(), O_PATH, beneath));
         if (!object) code = errno;
     }
-    if (meansGone(code)) return std::unexpected(goneError(native));
+    if (meansMissing(code)) return std::unexpected(missingError(native));
     if (code != 0) return std::unexpected(failure(code, url));
     const auto identity = readIdentity(object.get(), "", nullptr, files_.credentials());
     if (!identity) return std::unexpected(identity.error());
-    if (expected && expected->identity != *identity) return std::unexpected(goneError(native));
-    return HeldItem{{parentURL, std::move(*parent)}, std::move(name), std::move(object), *identity};
+    if (expected && expected->identity != *identity) return std::unexpected(missingError(native));
+    return OpenItem{{parentURL, std::move(*parent)}, std::move(name), std::move(object), *identity};
 }
 
 bool MutableTree::is(const ObjectIdentity& object, int folder, const std::string& name) const {
@@ -184,8 +184,8 @@ Result<std::string> MutableTree::renameInto(int from, const std::string& name, c
 }
 
 /// A stranger that was moved instead of the item, or an item that stays after all, goes back to
-/// where it was; under a free name should that be taken by now.
-bool MutableTree::putBack(int from, const std::string& hidden, const HeldItem& item) const {
+/// where it was; under a free name if that is taken.
+bool MutableTree::putBack(int from, const std::string& hidden, const OpenItem& item) const {
     return renameInto(from, hidden, item.parent, item.name, Naming::Free).has_value();
 }
 
@@ -193,15 +193,15 @@ bool MutableTree::hasToBeCopied(const QSError& error) {
     return error.domain == QSPOSIXErrorDomain && error.code == EXDEV;
 }
 
-Result<QSURL> MutableTree::moveHeld(HeldItem& item, const OpenFolder& folder,
+Result<QSURL> MutableTree::moveOpen(OpenItem& item, const OpenFolder& folder,
                                     const std::string& name, Naming naming, QSProgress& progress,
                                     const CopyHandler& onCopy) const {
-    auto moved = renameHeld(item, folder, name, naming);
+    auto moved = renameOpen(item, folder, name, naming);
     if (moved || !hasToBeCopied(moved.error())) return moved;
     return copyAcross(item, folder, name, naming, progress, onCopy);
 }
 
-Result<QSURL> MutableTree::renameHeld(const HeldItem& item, const OpenFolder& folder,
+Result<QSURL> MutableTree::renameOpen(const OpenItem& item, const OpenFolder& folder,
                                       const std::string& name, Naming naming) const {
     const auto itemURL = made(item.parent, item.name);
     if (name == item.name && areSame(item.parent.fd.get(), folder.fd.get())) {
@@ -210,19 +210,19 @@ Result<QSURL> MutableTree::renameHeld(const HeldItem& item, const OpenFolder& fo
     const auto reached = renameInto(item.parent.fd.get(), item.name, folder, name, naming);
     if (!reached) {
         const auto code = reached.error().domain == QSPOSIXErrorDomain ? reached.error().code : 0;
-        if (code == ENOENT) return std::unexpected(goneError(files_.nativePath(itemURL)));
+        if (code == ENOENT) return std::unexpected(missingError(files_.nativePath(itemURL)));
         return std::unexpected(reached.error());
     }
     if (!is(item.identity, folder.fd.get(), *reached)) {
         (void)putBack(folder.fd.get(), *reached, item);
-        return std::unexpected(goneError(files_.nativePath(itemURL)));
+        return std::unexpected(missingError(files_.nativePath(itemURL)));
     }
     return placed(folder, *reached);
 }
 
 /// For folders between which the file system moves nothing. The original is hidden while it is
 /// copied, so that nobody finds it by its name and changes what was copied already.
-Result<QSURL> MutableTree::copyAcross(HeldItem& item, const OpenFolder& folder,
+Result<QSURL> MutableTree::copyAcross(OpenItem& item, const OpenFolder& folder,
                                       const std::string& name, Naming naming, QSProgress& progress,
                                       const CopyHandler& onCopy) const {
     const int parent = item.parent.fd.get();
@@ -245,10 +245,10 @@ Result<QSURL> MutableTree::copyAcross(HeldItem& item, const OpenFolder& folder,
     if (!copied) return fail(std::move(copied.error()));
     // Whoever had it open may have written to it.
     const bool isUnchanged = before && before == changeTime(item.object.get());
-    const HeldItem original{
+    const OpenItem original{
         {item.parent.url, duplicate(parent)}, hidden, std::move(item.object), item.identity};
     QSProgress removal;
-    const auto removed = isUnchanged ? removeHeld(original, removal)
+    const auto removed = isUnchanged ? removeOpen(original, removal)
                                      : Result<void>(std::unexpected(failure(EBUSY, url)));
     if (removed) {
         item.object = std::move(copied->object);
@@ -257,11 +257,11 @@ Result<QSURL> MutableTree::copyAcross(HeldItem& item, const OpenFolder& folder,
     }
     // Once something of the original is missing, only the copy is whole.
     if (removal.completedItems() == 0) {
-        const HeldItem copy{{folder.url, duplicate(folder.fd.get())},
+        const OpenItem copy{{folder.url, duplicate(folder.fd.get())},
                             copied->name,
                             std::move(copied->object),
                             copied->identity};
-        (void)removeHeld(copy, removal);
+        (void)removeOpen(copy, removal);
     }
     return fail(removed.error());
 }
@@ -365,7 +365,7 @@ Result<QSURL> MutableTree::move(const QSURL& url, const QSURL& folderURL,
     if (!folder) return std::unexpected(folder.error());
     const auto identity = item->identity;
     volume_.moveBegins(identity);
-    auto moved = moveHeld(*item, *folder, name.value_or(item->name), naming, progress);
+    auto moved = moveOpen(*item, *folder, name.value_or(item->name), naming, progress);
     volume_.moveEnds(identity, moved.has_value());
     return moved;
 }
@@ -378,7 +378,7 @@ Result<TrashedObject> MutableTree::trash(const QSURL& url, const QSURL& trashURL
         return std::unexpected(notPermitted(why, files_.nativePath(trashURL)));
     };
     auto fd = files_.openObject(trashURL, O_PATH | O_DIRECTORY);
-    if (!fd && meansGone(static_cast<int>(fd.error().code))) {
+    if (!fd && meansMissing(static_cast<int>(fd.error().code))) {
         return refused("the trash is not a folder");
     }
     if (!fd) return std::unexpected(fd.error());
@@ -402,8 +402,8 @@ Result<TrashedObject> MutableTree::trash(const QSURL& url, const QSURL& trashURL
     };
     volume_.moveBegins(identity);
     const auto moved = copying == Copying::Allowed
-                           ? moveHeld(*item, trash, item->name, Naming::Free, progress, noteCopy)
-                           : renameHeld(*item, trash, item->name, Naming::Free);
+                           ? moveOpen(*item, trash, item->name, Naming::Free, progress, noteCopy)
+                           : renameOpen(*item, trash, item->name, Naming::Free);
     volume_.moveEnds(identity, moved.has_value());
     if (!moved) return std::unexpected(moved.error());
     const auto date = record.date;
@@ -414,15 +414,16 @@ Result<TrashedObject> MutableTree::trash(const QSURL& url, const QSURL& trashURL
 Result<void> MutableTree::remove(const QSURL& url, QSProgress& progress) const {
     const auto item = hold(url);
     if (!item) return std::unexpected(item.error());
-    return removeHeld(*item, progress);
+    return removeOpen(*item, progress);
 }
 
-Result<void> MutableTree::removeHeld(const HeldItem& item, QSProgress& progress) const {
+Result<void> MutableTree::removeOpen(const OpenItem& item, QSProgress& progress) const {
     volume_.removalBegins(item.identity);
     auto removed = hideAndRemove(item, progress);
     struct stat status {};
-    const bool isGone = removed && fstat(item.object.get(), &status) == 0 && status.st_nlink == 0;
-    volume_.removalEnds(item.identity, isGone);
+    const bool isRemoved =
+        removed && fstat(item.object.get(), &status) == 0 && status.st_nlink == 0;
+    volume_.removalEnds(item.identity, isRemoved);
     return removed;
 }
 
@@ -435,7 +436,7 @@ Result<std::unique_ptr<UnfinishedWork::Record>> MutableTree::begin(
 }
 
 /// Renames the object to a hidden name beside it; another one that stood there goes back.
-Result<std::unique_ptr<UnfinishedWork::Record>> MutableTree::hide(const HeldItem& item,
+Result<std::unique_ptr<UnfinishedWork::Record>> MutableTree::hide(const OpenItem& item,
                                                                   UnfinishedWork::Kind kind) const {
     const auto url = made(item.parent, item.name);
     const int folder = item.parent.fd.get();
@@ -443,15 +444,15 @@ Result<std::unique_ptr<UnfinishedWork::Record>> MutableTree::hide(const HeldItem
     if (!record) return record;
     const auto& hidden = (*record)->name();
     if (renameat2(folder, item.name.c_str(), folder, hidden.c_str(), RENAME_NOREPLACE) != 0) {
-        return std::unexpected(errno == ENOENT ? goneError(files_.nativePath(url))
+        return std::unexpected(errno == ENOENT ? missingError(files_.nativePath(url))
                                                : failure(errno, url));
     }
     if (is(item.identity, folder, hidden)) return record;
     if (!putBack(folder, hidden, item)) (*record)->keep();
-    return std::unexpected(goneError(files_.nativePath(url)));
+    return std::unexpected(missingError(files_.nativePath(url)));
 }
 
-Result<void> MutableTree::hideAndRemove(const HeldItem& item, QSProgress& progress) const {
+Result<void> MutableTree::hideAndRemove(const OpenItem& item, QSProgress& progress) const {
     const int folder = item.parent.fd.get();
     const auto record = hide(item, UnfinishedWork::Kind::Removal);
     if (!record) return std::unexpected(record.error());

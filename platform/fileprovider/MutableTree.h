@@ -44,7 +44,7 @@ class MutableTree {
         FileDescriptor fd;
     };
     /// An object that is held open, and where it stood.
-    struct HeldItem {
+    struct OpenItem {
         OpenFolder parent;
         std::string name;
         FileDescriptor object;
@@ -52,17 +52,17 @@ class MutableTree {
     };
 
     [[nodiscard]] Result<OpenFolder> openFolder(const QSURL& url) const;
-    [[nodiscard]] Result<HeldItem> hold(const QSURL& url) const;
+    [[nodiscard]] Result<OpenItem> hold(const QSURL& url) const;
     /// Called with the identity of a copy before it has its name.
     using CopyHandler = std::function<void(const ObjectIdentity& copy)>;
     /// `item.object` becomes the copy where there is one.
-    [[nodiscard]] Result<QSURL> moveHeld(HeldItem& item, const OpenFolder& folder,
+    [[nodiscard]] Result<QSURL> moveOpen(OpenItem& item, const OpenFolder& folder,
                                          const std::string& name, Naming naming,
                                          QSProgress& progress,
                                          const CopyHandler& onCopy = {}) const;
-    [[nodiscard]] Result<QSURL> renameHeld(const HeldItem& item, const OpenFolder& folder,
+    [[nodiscard]] Result<QSURL> renameOpen(const OpenItem& item, const OpenFolder& folder,
                                            const std::string& name, Naming naming) const;
-    [[nodiscard]] Result<QSURL> copyAcross(HeldItem& item, const OpenFolder& folder,
+    [[nodiscard]] Result<QSURL> copyAcross(OpenItem& item, const OpenFolder& folder,
                                            const std::string& name, Naming naming,
                                            QSProgress& progress, const CopyHandler& onCopy) const;
     /// A copy, held open since before it was given its name.
@@ -81,16 +81,16 @@ class MutableTree {
         UnfinishedWork::Kind kind, const OpenFolder& folder, const std::string& name,
         const ObjectIdentity& object) const;
     [[nodiscard]] Result<std::unique_ptr<UnfinishedWork::Record>> hide(
-        const HeldItem& item, UnfinishedWork::Kind kind) const;
-    Result<void> removeHeld(const HeldItem& item, QSProgress& progress) const;
-    Result<void> hideAndRemove(const HeldItem& item, QSProgress& progress) const;
+        const OpenItem& item, UnfinishedWork::Kind kind) const;
+    Result<void> removeOpen(const OpenItem& item, QSProgress& progress) const;
+    Result<void> hideAndRemove(const OpenItem& item, QSProgress& progress) const;
     Result<void> checkNotInside(const FileDescriptor& object, const OpenFolder& folder) const;
     [[nodiscard]] Result<std::string> renameInto(int from, const std::string& name,
                                                  const OpenFolder& to, const std::string& wanted,
                                                  Naming naming) const;
     [[nodiscard]] bool is(const ObjectIdentity& object, int folder, const std::string& name) const;
     /// False where it stays hidden.
-    bool putBack(int from, const std::string& hidden, const HeldItem& item) const;
+    bool putBack(int from, const std::string& hidden, const OpenItem& item) const;
     [[nodiscard]] QSURL placed(const OpenFolder& folder, const std::string& name) const;
     [[nodiscard]] QSURL made(const OpenFolder& folder, const std::string& name) const;
     [[nodiscard]] QSError failure(int code, const QSURL& url) const;

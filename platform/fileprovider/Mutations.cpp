@@ -19,7 +19,7 @@ MutableTree treeOf(Platform& platform) {
     return {platform.files(), platform.unfinished(), platform.volume()};
 }
 
-/// Runs `work` on some worker, which tells of its progress. The platform waits for operations that
+/// Runs `work` on some worker, which reports its progress. The platform waits for operations that
 /// have begun; one that comes too late is cancelled.
 template <typename Work, typename Handler>
 std::shared_ptr<QSProgress> start(Work work, Handler handler) {
@@ -33,7 +33,8 @@ std::shared_ptr<QSProgress> start(Work work, Handler handler) {
     return progress;
 }
 
-/// A result's URL keeps the object's attributes, so that whoever gets it can tell it from others.
+/// A result's URL keeps the object's attributes, so that its receiver can distinguish it from
+/// others.
 qp_URLHandler withAttributes(qp_URLHandler handler) {
     return [handler = std::move(handler)](Result<QSURL> result) mutable {
         if (result) (void)Platform::current().files().attributes(*result);

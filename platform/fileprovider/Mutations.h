@@ -36,15 +36,15 @@ inline constexpr std::string_view qp_isDestinationKey = "qp_isDestination";
 using qp_URLHandler = std::move_only_function<void(Result<QSURL>)>;
 using qp_ErrorHandler = std::move_only_function<void(std::optional<QSError>)>;
 
-/// An object where it is now, held open with O_PATH; not open where it has gone since.
-struct HeldURL {
+/// An object where it is now, opened with O_PATH; not open if it was removed since.
+struct OpenURL {
     QSURL url;
     FileDescriptor object = {};
 };
 
 /// What was trashed, and its record. The next start writes the attributes unless they are written
 /// when `intent` ends, which belongs to the platform.
-struct TrashedObject : HeldURL {
+struct TrashedObject : OpenURL {
     QSDate date = {};
     std::unique_ptr<TrashLedger::Intent> intent = {};
 };
@@ -55,7 +55,7 @@ void qp_createSubFolder(const QSURL& folder, std::string_view name,
                         qp_URLHandler completionHandler);
 
 /// Copies what is at `source` (any URL) into the folder, with all that is below it, under a free
-/// name. Durable when it completes, and whole or absent whatever happens meanwhile. ENOTSUP for
+/// name. Durable when it completes, and whole or missing whatever happens on the way. ENOTSUP for
 /// what is neither file, folder nor link.
 std::shared_ptr<QSProgress> qp_importUnderFolder(const QSURL& source, const QSURL& folder,
                                                  qp_URLHandler completionHandler);

@@ -86,7 +86,7 @@ class Platform {
     [[nodiscard]] const IconLibrary& icons() const { return *icons_; }
     /// What was found when the platform was made.
     [[nodiscard]] const DeviceAnswers& device() const { return device_; }
-    /// Shared, since observers may be removed after the platform is gone.
+    /// Shared, since observers may be removed after the platform is destroyed.
     [[nodiscard]] std::shared_ptr<QSDistributedNotificationCenter> notifications() const {
         return notifications_;
     }

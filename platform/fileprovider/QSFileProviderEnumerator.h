@@ -40,7 +40,8 @@ class QSFileProviderChangeObserver {
     virtual void didUpdateItems(std::vector<ItemRef> items) = 0;
     virtual void didDeleteItemsWithIdentifiers(
         std::vector<QSFileProviderItemIdentifier> identifiers) = 0;
-    /// The changes up to `anchor` have been told; with `moreComing` the host asks on from there.
+    /// The changes up to `anchor` have been delivered; with `moreComing` the host asks on from
+    /// there.
     virtual void finishEnumeratingChangesUpToSyncAnchor(QSFileProviderSyncAnchor anchor,
                                                         bool moreComing) = 0;
     virtual void finishEnumeratingWithError(QSError error) = 0;
@@ -58,13 +59,13 @@ class QSFileProviderEnumerator {
         std::shared_ptr<QSFileProviderEnumerationObserver> observer,
         const QSFileProviderPage& startingAtPage) = 0;
 
-    /// Tells what happened since the anchor, one page of it; does not wait for that. An anchor that
-    /// might be wrong is answered with QSFileProviderErrorSyncAnchorExpired.
+    /// Delivers what happened since the anchor, one page of it; does not wait for that. An anchor
+    /// that might be wrong is answered with QSFileProviderErrorSyncAnchorExpired.
     virtual void enumerateChangesForObserver(std::shared_ptr<QSFileProviderChangeObserver> observer,
                                              const QSFileProviderSyncAnchor& fromSyncAnchor) = 0;
 
-    /// The present position, none where it cannot be told. Taken before a listing it misses nothing
-    /// of what happens meanwhile.
+    /// The present position, none if it is not known. Asked for before a listing it misses nothing
+    /// of what happens during the listing.
     using SyncAnchorHandler = std::function<void(std::optional<QSFileProviderSyncAnchor>)>;
     virtual void currentSyncAnchorWithCompletionHandler(SyncAnchorHandler completionHandler) = 0;
 

@@ -73,8 +73,8 @@ class QSFileProviderExtension {
     virtual std::shared_ptr<QSProgress> deleteItemWithIdentifier(
         const QSFileProviderItemIdentifier& identifier, CompletionHandler completionHandler);
 
-    /// Deletes what was trashed before the date, and gives what has no trash date the present one.
-    /// The handler is called when every deletion has ended, be it that some failed.
+    /// Deletes what was trashed before the date, and gives items without a trash date the present
+    /// one. The handler is called when every deletion has ended, also where some failed.
     virtual void _removeTrashedItemsOlderThanDate(
         const QSDate& date, std::move_only_function<void()> completionHandler);
     /// Gives the present date to what came into the trash and was not put there by
@@ -95,11 +95,11 @@ class QSFileProviderExtension {
                                  const QSFileProviderItemIdentifier& forItemIdentifier,
                                  ItemCompletionHandler completionHandler);
 
-    /// One thumbnail: the bytes of a picture file, none where the item has no thumbnail of its own.
+    /// One thumbnail: the bytes of a picture file, none if the item has no thumbnail of its own.
     using PerThumbnailCompletionHandler =
         std::function<void(const QSFileProviderItemIdentifier&, const std::optional<QSData>&,
                            const std::optional<QSError>&)>;
-    /// The same with the type of the picture behind the bytes, none where these are none.
+    /// The same with the type of the picture behind the bytes, none if there are no bytes.
     using PerThumbnailCompletionHandlerWithType =
         std::function<void(const QSFileProviderItemIdentifier&, const std::optional<QSData>&,
                            const std::optional<std::string>&, const std::optional<QSError>&)>;

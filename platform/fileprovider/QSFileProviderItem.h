@@ -36,7 +36,7 @@ inline constexpr QSFileProviderItemCapabilities QSFileProviderItemCapabilitiesAl
 inline constexpr QSFileProviderItemCapabilities QSFileProviderItemCapabilitiesAllowsTrashing = 16;
 inline constexpr QSFileProviderItemCapabilities QSFileProviderItemCapabilitiesAllowsDeleting = 32;
 
-/// One item as the extension hands it to the host. Safe to read from any thread. Absent values are
+/// One item as the extension hands it to the host. Safe to read from any thread. Missing values are
 /// std::nullopt.
 class QSFileProviderItem {
   public:

@@ -32,7 +32,7 @@ class QSFileProviderManager {
     /// The same place for comparing paths.
     [[nodiscard]] const std::string& documentStoragePath() const { return documentStoragePath_; }
 
-    /// Tells the host that the container changed. Does not wait; with no host connected the
+    /// Signals to the host that the container changed. Does not wait; with no host connected the
     /// handler is called with no error.
     void signalEnumeratorForContainerItemIdentifier(const QSFileProviderItemIdentifier& identifier,
                                                     CompletionHandler completionHandler);

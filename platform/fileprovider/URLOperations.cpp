@@ -49,7 +49,7 @@ bool isPackage(const FileAttributes& attributes, std::string_view name) {
 }
 
 /// The identity service takes a document ID for files and packages, a file ID for the rest.
-bool takesDocumentID(const FileAttributes& attributes, std::string_view name) {
+bool needsDocumentID(const FileAttributes& attributes, std::string_view name) {
     return attributes.kind() == ObjectKind::RegularFile || isPackage(attributes, name);
 }
 
@@ -162,7 +162,7 @@ Result<void> prefetchIdentifiers(std::span<const QSURL> urls) {
         auto attributes = std::static_pointer_cast<const FileAttributes>(url.attachment());
         if (!attributes) continue;
         const auto name = url.lastPathComponent();
-        requests.push_back({attributes.get(), name, takesDocumentID(*attributes, name), {}});
+        requests.push_back({attributes.get(), name, needsDocumentID(*attributes, name), {}});
         requesters.push_back(&url);
         kept.push_back(std::move(attributes));
     }

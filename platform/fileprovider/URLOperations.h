@@ -22,7 +22,7 @@ namespace platform {
 [[nodiscard]] Result<QSResourceValue> resourceValue(const QSURL& url, QSResourceKey key);
 
 /// Whether the host browses into the object: a directory that is no package. A URL that keeps
-/// IsDirectory answers with that, for an object that has gone. False where it cannot be told.
+/// IsDirectory answers with that, for a removed object. False if it cannot be found out.
 [[nodiscard]] bool qp_isFolder(const QSURL& url);
 
 /// Gives each URL, whose attributes must be kept already, its file ID or document ID as a kept

@@ -106,11 +106,11 @@ Result<std::unique_ptr<UnfinishedWork::Record>> UnfinishedWork::begin(
         std::filesystem::create_directories(folder_, error);
         failure = error ? error.value() : record();
     }
-    const bool takesNothing =
+    const bool usesNoSpace =
         failure == ENOSPC || failure == EDQUOT || failure == EROFS || failure == EACCES;
     std::unique_ptr<Record> made(
         new Record(*this, std::move(token), failure == 0 ? std::move(path) : std::string()));
-    if (failure != 0 && !(takesNothing && kind == Kind::Removal)) {
+    if (failure != 0 && !(usesNoSpace && kind == Kind::Removal)) {
         return std::unexpected(errorFromErrno(failure, folder_));
     }
     return made;
@@ -158,8 +158,8 @@ bool UnfinishedWork::deal(const Leftover& leftover, const std::string& record,
     const auto parent = openFolder(leftover, locate);
     if (!parent) {
         struct stat status {};
-        const bool isGone = parent.error().code == ENOENT || parent.error().code == ENOTDIR;
-        return isGone && lstat(record.c_str(), &status) == 0 &&
+        const bool isRemoved = parent.error().code == ENOENT || parent.error().code == ENOTDIR;
+        return isRemoved && lstat(record.c_str(), &status) == 0 &&
                std::time(nullptr) - status.st_mtime > longestKept;
     }
     const auto found = readIdentity(parent->get(), hidden.c_str(), nullptr, files_.credentials());

@@ -60,7 +60,7 @@ Result<QSData> dataWithContentsOfFile(const std::string& path, std::size_t limit
     if (!fd || fstat(fd.get(), &status) != 0) return failure(path);
     if (!S_ISREG(status.st_mode)) return std::unexpected(errorFromErrno(EINVAL, path));
     QSData data;
-    // One byte more than it says: a file that grows meanwhile is not cut off unnoticed.
+    // One byte more than it says: a file that grows while it is read is not cut off unnoticed.
     for (std::size_t size = 0;;) {
         if (size > limit) return std::unexpected(errorFromErrno(EFBIG, path));
         data.resize(size + std::max<std::size_t>(static_cast<std::size_t>(status.st_size), 4096));

@@ -17,7 +17,7 @@ inline constexpr std::string_view folderWitnessAttribute = "com.quenby.tidewell.
 /// In the errors of reading an attribute that was there, its size at least, at first.
 inline constexpr std::string_view attributeWasFoundErrorKey = "AttributeWasFound";
 
-/// Sets an extended attribute (given name, kept below "user.") of an object that is open, be it
+/// Sets an extended attribute (given name, kept below "user.") of an object that is open, even
 /// with O_PATH, whole or not at all. 0, or -1 with errno: ENOSPC where the disk is full, E2BIG
 /// where the value does not fit the object's attribute space.
 int setExtendedAttribute(int descriptor, std::string_view name, QSDataView value);

@@ -10,7 +10,7 @@
 
 namespace platform {
 
-/// What tells two objects apart that had the same inode number at different times: a fingerprint of
+/// Distinguishes two objects that had the same inode number at different times: a fingerprint of
 /// the kernel's file handle or, where the file system has none, of the birth time.
 struct ObjectIdentity {
     std::uint64_t inode = 0;
@@ -31,7 +31,7 @@ struct FileAttributes final : QSURLAttachment {
     std::uint64_t size = 0;  ///< bytes
     QSDate modification;
     QSDate change;
-    std::optional<QSDate> creation;  ///< absent where the file system keeps no birth time
+    std::optional<QSDate> creation;  ///< missing where the file system keeps no birth time
     bool identityIsWeak = false;     ///< the generation is only a birth time
     bool isReadable = false;         ///< for this process's effective user
     bool isWritable = false;
@@ -44,7 +44,7 @@ struct FileAttributes final : QSURLAttachment {
     [[nodiscard]] bool isDirectory() const { return kind() == ObjectKind::Directory; }
 };
 
-/// What tells that a name now means another object, or in another state, than when it was looked at
+/// Shows that a name now means another object, or in another state, than when it was looked at
 /// last.
 struct ObjectState {
     std::uint64_t inode = 0;
@@ -55,7 +55,7 @@ struct ObjectState {
     std::uint32_t linkCount = 0;
 };
 
-/// The stamp of the state that the attributes tell.
+/// The stamp of the state in the attributes.
 [[nodiscard]] std::uint64_t stampOf(const FileAttributes& object);
 
 }  // namespace platform

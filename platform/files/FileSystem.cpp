@@ -48,7 +48,7 @@ struct FolderObject {
     }
     [[nodiscard]] bool isSame(const FolderObject& other) const {
         if (isWeak != other.isWeak) return false;
-        // Only the file system tells its mounts apart where the identity is weak.
+        // Only the file system distinguishes its mounts where the identity is weak.
         const bool isSameFileSystem = volume.uuid == other.volume.uuid && !volume.uuid.empty();
         return (isWeak && isSameFileSystem) || volume.isSameFolder(other.volume);
     }

@@ -79,7 +79,7 @@ class FileSystem {
     [[nodiscard]] Result<std::shared_ptr<Folder>> openFolder(const QSURL& url) const;
 
     /// The object's attributes, fetched once a URL (any later call is answered by what the URL
-    /// keeps). Absent objects fail with ENOENT.
+    /// keeps). Missing objects fail with ENOENT.
     [[nodiscard]] Result<std::shared_ptr<const FileAttributes>> attributes(const QSURL& url) const;
     /// The same for each of the URLs. A folder is opened once for those in it that follow one
     /// another, so all of them are looked for where that folder was then.
@@ -100,7 +100,7 @@ class FileSystem {
     [[nodiscard]] Result<std::uint64_t> followedInode(const QSURL& url) const;
 
     /// One extended attribute under its given name (the "user." namespace is added here), of a
-    /// symbolic link itself. None where it is absent, also on links and file systems without any;
+    /// symbolic link itself. None if it is missing, also on links and file systems without any;
     /// a URL that keeps its attributes answers that without asking the disk.
     [[nodiscard]] Result<std::optional<QSData>> extendedAttribute(const QSURL& url,
                                                                   std::string_view name) const;

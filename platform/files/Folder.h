@@ -11,7 +11,7 @@
 
 namespace platform {
 
-/// One entry as the directory itself tells it; nothing of it was opened.
+/// One entry as the directory itself has it; nothing of it was opened.
 struct DirectoryEntry {
     std::string_view name;  ///< with a "\0" behind it; valid until the next call on the folder
     std::uint64_t inode = 0;
@@ -38,7 +38,7 @@ class Folder {
     /// Puts the entry last returned back, once; next() returns it again.
     void unread() { position_ = last_; }
 
-    /// Ends the use of the folder early and tells what closing it gave.
+    /// Ends the use of the folder early and returns the result of closing it.
     Result<void> close();
 
     /// Opens a child directory (no link, same mount).

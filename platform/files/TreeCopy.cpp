@@ -179,7 +179,7 @@ Result<void> TreeCopy::copyFolder(FileDescriptor source, Side target, unsigned d
 
 Result<void> TreeCopy::copyContent(int source, const struct stat& status, int target) {
     const auto end = status.st_size;
-    // Some file systems that make up what is read tell no sizes.
+    // Some file systems that make up their contents report no sizes.
     if (end == 0) return copyRange(source, target, 0, std::numeric_limits<off_t>::max(), false);
     if (canClone_) {
         if (ioctl(target, FICLONE, source) == 0) {

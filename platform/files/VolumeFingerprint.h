@@ -6,7 +6,7 @@
 
 namespace platform {
 
-/// What tells one file system from another when it is mounted again, maybe under another device
+/// Distinguishes one file system from another when it is mounted again, maybe under another device
 /// number. Never a device number.
 struct VolumeFingerprint {
     std::string uuid;     ///< of the file system, lower-case hexadecimal; empty where it has none

@@ -165,14 +165,14 @@ class Reader {
     Result<QSPropertyList> dataBytes(Body body) {
         const auto bytes = counted(body, 1);
         if (!bytes) return corrupt("data is cut off");
-        if (!budget_.take(bytes->size())) return tooFar();
+        if (!budget_.spend(bytes->size())) return tooFar();
         return QSData(bytes->begin(), bytes->end());
     }
 
     Result<QSPropertyList> ASCIIString(Body body) {
         const auto bytes = counted(body, 1);
         if (!bytes) return corrupt("a string is cut off");
-        if (!budget_.take(bytes->size())) return tooFar();
+        if (!budget_.spend(bytes->size())) return tooFar();
         for (const auto byte : *bytes) {
             if (byte >= 0x80) return corrupt("a string is not ASCII");
         }
@@ -183,7 +183,7 @@ class Reader {
         const auto bytes = counted(body, 2);
         if (!bytes) return corrupt("a string is cut off");
         // One unit takes up to three bytes of UTF-8, and two while it is converted.
-        if (!budget_.take(bytes->size() / 2 * 5)) return tooFar();
+        if (!budget_.spend(bytes->size() / 2 * 5)) return tooFar();
         std::u16string units;
         units.reserve(bytes->size() / 2);
         for (std::size_t i = 0; i < bytes->size(); i += 2) {
@@ -203,7 +203,7 @@ class Reader {
         const auto references = counted(body, refSize_);
         if (!references) return corrupt("an array is cut off");
         const std::size_t count = references->size() / refSize_;
-        if (!budget_.take(count * sizeof(QSPropertyList))) return tooFar();
+        if (!budget_.spend(count * sizeof(QSPropertyList))) return tooFar();
         QSPropertyList::Array elements;
         elements.reserve(count);
         for (std::size_t i = 0; i < count; ++i) {
@@ -219,7 +219,7 @@ class Reader {
         const auto references = counted(body, 2 * refSize_);
         if (!references) return corrupt("a dictionary is cut off");
         const std::size_t count = references->size() / refSize_ / 2;
-        if (!budget_.take(count * ExpansionBudget::dictionaryEntry)) return tooFar();
+        if (!budget_.spend(count * ExpansionBudget::dictionaryEntry)) return tooFar();
         QSPropertyList::Dictionary entries;
         for (std::size_t i = 0; i < count; ++i) {
             const auto key = object(reference(*references, i), depth);

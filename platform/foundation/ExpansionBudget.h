@@ -16,7 +16,7 @@ class ExpansionBudget {
     explicit ExpansionBudget(std::size_t bytes) : left_(bytes) {}
 
     /// False, and nothing taken, where fewer are left.
-    [[nodiscard]] bool take(std::size_t bytes) {
+    [[nodiscard]] bool spend(std::size_t bytes) {
         if (bytes > left_) return false;
         left_ -= bytes;
         return true;

@@ -20,7 +20,7 @@ std::string_view trimmed(std::string_view text) {
 }
 
 /// The part of `rest` before `separator`, which is taken with it.
-std::string_view takeUpTo(char separator, std::string_view& rest) {
+std::string_view popUpTo(char separator, std::string_view& rest) {
     const auto end = rest.find(separator);
     const auto part = rest.substr(0, end);
     rest = end == std::string_view::npos ? std::string_view{} : rest.substr(end + 1);
@@ -51,14 +51,14 @@ KeyFile KeyFile::parse(std::string_view text) {
     KeyFile file;
     auto* group = static_cast<decltype(file.values_)::mapped_type*>(nullptr);
     while (!text.empty()) {
-        auto line = trimmed(takeUpTo('\n', text));
+        auto line = trimmed(popUpTo('\n', text));
         if (line.starts_with('#')) continue;
         if (line.starts_with('[') && line.ends_with(']')) {
             group = &file.values_[std::string(line.substr(1, line.size() - 2))];
             continue;
         }
         if (!group || line.find('=') == std::string_view::npos) continue;
-        const auto key = trimmed(takeUpTo('=', line));
+        const auto key = trimmed(popUpTo('=', line));
         group->try_emplace(std::string(key), trimmed(line));
     }
     return file;
@@ -76,7 +76,7 @@ std::vector<std::string> KeyFile::list(std::string_view group, std::string_view 
     std::vector<std::string> parts;
     const auto text = value(group, key).value_or("");
     for (std::string_view rest = text; !rest.empty();) {
-        const auto part = trimmed(takeUpTo(',', rest));
+        const auto part = trimmed(popUpTo(',', rest));
         if (!part.empty()) parts.emplace_back(part);
     }
     return parts;

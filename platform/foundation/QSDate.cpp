@@ -62,7 +62,7 @@ class Scanner {
 };
 
 /// "2026-01-31" as seconds since the epoch.
-std::optional<std::int64_t> takeDay(Scanner& scanner) {
+std::optional<std::int64_t> parseDay(Scanner& scanner) {
     using namespace std::chrono;
     const auto y = scanner.number(4, 9999);
     const bool isParted = scanner.oneOf("-") != 0;
@@ -76,7 +76,7 @@ std::optional<std::int64_t> takeDay(Scanner& scanner) {
 }
 
 /// "Z" or "+01:00" as seconds that the text is ahead of UTC.
-std::optional<std::int64_t> takeOffset(Scanner& scanner) {
+std::optional<std::int64_t> parseOffset(Scanner& scanner) {
     if (scanner.oneOf("Zz") != 0) return 0;
     const char sign = scanner.oneOf("+-");
     const auto offset = scanner.hoursAndMinutes();
@@ -110,14 +110,14 @@ QSDate QSDate::dateWithTimeIntervalSinceReferenceDate(double interval) {
 
 std::optional<QSDate> QSDate::dateFromRFC3339(std::string_view text) {
     Scanner scanner(text);
-    const auto day = takeDay(scanner);
+    const auto day = parseDay(scanner);
     if (!day || scanner.oneOf("Tt ") == 0) return std::nullopt;
     const auto minutes = scanner.hoursAndMinutes();
     if (!minutes || scanner.oneOf(":") == 0) return std::nullopt;
     const auto seconds = scanner.number(2, 59);
     const bool hasFraction = scanner.oneOf(".") != 0;
     const auto nanoseconds = hasFraction ? scanner.fraction() : 0;
-    const auto offset = takeOffset(scanner);
+    const auto offset = parseOffset(scanner);
     if (!seconds || !nanoseconds || !offset || !scanner.isAtEnd()) return std::nullopt;
     return QSDate{*day + *minutes + *seconds - *offset, *nanoseconds};
 }

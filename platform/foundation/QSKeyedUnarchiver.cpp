@@ -69,7 +69,7 @@ class Unarchiver {
             default:
                 break;
         }
-        if (!budget_.take(payloadSize(*stored))) return tooFar();
+        if (!budget_.spend(payloadSize(*stored))) return tooFar();
         return *stored;
     }
 
@@ -110,7 +110,7 @@ class Unarchiver {
     Result<QSPropertyList> array(const QSPropertyList& object, std::size_t depth) {
         const auto* references = members(object, elementsKey);
         if (!references) return corrupt("an array has no elements");
-        if (!budget_.take(references->size() * sizeof(QSPropertyList))) return tooFar();
+        if (!budget_.spend(references->size() * sizeof(QSPropertyList))) return tooFar();
         Array elements;
         elements.reserve(references->size());
         for (const auto& reference : *references) {
@@ -127,13 +127,13 @@ class Unarchiver {
         if (!keys || !values || keys->size() != values->size()) {
             return corrupt("a dictionary has unequal keys and values");
         }
-        if (!budget_.take(keys->size() * ExpansionBudget::dictionaryEntry)) return tooFar();
+        if (!budget_.spend(keys->size() * ExpansionBudget::dictionaryEntry)) return tooFar();
         Dictionary entries;
         for (std::size_t i = 0; i < keys->size(); ++i) {
             const auto* stored = target(&(*keys)[i]);
             const auto* key = stored ? stored->asString() : nullptr;
             if (!key) return corrupt("a key is not a string");
-            if (!budget_.take(key->size())) return tooFar();
+            if (!budget_.spend(key->size())) return tooFar();
             auto value = this->object(&(*values)[i], depth + 1);
             if (!value) return value;
             if (!entries.emplace(*key, std::move(*value)).second)

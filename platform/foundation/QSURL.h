@@ -12,7 +12,7 @@
 
 namespace platform {
 
-/// What another layer keeps beside a URL's resource values, for instance what one `statx` told.
+/// What another layer keeps beside a URL's resource values, for instance the result of one `statx`.
 /// Immutable once attached.
 class QSURLAttachment {
   public:
@@ -28,7 +28,7 @@ class QSURL {
     /// to refuse. A relative path is taken from "/".
     [[nodiscard]] static QSURL fileURLWithPath(std::string_view path);
 
-    /// The file URL of "/" and the components below it; none where one of them cannot be part of a
+    /// The file URL of "/" and the components below it; none if one of them cannot be part of a
     /// path: it is empty or holds "/" or NUL.
     [[nodiscard]] static std::optional<QSURL> fileURLWithPathComponents(
         std::span<const std::string_view> components);

@@ -9,7 +9,7 @@ constexpr bool isSurrogate(char32_t c) {
 }
 
 /// The code point at the front of `text`, which is cut off; nothing where it is malformed.
-std::optional<char32_t> takeCodePoint(std::string_view& text) {
+std::optional<char32_t> popCodePoint(std::string_view& text) {
     const auto lead = static_cast<unsigned char>(text.front());
     const std::size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
     if (length > text.size() || (lead >= 0x80 && lead < 0xC2) || lead > 0xF4) return std::nullopt;
@@ -50,7 +50,7 @@ void appendUTF8(std::string& text, char32_t c) {
 
 bool isUTF8(std::string_view text) {
     while (!text.empty()) {
-        if (!takeCodePoint(text)) return false;
+        if (!popCodePoint(text)) return false;
     }
     return true;
 }
@@ -59,7 +59,7 @@ std::optional<std::u16string> UTF16FromUTF8(std::string_view text) {
     std::u16string units;
     units.reserve(text.size());
     while (!text.empty()) {
-        const auto c = takeCodePoint(text);
+        const auto c = popCodePoint(text);
         if (!c) return std::nullopt;
         if (*c < 0x10000) {
             units += static_cast<char16_t>(*c);

@@ -161,7 +161,7 @@ class Reader {
         for (const auto child : node.children()) {
             if (child.type() == pugi::node_element) return corrupt("an element stands within text");
             const std::string_view part = child.value();
-            if (!budget_.take(part.size())) return tooFar();
+            if (!budget_.spend(part.size())) return tooFar();
             result += part;
         }
         if (!isUTF8(result)) return corrupt("a string is not UTF-8");
@@ -186,7 +186,7 @@ class Reader {
             if (!next) return std::unexpected(next.error());
             if (!*next) return elements;
             // The array doubles as it grows, old and new for a moment side by side.
-            if (!budget_.take(3 * sizeof(QSPropertyList))) return tooFar();
+            if (!budget_.spend(3 * sizeof(QSPropertyList))) return tooFar();
             auto value = element(*next, depth);
             if (!value) return value;
             elements.push_back(std::move(*value));
@@ -198,7 +198,7 @@ class Reader {
         auto next = elementFrom(node.first_child());
         while (next && *next) {
             if (std::string_view(next->name()) != "key") return corrupt("a value has no key");
-            if (!budget_.take(ExpansionBudget::dictionaryEntry)) return tooFar();
+            if (!budget_.spend(ExpansionBudget::dictionaryEntry)) return tooFar();
             auto key = text(*next);
             if (!key) return std::unexpected(key.error());
             next = elementFrom(next->next_sibling());

@@ -18,7 +18,7 @@ class IconLibrary {
     virtual ~IconLibrary() = default;
 
     /// The icon of that name (of a theme, or an absolute path) that fits the variant best, as the
-    /// bytes of its file with the size in pixels that the variant has before them; none where there
+    /// bytes of its file with the size in pixels that the variant has before them; none if there
     /// is no such icon or the variant is not known. `dataFolder` may have icons of its own in
     /// "icons"; empty for none. Variants 0, 15 and 32 are 60 points at the scales 1, 2 and 3;
     /// 1 and 24 are 76 points at 1 and 2.

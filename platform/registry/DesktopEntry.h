@@ -9,7 +9,7 @@
 
 namespace platform {
 
-/// The three support flags as a file has them; absent where it says nothing or no boolean.
+/// The three support flags as a file has them; missing where it says nothing or no boolean.
 struct SupportFlags {
     std::optional<bool> documentBrowser;
     std::optional<bool> openInPlace;

@@ -66,25 +66,25 @@ bool FolderWatcher::waitFor(std::chrono::milliseconds time) {
         const int ready = poll(fds, 2, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
         if (ready < 0 && errno == EINTR) continue;
         if (ready <= 0 || fds[0].revents != 0) return false;
-        if (takeNews()) return true;
+        if (popEvents()) return true;
     }
 }
 
-bool FolderWatcher::takeNews() {
+bool FolderWatcher::popEvents() {
     alignas(inotify_event) std::array<char, 16UL * 1024> buffer;
-    bool isNews = false;
+    bool hasChanged = false;
     const std::scoped_lock lock(mutex_);
     for (;;) {
         const auto size = read(inotify_, buffer.data(), buffer.size());
-        if (size <= 0) return isNews;
+        if (size <= 0) return hasChanged;
         for (std::size_t at = 0; at < static_cast<std::size_t>(size);) {
             const auto* event = reinterpret_cast<const inotify_event*>(buffer.data() + at);
             at += sizeof(inotify_event) + event->len;
-            isNews |= (event->mask & IN_Q_OVERFLOW) != 0;
+            hasChanged |= (event->mask & IN_Q_OVERFLOW) != 0;
             const auto found = watches_.find(event->wd);
             if (found == watches_.end()) continue;
             const auto& watch = found->second;
-            isNews |= watch.isWhole || event->len == 0 || watch.names.contains(event->name);
+            hasChanged |= watch.isWhole || event->len == 0 || watch.names.contains(event->name);
             if ((event->mask & IN_IGNORED) != 0) watches_.erase(found);
         }
     }
@@ -109,7 +109,7 @@ void FolderWatcher::add(const std::string& folder) {
     }
 }
 
-/// Watches the folder above for the next one on the way; what was made meanwhile is seen since the
+/// Watches the folder above for the next one on the way; what was made in between is seen since the
 /// way is missing again.
 void FolderWatcher::addAncestor(const std::string& folder) {
     std::string path = folder;
@@ -126,7 +126,7 @@ void FolderWatcher::addAncestor(const std::string& folder) {
                 watches_[made].isWhole = true;
                 return;
             }
-            // A file is in the way, whose going will be told; or the way has grown.
+            // A file is in the way, whose removal will be reported; or the way has grown.
             if (errno == ENOTDIR) return;
             if (errno != ENOENT) break;
             path = folder;

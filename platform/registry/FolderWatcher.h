@@ -11,15 +11,15 @@
 
 namespace platform {
 
-/// Tells that something happened in one of a set of folders, now or once they are made. Where the
+/// Reports that something happened in one of a set of folders, now or once they are made. Where the
 /// kernel takes no watch (at a limit, or a folder that may not be read) it just says so now and
 /// then. Any thread.
 class FolderWatcher {
   public:
     struct Times {
-        std::chrono::milliseconds rest;             ///< without news, before it is told
+        std::chrono::milliseconds rest;             ///< without events, before it is reported
         std::chrono::milliseconds most;             ///< of waiting for that rest
-        std::chrono::milliseconds period;           ///< between calls without any news
+        std::chrono::milliseconds period;           ///< between calls without any events
         std::chrono::milliseconds unwatchedPeriod;  ///< the same where watches are missing
     };
     FolderWatcher(Times times, std::size_t mostWatches);
@@ -46,9 +46,9 @@ class FolderWatcher {
     };
 
     void run();
-    /// False at the end of the time without any news.
+    /// False at the end of the time without any events.
     [[nodiscard]] bool waitFor(std::chrono::milliseconds time);
-    [[nodiscard]] bool takeNews();
+    [[nodiscard]] bool popEvents();
     void addAncestor(const std::string& folder);
     [[nodiscard]] int addWatch(const std::string& folder);
 

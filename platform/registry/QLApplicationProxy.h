@@ -7,7 +7,7 @@ namespace platform {
 /// Who installed an application.
 enum class QLApplicationType : std::uint8_t { User = 0, System = 2 };
 
-/// An application record with what only its desktop entry tells. Immutable.
+/// An application record with what only its desktop entry says. Immutable.
 struct QLApplicationProxy : QLBundleProxy {
     QLApplicationType applicationType = QLApplicationType::System;
     std::string desktopEntryPath = {};  ///< native

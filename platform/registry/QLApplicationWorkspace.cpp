@@ -130,7 +130,7 @@ void QLApplicationWorkspace::State::refresh() {
         auto fresh = std::make_shared<const ApplicationSet>(read());
         report(*fresh);
         const std::scoped_lock lock(setMutex);
-        // Nobody has been told anything before the first reading.
+        // Nothing has been reported to anybody before the first reading.
         if (latest) difference = differenceOf(*latest, *fresh);
         latest = std::move(fresh);
     }

@@ -36,10 +36,10 @@ class QLApplicationWorkspace {
         std::function<void(const std::string& trouble)> report = {};
         /// Called after each reading, changed or not, by the thread that read.
         std::function<void()> afterReading = {};
-        /// Told when the records are other than before, by the thread that read. May be null.
+        /// Called when the records are other than before, by the thread that read. May be null.
         std::shared_ptr<QSDistributedNotificationCenter> notifications = {};
 
-        std::chrono::milliseconds rest{100};  ///< without news, before the folders are read
+        std::chrono::milliseconds rest{100};  ///< without events, before the folders are read
         std::chrono::milliseconds most{500};  ///< of waiting for that rest
         std::chrono::milliseconds period = std::chrono::minutes(10);           ///< between readings
         std::chrono::milliseconds unwatchedPeriod = std::chrono::seconds(30);  ///< without watches

@@ -15,7 +15,7 @@ namespace platform {
 
 inline constexpr std::string_view supportsDocumentBrowserInfoKey = "UISupportsDocumentBrowser";
 
-/// Some of an application's info keys; absent ones are false.
+/// Some of an application's info keys; missing ones are false.
 class QLInfoDictionary {
   public:
     void set(std::string_view key, bool value) {
@@ -33,7 +33,7 @@ class QLInfoDictionary {
 /// One installed application as the registry knows it. Immutable; shared between threads.
 struct QLBundleProxy {
     std::optional<std::string> bundleIdentifier;
-    /// As presented once the application is let in. Absent for one whose container cannot be part
+    /// As presented once the application is let in. Missing for one whose container cannot be part
     /// of the tree; then `containerTrouble` says why.
     std::optional<QSURL> dataContainerURL;
     std::optional<std::string> displayName;
@@ -46,7 +46,7 @@ struct QLBundleProxy {
     bool hasOverride = false;  ///< the user has set some of the three
     std::optional<std::string> containerTrouble = {};
 
-    /// The full name in the user's language; absent where the registry has none.
+    /// The full name in the user's language; missing where the registry has none.
     [[nodiscard]] std::optional<std::string> localizedName() const { return displayName; }
 
     /// Those of the keys that are known.

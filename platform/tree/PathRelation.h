@@ -7,7 +7,7 @@
 
 namespace platform {
 
-/// `path` relative to `folder`, "" for the folder itself; none where it is neither the folder nor
+/// `path` relative to `folder`, "" for the folder itself; none if it is neither the folder nor
 /// below it.
 [[nodiscard]] std::optional<std::string_view> relativePath(std::string_view path,
                                                            std::string_view folder);

@@ -38,7 +38,7 @@ inline constexpr std::string_view temporaryFolderName = ".TemporaryLocalFolder";
 /// The root of the library in that data container, native or presented.
 [[nodiscard]] QSURL libraryRootInContainer(const QSURL& container);
 
-/// The path up to its first "Documents"; none where there is none.
+/// The path up to its first "Documents"; none if it has no such part.
 [[nodiscard]] std::optional<QSURL> libraryRootOf(const QSURL& url);
 /// The path below the root of the storage or library that holds it, "" for the root itself; none
 /// outside all of them.

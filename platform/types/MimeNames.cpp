@@ -113,7 +113,7 @@ bool MimeNames::namesWholeFile(std::string_view name, std::size_t dot) const {
     return std::ranges::any_of(stems_, isStem) || std::ranges::any_of(beginnings_, isBeginning);
 }
 
-/// The part of a name that settles which patterns match, but for unsure ends: all of it, or an end
+/// The part of a name that decides which patterns match, but for unsure ends: all of it, or an end
 /// from some dot on.
 std::string_view MimeNames::decidingPart(std::string_view name) const {
     const std::size_t first = name.find('.');

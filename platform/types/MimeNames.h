@@ -14,7 +14,8 @@
 namespace platform {
 
 /// The shared MIME database's answers by name, remembered by as little of a name as its patterns
-/// tell apart: mostly the extension. The patterns are those there were at construction. Any thread.
+/// distinguish: mostly the extension. The patterns are those there were at construction. Any
+/// thread.
 class MimeNames {
   public:
     MimeNames();

@@ -19,7 +19,7 @@ struct Beginning {
 
     [[nodiscard]] static Beginning now(const ElapsedClock::Sources& clocks);
     [[nodiscard]] std::string text() const;
-    /// None where text() did not write this.
+    /// None if text() did not write this.
     [[nodiscard]] static std::optional<Beginning> fromText(std::string_view text);
 
     /// Whether times from between the two moments can be compared with either. False where the

@@ -43,7 +43,7 @@ void Follower::beginFirstScan() {
 }
 
 void Follower::scanSome() {
-    // What moved while the last were looked at has been looked for by now.
+    // Objects that moved during the last looks have been looked for since.
     if (scan_.empty()) return endScan();
     (void)scanSomeOf(scan_, scanOccasion_);
     constexpr std::uint64_t progressStep = 1000;
@@ -84,7 +84,7 @@ std::deque<Follower::Look> Follower::lookAtSome(std::deque<NodeNumber>& toScan) 
 
 Result<void> Follower::scanSomeOf(std::deque<NodeNumber>& toScan, Reconciler::Occasion occasion) {
     std::vector<FolderReading> readings;
-    for (auto& look : lookAtSome(toScan)) take(std::move(look), readings);
+    for (auto& look : lookAtSome(toScan)) apply(std::move(look), readings);
     std::vector<NodeNumber> folders;
     folders.reserve(readings.size());
     for (const auto& reading : readings) folders.push_back(reading.folder);
@@ -129,7 +129,7 @@ void Follower::endScan() {
     isScanning_ = false;
     nextScan_ = now() + state_.configuration.reconcileInterval;
     isCaughtUp_ = true;
-    state_.hasNews = true;
+    state_.hasEvents = true;
 }
 
 void Follower::setCompared(NodeNumber folder, bool isCompared) {

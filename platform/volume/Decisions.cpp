@@ -1,4 +1,4 @@
-// The reconciler's decisions about what has gone and which object a document ID belongs to.
+// The reconciler's decisions about removals and about the object that a document ID belongs to.
 #include <algorithm>
 #include <cerrno>
 
@@ -18,12 +18,12 @@ constexpr auto decisionStep = 50ms;
 }  // namespace
 
 std::optional<Reconciler::Time> Reconciler::nextDecision(Time now) const {
-    if (!departures_.openDocuments().empty() || !orphans_.isEmpty()) return now + decisionStep;
+    if (!removals_.openDocuments().empty() || !unowned_.isEmpty()) return now + decisionStep;
     if (expiry_.empty()) return std::nullopt;
-    return expiry_.front().first + state_.configuration.windows.successor;
+    return expiry_.front().first + state_.configuration.windows.replacement;
 }
 
-SaveVerdict Reconciler::judge(std::uint32_t document, const Departures::Vacancy& vacated,
+SaveVerdict Reconciler::judge(std::uint32_t document, const PendingRemovals::VacatedName& vacated,
                               Time passStart, bool mustDecide) const {
     const auto& windows = state_.configuration.windows;
     std::string ownerName;
@@ -64,77 +64,77 @@ SaveVerdict Reconciler::judge(std::uint32_t document, const Departures::Vacancy&
 }
 
 void Reconciler::decide(std::uint32_t document, Time passStart, bool mustDecide) {
-    const auto* open = departures_.vacancy(document);
+    const auto* open = removals_.vacatedName(document);
     if (!open) return;
     const auto vacated = *open;
     const auto verdict = judge(document, vacated, passStart, mustDecide);
     if (verdict == SaveVerdict::Wait) return;
-    departures_.closeVacancy(document);
-    auto successor = ObjectIndex::none;
+    removals_.closeVacatedName(document);
+    auto replacement = ObjectIndex::none;
     {
         const std::unique_lock lock(state_.indexMutex);
-        successor = state_.index.findObject(vacated.place.folder, vacated.place.name);
-        for (const auto node : {vacated.owner, successor}) {
+        replacement = state_.index.findObject(vacated.place.folder, vacated.place.name);
+        for (const auto node : {vacated.owner, replacement}) {
             if (node == ObjectIndex::none) continue;
             updateUndecided(node);
-            updateHold(node);
+            updateDeferral(node);
         }
     }
-    if (verdict == SaveVerdict::Move) moveDocument(document, vacated, successor);
+    if (verdict == SaveVerdict::Move) moveDocument(document, vacated, replacement);
     // With that it is decided what became of an object whose number is another's, whose row waits.
-    finishOrphans({document});
+    finishUnowned({document});
 }
 
-void Reconciler::moveDocument(std::uint32_t document, const Departures::Vacancy& vacated,
-                              NodeNumber successor) {
+void Reconciler::moveDocument(std::uint32_t document, const PendingRemovals::VacatedName& vacated,
+                              NodeNumber replacement) {
     std::optional<QSURL> url;
     {
         const std::shared_lock lock(state_.indexMutex);
-        url = state_.urlOf(successor);
+        url = state_.urlOf(replacement);
     }
     const auto attributes = url ? state_.configuration.files.freshAttributes(*url)
                                 : std::unexpected(errorFromErrno(ENOENT));
     {
         const std::unique_lock lock(state_.indexMutex);
         auto& index = state_.index;
-        auto heir = index.row(successor);
-        // Another one stands there by now: the kernel will tell, and that is a save of its own.
-        if (!attributes || (*attributes)->identity.inode != heir.inode ||
-            (heir.generation != 0 && heir.generation != (*attributes)->identity.generation)) {
+        auto row = index.row(replacement);
+        // Another object stands there: the kernel will report it, and that is a save of its own.
+        if (!attributes || (*attributes)->identity.inode != row.inode ||
+            (row.generation != 0 && row.generation != (*attributes)->identity.generation)) {
             return;
         }
-        heir.generation = (*attributes)->identity.generation;
-        if (heir.fileID == 0) {
-            const auto fileID = state_.newFileID(heir.inode);
+        row.generation = (*attributes)->identity.generation;
+        if (row.fileID == 0) {
+            const auto fileID = state_.newFileID(row.inode);
             if (!fileID) return;
-            heir.fileID = *fileID;
+            row.fileID = *fileID;
             tookNumbers_ = true;
         }
-        heir.documentID = document;
+        row.documentID = document;
         if (vacated.owner != ObjectIndex::none) {
             auto owner = index.row(vacated.owner);
             owner.documentID = 0;
             index.setIdentity(vacated.owner, owner);
             index.markDirty(vacated.owner);
-            // Also of one that has gone: no two rows may name the document.
-            index.setHeld(vacated.owner, false);
+            // Also of a removed owner: no two rows may name the document.
+            index.setDeferred(vacated.owner, false);
             index.setMetadata(vacated.owner, {});
             index.forEachName(vacated.owner, [&](ObjectIndex::EntryNumber at) {
                 record(fsEventModified, vacated.owner, placeOf(at).path, index.entry(at).folder);
             });
         }
-        index.setIdentity(successor, heir);
-        index.markDirty(successor);
+        index.setIdentity(replacement, row);
+        index.markDirty(replacement);
         auto& moved = events_.emplace_back();
         moved.event.flags = fsEventDocumentIDChanged;
-        moved.event.fileID = heir.fileID;
+        moved.event.fileID = row.fileID;
         moved.event.documentID = document;
         moved.event.identifierKind = IdentifierKind::Document;
         moved.event.path = "/.docid/" + std::to_string(state_.device) + "/changed/" +
                            std::to_string(document) + "/src=" + std::to_string(vacated.fileID) +
-                           ",dst=" + std::to_string(heir.fileID);
-        index.forEachName(successor, [&](ObjectIndex::EntryNumber at) {
-            record(fsEventModified, successor, placeOf(at).path, index.entry(at).folder);
+                           ",dst=" + std::to_string(row.fileID);
+        index.forEachName(replacement, [&](ObjectIndex::EntryNumber at) {
+            record(fsEventModified, replacement, placeOf(at).path, index.entry(at).folder);
         });
     }
     Log::platformLog().write(LogLevel::Debug, [&] {
@@ -144,12 +144,12 @@ void Reconciler::moveDocument(std::uint32_t document, const Departures::Vacancy&
     if (!vacated.metadata.empty()) {
         inheritMetadata(vacated.metadata, *url, (*attributes)->identity);
     }
-    toCapture_.push_back(successor);
+    toCapture_.push_back(replacement);
 }
 
 void Reconciler::inheritMetadata(const std::string& metadata, const QSURL& url,
-                                 const ObjectIdentity& heir) {
-    const auto done = applyMetadata(state_.configuration.files, url, heir, metadata,
+                                 const ObjectIdentity& replacement) {
+    const auto done = applyMetadata(state_.configuration.files, url, replacement, metadata,
                                     state_.configuration.metadataNames);
     if (done) return;
     Log::platformLog().write(LogLevel::Error, [&] {
@@ -179,33 +179,33 @@ void Reconciler::captureMetadata() {
 void Reconciler::decideDue(Time now, Time passStart) {
     now_ = now;
     occasion_ = Occasion::Live;
-    for (const auto document : departures_.openDocuments()) decide(document, passStart, false);
+    for (const auto document : removals_.openDocuments()) decide(document, passStart, false);
     // An exchange is decided within the window, so what is older than two is too old for it.
     std::erase_if(births_, [&](const auto& birth) {
         return birth.second + 2 * state_.configuration.windows.rename < now;
     });
-    const auto window = state_.configuration.windows.successor;
+    const auto window = state_.configuration.windows.replacement;
     while (!expiry_.empty() && expiry_.front().first + window <= now) {
         const auto [at, node] = expiry_.front();
         expiry_.pop_front();
-        const auto* departure = departures_.departure(node);
-        if (departure && departure->at == at) finish(node);
+        const auto* removal = removals_.removal(node);
+        if (removal && removal->at == at) finish(node);
     }
-    finishOrphans(orphans_.removedUntil(now - window));
+    finishUnowned(unowned_.removedUntil(now - window));
 }
 
 void Reconciler::decideAfterScan(Time now) {
     now_ = now;
-    for (const auto document : departures_.openDocuments()) {
-        if (departures_.vacancy(document)->isFromScan) decide(document, now, true);
+    for (const auto document : removals_.openDocuments()) {
+        if (removals_.vacatedName(document)->isFromScan) decide(document, now, true);
     }
-    for (const auto node : departures_.departedNodes()) {
-        if (departures_.departure(node)->isFromScan) finish(node);
+    for (const auto node : removals_.pendingNodes()) {
+        if (removals_.removal(node)->isFromScan) finish(node);
     }
-    auto orphans = orphans_.all();
-    std::erase_if(orphans,
-                  [&](auto document) { return !orphans_.find(document)->removal.isFromScan; });
-    finishOrphans(orphans);
+    auto unowned = unowned_.all();
+    std::erase_if(unowned,
+                  [&](auto document) { return !unowned_.find(document)->removal.isFromScan; });
+    finishUnowned(unowned);
 }
 
 void Reconciler::decideFor(std::span<const VolumeService::IdentityRequest> requests, Time now) {
@@ -217,7 +217,7 @@ void Reconciler::decideFor(std::span<const VolumeService::IdentityRequest> reque
         const auto& index = state_.index;
         for (const auto& request : requests) {
             const auto folder = index.findInode(request.object->parent.inode);
-            if (const auto left = departures_.documentThatLeft(folder, request.name)) {
+            if (const auto left = removals_.documentThatLeft(folder, request.name)) {
                 documents.push_back(left);
             }
             const auto node = index.findInode(request.object->identity.inode);
@@ -229,7 +229,7 @@ void Reconciler::decideFor(std::span<const VolumeService::IdentityRequest> reque
     for (const auto& request : requests) renewFor(request);
     for (const auto document : documents) decide(document, now, true);
     for (const auto& request : requests) {
-        finishOrphans(orphans_.withInode(request.object->identity.inode));
+        finishUnowned(unowned_.withInode(request.object->identity.inode));
     }
 }
 
@@ -240,8 +240,8 @@ bool Reconciler::hasOnlyMoved(const VolumeService::IdentityRequest& request) con
     const auto folder = index.findInode(request.object->parent.inode);
     if (number == ObjectIndex::none || folder == ObjectIndex::none || request.name.empty() ||
         index.node(number).generation != request.object->identity.generation ||
-        orphans_.hasInode(request.object->identity.inode) ||
-        departures_.documentThatLeft(folder, request.name) != 0) {
+        unowned_.hasInode(request.object->identity.inode) ||
+        removals_.documentThatLeft(folder, request.name) != 0) {
         return false;
     }
     const auto there = index.findObject(folder, request.name);
@@ -251,7 +251,7 @@ bool Reconciler::hasOnlyMoved(const VolumeService::IdentityRequest& request) con
         return !now && now.error().code == ENOENT;
     };
     const auto document = index.node(number).documentID;
-    const auto* vacated = document == 0 ? nullptr : departures_.vacancy(document);
+    const auto* vacated = document == 0 ? nullptr : removals_.vacatedName(document);
     if (vacated &&
         (vacated->owner != number || !isMissing(QSURL::fileURLWithPath(vacated->place.path)))) {
         return false;
@@ -268,15 +268,16 @@ void Reconciler::decideAbout(std::uint32_t document, Time now) {
 std::optional<QSURL> Reconciler::lastPlaceOf(NodeNumber object) const {
     const std::shared_lock lock(state_.indexMutex);
     const auto& index = state_.index;
-    if (!departures_.departure(index.top(object))) return std::nullopt;
-    if (const auto* own = departures_.departure(object)) {
+    if (!removals_.removal(index.top(object))) return std::nullopt;
+    if (const auto* own = removals_.removal(object)) {
         return QSURL::fileURLWithPath(joined(pathOfFolder(own->last.folder), own->last.name));
     }
     const auto& entry = index.entry(index.node(object).firstName);
     return QSURL::fileURLWithPath(joined(pathOfFolder(entry.folder), index.name(entry)));
 }
 
-/// Where the request's object has the number of another, that one has gone, and what it held.
+/// If the request's object has the inode number of another, that one was removed, with its
+/// entries.
 void Reconciler::renewFor(const VolumeService::IdentityRequest& request) {
     const auto& seen = request.object->identity;
     const auto replaced = [&] {
@@ -298,31 +299,31 @@ void Reconciler::finish(NodeNumber node) {
     if (const auto document = state_.index.node(node).documentID; document != 0) {
         decide(document, now_, true);
     }
-    const auto departure = departures_.takeDeparture(node);
+    const auto removal = removals_.popRemoval(node);
     const std::unique_lock lock(state_.indexMutex);
     auto& index = state_.index;
-    updateHold(node);
-    if (!departure || index.node(node).firstName != ObjectIndex::none) return;
-    recordGone(index.node(node), departure->last);
+    updateDeferral(node);
+    if (!removal || index.node(node).firstName != ObjectIndex::none) return;
+    recordRemoval(index.node(node), removal->last);
     updateUndecided(node);
     if (index.node(node).kind != ObjectKind::Directory) return;
-    goneFolders_.push_back(node);
-    forgetBelow(node, departure->last.path);
+    removedFolders_.push_back(node);
+    forgetBelow(node, removal->last.path);
 }
 
-void Reconciler::finishOrphans(const std::vector<std::uint32_t>& documents) {
+void Reconciler::finishUnowned(const std::vector<std::uint32_t>& documents) {
     for (const auto document : documents) {
-        const auto orphan = orphans_.remove(document);
-        if (!orphan) continue;
+        const auto unowned = unowned_.remove(document);
+        if (!unowned) continue;
         decide(document, now_, true);
         const std::unique_lock lock(state_.indexMutex);
-        const auto node = state_.index.findInode(orphan->node.inode);
+        const auto node = state_.index.findInode(unowned->node.inode);
         if (node != ObjectIndex::none) updateUndecided(node);
-        orphanChanges_.push_back({document, std::nullopt});
+        unownedChanges_.push_back({document, std::nullopt});
         // It may go on in another object; what was shown as a folder does not.
         const bool goesOn = state_.index.findDocumentID(document) != ObjectIndex::none;
-        if (goesOn && isDocument(orphan->node, orphan->removal.last.path)) continue;
-        recordGone(orphan->node, orphan->removal.last);
+        if (goesOn && isDocument(unowned->node, unowned->removal.last.path)) continue;
+        recordRemoval(unowned->node, unowned->removal.last);
     }
 }
 
@@ -345,9 +346,9 @@ void Reconciler::forgetBelow(NodeNumber folder, std::string path) {
                 record(fsEventMoved | fsEventRemoved, object, std::move(place));
                 return;
             }
-            recordGone(node, place);
+            recordRemoval(node, place);
             if (node.kind != ObjectKind::Directory) return;
-            goneFolders_.push_back(object);
+            removedFolders_.push_back(object);
             folders.emplace_back(object, std::move(place.path));
         });
     }

@@ -13,7 +13,7 @@
 
 namespace platform {
 
-/// The time that has plausibly passed, whatever the wall clock showed meanwhile. Within a boot the
+/// The time that has plausibly passed, whatever the wall clock shows. Within a boot the
 /// boot clock counts it; between two boots the wall clock does, for at most seven days a gap.
 ///
 /// The clock also keeps what the wall clock showed at which elapsed time. So it can name a date
@@ -40,7 +40,7 @@ class ElapsedClock {
 
     struct Limit {
         QSDate wall;  ///< the present date less the age
-        /// What carries an earlier date is older than the age by both clocks. None where the clock
+        /// An object with an earlier date is older than the age by both clocks. None if the clock
         /// began later than that.
         std::optional<QSDate> safe;
         /// The wall clock was wrong within that age, or more time passed than can be known: by

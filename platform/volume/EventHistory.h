@@ -33,7 +33,7 @@ struct FSEvent {
     std::uint64_t id = 0;
     FSEventFlags flags = 0;
     /// Presented path of the object: below its folder as that is called now, or where the folder is
-    /// gone, was called then. "/.docid/$dev/changed/$docid/src=$src,dst=$dst" for a document ID
+    /// removed, had then. "/.docid/$dev/changed/$docid/src=$src,dst=$dst" for a document ID
     /// that went over to another object.
     std::string path;
     std::uint64_t fileID = 0;  ///< 0 where the object never had one
@@ -44,8 +44,8 @@ struct FSEvent {
 /// Which events are read.
 enum class EventSelection : std::uint8_t {
     All,
-    DocumentIDs,  ///< those of document IDs that went over to another object, and gaps
-    RootsLetGo,   ///< that a root is not followed any more, behind the ends of all below it
+    DocumentIDs,    ///< those of document IDs that went over to another object, and gaps
+    DetachedRoots,  ///< that a root is not followed any more, behind the ends of all below it
 };
 
 /// What happened on the volume, by ID: what streams read from. Any thread.
@@ -72,12 +72,12 @@ class EventHistory {
         return selectedEventsAfter(after, upTo, limit, EventSelection::All);
     }
 
-    /// `age`: for how long what is told now has been looked into.
-    using News = std::function<void(std::chrono::nanoseconds age)>;
-    /// Calls `news` after each commit of events, after catching up, and when the service closes,
-    /// until the returned handle goes; on whichever thread did the work, so it must hand over and
-    /// return. Letting the handle go waits for a call that runs.
-    [[nodiscard]] virtual std::shared_ptr<void> subscribe(News news) = 0;
+    /// `age`: time since the step began that found these events.
+    using Listener = std::function<void(std::chrono::nanoseconds age)>;
+    /// Calls `listener` after each commit of events, after catching up, and when the service
+    /// closes, until the returned handle goes; on whichever thread did the work, so it must hand
+    /// over and return. Letting the handle go waits for a call that runs.
+    [[nodiscard]] virtual std::shared_ptr<void> subscribe(Listener listener) = 0;
 };
 
 }  // namespace platform

@@ -40,8 +40,8 @@ constexpr Selected documentIDs = {"document_ids", "flags & 4103 <> 0"};
 static_assert((fsEventDocumentIDChanged | fsEventMustScanSubDirs | fsEventUserDropped |
                fsEventKernelDropped) == 4103);
 /// A root's end names no object, as its identifier is its path's.
-constexpr Selected rootsLetGo = {"roots_let_go",
-                                 "flags & 512 <> 0 AND file_id = 0 AND document_id = 0"};
+constexpr Selected detachedRoots = {"roots_let_go",
+                                    "flags & 512 <> 0 AND file_id = 0 AND document_id = 0"};
 static_assert(fsEventRemoved == 512);
 
 constexpr const char* columns =
@@ -73,7 +73,8 @@ Result<std::uint64_t> firstValue(SQLiteStatement& statement) {
 
 Result<void> EventTable::prepare(SQLiteDatabase& database) {
     if (auto done = prepareSelected(readDocumentIDs_, database, documentIDs); !done) return done;
-    if (auto done = prepareSelected(readRootsLetGo_, database, rootsLetGo); !done) return done;
+    if (auto done = prepareSelected(readDetachedRoots_, database, detachedRoots); !done)
+        return done;
     const std::pair<SQLiteStatement*, std::string> statements[] = {
         {&append_, "INSERT INTO events VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"},
         {&read_, std::string(columns) + "WHERE " + range},
@@ -90,7 +91,7 @@ Result<void> EventTable::prepare(SQLiteDatabase& database) {
 }
 
 void EventTable::close() {
-    for (auto* statement : {&append_, &read_, &readDocumentIDs_, &readRootsLetGo_, &nth_, &old_,
+    for (auto* statement : {&append_, &read_, &readDocumentIDs_, &readDetachedRoots_, &nth_, &old_,
                             &drop_, &last_, &known_, &countAll_}) {
         *statement = {};
     }
@@ -119,7 +120,7 @@ Result<std::vector<EventRecord>> EventTable::read(std::uint64_t after, std::uint
     if (after >= upTo) return std::vector<EventRecord>();  // without asking
     auto& rows = selection == EventSelection::All           ? read_
                  : selection == EventSelection::DocumentIDs ? readDocumentIDs_
-                                                            : readRootsLetGo_;
+                                                            : readDetachedRoots_;
     rows.bind(1, after);
     rows.bind(2, upTo);
     rows.bind(3, limit);

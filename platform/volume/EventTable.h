@@ -10,11 +10,11 @@
 
 namespace platform {
 
-/// An event as it is stored: with the folder that it happened in, so that its path can be told as
+/// An event as it is stored: with the folder that it happened in, so that its path can be given as
 /// the folder is called when somebody asks.
 struct EventRecord {
     FSEvent event;             ///< path: as it was then
-    std::uint64_t folder = 0;  ///< inode; 0 for a root and for what has no folder
+    std::uint64_t folder = 0;  ///< inode; 0 for a root and for an object without a folder
     std::uint64_t folderGeneration = 0;
     std::int64_t time = 0;  ///< seconds since 1970
 };
@@ -65,7 +65,7 @@ class EventTable {
     SQLiteStatement append_;
     SQLiteStatement read_;
     SQLiteStatement readDocumentIDs_;
-    SQLiteStatement readRootsLetGo_;
+    SQLiteStatement readDetachedRoots_;
     SQLiteStatement nth_;
     SQLiteStatement old_;
     SQLiteStatement drop_;

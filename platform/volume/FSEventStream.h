@@ -32,12 +32,12 @@ struct FSEventSource {
     std::shared_ptr<UseGate> gate;
 };
 
-/// A cursor into the history: it keeps a position and reads on, in chunks, when there is news.
+/// A cursor into the history: it keeps a position and reads on, in chunks, when there are events.
 ///
 /// Delivers what happened after `since`, in the order of IDs, once the history has caught up; then
 /// one event with fsEventHistoryDone, all that without delay; then, at most once in the latency,
 /// what happens. What is no longer (or not yet) in the history is one event with
-/// fsEventKernelDropped, after which the stream stands at the present. A gap is told where its
+/// fsEventKernelDropped, after which the stream stands at the present. A gap is delivered where its
 /// folder lies below or above a watched path.
 ///
 /// Created, configured, stopped and destroyed on any one thread at a time. The callback runs on the
@@ -74,7 +74,7 @@ class FSEventStream {
     void start();
     /// No further call of the callback begins after this one where it is called on the queue.
     void stop();
-    /// Stops for good and lets go of callback and info.
+    /// Stops for good and releases callback and info.
     void invalidate();
 
     /// Everything up to here has been delivered. On the queue, or while stopped.

@@ -101,8 +101,8 @@ Result<std::optional<Sighting>> FolderReader::look(const Folder& folder, std::st
         const bool isAsExpected = state->inode == expected.inode && state->stamp == expected.stamp;
         if (isAsExpected && !(wasWritten && expected.isRacy)) return std::nullopt;
         sighting.state = *state;
-        const bool takesAPlace = expected.documentID != 0 && state->inode != expected.inode;
-        if (!expected.wantsGeneration && !takesAPlace && !hasGeneration(state->inode)) {
+        const bool isAtOtherPlace = expected.documentID != 0 && state->inode != expected.inode;
+        if (!expected.wantsGeneration && !isAtOtherPlace && !hasGeneration(state->inode)) {
             return sighting;
         }
         const auto identity = folder.childIdentity(sighting.name);

@@ -30,14 +30,14 @@ struct FolderReading {
     ObjectState own;
     std::uint64_t generation = 0;
     std::vector<Sighting> sightings;
-    /// Of a whole reading: every name that is there, sorted. What else the index has is gone.
+    /// Of a whole reading: every name that is there, sorted. Other names of the index are missing.
     std::optional<std::vector<std::string>> names;
     /// Why some of the names could not be looked at, of the last of them. What the index has of
     /// them stays as it is.
     std::optional<QSError> trouble;
 };
 
-/// Looks at a folder through a descriptor that was verified to be of the folder meant, and tells
+/// Looks at a folder through a descriptor that was verified to be of the folder meant, and reports
 /// what is other than in the index. Changes nothing. One thread at a time.
 class FolderReader {
   public:
@@ -71,7 +71,7 @@ class FolderReader {
     [[nodiscard]] std::vector<Expected> expectedOf(
         ObjectIndex::NodeNumber folder,
         const std::vector<std::pair<std::string, bool>>& names) const;
-    /// None where the name is as expected.
+    /// None if the name is as expected.
     [[nodiscard]] Result<std::optional<Sighting>> look(const Folder& folder, std::string name,
                                                        bool wasWritten,
                                                        const Expected& expected) const;

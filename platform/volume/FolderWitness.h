@@ -13,7 +13,7 @@ struct FolderWitness {
     Witness::Record record;
     bool isOfThisFolder = false;  ///< false: it came with a copy of another folder
 
-    /// Of the folder that is open (O_PATH will do); none where there is none or it is unreadable.
+    /// Of the folder that is open (O_PATH will do); none if it is missing or unreadable.
     [[nodiscard]] static std::optional<FolderWitness> read(int folder,
                                                            const ObjectIdentity& identity);
 

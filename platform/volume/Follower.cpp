@@ -19,7 +19,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto retryAfter = 1s;    // a commit that failed, a storage that is away
+constexpr auto retryAfter = 1s;    // a commit that failed, a storage that is missing
 constexpr auto longestNap = 50ms;  // of one who waits for a decision
 constexpr auto pace = 10ms;        // between commits while things go on happening
 
@@ -30,7 +30,7 @@ Follower::Follower(VolumeService::State& state)
       reconciler_(state),
       reader_(state.index, state.indexMutex,
               [this](NodeNumber folder, std::string_view name) {
-                  return reconciler_.isVacant(folder, name);
+                  return reconciler_.isVacated(folder, name);
               }),
       wake_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
 
@@ -44,12 +44,12 @@ void Follower::stop() {
     if (thread_.joinable()) thread_.join();
     // Who waits takes the mutex for each step, and leaves at the next.
     while (waiting_ != 0) std::this_thread::yield();
-    // The next run could not tell any more that nothing succeeds what was removed last, nor that
-    // something was away which is back by then. And what could not be written is tried once more.
+    // The next run could not know any more that the last removals have no replacement, nor that
+    // an object was missing which is back then. And what could not be written is tried once more.
     const std::scoped_lock lock(mutex_, state_.storeMutex);
-    const bool hasRemoved = takeRemovals();
-    const bool hasAbsent = isFollowing_ && reconciler_.tellOfAbsent();
-    if (hasAbsent || hasRemoved || storeTrouble_) (void)reconciler_.commit();
+    const bool hasRemoved = readRemovals();
+    const bool hasMissing = isFollowing_ && reconciler_.recordMissing();
+    if (hasMissing || hasRemoved || storeTrouble_) (void)reconciler_.commit();
 }
 
 void Follower::wake() {
@@ -59,7 +59,7 @@ void Follower::wake() {
 
 void Follower::resumeDecisions() {
     const std::scoped_lock lock(mutex_, state_.storeMutex);
-    reconciler_.takeUpUndecided(now());
+    reconciler_.restoreUndecided(now());
 }
 
 void Follower::follow() {
@@ -93,7 +93,7 @@ void Follower::run() {
         }
         // What comes in quick succession goes into one commit; who cannot wait takes a step itself.
         if (state_.store->lastEvent() != before && !isStopped_) std::this_thread::sleep_for(pace);
-        waitForNews();
+        waitForWork();
     }
 }
 
@@ -108,7 +108,7 @@ Follower::Time Follower::nextTime() const {
     return until;
 }
 
-void Follower::waitForNews() {
+void Follower::waitForWork() {
     Time until;
     {
         const std::scoped_lock lock(mutex_);
@@ -182,19 +182,19 @@ bool Follower::checkStorage() {
 }
 
 void Follower::drain() {
-    takeSuspects();
+    popRechecks();
     if (!source_) return;
-    for (const auto& event : source_->read()) take(event);
+    for (const auto& event : source_->read()) receive(event);
 }
 
-void Follower::takeSuspects() {
-    const auto suspects = state_.takeSuspects();
-    if (suspects.empty()) return;
+void Follower::popRechecks() {
+    const auto rechecks = state_.popRechecks();
+    if (rechecks.empty()) return;
     const std::scoped_lock store(state_.storeMutex);
-    for (const auto& suspect : suspects) {
-        const auto folder = reconciler_.expect(suspect, now());
+    for (const auto& recheck : rechecks) {
+        const auto folder = reconciler_.expect(recheck, now());
         if (folder == ObjectIndex::none) continue;
-        markName(folder, suspect.name);
+        markName(folder, recheck.name);
     }
 }
 
@@ -203,7 +203,7 @@ void Follower::markName(NodeNumber folder, std::string_view name) {
     if (!mark.isWhole) mark.names.try_emplace(std::string(name), false);
 }
 
-bool Follower::takeRemovals() {
+bool Follower::readRemovals() {
     const auto removed = state_.removedObjects();
     for (const auto& object : removed) reconciler_.removed(object, now());
     state_.forgetRemovals(removed);
@@ -213,29 +213,29 @@ bool Follower::takeRemovals() {
 void Follower::commitRemovals() {
     {
         const std::scoped_lock store(state_.storeMutex);
-        if (!takeRemovals()) return;
+        if (!readRemovals()) return;
         noteCommit(reconciler_.commit());
     }
     afterCommit();
 }
 
-void Follower::take(const KernelEvent& event) {
+void Follower::receive(const KernelEvent& event) {
     if ((event.mask & IN_Q_OVERFLOW) != 0) {
-        lose("the kernel's queue of events overflowed");
+        markGap("the kernel's queue of events overflowed");
         return;
     }
     const auto found = folders_.find(event.watch);
     if (found == folders_.end()) return;
     const auto folder = found->second;
     if ((event.mask & IN_IGNORED) != 0) {
-        // The watch has ended, or an earlier one of that number has: looking will tell, and watch.
+        // The watch has ended, or an earlier one of that number has: a look will decide, and watch.
         folders_.erase(found);
         watches_.erase(folder);
         marks_[folder].isWhole = true;
         return;
     }
     const bool isWritten = (event.mask & (IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB)) != 0;
-    // What a copy takes in is told once, with its name, and not committed while it grows.
+    // What a copy adds is reported once, with its name, and not committed while it grows.
     if (isWritten && event.name.starts_with(hiddenNamePrefix)) return;
     auto& mark = marks_[folder];
     if (mark.isWhole || event.name.empty()) return;
@@ -246,7 +246,7 @@ void Follower::take(const KernelEvent& event) {
     mark.isWhole = true;
 }
 
-void Follower::lose(std::string why) {
+void Follower::markGap(std::string why) {
     Log::platformLog().write(LogLevel::Info, [&] { return why + "; comparing everything"; });
     {
         const std::scoped_lock store(state_.storeMutex);
@@ -290,7 +290,7 @@ Result<FolderReading> Follower::readFolder(NodeNumber number, const QSURL& url, 
         [this] {
             const std::scoped_lock lock(readersMutex_);
             if (source_) {
-                for (const auto& event : source_->read()) take(event);
+                for (const auto& event : source_->read()) receive(event);
             }
             return !isStopped_;
         },
@@ -299,7 +299,7 @@ Result<FolderReading> Follower::readFolder(NodeNumber number, const QSURL& url, 
     return reading;
 }
 
-void Follower::take(Look look, std::vector<FolderReading>& readings) {
+void Follower::apply(Look look, std::vector<FolderReading>& readings) {
     const auto folder = look.folder;
     if (look.reading) {
         scanned_ += look.reading->names ? look.reading->names->size() : 0;
@@ -319,7 +319,7 @@ void Follower::take(Look look, std::vector<FolderReading>& readings) {
         case ELOOP:
         case EXDEV:
         case ESTALE: {
-            // It is elsewhere, and the index does not know yet; or gone.
+            // It is elsewhere, and the index does not know yet; or it was removed.
             auto& kept = detached_[folder];
             kept.isWhole |= look.mark.isWhole;
             if (!kept.isWhole) kept.names.merge(look.mark.names);
@@ -351,7 +351,7 @@ bool Follower::watch(NodeNumber number, const Folder& folder) {
     const auto added =
         source_ ? source_->addWatch(folder.descriptor()) : std::unexpected(errorFromErrno(EMFILE));
     if (added) {
-        // Of a folder that has gone, if the number was used before.
+        // Of a removed folder, if the number was used before.
         if (const auto former = folders_.find(*added); former != folders_.end()) {
             watches_.erase(former->second);
         }
@@ -401,7 +401,7 @@ void Follower::lookAtMarks() {
     std::vector<FolderReading> readings;
     std::size_t seen = 0;
     for (auto& [folder, mark] : std::exchange(marks_, {})) {
-        take(look(folder, std::move(mark)), readings);
+        apply(look(folder, std::move(mark)), readings);
         if (!readings.empty()) seen += readings.back().sightings.size() + 1;
         if (seen < sightingsAtOnce) continue;
         (void)reconcile(std::exchange(readings, {}), Reconciler::Occasion::Live);
@@ -426,9 +426,9 @@ Result<void> Follower::reconcile(std::vector<FolderReading> readings,
         noteCommit(done);
     }
     afterCommit();
-    for (const auto& [folder, name] : reconciler_.takeUnsureNames()) markName(folder, name);
+    for (const auto& [folder, name] : reconciler_.popUnsureNames()) markName(folder, name);
     const bool isLive = occasion == Reconciler::Occasion::Live;
-    for (const auto folder : reconciler_.takeNewFolders()) {
+    for (const auto folder : reconciler_.popNewFolders()) {
         isMoved_ = true;
         if (isLive) marks_[folder].isWhole = true;
         // It may have come from where the scan is still to pass to where it has been.
@@ -458,7 +458,7 @@ void Follower::writeFolderWitness() {
 
 void Follower::afterCommit() {
     state_.writeFolderWitness();
-    for (const auto folder : reconciler_.takeGoneFolders()) unwatch(folder);
+    for (const auto folder : reconciler_.popRemovedFolders()) unwatch(folder);
     if (!reconciler_.isSettled()) {
         nextDecision_ = std::min(nextDecision_, now() + state_.configuration.windows.rest);
     }
@@ -482,7 +482,7 @@ void Follower::decide() {
     afterCommit();
     // With folders that have to be looked at each time, not as often.
     if (unwatched_.empty()) return;
-    nextDecision_ = std::max(nextDecision_, passStart_ + state_.configuration.windows.successor);
+    nextDecision_ = std::max(nextDecision_, passStart_ + state_.configuration.windows.replacement);
 }
 
 Result<void> Follower::wait(Barrier barrier) {
@@ -500,7 +500,7 @@ Result<void> Follower::wait(Barrier barrier) {
         {
             const std::scoped_lock lock(mutex_);
             if (isStopped_) return leave(std::unexpected(errorFromErrno(ECANCELED)));
-            if (isFirst) nextTry_ = now();  // the store may be writable by now
+            if (isFirst) nextTry_ = now();  // the store may be writable again
             const auto due = nextTime();
             const bool more = stepLocked(barrier == Barrier::Settled);
             isSooner |= more || nextTime() < due;

@@ -49,7 +49,7 @@ class Follower {
     Result<void> addRoot(const ObjectIdentity& identity, const QSURL& url);
     Result<void> removeRoot(const QSURL& url);
 
-    /// There is news of another kind than the kernel's.
+    /// Work has arrived that the kernel does not report.
     void wake();
 
     /// One round; true where there is more to do at once.
@@ -75,7 +75,7 @@ class Follower {
     /// Writes the witness in the storage folder where that is due.
     void writeFolderWitness();
 
-    /// Where an object that is missing was last; none where no decision about it is pending.
+    /// Where an object that is missing was last; none if no decision about it is pending.
     [[nodiscard]] std::optional<QSURL> lastPlaceOf(NodeNumber object) const;
     /// Decides now whether the document has a replacement.
     void decideAbout(std::uint32_t documentID);
@@ -111,7 +111,7 @@ class Follower {
     static constexpr std::size_t foldersAtOnce = 512;
 
     void run();
-    void waitForNews();
+    void waitForWork();
     /// When there is something to do though nothing happens. REQUIRES: mutex_ is held.
     [[nodiscard]] Time nextTime() const;
     /// Does the work of a routine comparison, and says that there is more of it, only for one who
@@ -119,20 +119,20 @@ class Follower {
     [[nodiscard]] bool stepLocked(bool waitsForRoutine);
     [[nodiscard]] bool checkStorage();
     void drain();
-    void takeSuspects();
+    void popRechecks();
     /// What this process has removed; true where there was anything.
-    bool takeRemovals();
+    bool readRemovals();
     void commitRemovals();
-    void take(const KernelEvent& event);
+    void receive(const KernelEvent& event);
     void markName(NodeNumber folder, std::string_view name);
-    void lose(std::string why);
+    void markGap(std::string why);
     void lookAtMarks();
     void lookAtUnwatched();
     void markPath(std::string_view folder);
     void scanSome();
     /// Compares the last of the folders and puts what they hold in their place.
     Result<void> scanSomeOf(std::deque<NodeNumber>& toScan, Reconciler::Occasion occasion);
-    Result<void> letGoOf(const QSURL& url);
+    Result<void> detach(const QSURL& url);
     Result<void> commitRoots();
     void endScan();
     [[nodiscard]] Look look(NodeNumber folder, Mark mark);
@@ -141,7 +141,7 @@ class Follower {
     /// Looks at the last of the folders, on two threads where there are many.
     [[nodiscard]] std::deque<Look> lookAtSome(std::deque<NodeNumber>& toScan);
     /// Adds what was read, or keeps in mind what could not be.
-    void take(Look look, std::vector<FolderReading>& readings);
+    void apply(Look look, std::vector<FolderReading>& readings);
     /// To be looked at again later; false where that was so before.
     bool noteUnreadable(const Look& look, const QSError& error);
     Result<void> reconcile(std::vector<FolderReading> readings, Reconciler::Occasion occasion);
@@ -184,7 +184,8 @@ class Follower {
     /// found no name missing so far. Then only Barrier::Settled waits for it.
     bool isRoutine_ = false;
     Reconciler::Occasion scanOccasion_ = Reconciler::Occasion::Scan;
-    Beginning beginning_;  ///< of a first scan: objects that have not changed since are no news
+    Beginning
+        beginning_;  ///< of a first scan: objects that have not changed since are not reported
     std::uint64_t scanned_ = 0;
     std::uint64_t reported_ = 0;
     Time nextScan_{};
@@ -194,7 +195,7 @@ class Follower {
     Time nextTry_{};  ///< after a commit that failed
     Time passStart_{};
     std::vector<ObjectIdentity> moved_;    ///< by this process; not looked at yet
-    bool isMoved_ = false;                 ///< a detached folder may be found by now
+    bool isMoved_ = false;                 ///< a detached folder may have been found since
     std::optional<QSError> storeTrouble_;  ///< of the last commit
     std::optional<QSError> storageTrouble_;
 

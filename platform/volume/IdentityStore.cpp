@@ -57,7 +57,7 @@ Result<std::unique_ptr<IdentityStore>> IdentityStore::open(
     for (const auto& folder : {dataFolder, stateFolder}) {
         if (auto made = makePrivateFolder(folder); !made) return std::unexpected(made.error());
     }
-    auto lock = StoreLock::take(dataFolder + "/lock");
+    auto lock = StoreLock::acquire(dataFolder + "/lock");
     if (!lock) return std::unexpected(lock.error());
     auto witness = Witness::open(stateFolder + "/witness");
     if (!witness) return std::unexpected(witness.error());
@@ -94,11 +94,11 @@ Result<std::unique_ptr<IdentityStore>> IdentityStore::open(
     }
     if (decision.dropsObjects) {
         index.clear();
-        store->orphansFound_.clear();
+        store->unownedFound_.clear();
         store->trashFound_.clear();
     }
     store->state_ = decision.state;
-    if (decision.isNews && !store->isReadOnly_) {
+    if (decision.isChanged && !store->isReadOnly_) {
         if (auto done = store->adopt(decision.dropsObjects); !done) {
             return std::unexpected(done.error());
         }
@@ -130,7 +130,7 @@ Result<StoreState> IdentityStore::readExisting(ObjectIndex& index) {
     auto state = readState(database_);
     if (!state) return state;
     const auto loaded = objects_.load(database_, index, highest_);
-    auto pending = orphans_.load(database_);
+    auto pending = unowned_.load(database_);
     auto trash = trash_.load(database_);
     if (!loaded || !pending || !trash) {
         const auto& error = !loaded ? loaded.error() : !pending ? pending.error() : trash.error();
@@ -138,11 +138,11 @@ Result<StoreState> IdentityStore::readExisting(ObjectIndex& index) {
             error.code == EUCLEAN ? storeDamage("a row does not match its checksum") : error);
     }
     if (*loaded) doubt_ = "store: two objects had one identifier, and have it no more";
-    orphansFound_ = std::move(*pending);
+    unownedFound_ = std::move(*pending);
     trashFound_ = std::move(*trash);
-    for (const auto& orphan : orphansFound_) {
-        highest_.raise(Counter::Document, orphan.documentID);
-        highest_.raise(Counter::File, orphan.fileID);
+    for (const auto& unowned : unownedFound_) {
+        highest_.raise(Counter::Document, unowned.documentID);
+        highest_.raise(Counter::File, unowned.fileID);
     }
     if (auto ready = prepareStatements(); !ready) return std::unexpected(ready.error());
     const auto last = events_.lastID();
@@ -170,7 +170,7 @@ Result<void> IdentityStore::beginWriting() {
 Result<void> IdentityStore::prepareStatements() {
     if (auto done = objects_.prepare(database_); !done) return done;
     if (auto done = events_.prepare(database_); !done) return done;
-    if (auto done = orphans_.prepare(database_); !done) return done;
+    if (auto done = unowned_.prepare(database_); !done) return done;
     if (auto done = trash_.prepare(database_); !done) return done;
     auto state = prepareToWriteState(database_);
     if (!state) return std::unexpected(state.error());
@@ -191,7 +191,7 @@ Result<void> IdentityStore::create() {
 void IdentityStore::closeDatabase() {
     objects_.close();
     events_.close();
-    orphans_.close();
+    unowned_.close();
     trash_.close();
     insertState_ = {};
     database_ = {};
@@ -240,7 +240,7 @@ Result<std::uint64_t> IdentityStore::allocate(Counter counter) {
 
 Result<void> IdentityStore::commit(std::span<const ObjectRow> rows, Durability durability,
                                    std::span<EventRecord> events,
-                                   std::span<const OrphanChange> orphans) {
+                                   std::span<const UnownedChange> unowned) {
     for (auto& record : events) {
         const auto id = allocate(Counter::Event);
         if (!id) return std::unexpected(id.error());
@@ -263,7 +263,7 @@ Result<void> IdentityStore::commit(std::span<const ObjectRow> rows, Durability d
         }
     }
     auto done = setSyncing(isDurable);
-    if (done) done = writeTransaction(rows, isDurable ? &next : nullptr, events, orphans);
+    if (done) done = writeTransaction(rows, isDurable ? &next : nullptr, events, unowned);
     if (!done) return std::unexpected(reported(done.error()));
     if (isDurable) {
         isFolderWitnessDue_ |= !hasStored_ || next.marks.reserved != state_.marks.reserved;
@@ -348,11 +348,11 @@ Result<std::vector<EventRecord>> IdentityStore::events(std::uint64_t after, std:
 Result<void> IdentityStore::writeTransaction(std::span<const ObjectRow> rows,
                                              const StoreState* state,
                                              std::span<const EventRecord> events,
-                                             std::span<const OrphanChange> orphans) {
+                                             std::span<const UnownedChange> unowned) {
     SQLiteTransaction transaction(database_);
     if (auto begun = transaction.begin(); !begun) return begun;
     if (auto written = objects_.write(rows); !written) return written;
-    if (auto written = orphans_.write(orphans); !written) return written;
+    if (auto written = unowned_.write(unowned); !written) return written;
     if (auto written = events_.append(events); !written) return written;
     const bool drops = state && state->floor > state_.floor;
     if (drops) {

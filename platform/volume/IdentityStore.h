@@ -12,11 +12,11 @@
 #include "platform/foundation/QSUUID.h"
 #include "platform/volume/EventTable.h"
 #include "platform/volume/ObjectTable.h"
-#include "platform/volume/OrphanTable.h"
 #include "platform/volume/SQLite.h"
 #include "platform/volume/StoreLock.h"
 #include "platform/volume/StoreState.h"
 #include "platform/volume/TrashTable.h"
+#include "platform/volume/UnownedTable.h"
 
 namespace platform {
 
@@ -55,7 +55,7 @@ class IdentityStore {
     /// REQUIRES: the commit before is confirmed.
     Result<void> commit(std::span<const ObjectRow> rows, Durability durability,
                         std::span<EventRecord> events = {},
-                        std::span<const OrphanChange> orphans = {});
+                        std::span<const UnownedChange> unowned = {});
     /// Records in the witness what the last durable commit stored; nothing to do where that is
     /// done. Where it fails the commit stands, and the call is to be repeated.
     Result<void> confirm();
@@ -72,7 +72,7 @@ class IdentityStore {
     /// allocated.
     Result<void> finish(std::span<const ObjectRow> rows);
     /// Those that the last run left undecided; once.
-    [[nodiscard]] std::vector<OrphanRow> takeOrphans() { return std::exchange(orphansFound_, {}); }
+    [[nodiscard]] std::vector<UnownedRow> popUnowned() { return std::exchange(unownedFound_, {}); }
 
     /// The records of the trash that the last run left; once.
     [[nodiscard]] std::vector<TrashRow> popTrash() { return std::exchange(trashFound_, {}); }
@@ -104,7 +104,7 @@ class IdentityStore {
     void setAside();
     Result<void> writeTransaction(std::span<const ObjectRow> rows, const StoreState* state,
                                   std::span<const EventRecord> events,
-                                  std::span<const OrphanChange> orphans);
+                                  std::span<const UnownedChange> unowned);
     Result<void> setSyncing(bool syncs);
     Result<void> adopt(bool dropsObjects);
     [[nodiscard]] QSError reported(const QSError& error);
@@ -123,14 +123,14 @@ class IdentityStore {
     std::atomic<std::uint64_t> lastEvent_ = 0;
     bool isConfirmed_ = true;
 
-    std::vector<OrphanRow> orphansFound_;
+    std::vector<UnownedRow> unownedFound_;
     std::vector<TrashRow> trashFound_;
 
     bool syncs_ = true;        ///< the database, with every commit
     SQLiteDatabase database_;  // outlives its statements
     ObjectTable objects_;
     EventTable events_;
-    OrphanTable orphans_;
+    UnownedTable unowned_;
     TrashTable trash_;
     SQLiteStatement insertState_;
 };

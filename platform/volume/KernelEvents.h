@@ -9,7 +9,7 @@
 
 namespace platform {
 
-/// What the kernel said. It is a hint: the name may be gone, may be another object by now, or may
+/// What the kernel reported. It is a hint: the name may be missing, may name another object, or may
 /// never have existed.
 struct KernelEvent {
     int watch = -1;
@@ -17,7 +17,7 @@ struct KernelEvent {
     std::string name;        ///< in the watched folder; empty for the folder itself
 };
 
-/// Where the kernel's news of folders come from. One thread at a time.
+/// The source of the kernel's events about folders. One thread at a time.
 class KernelEventSource {
   public:
     virtual ~KernelEventSource() = default;
@@ -37,7 +37,7 @@ class KernelEventSource {
 /// The kernel's own, by inotify. Fails with EMFILE at the user's limit of instances.
 [[nodiscard]] Result<std::unique_ptr<KernelEventSource>> makeInotifySource();
 
-/// How many folders this user may watch; 0 where that cannot be told.
+/// How many folders this user may watch; 0 if that cannot be found out.
 [[nodiscard]] std::uint64_t inotifyWatchLimit();
 
 }  // namespace platform

@@ -21,7 +21,7 @@ class NameArena {
     /// Counts the name's bytes as garbage; they are used again only after a rebuild.
     void drop(Place place) { garbage_ += at(place).size() + 1; }
 
-    /// More than half of what is held, and not little, is garbage: the owner should copy what it
+    /// More than half of the bytes, and not few, are garbage: the owner should copy what it
     /// needs into a new arena.
     [[nodiscard]] bool wantsRebuild() const { return garbage_ * 2 > bytes() && bytes() > 1 << 20; }
     [[nodiscard]] std::size_t bytes() const { return chunks_.size() * chunkSize; }

@@ -93,7 +93,7 @@ void ObjectIndex::load(const ObjectRow& row) {
     setIdentity(number, row);
     for (const auto& [folder, name] : row.names) {
         if (folder == 0) {
-            displaced_.push_back({number, none, name});
+            conflicts_.push_back({number, none, name});
             continue;
         }
         const auto holder = ensure(folder);
@@ -101,7 +101,7 @@ void ObjectIndex::load(const ObjectRow& row) {
             addName(number, holder, name);
             nodes_[holder].isListed = true;  // entries are stored all at once
         } else {
-            displaced_.push_back({number, holder, name});
+            conflicts_.push_back({number, holder, name});
         }
     }
     if (!row.metadata.empty()) metadata_[number] = row.metadata;
@@ -120,7 +120,7 @@ void ObjectIndex::loadFurtherName(std::uint64_t inode, const ObjectRow::Name& na
     }
     const NodeNumber folder = ensure(name.folder);
     if (const auto known = findEntry(folder, name.name); known != none) {
-        if (entry(known).object != number) displaced_.push_back({number, folder, name.name});
+        if (entry(known).object != number) conflicts_.push_back({number, folder, name.name});
         return;
     }
     const bool wasDirty = nodes_[number].isDirty;
@@ -174,7 +174,7 @@ void ObjectIndex::clear() {
     dirty_.clear();
     metadata_.clear();
     rootPaths_.clear();
-    displaced_.clear();
+    conflicts_.clear();
     heldIn_.clear();
     heldCounts_.clear();
 }
@@ -214,10 +214,10 @@ void ObjectIndex::setState(NodeNumber number, ObjectKind kind, std::uint64_t sta
     markDirty(number);
 }
 
-void ObjectIndex::setHeld(NodeNumber number, bool isHeld, NodeNumber left) {
-    if (nodes_[number].isHeld == isHeld) return;
-    nodes_[number].isHeld = isHeld;
-    if (isHeld) {
+void ObjectIndex::setDeferred(NodeNumber number, bool isDeferred, NodeNumber left) {
+    if (nodes_[number].isDeferred == isDeferred) return;
+    nodes_[number].isDeferred = isDeferred;
+    if (isDeferred) {
         noteHeldIn(number, left);
         forEachName(number, [&](EntryNumber at) { noteHeldIn(number, entry(at).folder); });
         return;
@@ -276,28 +276,28 @@ void ObjectIndex::addName(NodeNumber object, NodeNumber folder, std::string_view
     }
     byName_.insert(number, [this](EntryNumber n) { return entryKey(n); });
     markDirty(object);
-    if (nodes_[object].isHeld) noteHeldIn(object, folder);
+    if (nodes_[object].isDeferred) noteHeldIn(object, folder);
 }
 
 void ObjectIndex::removeName(EntryNumber number) {
-    Entry& gone = entries_[number];
-    --nodes_[gone.folder].childCount;
-    if (gone.previous == none) {
-        nodes_[gone.folder].firstChild = gone.next;
+    Entry& removed = entries_[number];
+    --nodes_[removed.folder].childCount;
+    if (removed.previous == none) {
+        nodes_[removed.folder].firstChild = removed.next;
     } else {
-        entries_[gone.previous].next = gone.next;
+        entries_[removed.previous].next = removed.next;
     }
-    if (gone.next != none) entries_[gone.next].previous = gone.previous;
-    if (gone.previousName == none) {
-        nodes_[gone.object].firstName = gone.nextName;
+    if (removed.next != none) entries_[removed.next].previous = removed.previous;
+    if (removed.previousName == none) {
+        nodes_[removed.object].firstName = removed.nextName;
     } else {
-        entries_[gone.previousName].nextName = gone.nextName;
+        entries_[removed.previousName].nextName = removed.nextName;
     }
-    if (gone.nextName != none) entries_[gone.nextName].previousName = gone.previousName;
-    markDirty(gone.object);
-    names_.drop(gone.name);
-    gone = {};
-    gone.next = firstFree_;
+    if (removed.nextName != none) entries_[removed.nextName].previousName = removed.previousName;
+    markDirty(removed.object);
+    names_.drop(removed.name);
+    removed = {};
+    removed.next = firstFree_;
     firstFree_ = number;
 }
 
@@ -340,14 +340,14 @@ std::optional<ObjectIndex::Path> ObjectIndex::path(NodeNumber number) const {
     return path;
 }
 
-std::vector<ObjectIndex::NodeNumber> ObjectIndex::takeDirty() {
+std::vector<ObjectIndex::NodeNumber> ObjectIndex::popDirty() {
     std::vector<NodeNumber> taken;
     taken.reserve(dirty_.size());
     std::vector<NodeNumber> held;
     for (const NodeNumber number : std::exchange(dirty_, {})) {
         Node& node = nodes_[number];
         if (!node.isDirty) continue;
-        if (node.isHeld) {
+        if (node.isDeferred) {
             held.push_back(number);
             continue;
         }
@@ -375,7 +375,7 @@ std::vector<ObjectIndex::EntryNumber> ObjectIndex::entriesInNoFolder() const {
 void ObjectIndex::markNumbersStored(std::span<const NodeNumber> popped) {
     for (const auto node : popped) nodes_[node].hasNewNumbers = false;
     for (const auto node : dirty_) {
-        if (nodes_[node].isHeld) nodes_[node].hasNewNumbers = false;
+        if (nodes_[node].isDeferred) nodes_[node].hasNewNumbers = false;
     }
 }
 

@@ -22,7 +22,7 @@ inline constexpr std::uint64_t firstFreshFileID = std::uint64_t{1} << 62;
 /// One object as the store keeps it.
 struct ObjectRow {
     struct Name {
-        std::uint64_t folder = 0;  ///< inode number; 0: the folder's number is another's by now
+        std::uint64_t folder = 0;  ///< inode number; 0: the folder's number is another's now
         std::string name;          ///< the path, as presented then, where there is no folder
     };
 
@@ -63,7 +63,7 @@ class ObjectIndex {
         bool isRacy : 1 = false;        ///< a later change may have left the stamp as it is
         bool isUndecided : 1 = false;   ///< its document ID may go to another object, or come
         bool isListed : 1 = false;      ///< a folder all of whose entries are known
-        bool isHeld : 1 = false;        ///< its row waits for an event that is still to come
+        bool isDeferred : 1 = false;    ///< its row waits for an event that is still to come
         /// A crash might let its file ID or document ID be allocated again, so they must not be
         /// shown: no commit has stored or at least reserved them.
         bool hasNewNumbers : 1 = false;
@@ -94,7 +94,7 @@ class ObjectIndex {
     [[nodiscard]] NodeNumber findFileID(std::uint64_t fileID) const;
     [[nodiscard]] NodeNumber findDocumentID(std::uint32_t documentID) const;
     [[nodiscard]] EntryNumber findEntry(NodeNumber folder, std::string_view name) const;
-    /// What has that name there; none where nothing has.
+    /// The object of that name there; none if the index has no such name.
     [[nodiscard]] NodeNumber findObject(NodeNumber folder, std::string_view name) const;
 
     /// The node of the inode number, a blank one where it is new.
@@ -105,12 +105,14 @@ class ObjectIndex {
 
     /// Of two rows that claim one place one was held when the last run ended. The one that came
     /// second does not have that name now, and nor has one whose folder's number is another's.
-    struct Displaced {
+    struct ConflictingName {
         NodeNumber object = none;
         NodeNumber folder = none;
         std::string name;  ///< the path where there is no folder
     };
-    [[nodiscard]] std::vector<Displaced> takeDisplaced() { return std::exchange(displaced_, {}); }
+    [[nodiscard]] std::vector<ConflictingName> popConflicts() {
+        return std::exchange(conflicts_, {});
+    }
     void clear();
 
     /// Generation, file ID and document ID of the row.
@@ -121,11 +123,11 @@ class ObjectIndex {
     [[nodiscard]] const std::string& metadata(NodeNumber number) const;
     void setMetadata(NodeNumber number, std::string metadata);
     void setListed(NodeNumber number, bool isListed) { nodes_[number].isListed = isListed; }
-    /// A row that is held stays in the store as it was, so that after a crash the same is found.
-    /// `left` is a folder where the object has a name in the store only. Until the row is held no
-    /// more, the store does not know all entries of that folder and of those where the object is,
-    /// so their rows have no stamp that the disk could have.
-    void setHeld(NodeNumber number, bool isHeld, NodeNumber left = none);
+    /// A deferred row stays in the store as it was, so that after a crash the same is found.
+    /// `left` is a folder where the object has a name in the store only. Until the row is deferred
+    /// no more, the store does not know all entries of that folder and of those where the object
+    /// is, so their rows have no stamp that the disk could have.
+    void setDeferred(NodeNumber number, bool isDeferred, NodeNumber left = none);
     void setUndecided(NodeNumber number, bool isUndecided) {
         nodes_[number].isUndecided = isUndecided;
     }
@@ -145,9 +147,9 @@ class ObjectIndex {
         NodeNumber root = none;
         std::string below;  ///< without a leading "/"; empty for the root itself
     };
-    /// None where the object is not located below a root. Of several names the first that is.
+    /// None if the object is not located below a root. Of several names the first that is.
     [[nodiscard]] std::optional<Path> path(NodeNumber number) const;
-    /// Where a climb by the first name of each ends: at a root, or at what has no name.
+    /// Where a climb by the first name of each ends: at a root, or at an object without a name.
     [[nodiscard]] NodeNumber top(NodeNumber number) const;
 
     /// Calls `visit(EntryNumber)` for each entry of the folder; it may remove that entry.
@@ -170,7 +172,7 @@ class ObjectIndex {
     }
 
     /// The nodes that differ from the store and are not held; they count as stored from now on.
-    [[nodiscard]] std::vector<NodeNumber> takeDirty();
+    [[nodiscard]] std::vector<NodeNumber> popDirty();
 
     /// Entries in what is no folder, since its number is another object's, and in folders that are
     /// nowhere. Looks at every entry.
@@ -225,10 +227,10 @@ class ObjectIndex {
     SlotTable byFreshFileID_;
     SlotTable byDocumentID_;
     SlotTable byName_;
-    std::vector<Displaced> displaced_;
+    std::vector<ConflictingName> conflicts_;
     std::unordered_map<NodeNumber, std::vector<NodeNumber>> heldIn_;  ///< folders, by held object
     std::unordered_map<NodeNumber, std::uint32_t> heldCounts_;        ///< how often, by folder
-    std::vector<NodeNumber> dirty_;  // may name a node twice, or one that was stored meanwhile
+    std::vector<NodeNumber> dirty_;  // may name a node twice, or one that has been stored since
     // Never an empty text.
     Texts metadata_;
     Texts rootPaths_;

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::int64_t racySpan = 20'000'000;  // ns; the kernel stamps changes once a timer tick
 
-/// Whether the state may change once more without its times telling.
+/// Whether the state may change once more without a change of its times.
 bool isRacy(const ObjectState& state) {
     const auto now = QSDate::now();
     const auto seconds = now.seconds - state.change.seconds;
@@ -50,25 +50,26 @@ void Reconciler::apply(const FolderReading& reading, Occasion occasion, Time now
         }
         arrive(reading, sighting);
     }
-    noticeAbsent(reading);
+    noticeMissing(reading);
     noticeFolder(reading);
 }
 
-Reconciler::NodeNumber Reconciler::expect(const VolumeService::State::Suspect& suspect, Time now) {
+Reconciler::NodeNumber Reconciler::expect(const VolumeService::State::Recheck& recheck, Time now) {
     const std::unique_lock lock(state_.indexMutex);
     auto& index = state_.index;
-    const auto folder = index.findInode(suspect.folder);
-    const auto object = index.findInode(suspect.object.inode);
+    const auto folder = index.findInode(recheck.folder);
+    const auto object = index.findInode(recheck.object.inode);
     if (object == ObjectIndex::none) return ObjectIndex::none;
     const auto& node = index.node(object);
-    if (node.generation != suspect.object.generation || node.isRoot) return folder;
+    if (node.generation != recheck.object.generation || node.isRoot) return folder;
     occasion_ = Occasion::Live;
     now_ = now;
     if (node.firstName != ObjectIndex::none) {
-        // It had moved on before it was given out, so that nothing told of that.
-        if (index.findObject(folder, suspect.name) != object) changeOf(object).isModified = true;
-    } else if (folder != ObjectIndex::none && !departures_.departure(object)) {
-        depart(object, placeIn(folder, suspect.name, joined(pathOfFolder(folder), suspect.name)));
+        // It had moved on before it was given out, so that no event reported that.
+        if (index.findObject(folder, recheck.name) != object) changeOf(object).isModified = true;
+    } else if (folder != ObjectIndex::none && !removals_.removal(object)) {
+        beginRemoval(object,
+                     placeIn(folder, recheck.name, joined(pathOfFolder(folder), recheck.name)));
     }
     return folder;
 }
@@ -86,7 +87,7 @@ void Reconciler::removed(const ObjectIdentity& identity, Time now) {
         if (node.generation != identity.generation || node.isRoot) return;
         index.forEachName(object, [&](auto at) { leave(at); });
         const auto change = std::exchange(changeOf(object), {});
-        if (!departures_.departure(object)) {
+        if (!removals_.removal(object)) {
             if (change.left.empty()) return;
             allNamesRemoved(object, change.left);
         }
@@ -94,30 +95,30 @@ void Reconciler::removed(const ObjectIdentity& identity, Time now) {
     finish(object);
 }
 
-void Reconciler::takeUpUndecided(Time now) {
+void Reconciler::restoreUndecided(Time now) {
     const std::unique_lock lock(state_.indexMutex);
     occasion_ = Occasion::Scan;
     now_ = now;
-    orphansToTakeUp_ = state_.store->takeOrphans();
-    displacedToTakeUp_ = state_.index.takeDisplaced();
-    takeUp(ObjectIndex::none);
+    unownedToRestore_ = state_.store->popUnowned();
+    conflictsToResolve_ = state_.index.popConflicts();
+    restore(ObjectIndex::none);
 }
 
-void Reconciler::takeUp(NodeNumber root) {
+void Reconciler::restore(NodeNumber root) {
     auto& index = state_.index;
-    // What is below a root of the last run waits until that is added or let go: nothing can be told
-    // of what is there before.
+    // What is below a root of the last run waits until that is attached or detached: nothing can be
+    // said of what is there before.
     const auto waits = [&](NodeNumber folder) {
         if (folder == ObjectIndex::none) return false;
         const auto top = index.top(folder);
         return top != root && !index.node(top).isRoot && !index.rootPath(top).empty();
     };
-    for (const auto& row : std::exchange(orphansToTakeUp_, {})) {
+    for (const auto& row : std::exchange(unownedToRestore_, {})) {
         const auto folder = row.folder == 0 ? ObjectIndex::none : index.ensure(row.folder);
-        const auto vacant =
-            row.vacantFolder == 0 ? ObjectIndex::none : index.ensure(row.vacantFolder);
-        if (waits(folder) || waits(vacant)) {
-            orphansToTakeUp_.push_back(row);
+        const auto vacated =
+            row.vacatedFolder == 0 ? ObjectIndex::none : index.ensure(row.vacatedFolder);
+        if (waits(folder) || waits(vacated)) {
+            unownedToRestore_.push_back(row);
             continue;
         }
         ObjectIndex::Node node;
@@ -126,24 +127,25 @@ void Reconciler::takeUp(NodeNumber root) {
         node.documentID = row.documentID;
         node.kind = row.kind;
         const auto last = placeIn(folder, row.path.substr(row.path.rfind('/') + 1), row.path);
-        if (vacant != ObjectIndex::none) {
-            const auto place = placeIn(vacant, row.vacantName, row.path);
+        if (vacated != ObjectIndex::none) {
+            const auto place = placeIn(vacated, row.vacatedName, row.path);
             vacate(row.documentID,
                    {ObjectIndex::none, row.fileID, row.kind, place, {}, now_, isPast(), false});
         }
-        orphans_.add({row.documentID, node, {last, now_, isPast()}});
+        unowned_.add({row.documentID, node, {last, now_, isPast()}});
     }
-    for (auto& displaced : std::exchange(displacedToTakeUp_, {})) {
-        const auto& [object, folder, name] = displaced;
+    for (auto& conflict : std::exchange(conflictsToResolve_, {})) {
+        const auto& [object, folder, name] = conflict;
         if (waits(folder)) {
-            displacedToTakeUp_.push_back(std::move(displaced));
+            conflictsToResolve_.push_back(std::move(conflict));
             continue;
         }
         index.markDirty(object);  // or the next run would ask once more
         const auto& node = index.node(object);
         const bool isNowhere = node.firstName == ObjectIndex::none;
         if (folder == ObjectIndex::none) {
-            if (isNowhere) depart(object, placeIn(folder, name.substr(name.rfind('/') + 1), name));
+            if (isNowhere)
+                beginRemoval(object, placeIn(folder, name.substr(name.rfind('/') + 1), name));
             continue;
         }
         const auto place = placeIn(folder, name, joined(pathOfFolder(folder), name));
@@ -151,7 +153,7 @@ void Reconciler::takeUp(NodeNumber root) {
             vacate(node.documentID, {object, node.fileID, node.kind, place, index.metadata(object),
                                      now_, isPast(), false});
         }
-        if (isNowhere) depart(object, place);
+        if (isNowhere) beginRemoval(object, place);
     }
 }
 
@@ -162,26 +164,26 @@ void Reconciler::leaveLostFolders(Time now) {
     for (const auto entry : state_.index.entriesInNoFolder()) {
         const auto holder = state_.index.entry(entry).folder;
         const bool isFolder = state_.index.node(holder).kind == ObjectKind::Directory;
-        // What is in a folder that is away goes or comes back with it.
-        if (!isFolder || !departures_.departure(holder)) leave(entry);
+        // The entries of a missing folder are removed or come back with it.
+        if (!isFolder || !removals_.removal(holder)) leave(entry);
     }
 }
 
-void Reconciler::noticeAbsent(const FolderReading& reading) {
+void Reconciler::noticeMissing(const FolderReading& reading) {
     if (!reading.names) return;
     auto& index = state_.index;
     index.setListed(reading.folder, !reading.trouble);
     if (!reading.trouble && index.metadata(reading.folder).starts_with(unreadableMark)) {
         index.setMetadata(reading.folder, {});
     }
-    std::vector<ObjectIndex::EntryNumber> absent;
+    std::vector<ObjectIndex::EntryNumber> missing;
     index.forEachChild(reading.folder, [&](ObjectIndex::EntryNumber entry) {
         const auto name = index.name(index.entry(entry));
         if (!std::ranges::binary_search(*reading.names, name, std::less<std::string_view>{})) {
-            absent.push_back(entry);
+            missing.push_back(entry);
         }
     });
-    for (const auto entry : absent) leave(entry);
+    for (const auto entry : missing) leave(entry);
 }
 
 void Reconciler::noticeFolder(const FolderReading& reading) {
@@ -196,7 +198,7 @@ void Reconciler::noticeFolder(const FolderReading& reading) {
 void Reconciler::rememberScan(NodeNumber root, const ObjectState& own) {
     const std::unique_lock lock(state_.indexMutex);
     setState(root, own);
-    loudFolders_.clear();
+    reportedFolders_.clear();
 }
 
 /// Whether what is seen now happened before this run. Else a save may be under way, also where a
@@ -217,10 +219,10 @@ void Reconciler::setState(NodeNumber node, const ObjectState& state) {
 
 bool Reconciler::isSilent(const FolderReading& reading, const ObjectState& state) const {
     return occasion_ == Occasion::FirstScan && state.change.seconds < silentBefore_ &&
-           !loudFolders_.contains(reading.folder);
+           !reportedFolders_.contains(reading.folder);
 }
 
-/// Whether an object that had its number was told from others only after this look, for which it
+/// Whether an object that had its number was distinguished only after this look, for which it
 /// did not matter yet. Then one more is needed.
 bool Reconciler::isUnsure(const FolderReading& reading, const Sighting& sighting,
                           const ObjectIndex::Node& node) {
@@ -240,17 +242,17 @@ void Reconciler::notice(const FolderReading& reading, const Sighting& sighting, 
     // Also one that changed by itself: it may have become readable.
     if (node.kind == ObjectKind::Directory) newFolders_.push_back(object);
     if (isFirstLook && isSilent(reading, *sighting.state)) return;
-    if (isFirstLook && node.kind == ObjectKind::Directory) loudFolders_.insert(object);
+    if (isFirstLook && node.kind == ObjectKind::Directory) reportedFolders_.insert(object);
     changeOf(object).isModified = true;
 }
 
-/// Where the folder is or, where it or one above it has gone, was last.
+/// Where the folder is or, where it or one above it is missing, was last.
 std::string Reconciler::pathOfFolder(NodeNumber folder) const {
     if (const auto url = state_.urlOf(folder)) return url->path();
     const auto& index = state_.index;
     std::string below;
     for (int depth = 0; depth < deepest; ++depth) {
-        if (const auto* gone = departures_.departure(folder)) return gone->last.path + below;
+        if (const auto* removal = removals_.removal(folder)) return removal->last.path + below;
         if (const auto& root = index.rootPath(folder); !root.empty()) return root + below;
         const auto entry = index.node(folder).firstName;
         if (entry == ObjectIndex::none) {
@@ -286,7 +288,7 @@ void Reconciler::leave(ObjectIndex::EntryNumber entry) {
     if (node.documentID != 0) {
         vacate(node.documentID, {object, node.fileID, node.kind, place, index.metadata(object),
                                  now_, isPast(), false});
-        if (state_.isRemoving(node)) departures_.vacancy(node.documentID)->isFinal = true;
+        if (state_.isRemoving(node)) removals_.vacatedName(node.documentID)->isFinal = true;
     }
     changeOf(place.folder).isModified = true;
     auto& change = changeOf(object);
@@ -297,27 +299,28 @@ void Reconciler::leave(ObjectIndex::EntryNumber entry) {
     change.left.push_back(std::move(place));
 }
 
-void Reconciler::vacate(std::uint32_t document, const Departures::Vacancy& vacancy) {
-    const auto former = departures_.vacate(document, vacancy);
-    if (former != ObjectIndex::none) updateHold(former);
-    const auto replacement = state_.index.findObject(vacancy.place.folder, vacancy.place.name);
+void Reconciler::vacate(std::uint32_t document, const PendingRemovals::VacatedName& vacatedName) {
+    const auto former = removals_.vacate(document, vacatedName);
+    if (former != ObjectIndex::none) updateDeferral(former);
+    const auto replacement =
+        state_.index.findObject(vacatedName.place.folder, vacatedName.place.name);
     if (replacement != ObjectIndex::none) state_.index.setUndecided(replacement, true);
-    if (vacancy.owner == ObjectIndex::none) return;
-    state_.index.setUndecided(vacancy.owner, true);
-    updateHold(vacancy.owner);
+    if (vacatedName.owner == ObjectIndex::none) return;
+    state_.index.setUndecided(vacatedName.owner, true);
+    updateDeferral(vacatedName.owner);
 }
 
 /// While it is open what becomes of an object, its row stays as it was before: so the next run, if
 /// this one is killed, finds the same question.
-void Reconciler::updateHold(NodeNumber node) {
+void Reconciler::updateDeferral(NodeNumber node) {
     const auto document = state_.index.node(node).documentID;
-    const auto* vacancy = document == 0 ? nullptr : departures_.vacancy(document);
-    const auto* departure = departures_.departure(node);
-    const bool isOwner = vacancy && vacancy->owner == node;
-    const auto left = departure ? departure->last.folder
-                      : isOwner ? vacancy->place.folder
+    const auto* vacatedName = document == 0 ? nullptr : removals_.vacatedName(document);
+    const auto* removal = removals_.removal(node);
+    const bool isOwner = vacatedName && vacatedName->owner == node;
+    const auto left = removal   ? removal->last.folder
+                      : isOwner ? vacatedName->place.folder
                                 : ObjectIndex::none;
-    state_.index.setHeld(node, departure || isOwner, left);
+    state_.index.setDeferred(node, removal || isOwner, left);
 }
 
 /// Which identifier it has is open where it has lost a document's name, has taken one, or has the
@@ -325,13 +328,14 @@ void Reconciler::updateHold(NodeNumber node) {
 void Reconciler::updateUndecided(NodeNumber node) {
     auto& index = state_.index;
     const auto& object = index.node(node);
-    const auto* vacancy = object.documentID == 0 ? nullptr : departures_.vacancy(object.documentID);
-    bool isOpen = vacancy && vacancy->owner == node;
+    const auto* vacatedName =
+        object.documentID == 0 ? nullptr : removals_.vacatedName(object.documentID);
+    bool isOpen = vacatedName && vacatedName->owner == node;
     index.forEachName(node, [&](ObjectIndex::EntryNumber at) {
         const auto& entry = index.entry(at);
-        isOpen |= departures_.documentThatLeft(entry.folder, index.name(entry)) != 0;
+        isOpen |= removals_.documentThatLeft(entry.folder, index.name(entry)) != 0;
     });
-    index.setUndecided(node, isOpen || orphans_.hasInode(object.inode));
+    index.setUndecided(node, isOpen || unowned_.hasInode(object.inode));
 }
 
 /// An index that lags behind two moves may have `folder` below `node`: then that link is out of
@@ -362,36 +366,36 @@ void Reconciler::arrive(const FolderReading& reading, const Sighting& sighting) 
 
     // Back where it was, so that what it leaves now is what counts.
     const auto own = node.documentID;
-    const auto* vacated = own == 0 ? nullptr : departures_.vacancy(own);
+    const auto* vacated = own == 0 ? nullptr : removals_.vacatedName(own);
     const bool isBack = vacated && vacated->owner == object &&
-                        departures_.documentThatLeft(reading.folder, sighting.name) == own;
-    if (isBack) departures_.closeVacancy(own);
+                        removals_.documentThatLeft(reading.folder, sighting.name) == own;
+    if (isBack) removals_.closeVacatedName(own);
 
     const bool isDirectory = state.kind == ObjectKind::Directory;
     if (isDirectory || state.linkCount == 1) index.forEachName(object, [&](auto at) { leave(at); });
     if (isDirectory) openCircle(object, reading.folder);
     const bool hadNames = node.firstName != ObjectIndex::none;
     const bool isFirstLook = node.stamp == 0;
-    auto departure = departures_.takeDeparture(object);
-    updateHold(object);
-    const bool isSilentHere = isFirstLook && !departure && isSilent(reading, state);
+    auto removal = removals_.popRemoval(object);
+    updateDeferral(object);
+    const bool isSilentHere = isFirstLook && !removal && isSilent(reading, state);
     if (!isSilentHere) changeOf(reading.folder).isModified = true;
 
     auto& change = changeOf(object);
     if (isDirectory) newFolders_.push_back(object);
-    if (departure) {
-        change.left.push_back(std::move(departure->last));
-        change.wasAway = true;
+    if (removal) {
+        change.left.push_back(std::move(removal->last));
+        change.wasMissing = true;
     } else if (!change.left.empty()) {
-        // It may have been away when the last run ended, which is not kept.
-        change.wasAway |= isPast();
+        // It may have been missing when the last run ended, which is not kept.
+        change.wasMissing |= isPast();
     } else if (!hadNames) {
         change.isNew = true;
         constexpr std::size_t mostBirths = 10'000;  // a storm is no save
         if (births_.size() == mostBirths) births_.clear();
         if (occasion_ == Occasion::Live) births_[object] = now_;
         change.isSilent = isSilentHere;
-        if (isDirectory && !isSilentHere) loudFolders_.insert(object);
+        if (isDirectory && !isSilentHere) reportedFolders_.insert(object);
     }
     change.came.push_back(
         placeIn(reading.folder, sighting.name, joined(reading.url.path(), sighting.name)));
@@ -402,47 +406,48 @@ void Reconciler::arrive(const FolderReading& reading, const Sighting& sighting) 
 
     if (isBack) {
         updateUndecided(object);
-        updateHold(object);
+        updateDeferral(object);
         return;
     }
-    const auto document = departures_.documentThatLeft(reading.folder, sighting.name);
+    const auto document = removals_.documentThatLeft(reading.folder, sighting.name);
     if (document == 0) return;
-    auto& vacancy = *departures_.vacancy(document);
+    auto& vacatedName = *removals_.vacatedName(document);
     index.setUndecided(object, true);
-    vacancy.isExchange = vacancy.owner != ObjectIndex::none &&
-                         std::ranges::any_of(change.left, [&](const FormerPlace& left) {
-                             return index.findObject(left.folder, left.name) == vacancy.owner;
-                         });
+    vacatedName.isExchange =
+        vacatedName.owner != ObjectIndex::none &&
+        std::ranges::any_of(change.left, [&](const FormerPlace& left) {
+            return index.findObject(left.folder, left.name) == vacatedName.owner;
+        });
 }
 
 void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
     auto& index = state_.index;
-    // The root of the last run that had the number is not there to be let go.
+    // The root of the last run that had the number is not there to be detached.
     if (!index.node(object).isRoot && !index.rootPath(object).empty()) forgetRoot(object);
     index.forEachChild(object, [&](auto at) { leave(at); });
     index.forEachName(object, [&](auto at) { leave(at); });
-    for (const auto& [document, owner] : departures_.closeVacanciesIn(object)) {
+    for (const auto& [document, owner] : removals_.closeVacatedNamesIn(object)) {
         if (owner != ObjectIndex::none) {
-            updateHold(owner);
-            strays_.push_back(owner);
-        } else if (const auto* gone = orphans_.find(document)) {
-            orphanChanges_.push_back({document, rowOf(*gone)});
+            updateDeferral(owner);
+            ownersOfClosedNames_.push_back(owner);
+        } else if (const auto* unowned = unowned_.find(document)) {
+            unownedChanges_.push_back({document, rowOf(*unowned)});
         }
     }
     const ObjectIndex::Node old = index.node(object);
-    const auto departure = departures_.takeDeparture(object);
+    const auto removal = removals_.popRemoval(object);
     FormerPlace last;
     if (const auto change = changes_.find(object); change != changes_.end()) {
         if (!change->second.left.empty()) last = change->second.left.front();
         change->second = {};
     }
-    if (departure) last = departure->last;
+    if (removal) last = removal->last;
     if (old.documentID != 0) {
-        orphan(old, last);
+        disown(old, last);
     } else if (old.fileID != 0 && !last.path.empty()) {
-        recordGone(old, last);
+        recordRemoval(old, last);
     }
-    if (old.kind == ObjectKind::Directory) goneFolders_.push_back(object);
+    if (old.kind == ObjectKind::Directory) removedFolders_.push_back(object);
 
     ObjectRow identity;
     identity.inode = old.inode;
@@ -452,7 +457,7 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
         tookNumbers_ = true;
     }
     index.setIdentity(object, identity);
-    updateHold(object);
+    updateDeferral(object);
     index.setMetadata(object, {});
     index.setState(object, ObjectKind::Other, 0, false);
     index.setListed(object, false);
@@ -460,29 +465,31 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
     index.markDirty(object);
 }
 
-void Reconciler::orphan(const ObjectIndex::Node& gone, const FormerPlace& last) {
-    if (auto* vacancy = departures_.vacancy(gone.documentID)) vacancy->owner = ObjectIndex::none;
-    const auto& added = orphans_.add({gone.documentID, gone, {last, now_, isPast()}});
-    orphanChanges_.push_back({gone.documentID, rowOf(added)});
+void Reconciler::disown(const ObjectIndex::Node& former, const FormerPlace& last) {
+    if (auto* vacatedName = removals_.vacatedName(former.documentID))
+        vacatedName->owner = ObjectIndex::none;
+    const auto& added = unowned_.add({former.documentID, former, {last, now_, isPast()}});
+    unownedChanges_.push_back({former.documentID, rowOf(added)});
 }
 
-OrphanRow Reconciler::rowOf(const Orphans::Orphan& orphan) {
+UnownedRow Reconciler::rowOf(const UnownedDocuments::UnownedDocument& unowned) {
     const auto inodeOf = [&](NodeNumber folder) {
         return folder == ObjectIndex::none ? 0 : state_.index.node(folder).inode;
     };
-    const auto& [document, gone, departure] = orphan;
-    const auto& last = departure.last;
-    OrphanRow row{document, gone.inode, gone.fileID, gone.kind, inodeOf(last.folder), last.path};
-    if (const auto* vacancy = departures_.vacancy(document)) {
-        row.vacantFolder = inodeOf(vacancy->place.folder);
-        row.vacantName = vacancy->place.name;
+    const auto& [document, former, removal] = unowned;
+    const auto& last = removal.last;
+    UnownedRow row{document,    former.inode,         former.fileID,
+                   former.kind, inodeOf(last.folder), last.path};
+    if (const auto* vacatedName = removals_.vacatedName(document)) {
+        row.vacatedFolder = inodeOf(vacatedName->place.folder);
+        row.vacatedName = vacatedName->place.name;
     }
     return row;
 }
 
-void Reconciler::depart(NodeNumber node, const FormerPlace& last) {
-    departures_.depart(node, {last, now_, isPast()});
-    updateHold(node);
+void Reconciler::beginRemoval(NodeNumber node, const FormerPlace& last) {
+    removals_.beginRemoval(node, {last, now_, isPast()});
+    updateDeferral(node);
     expiry_.emplace_back(now_, node);
 }
 

@@ -8,11 +8,11 @@
 #include <unordered_set>
 #include <vector>
 
-#include "platform/volume/Departures.h"
 #include "platform/volume/EventTable.h"
 #include "platform/volume/FolderReader.h"
-#include "platform/volume/Orphans.h"
+#include "platform/volume/PendingRemovals.h"
 #include "platform/volume/SaveVerdict.h"
+#include "platform/volume/UnownedDocuments.h"
 #include "platform/volume/VolumeState.h"
 
 namespace platform {
@@ -25,7 +25,7 @@ namespace platform {
 class Reconciler {
   public:
     using NodeNumber = ObjectIndex::NodeNumber;
-    using Time = Departures::Time;
+    using Time = PendingRemovals::Time;
 
     explicit Reconciler(VolumeService::State& state) : state_(state) {}
 
@@ -42,26 +42,27 @@ class Reconciler {
     /// commit that succeeds.
     Result<void> commit();
 
-    /// An object that got an identifier should be there; if it is not, it has gone or moved on
-    /// unseen. Returns the folder to look at, none where it is not known.
-    NodeNumber expect(const VolumeService::State::Suspect& suspect, Time now);
+    /// An object that got an identifier should be there; if it is not, it was removed or moved
+    /// unseen. Returns the folder to look at, none if that is not known.
+    NodeNumber expect(const VolumeService::State::Recheck& recheck, Time now);
 
-    /// This process has removed the object, all its names: records it as gone, with no successor.
+    /// This process has removed the object, all its names: records its removal, without a
+    /// replacement.
     void removed(const ObjectIdentity& identity, Time now);
 
     /// Takes up what waited for a decision when the last run ended. Before all else.
-    void takeUpUndecided(Time now);
+    void restoreUndecided(Time now);
 
-    /// Takes up a root, which is read next. The storage folder has changed if that is news.
+    /// Attaches a root, which is read next. The storage folder has changed if the root is new.
     /// REQUIRES: there is no root under that URL.
-    NodeNumber welcome(const ObjectIdentity& identity, const QSURL& url);
-    /// Records all below the root as gone, and the storage folder as changed. False where there is
-    /// none.
-    bool letGo(const QSURL& url);
+    NodeNumber attach(const ObjectIdentity& identity, const QSURL& url);
+    /// Records all below the root as removed, and the storage folder as changed. False where there
+    /// is none.
+    bool detach(const QSURL& url);
 
-    /// Records a change of all that is away, which may be back when the next run begins: who listed
-    /// meanwhile has not seen it. False where there is nothing.
-    bool tellOfAbsent();
+    /// Records a change of all missing objects, which may be back when the next run begins: who
+    /// listed before that has not seen them. False where there is nothing.
+    bool recordMissing();
 
     /// Records that something may have been missed below the path.
     void recordGap(std::string path, std::string why);
@@ -73,16 +74,14 @@ class Reconciler {
     /// Whether a name was missing in what was applied since the last call.
     [[nodiscard]] bool popLeft() { return std::exchange(hasLeft_, false); }
     /// Folders that came into sight or changed since the last call, to be looked at whole.
-    [[nodiscard]] std::vector<NodeNumber> takeNewFolders() {
-        return std::exchange(newFolders_, {});
-    }
+    [[nodiscard]] std::vector<NodeNumber> popNewFolders() { return std::exchange(newFolders_, {}); }
     /// Names, each with its folder, to be looked at once more.
-    [[nodiscard]] std::vector<std::pair<NodeNumber, std::string>> takeUnsureNames() {
+    [[nodiscard]] std::vector<std::pair<NodeNumber, std::string>> popUnsureNames() {
         return std::exchange(unsureNames_, {});
     }
-    /// Folders that have gone; watches of them are of no use.
-    [[nodiscard]] std::vector<NodeNumber> takeGoneFolders() {
-        return std::exchange(goneFolders_, {});
+    /// Removed folders; watches of them are of no use.
+    [[nodiscard]] std::vector<NodeNumber> popRemovedFolders() {
+        return std::exchange(removedFolders_, {});
     }
 
     /// Decides what can be decided now. What happened before `passStart` has been looked at.
@@ -90,7 +89,7 @@ class Reconciler {
     /// A scan has seen every folder: what lies in others has left them. To be committed before
     /// what waits for the scan's end is decided.
     void leaveLostFolders(Time now);
-    /// The scan at the start has ended: what it did not find has gone.
+    /// The scan at the start has ended: what it did not find was removed.
     void decideAfterScan(Time now);
     /// Decides at once what concerns these objects, since an identifier of one is asked for.
     void decideFor(std::span<const VolumeService::IdentityRequest> requests, Time now);
@@ -98,17 +97,17 @@ class Reconciler {
     /// Whether the object of the request is known, nothing is at its former places on the disk, and
     /// no document was where it was seen: then no decision gives it other numbers.
     [[nodiscard]] bool hasOnlyMoved(const VolumeService::IdentityRequest& request) const;
-    /// Where an object that is missing was last; none where no decision about it, or about a folder
+    /// Where an object that is missing was last; none if no decision about it, or about a folder
     /// above it, is pending.
     [[nodiscard]] std::optional<QSURL> lastPlaceOf(NodeNumber object) const;
-    [[nodiscard]] bool isSettled() const { return departures_.isEmpty() && orphans_.isEmpty(); }
-    /// When decideDue should be called next; none where nothing waits.
+    [[nodiscard]] bool isSettled() const { return removals_.isEmpty() && unowned_.isEmpty(); }
+    /// When decideDue should be called next; none if nothing waits.
     [[nodiscard]] std::optional<Time> nextDecision(Time now) const;
-    /// After a first scan: what a later one finds new is news.
+    /// After a first scan: what a later one finds new is reported.
     void rememberScan(NodeNumber root, const ObjectState& own);
 
-    [[nodiscard]] bool isVacant(NodeNumber folder, std::string_view name) const {
-        return departures_.documentThatLeft(folder, name) != 0;
+    [[nodiscard]] bool isVacated(NodeNumber folder, std::string_view name) const {
+        return removals_.documentThatLeft(folder, name) != 0;
     }
 
   private:
@@ -117,8 +116,8 @@ class Reconciler {
         std::vector<FormerPlace> came;
         bool isNew = false;
         bool isModified = false;
-        bool wasAway = false;   ///< for a while it was nowhere
-        bool isSilent = false;  ///< was there before anybody could ask
+        bool wasMissing = false;  ///< for a while it was nowhere
+        bool isSilent = false;    ///< was there before anybody could ask
     };
     static constexpr int deepest = 4096;  ///< folders in one another; ends what runs in a circle
     /// Begins what the store keeps, in place of metadata, of a folder that could not be read.
@@ -132,8 +131,8 @@ class Reconciler {
     Change& changeOf(NodeNumber node);
     void arrive(const FolderReading& reading, const Sighting& sighting);
     void leave(ObjectIndex::EntryNumber entry);
-    void vacate(std::uint32_t document, const Departures::Vacancy& vacancy);
-    void updateHold(NodeNumber node);
+    void vacate(std::uint32_t document, const PendingRemovals::VacatedName& vacatedName);
+    void updateDeferral(NodeNumber node);
     void updateUndecided(NodeNumber node);
     void openCircle(NodeNumber node, NodeNumber folder);
     [[nodiscard]] std::string pathOfFolder(NodeNumber folder) const;
@@ -143,12 +142,12 @@ class Reconciler {
     [[nodiscard]] bool isUnsure(const FolderReading& reading, const Sighting& sighting,
                                 const ObjectIndex::Node& node);
     void notice(const FolderReading& reading, const Sighting& sighting, NodeNumber object);
-    void orphan(const ObjectIndex::Node& gone, const FormerPlace& last);
-    [[nodiscard]] OrphanRow rowOf(const Orphans::Orphan& orphan);
+    void disown(const ObjectIndex::Node& former, const FormerPlace& last);
+    [[nodiscard]] UnownedRow rowOf(const UnownedDocuments::UnownedDocument& unowned);
     void renew(NodeNumber node, std::uint64_t generation);
     void renewFor(const VolumeService::IdentityRequest& request);
     void noticeFolder(const FolderReading& reading);
-    void noticeAbsent(const FolderReading& reading);
+    void noticeMissing(const FolderReading& reading);
     void setState(NodeNumber node, const ObjectState& state);
     [[nodiscard]] bool isSilent(const FolderReading& reading, const ObjectState& state) const;
 
@@ -156,53 +155,55 @@ class Reconciler {
     [[nodiscard]] bool isAboveMoved(NodeNumber folder) const;
     void recordBelow(NodeNumber folder, std::string path);
     void allNamesRemoved(NodeNumber node, std::span<const FormerPlace> left);
-    void depart(NodeNumber node, const FormerPlace& last);
+    void beginRemoval(NodeNumber node, const FormerPlace& last);
     [[nodiscard]] bool isDocument(const ObjectIndex::Node& node, std::string_view path) const;
     void record(FSEventFlags flags, NodeNumber node, FormerPlace place);
     void record(FSEventFlags flags, NodeNumber node, std::string path, NodeNumber folder) {
         record(flags, node, placeIn(folder, {}, std::move(path)));
     }
-    void recordGone(const ObjectIndex::Node& node, const FormerPlace& last);
+    void recordRemoval(const ObjectIndex::Node& node, const FormerPlace& last);
     [[nodiscard]] std::string coverOfPath(const std::string& path) const;
 
-    [[nodiscard]] SaveVerdict judge(std::uint32_t document, const Departures::Vacancy& vacancy,
-                                    Time passStart, bool mustDecide) const;
+    [[nodiscard]] SaveVerdict judge(std::uint32_t document,
+                                    const PendingRemovals::VacatedName& vacatedName, Time passStart,
+                                    bool mustDecide) const;
     void decide(std::uint32_t document, Time passStart, bool mustDecide);
-    void moveDocument(std::uint32_t document, const Departures::Vacancy& vacancy,
-                      NodeNumber successor);
+    void moveDocument(std::uint32_t document, const PendingRemovals::VacatedName& vacatedName,
+                      NodeNumber replacement);
     void finish(NodeNumber node);
-    void finishOrphans(const std::vector<std::uint32_t>& documents);
-    void inheritMetadata(const std::string& metadata, const QSURL& url, const ObjectIdentity& heir);
+    void finishUnowned(const std::vector<std::uint32_t>& documents);
+    void inheritMetadata(const std::string& metadata, const QSURL& url,
+                         const ObjectIdentity& replacement);
     void captureMetadata();
     /// Takes up what the last run left undecided, where that can be decided or is below `root`.
     /// REQUIRES: indexMutex is held.
-    void takeUp(NodeNumber root);
+    void restore(NodeNumber root);
     void decideBelow(const QSURL& root);
     /// REQUIRES: indexMutex is held.
     void forgetRoot(NodeNumber root);
     void forgetBelow(NodeNumber folder, std::string path);
 
     VolumeService::State& state_;
-    Departures departures_;
+    PendingRemovals removals_;
     std::unordered_map<NodeNumber, Change> changes_;
     std::vector<NodeNumber> changedInOrder_;
-    std::unordered_set<NodeNumber> loudFolders_;  ///< of a first scan: changed while it ran
+    std::unordered_set<NodeNumber> reportedFolders_;  ///< of a first scan: changed while it ran
     std::vector<NodeNumber> newFolders_;
     std::vector<std::pair<NodeNumber, std::string>> unsureNames_;
-    std::vector<NodeNumber> goneFolders_;
+    std::vector<NodeNumber> removedFolders_;
     std::vector<EventRecord> events_;
 
-    std::vector<OrphanRow> orphansToTakeUp_;  ///< these and the next are still to be taken up
-    std::vector<ObjectIndex::Displaced> displacedToTakeUp_;
-    Orphans orphans_;
+    std::vector<UnownedRow> unownedToRestore_;  ///< these and the next are still to be taken up
+    std::vector<ObjectIndex::ConflictingName> conflictsToResolve_;
+    UnownedDocuments unowned_;
     bool hasLeft_ = false;
-    std::vector<OrphanChange> orphanChanges_;  ///< not in the store yet
-    /// Documents that left folders whose numbers are others' by now. Their rows name these numbers,
+    std::vector<UnownedChange> unownedChanges_;  ///< not in the store yet
+    /// Owners of names in folders whose numbers are others' now. Their rows name these numbers,
     /// so those that wait are written as being nowhere.
-    std::vector<NodeNumber> strays_;
-    std::deque<std::pair<Time, NodeNumber>> expiry_;  ///< of departures, in order
+    std::vector<NodeNumber> ownersOfClosedNames_;
+    std::deque<std::pair<Time, NodeNumber>> expiry_;  ///< of pending removals, in order
     std::unordered_map<NodeNumber, Time> births_;     ///< of what was seen to be made lately
-    std::vector<NodeNumber> toCapture_;               ///< documents whose metadata may be news
+    std::vector<NodeNumber> toCapture_;               ///< documents whose metadata may have changed
     bool tookNumbers_ = false;                        ///< file IDs; to be made durable
     Occasion occasion_ = Occasion::Live;
     Time now_{};

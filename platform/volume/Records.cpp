@@ -1,4 +1,4 @@
-// What the reconciler writes: the events of what has changed, and one commit of all of it.
+// What the reconciler writes: the events of all changes, and one commit of them.
 #include <algorithm>
 
 #include "platform/tree/PathRelation.h"
@@ -32,7 +32,7 @@ bool Reconciler::isAboveMoved(NodeNumber folder) const {
 /// The removal, or what becomes of the object instead, is recorded for the first of its names.
 void Reconciler::allNamesRemoved(NodeNumber node, std::span<const FormerPlace> left) {
     for (const auto& place : left.subspan(1)) record(fsEventMoved | fsEventRemoved, node, place);
-    depart(node, left.front());
+    beginRemoval(node, left.front());
 }
 
 void Reconciler::resolve(NodeNumber node, Change& change) {
@@ -76,9 +76,9 @@ void Reconciler::resolve(NodeNumber node, Change& change) {
         if (!folder) return;
         auto path = joined(folder->path(), index.name(entry));
         const bool isMove = came && !change.left.empty();
-        // Who listed while it was away has seen nothing of what is in it.
+        // Who listed while it was missing has seen none of its entries.
         if (isMove && object.kind == ObjectKind::Directory &&
-            (change.wasAway || isAboveMoved(change.left.front().folder) ||
+            (change.wasMissing || isAboveMoved(change.left.front().folder) ||
              coverOfPath(change.left.front().path) != coverOfPath(path))) {
             whole = path;
         }
@@ -106,15 +106,15 @@ void Reconciler::recordBelow(NodeNumber folder, std::string path) {
     }
 }
 
-bool Reconciler::tellOfAbsent() {
+bool Reconciler::recordMissing() {
     const std::unique_lock lock(state_.indexMutex);
-    const auto absent = departures_.departedNodes();
-    for (const auto node : absent) {
-        const auto& last = departures_.departure(node)->last;
+    const auto missing = removals_.pendingNodes();
+    for (const auto node : missing) {
+        const auto& last = removals_.removal(node)->last;
         record(fsEventModified, node, last);
         if (state_.index.node(node).kind == ObjectKind::Directory) recordBelow(node, last.path);
     }
-    return !absent.empty();
+    return !missing.empty();
 }
 
 bool Reconciler::isDocument(const ObjectIndex::Node& node, std::string_view path) const {
@@ -138,8 +138,8 @@ void Reconciler::record(FSEventFlags flags, NodeNumber node, FormerPlace place) 
     made.folderGeneration = place.folderGeneration;
 }
 
-void Reconciler::recordGone(const ObjectIndex::Node& node, const FormerPlace& last) {
-    // Nobody was ever told of it, or not under the identifier that it had there.
+void Reconciler::recordRemoval(const ObjectIndex::Node& node, const FormerPlace& last) {
+    // It was never reported, or not under the identifier that it had there.
     const bool wasDocument = isDocument(node, last.path);
     if ((wasDocument ? node.documentID : node.fileID) == 0) return;
     EventRecord& made = events_.emplace_back();
@@ -176,27 +176,27 @@ Result<void> Reconciler::commit() {
         const std::unique_lock lock(state_.indexMutex);
         for (const auto node : std::exchange(changedInOrder_, {})) resolve(node, changes_[node]);
         changes_.clear();
-        taken = state_.index.takeDirty();
+        taken = state_.index.popDirty();
         rows.reserve(taken.size());
         for (const auto number : taken) rows.push_back(state_.index.row(number));
-        for (const auto node : strays_) {
-            const auto* departure = departures_.departure(node);
-            if (!departure) continue;
+        for (const auto node : ownersOfClosedNames_) {
+            const auto* removal = removals_.removal(node);
+            if (!removal) continue;
             rows.push_back(state_.index.row(node));
-            rows.back().names = {{0, departure->last.path}};
+            rows.back().names = {{0, removal->last.path}};
         }
     }
     // In the order of the table's tree, so that few pages are touched.
     std::ranges::sort(rows, {}, &ObjectRow::inode);
     auto events = std::exchange(events_, {});
-    const bool isDurable = tookNumbers_ || !events.empty() || !orphanChanges_.empty();
-    if (auto done = state_.write(rows, isDurable, events, orphanChanges_); !done) {
+    const bool isDurable = tookNumbers_ || !events.empty() || !unownedChanges_.empty();
+    if (auto done = state_.write(rows, isDurable, events, unownedChanges_); !done) {
         state_.putBackDirty(taken);
         return done;
     }
     tookNumbers_ = false;
-    orphanChanges_.clear();
-    strays_.clear();
+    unownedChanges_.clear();
+    ownersOfClosedNames_.clear();
     {
         const std::unique_lock lock(state_.indexMutex);
         state_.index.markNumbersStored(taken);

@@ -22,11 +22,11 @@ Result<void> Follower::addRoot(const ObjectIdentity& identity, const QSURL& url)
             if (isKnown && !isOther) return {};
         }
         if (isOther) {
-            if (auto done = letGoOf(url); !done) return done;
+            if (auto done = detach(url); !done) return done;
         }
         {
             const std::scoped_lock store(state_.storeMutex);
-            folders.push_back(reconciler_.welcome(identity, url));
+            folders.push_back(reconciler_.attach(identity, url));
         }
         if (auto done = commitRoots(); !done || !isFollowing_) return done;
     }
@@ -38,29 +38,29 @@ Result<void> Follower::addRoot(const ObjectIdentity& identity, const QSURL& url)
         done = scanSomeOf(folders, Reconciler::Occasion::Scan);
     }
     state_.announce();
-    wake();  // for what has come meanwhile
+    wake();  // for what has happened during the scan
     return done;
 }
 
 Result<void> Follower::removeRoot(const QSURL& url) {
-    // What has moved out of it before stays. A comparison at the start is not waited for.
+    // Objects that moved out of it before stay. A comparison at the start is not waited for.
     if (isCaughtUp()) (void)wait(Barrier::Seen);
     Result<void> done;
     {
         const std::scoped_lock lock(mutex_);
-        done = letGoOf(url);
+        done = detach(url);
     }
     state_.announce();
     wake();
     return done;
 }
 
-Result<void> Follower::letGoOf(const QSURL& url) {
-    // What has moved out of it may lie where the kernel does not report.
+Result<void> Follower::detach(const QSURL& url) {
+    // Objects that moved out of it may lie where the kernel does not report.
     if (isCaughtUp()) lookAtUnwatched();
     {
         const std::scoped_lock store(state_.storeMutex);
-        if (!reconciler_.letGo(url)) return {};
+        if (!reconciler_.detach(url)) return {};
     }
     return commitRoots();
 }
@@ -72,14 +72,14 @@ Result<void> Follower::commitRoots() {
         done = reconciler_.commit();
         noteCommit(done);
     }
-    const auto gone = reconciler_.takeGoneFolders();
-    const std::unordered_set<NodeNumber> all(gone.begin(), gone.end());
+    const auto removed = reconciler_.popRemovedFolders();
+    const std::unordered_set<NodeNumber> all(removed.begin(), removed.end());
     std::erase_if(scan_, [&](NodeNumber folder) { return all.contains(folder); });
-    for (const auto folder : gone) unwatch(folder);
+    for (const auto folder : removed) unwatch(folder);
     return done;
 }
 
-Reconciler::NodeNumber Reconciler::welcome(const ObjectIdentity& identity, const QSURL& url) {
+Reconciler::NodeNumber Reconciler::attach(const ObjectIdentity& identity, const QSURL& url) {
     occasion_ = Occasion::Scan;
     {
         const std::unique_lock lock(state_.indexMutex);
@@ -94,17 +94,17 @@ Reconciler::NodeNumber Reconciler::welcome(const ObjectIdentity& identity, const
     state_.addRoot(identity, url);
     const std::unique_lock lock(state_.indexMutex);
     const auto node = state_.rootAt(url);
-    const bool isNews = state_.index.node(node).stamp == 0;
-    if (isNews && node != state_.roots.front().node) {
+    const bool isNew = state_.index.node(node).stamp == 0;
+    if (isNew && node != state_.roots.front().node) {
         changeOf(state_.roots.front().node).isModified = true;
     }
     occasion_ = Occasion::Live;
     now_ = state_.configuration.now();
-    takeUp(node);
+    restore(node);
     return node;
 }
 
-bool Reconciler::letGo(const QSURL& url) {
+bool Reconciler::detach(const QSURL& url) {
     {
         const std::shared_lock lock(state_.indexMutex);
         if (state_.rootAt(url) == ObjectIndex::none) return false;
@@ -113,7 +113,7 @@ bool Reconciler::letGo(const QSURL& url) {
     now_ = state_.configuration.now();
     {
         const std::unique_lock lock(state_.indexMutex);
-        takeUp(state_.rootAt(url));
+        restore(state_.rootAt(url));
     }
     decideBelow(url);
     const std::unique_lock lock(state_.indexMutex);
@@ -125,12 +125,12 @@ void Reconciler::forgetRoot(NodeNumber root) {
     auto& index = state_.index;
     const auto path = index.rootPath(root);
     forgetBelow(root, path);
-    goneFolders_.push_back(root);
-    // Nothing else tells that it has gone where nothing is in it.
-    EventRecord& gone = events_.emplace_back();
-    gone.event.flags = fsEventRemoved | fsEventIsFolder;
-    gone.event.path = path;
-    // Should it come back, that is news.
+    removedFolders_.push_back(root);
+    // Nothing else reports the removal of an empty one.
+    EventRecord& removal = events_.emplace_back();
+    removal.event.flags = fsEventRemoved | fsEventIsFolder;
+    removal.event.path = path;
+    // If it comes back, that is reported.
     index.setState(root, index.node(root).kind, 0, false);
     index.setRoot(root, false);
     index.setRootPath(root, {});
@@ -140,19 +140,20 @@ void Reconciler::forgetRoot(NodeNumber root) {
 
 /// Nobody will look there any more for what went, or for what took its place.
 void Reconciler::decideBelow(const QSURL& root) {
-    for (const auto document : departures_.openDocuments()) {
-        const auto* vacancy = departures_.vacancy(document);
-        if (vacancy && isBelow(vacancy->place.path, root.path())) decide(document, now_, true);
+    for (const auto document : removals_.openDocuments()) {
+        const auto* vacatedName = removals_.vacatedName(document);
+        if (vacatedName && isBelow(vacatedName->place.path, root.path()))
+            decide(document, now_, true);
     }
-    for (const auto node : departures_.departedNodes()) {
-        const auto* departure = departures_.departure(node);
-        if (departure && isBelow(departure->last.path, root.path())) finish(node);
+    for (const auto node : removals_.pendingNodes()) {
+        const auto* removal = removals_.removal(node);
+        if (removal && isBelow(removal->last.path, root.path())) finish(node);
     }
-    auto orphans = orphans_.all();
-    std::erase_if(orphans, [&](auto document) {
-        return !isBelow(orphans_.find(document)->removal.last.path, root.path());
+    auto unowned = unowned_.all();
+    std::erase_if(unowned, [&](auto document) {
+        return !isBelow(unowned_.find(document)->removal.last.path, root.path());
     });
-    finishOrphans(orphans);
+    finishUnowned(unowned);
 }
 
 }  // namespace platform

@@ -8,7 +8,7 @@ SaveVerdict decideAboutSave(const SaveFacts& facts, const VolumeService::Windows
     if (facts.isByThisProcess) return SaveVerdict::Keep;
     const bool mayWait = !facts.mustDecide && !facts.isFromScan;
     if (!facts.replacement) {
-        const auto window = facts.ownerName ? windows.rename : windows.successor;
+        const auto window = facts.ownerName ? windows.rename : windows.replacement;
         return mayWait && facts.age < window ? SaveVerdict::Wait : SaveVerdict::Keep;
     }
     const auto& replacement = *facts.replacement;

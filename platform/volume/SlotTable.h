@@ -10,7 +10,7 @@ namespace platform {
 
 /// A hash table of 32-bit numbers of things whose keys live with the things: four bytes a slot,
 /// linear probing, at most 7/8 full. `keyOf(number)` gives the current key of a thing, or noKey for
-/// one that has gone.
+/// a removed one.
 ///
 /// A thing whose key changes is inserted again; its old slot stays behind, matches nothing any more
 /// and goes when the table is made anew. Not synchronised.

@@ -192,7 +192,7 @@ Result<std::string> StorageCatalog::nameOf(const Storage& storage, bool acceptsR
         std::ranges::find_if(records_, [&](const auto& known) { return isOf(known, storage); });
     if (found != records_.end()) {
         noteFound(*found, storage);
-        takeOverFormerLayout(storage, found->name);
+        moveFormerLayout(storage, found->name);
         return found->name;
     }
     for (auto& known : records_) {
@@ -218,7 +218,7 @@ Result<std::string> StorageCatalog::add(const Storage& storage) {
     Record record{QSUUID::random().UUIDString(), storage.volume, storage.isWeak, {storage.given}};
     if (storage.resolved != storage.given) record.paths.push_back(storage.resolved);
     if (auto done = write(record); !done) return std::unexpected(done.error());
-    takeOverFormerLayout(storage, record.name);
+    moveFormerLayout(storage, record.name);
     records_.push_back(record);
     return record.name;
 }
@@ -242,7 +242,7 @@ void StorageCatalog::noteFound(Record& found, const Storage& storage) {
 
 /// Moves what a single store for all storages was kept in, if it was this storage's. What a process
 /// that ended in the middle left is moved by the next one.
-void StorageCatalog::takeOverFormerLayout(const Storage& storage, const std::string& name) const {
+void StorageCatalog::moveFormerLayout(const Storage& storage, const std::string& name) const {
     const auto former = dataFolder_ + "/volume.db";
     if (!exists(former)) return;
     const auto volume = IdentityStore::volumeOf(former);

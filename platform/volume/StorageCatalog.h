@@ -64,7 +64,7 @@ class StorageCatalog {
     [[nodiscard]] Result<std::string> add(const Storage& storage);
     /// Notes where the storage is; a failure leaves the former paths.
     void noteFound(Record& found, const Storage& storage);
-    void takeOverFormerLayout(const Storage& storage, const std::string& name) const;
+    void moveFormerLayout(const Storage& storage, const std::string& name) const;
 
     std::string dataFolder_;
     std::string stateFolder_;

@@ -54,7 +54,7 @@ StoreDecision newStore(const std::optional<Witness::Record>& witness,
     if (!hadStore && !damage.empty()) state.marks = farAbove(state.marks);
     state.freshOnly = !state.trouble.empty();
     state.floor = state.marks[Counter::Event];
-    return {.state = state, .isNews = true};
+    return {.state = state, .isChanged = true};
 }
 
 }  // namespace
@@ -71,7 +71,7 @@ StoreDecision decideAboutStore(const std::optional<StoreState>& found,
         state.history = QSUUID::random();
         state.freshOnly = true;
         state.trouble = why;
-        decision.isNews = true;
+        decision.isChanged = true;
     };
     const bool isInFolder = folderWitness && folderWitness->isOfThisFolder &&
                             folderWitness->record.store == found->store;
@@ -94,7 +94,7 @@ StoreDecision decideAboutStore(const std::optional<StoreState>& found,
         doubt("the store was an older copy of itself");
     }
     // The other witness is enough, and this one is written anew.
-    decision.isNews |= !isInFile;
+    decision.isChanged |= !isInFile;
     if (!damage.empty()) doubt(damage);
     if (!volume.isSameVolume(found->volume)) {
         decision.dropsObjects = true;
@@ -102,7 +102,7 @@ StoreDecision decideAboutStore(const std::optional<StoreState>& found,
     }
     if (volume.uuid != found->volume.uuid || volume.root != found->volume.root) {
         state.volume = volume;
-        decision.isNews = true;
+        decision.isChanged = true;
     }
     // A new history knows nothing of what was before it.
     if (state.history != found->history) state.floor = state.marks[Counter::Event];

@@ -35,7 +35,7 @@ Result<void> makePrivateFolder(const std::string& path) {
     return {};
 }
 
-Result<StoreLock> StoreLock::take(std::string path) {
+Result<StoreLock> StoreLock::acquire(std::string path) {
     StoreLock lock(std::move(path));
     lock.file_.reset(::open(lock.path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     const int fd = lock.file_.get();

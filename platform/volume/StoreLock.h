@@ -17,7 +17,7 @@ Result<void> makePrivateFolder(const std::string& path);
 class StoreLock {
   public:
     /// Never waits. Fails with EBUSY and "in use by PID …" where another process holds it.
-    [[nodiscard]] static Result<StoreLock> take(std::string path);
+    [[nodiscard]] static Result<StoreLock> acquire(std::string path);
 
     /// EBUSY, and who holds the store as far as the note says it.
     [[nodiscard]] QSError inUse() const;

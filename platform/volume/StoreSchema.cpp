@@ -6,9 +6,9 @@
 
 #include "platform/volume/EventTable.h"
 #include "platform/volume/ObjectTable.h"
-#include "platform/volume/OrphanTable.h"
 #include "platform/volume/RowSum.h"
 #include "platform/volume/TrashTable.h"
+#include "platform/volume/UnownedTable.h"
 
 namespace platform {
 
@@ -82,7 +82,7 @@ QSError storeDamage(std::string text) {
 }
 
 Result<void> createSchema(SQLiteDatabase& database) {
-    for (const char* sql : {schema, ObjectTable::schema, EventTable::schema, OrphanTable::schema,
+    for (const char* sql : {schema, ObjectTable::schema, EventTable::schema, UnownedTable::schema,
                             TrashTable::schema}) {
         if (auto made = database.execute(sql); !made) return made;
     }

@@ -31,7 +31,7 @@ struct StoreState {
 struct StoreDecision {
     StoreState state;
     bool dropsObjects = false;  ///< the rows are of another volume
-    bool isNews = false;        ///< `state` is to be written
+    bool isChanged = false;     ///< `state` is to be written
 };
 /// `damage`: what was wrong with the store, or with some of the rows of the one found; empty =
 /// nothing.

@@ -62,7 +62,7 @@ Result<std::unique_ptr<VolumeService>> VolumeService::open(Configuration configu
 
 VolumeService::~VolumeService() {
     state_->follower->stop();
-    state_->hasNews = true;
+    state_->hasEvents = true;
     state_->announce();
     if (state_->store->hasStored()) state_->folderWitnessIsDue = true;
     state_->writeFolderWitness();
@@ -71,7 +71,7 @@ VolumeService::~VolumeService() {
     // Then the rows would be ahead of what the next run has to find.
     if (!state_->unwritten.empty()) return;
     std::vector<ObjectRow> rows;
-    for (const auto node : state_->index.takeDirty()) {
+    for (const auto node : state_->index.popDirty()) {
         rows.push_back(state_->index.row(node));
     }
     (void)state_->store->finish(rows);
@@ -168,13 +168,13 @@ Result<std::vector<FSEvent>> VolumeService::selectedEventsAfter(std::uint64_t af
     return events;
 }
 
-std::shared_ptr<void> VolumeService::subscribe(News news) {
+std::shared_ptr<void> VolumeService::subscribe(Listener listener) {
     auto subscriber = std::make_shared<State::Subscriber>();
-    subscriber->news = std::move(news);
+    subscriber->listener = std::move(listener);
     {
         const std::scoped_lock lock(state_->subscribersMutex);
         auto& subscribers = state_->subscribers;
-        // Those that went would stay until there is something to tell.
+        // Those that unsubscribed would stay until there is an event.
         if (subscribers.size() == subscribers.capacity()) {
             std::erase_if(subscribers, [](const auto& known) { return known.expired(); });
         }
@@ -183,7 +183,7 @@ std::shared_ptr<void> VolumeService::subscribe(News news) {
     state_->follower->follow();
     return {subscriber.get(), [subscriber](void*) {
                 const std::scoped_lock lock(subscriber->mutex);
-                subscriber->news = nullptr;
+                subscriber->listener = nullptr;
             }};
 }
 
@@ -250,7 +250,7 @@ Result<std::vector<QSURL>> VolumeService::placesOfObjectAt(const QSURL& url) {
     return places;
 }
 
-bool VolumeService::isAway(const FSEvent& event) const {
+bool VolumeService::isMissing(const FSEvent& event) const {
     return state_->missingObjectOf(event) != ObjectIndex::none;
 }
 
@@ -276,7 +276,7 @@ Result<void> VolumeService::identify(std::span<IdentityRequest> requests) {
     if (done && state_->hasUnstored(requests)) done = state_->follower->commit();
     if (done && !state_->answerFromIndex(requests)) done = state_->allocate(requests);
     state_->follower->writeFolderWitness();
-    if (done) state_->noteSuspects(requests);
+    if (done) state_->requestRechecks(requests);
     return done;
 }
 
@@ -317,10 +317,10 @@ void VolumeService::moveEnds(const ObjectIdentity& object, bool isDone) {
     state_->follower->wake();
 }
 
-void VolumeService::removalEnds(const ObjectIdentity& object, bool isGone) {
+void VolumeService::removalEnds(const ObjectIdentity& object, bool isRemoved) {
     {
         const std::scoped_lock lock(state_->removalsMutex);
-        if (!isGone) {
+        if (!isRemoved) {
             const auto found = state_->removing.find({object.inode, object.generation});
             if (found != state_->removing.end()) state_->removing.erase(found);
             return;
@@ -341,7 +341,7 @@ std::optional<std::uint64_t> VolumeService::entryCount(const FileAttributes& fol
     const auto number = state_->index.findInode(folder.identity.inode);
     if (number == ObjectIndex::none) return std::nullopt;
     const auto& node = state_->index.node(number);
-    // Where everything is followed, a change that the stamp does not tell has been seen all the
+    // Where everything is followed, a change that the stamp does not show has been seen all the
     // same.
     const bool isCertain = !node.isRacy || state_->follower->seesEverything();
     if (!node.isListed || node.stamp != stampOf(folder) || !isCertain) return std::nullopt;

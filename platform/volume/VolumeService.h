@@ -28,9 +28,11 @@ class VolumeService final : public EventHistory {
   public:
     /// How long things may take before they are taken as they are; see docs/safe-saves.md.
     struct Windows {
-        std::chrono::milliseconds rest{50};         ///< for the other half of a move to be seen
-        std::chrono::milliseconds successor{1000};  ///< for what took the name of what went
-        std::chrono::milliseconds rename{5000};     ///< to tell a renamed document from a backup
+        std::chrono::milliseconds rest{50};  ///< for the other half of a move to be seen
+        std::chrono::milliseconds replacement{
+            1000};  ///< for an object that stands at a vacated name
+        std::chrono::milliseconds rename{
+            5000};  ///< to distinguish a renamed document from a backup
     };
 
     struct Configuration {
@@ -91,12 +93,12 @@ class VolumeService final : public EventHistory {
     [[nodiscard]] Result<std::vector<FSEvent>> selectedEventsAfter(
         std::uint64_t after, std::uint64_t upTo, std::size_t limit,
         EventSelection selection) const override;
-    [[nodiscard]] std::shared_ptr<void> subscribe(News news) override;
+    [[nodiscard]] std::shared_ptr<void> subscribe(Listener listener) override;
 
-    /// Blocks until everything that happened before the call has been read and committed; what went
-    /// may still be waiting for a successor. Does not wait for a comparison that is made now and
-    /// then, unless that found a name missing. ECANCELED where the service closes, else the reason
-    /// for which the storage cannot be read.
+    /// Blocks until everything that happened before the call has been read and committed; a removed
+    /// document may still be waiting for a replacement. Does not wait for a comparison that is made
+    /// now and then, unless that found a name missing. ECANCELED where the service closes, else the
+    /// reason for which the storage cannot be read.
     Result<void> waitUntilSeen();
     /// The same, and whether these folders (presented paths) are where the index has them, and what
     /// happened in those that the kernel does not report.
@@ -105,23 +107,23 @@ class VolumeService final : public EventHistory {
     Result<void> waitUntilSettled();
 
     /// Where the index has the object with that identifier, all its names; nothing is checked on
-    /// the disk. Empty where it is not known or has gone.
+    /// the disk. Empty if it is not known or was removed.
     [[nodiscard]] std::vector<QSURL> placesOfFileID(std::uint64_t fileID) const;
     [[nodiscard]] std::vector<QSURL> placesOfDocumentID(std::uint32_t documentID) const;
-    /// The file ID that the folder was given; none where it was given none, or is a root or
+    /// The file ID that the folder was given; none if it was given none, or is a root or
     /// package.
     [[nodiscard]] std::optional<std::uint64_t> fileIDOfFolder(const ObjectIdentity& identity) const;
-    /// Where the index has what has that inode number, one of its names; unchecked in the same way.
+    /// One URL of the object with that inode number, from the index, unchecked in the same way.
     [[nodiscard]] std::optional<QSURL> placeOfInode(std::uint64_t inode) const;
     /// All places below the roots of the object that is at `url` now, `url` among them, each
     /// checked on the disk. Where the object has several links, waits first as waitUntilSeen()
     /// does. ENOENT where nothing is there.
     [[nodiscard]] Result<std::vector<QSURL>> placesOfObjectAt(const QSURL& url);
     /// Whether the event's object, or a folder above it, is nowhere and may come back or be
-    /// succeeded. An event will tell.
-    [[nodiscard]] bool isAway(const FSEvent& event) const;
+    /// have a replacement. An event will report it.
+    [[nodiscard]] bool isMissing(const FSEvent& event) const;
     /// Where an object that is missing like that was last, which is where its removal will be
-    /// reported; none where it is not missing.
+    /// reported; none if it is not missing.
     [[nodiscard]] std::optional<QSURL> lastPlaceOf(const FSEvent& event) const;
     /// Decides now whether the event's document has a replacement.
     void decideAbout(const FSEvent& event);
@@ -156,10 +158,10 @@ class VolumeService final : public EventHistory {
     [[nodiscard]] Result<QSURL> URLForFileID(std::uint64_t fileID);
 
     /// Brackets the removal of an object by this process itself, which is no half of a save:
-    /// nothing succeeds it under its name. `isGone`: it has no name left. Every call that begins is
-    /// ended.
+    /// no replacement is looked for at its name. `isRemoved`: it has no name left. Every call that
+    /// begins is ended.
     void removalBegins(const ObjectIdentity& object);
-    void removalEnds(const ObjectIdentity& object, bool isGone);
+    void removalEnds(const ObjectIdentity& object, bool isRemoved);
     /// The same for a move after which the object, and nobody else, has its identifier.
     void moveBegins(const ObjectIdentity& object) { removalBegins(object); }
     void moveEnds(const ObjectIdentity& object, bool isDone);
@@ -174,7 +176,7 @@ class VolumeService final : public EventHistory {
                                                                       TrashRecord record);
 
     /// Entries of a folder (hidden ones too), without reading it where the index's count is of this
-    /// very state of the folder; none where it has to be read.
+    /// very state of the folder; none if it has to be read.
     [[nodiscard]] std::optional<std::uint64_t> entryCount(const FileAttributes& folder) const;
 
     /// By which what is removed for its age is dated.

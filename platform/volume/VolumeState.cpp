@@ -135,7 +135,7 @@ Result<VolumeService::State::Located> VolumeService::State::locate(std::uint64_t
 
 bool VolumeService::State::isMissing(ObjectIndex::NodeNumber number) const {
     const auto& top = index.node(index.top(number));
-    return !top.isRoot && top.firstName == ObjectIndex::none && top.isHeld;
+    return !top.isRoot && top.firstName == ObjectIndex::none && top.isDeferred;
 }
 
 ObjectIndex::NodeNumber VolumeService::State::missingObjectOf(const FSEvent& event) const {
@@ -163,7 +163,7 @@ bool VolumeService::State::isThere(const IdentityRequest& request) const {
     };
     const auto place = placeOf(request);
     if (place && isAt(*place)) return true;
-    // It may have moved on; or what has its number now is there.
+    // It may have moved on; or the object that has its number now is there.
     std::optional<QSURL> indexed;
     {
         const std::shared_lock lock(indexMutex);
@@ -212,13 +212,13 @@ bool VolumeService::State::needsDecision(std::span<const IdentityRequest> reques
             index.findObject(index.findInode(request.object->parent.inode), request.name);
         const bool isAsKnown = there == number && number != ObjectIndex::none;
         const bool hasDocument = isKnown && index.node(number).documentID != 0;
-        // While following, whatever is new may be a successor of what has just gone.
+        // While following, any new object may be the replacement of one just removed.
         if (isFollowed) return !isAsKnown;
-        const bool takesAPlace =
+        const bool isAtOtherPlace =
             there != ObjectIndex::none && !isAsKnown && index.node(there).documentID != 0;
         const bool hasMoved =
             hasDocument && !isAsKnown && index.node(number).firstName != ObjectIndex::none;
-        return takesAPlace || hasMoved;
+        return isAtOtherPlace || hasMoved;
     });
 }
 
@@ -229,7 +229,7 @@ Result<std::uint64_t> VolumeService::State::newFileID(std::uint64_t inode) {
 
 Result<void> VolumeService::State::write(std::span<const ObjectRow> rows, bool isDurable,
                                          std::vector<EventRecord>& events,
-                                         std::span<const OrphanChange> orphans) {
+                                         std::span<const UnownedChange> unowned) {
     // Never commit a row before the event that explains it.
     if (!unwritten.empty()) {
         unwritten.insert(unwritten.end(), std::make_move_iterator(events.begin()),
@@ -244,7 +244,7 @@ Result<void> VolumeService::State::write(std::span<const ObjectRow> rows, bool i
         done = store->commit(rows,
                              isDurable || !events.empty() ? IdentityStore::Durability::Identities
                                                           : IdentityStore::Durability::Hints,
-                             events, orphans);
+                             events, unowned);
         if (done) return confirm();
     }
     unwritten = std::move(events);
@@ -259,7 +259,7 @@ Result<void> VolumeService::State::write(std::span<const ObjectRow> rows, bool i
 Result<void> VolumeService::State::confirm() {
     const auto before = store->lastEvent();
     auto done = store->confirm();
-    if (store->lastEvent() != before) hasNews = true;
+    if (store->lastEvent() != before) hasEvents = true;
     if (done && store->popFolderWitnessDue()) folderWitnessIsDue = true;
     return done;
 }
@@ -292,16 +292,16 @@ FSEvent VolumeService::State::present(EventRecord record) const {
     return std::move(record.event);
 }
 
-void VolumeService::State::noteSuspects(std::span<const IdentityRequest> requests) {
+void VolumeService::State::requestRechecks(std::span<const IdentityRequest> requests) {
     const bool isFollowed = follower->isFollowing();
-    std::vector<Suspect> found;
+    std::vector<Recheck> found;
     {
         const std::shared_lock lock(indexMutex);
         for (const auto& request : requests) {
             const auto number = index.findInode(request.object->identity.inode);
             if (!hasPlace(request) || number == ObjectIndex::none) continue;
             const auto& node = index.node(number);
-            // A place that was only told, and one where nothing is or something else.
+            // A place from the request alone, where nothing is or another object.
             const auto folder = index.findInode(request.object->parent.inode);
             const bool isAsKnown =
                 node.stamp != 0 && index.findObject(folder, request.name) == number;
@@ -312,16 +312,16 @@ void VolumeService::State::noteSuspects(std::span<const IdentityRequest> request
     }
     if (found.empty()) return;
     {
-        const std::scoped_lock lock(suspectsMutex);
-        suspects.insert(suspects.end(), std::make_move_iterator(found.begin()),
+        const std::scoped_lock lock(rechecksMutex);
+        rechecks.insert(rechecks.end(), std::make_move_iterator(found.begin()),
                         std::make_move_iterator(found.end()));
     }
     follower->wake();
 }
 
-std::vector<VolumeService::State::Suspect> VolumeService::State::takeSuspects() {
-    const std::scoped_lock lock(suspectsMutex);
-    return std::exchange(suspects, {});
+std::vector<VolumeService::State::Recheck> VolumeService::State::popRechecks() {
+    const std::scoped_lock lock(rechecksMutex);
+    return std::exchange(rechecks, {});
 }
 
 bool VolumeService::State::isRemoving(const ObjectIndex::Node& object) {
@@ -352,19 +352,19 @@ void VolumeService::State::setStorageTrouble(const std::optional<QSError>& now) 
 }
 
 void VolumeService::State::announce() {
-    if (!hasNews.exchange(false)) return;
-    std::vector<std::shared_ptr<Subscriber>> told;
+    if (!hasEvents.exchange(false)) return;
+    std::vector<std::shared_ptr<Subscriber>> reached;
     {
         const std::scoped_lock lock(subscribersMutex);
         std::erase_if(subscribers, [](const auto& subscriber) { return subscriber.expired(); });
         for (const auto& subscriber : subscribers) {
-            if (auto alive = subscriber.lock()) told.push_back(std::move(alive));
+            if (auto alive = subscriber.lock()) reached.push_back(std::move(alive));
         }
     }
     const auto age = std::chrono::steady_clock::now() - lookingSince.load();
-    for (const auto& subscriber : told) {
+    for (const auto& subscriber : reached) {
         const std::scoped_lock lock(subscriber->mutex);
-        if (subscriber->news) subscriber->news(age);
+        if (subscriber->listener) subscriber->listener(age);
     }
 }
 
@@ -373,15 +373,15 @@ Result<VolumeService::Identity> VolumeService::State::assignIdentity(const Ident
     const auto& seen = request.object->identity;
     const bool isKnown = staged.row.fileID != 0 && staged.row.generation == seen.generation;
     // Of two objects that had the number, the one whose attributes are older may be asked for last;
-    // it is gone, and must not take the row from its successor.
+    // it was removed, and must not get the row of its replacement.
     const bool isOther = staged.row.generation != seen.generation &&
                          (staged.row.fileID != 0 ||
                           (staged.row.stamp != 0 && staged.row.stamp != stampOf(*request.object)));
-    const bool isGone = isOther && !isThere(request);
+    const bool isRemoved = isOther && !isThere(request);
     ObjectRow passing = staged.row;
-    auto& row = isGone ? passing : staged.row;
+    auto& row = isRemoved ? passing : staged.row;
     if (!isKnown) {
-        if (auto done = renewIdentity(row, seen, freshOnly || isGone, *store); !done) {
+        if (auto done = renewIdentity(row, seen, freshOnly || isRemoved, *store); !done) {
             return std::unexpected(std::move(done.error()));
         }
     }
@@ -391,8 +391,8 @@ Result<VolumeService::Identity> VolumeService::State::assignIdentity(const Ident
             return std::unexpected(std::move(done.error()));
         }
     }
-    if (!isGone) {
-        staged.isNews |= !isKnown || needsDocument;
+    if (!isRemoved) {
+        staged.isChanged |= !isKnown || needsDocument;
         row.kind = request.object->kind();
         if (hasPlace(request)) staged.request = &request;
     }
@@ -426,22 +426,23 @@ Result<void> VolumeService::State::allocate(std::span<IdentityRequest> requests)
         const auto settled = assignIdentity(request, entry);
         if (!settled) return std::unexpected(settled.error());
         results.push_back(*settled);
-        // The object that had the number has gone unseen.
+        // The object that had the number was removed unseen.
         if (before.fileID != 0 && before.fileID != entry.row.fileID) {
             noteReplaced(before, request, events);
         }
-        // It had gone before it was asked for. Whoever is about to show it has to hear that.
+        // It was removed before it was asked for. Its removal has to be reported to whoever shows
+        // it.
         if (settled->fileID != entry.row.fileID) {
-            auto gone = entry.row;
-            gone.fileID = settled->fileID;
-            gone.documentID = settled->documentID;
-            noteReplaced(gone, request, events);
+            auto former = entry.row;
+            former.fileID = settled->fileID;
+            former.documentID = settled->documentID;
+            noteReplaced(former, request, events);
         }
     }
-    const bool tells = !events.empty();
+    const bool hasEvents = !events.empty();
     std::vector<ObjectRow> rows;
     for (auto& [inode, entry] : staged) {
-        if (!entry.isNews) continue;
+        if (!entry.isChanged) continue;
         // Also where the index is to hear of it from the disk only: it is looked for there, now or
         // after a restart.
         if (entry.request && entry.row.names.empty()) {
@@ -451,7 +452,7 @@ Result<void> VolumeService::State::allocate(std::span<IdentityRequest> requests)
         rows.push_back(entry.row);
     }
     if (auto done = write(rows, true, events); !done) return done;
-    if (tells) follower->wake();
+    if (hasEvents) follower->wake();
     publish(staged);
     captureMetadata(requests);
     for (std::size_t i = 0; i < requests.size(); ++i) requests[i].result = results[i];
@@ -475,21 +476,21 @@ void VolumeService::State::captureMetadata(std::span<const IdentityRequest> requ
     }
 }
 
-void VolumeService::State::noteReplaced(const ObjectRow& gone, const IdentityRequest& request,
+void VolumeService::State::noteReplaced(const ObjectRow& former, const IdentityRequest& request,
                                         std::vector<EventRecord>& events) const {
     EventRecord& record = events.emplace_back();
     record.event.flags = fsEventRemoved;
-    record.event.fileID = gone.fileID;
-    record.event.documentID = gone.documentID;
+    record.event.fileID = former.fileID;
+    record.event.documentID = former.documentID;
     record.event.identifierKind =
-        gone.documentID != 0 ? IdentifierKind::Document : IdentifierKind::File;
+        former.documentID != 0 ? IdentifierKind::Document : IdentifierKind::File;
     std::optional<QSURL> place;
     {
         const std::shared_lock lock(indexMutex);
-        const auto number = index.findFileID(gone.fileID);
+        const auto number = index.findFileID(former.fileID);
         if (number != ObjectIndex::none) place = urlOf(number);
     }
-    // Where it is about to be shown, though it has gone. Its folder may have gone with it.
+    // Where it is about to be shown, though it was removed. Its folder may be missing too.
     if (!place) place = placeOf(request);
     const auto& storage = configuration.files.storageURL();
     record.event.path = place ? place->path() : storage.path() + "/" + std::string(request.name);
@@ -499,7 +500,7 @@ void VolumeService::State::publish(const std::unordered_map<std::uint64_t, Stage
     const bool isFollowed = follower->isCaughtUp();
     const std::unique_lock lock(indexMutex);
     for (const auto& [inode, entry] : staged) {
-        if (!entry.isNews) continue;
+        if (!entry.isChanged) continue;
         const auto number = index.ensure(inode);
         index.setIdentity(number, entry.row);
         if (index.node(number).kind != entry.row.kind) {
@@ -515,7 +516,7 @@ void VolumeService::State::publish(const std::unordered_map<std::uint64_t, Stage
             index.addName(number, folder, name.name);
             index.markStored(number);
         } else {
-            index.setHeld(number, true);
+            index.setDeferred(number, true);
         }
     }
 }

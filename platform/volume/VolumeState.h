@@ -35,7 +35,7 @@ struct VolumeService::State {
     };
     /// REQUIRES: there is no root under that URL.
     void addRoot(const ObjectIdentity& identity, const QSURL& url);
-    /// The root of that URL, also one of the last run that was not added yet; none where there is
+    /// The root of that URL, also one of the last run that was not added yet; none if there is
     /// none. REQUIRES: indexMutex is held.
     [[nodiscard]] ObjectIndex::NodeNumber rootAt(const QSURL& url) const;
 
@@ -57,10 +57,10 @@ struct VolumeService::State {
     /// Whether the object, or a folder above it, has no place now and may get one. REQUIRES: the
     /// caller holds indexMutex.
     [[nodiscard]] bool isMissing(ObjectIndex::NodeNumber number) const;
-    /// Where the object of the request was seen; none where that cannot be told.
+    /// Where the object of the request was seen; none if that is not known.
     [[nodiscard]] std::optional<QSURL> placeOf(const IdentityRequest& request) const;
     /// Whether the object of the request is still where it was seen, or where the index has what
-    /// has its number. True where that cannot be told.
+    /// has its number. True if that is not known.
     [[nodiscard]] bool isThere(const IdentityRequest& request) const;
     /// Answers from the index alone; false where a request has to be allocated first.
     [[nodiscard]] bool answerFromIndex(std::span<IdentityRequest> requests) const;
@@ -74,7 +74,7 @@ struct VolumeService::State {
     Result<void> allocate(std::span<IdentityRequest> requests);
     struct StagedRow {
         ObjectRow row;
-        bool isNews = false;  ///< other than in the store
+        bool isChanged = false;  ///< other than in the store
         const IdentityRequest* request = nullptr;
     };
     Result<Identity> assignIdentity(const IdentityRequest& request, StagedRow& staged);
@@ -82,7 +82,7 @@ struct VolumeService::State {
 
     /// Remembers what user metadata documents had when they got their IDs.
     void captureMetadata(std::span<const IdentityRequest> requests);
-    void noteReplaced(const ObjectRow& gone, const IdentityRequest& request,
+    void noteReplaced(const ObjectRow& former, const IdentityRequest& request,
                       std::vector<EventRecord>& events) const;
 
     /// The file ID for an object whose inode number was never handed out. REQUIRES: storeMutex.
@@ -93,7 +93,7 @@ struct VolumeService::State {
     /// REQUIRES: storeMutex is held.
     Result<void> write(std::span<const ObjectRow> rows, bool isDurable,
                        std::vector<EventRecord>& events,
-                       std::span<const OrphanChange> orphans = {});
+                       std::span<const UnownedChange> unowned = {});
     /// Stores what the ledger of the trash has changed; after a failure the next call does.
     /// REQUIRES: storeMutex is held.
     void storeTrash();
@@ -110,13 +110,13 @@ struct VolumeService::State {
     [[nodiscard]] FSEvent present(EventRecord record) const;
 
     /// An object that was given an identifier though the index does not have it there.
-    struct Suspect {
+    struct Recheck {
         std::uint64_t folder = 0;  ///< inode
         std::string name;
         ObjectIdentity object;
     };
-    void noteSuspects(std::span<const IdentityRequest> requests);
-    [[nodiscard]] std::vector<Suspect> takeSuspects();
+    void requestRechecks(std::span<const IdentityRequest> requests);
+    [[nodiscard]] std::vector<Recheck> popRechecks();
 
     /// Whether this process itself is removing or moving the object, or has and the index does not
     /// know yet.
@@ -128,7 +128,7 @@ struct VolumeService::State {
     void forgetRemovals(std::span<const ObjectIdentity> objects);
 
     void setStorageTrouble(const std::optional<QSError>& now);
-    /// Tells the subscribers if there is something to tell. REQUIRES: no mutex is held.
+    /// Calls the listeners of subscribers if there are new events. REQUIRES: no mutex is held.
     void announce();
 
     // Constant after opening.
@@ -153,10 +153,10 @@ struct VolumeService::State {
 
     struct Subscriber {
         std::mutex mutex;
-        EventHistory::News news;  // guarded by mutex; empty once it let go
+        EventHistory::Listener listener;  // guarded by mutex; empty once it has unsubscribed
     };
-    std::mutex suspectsMutex;
-    std::vector<Suspect> suspects;  // guarded by suspectsMutex
+    std::mutex rechecksMutex;
+    std::vector<Recheck> rechecks;  // guarded by rechecksMutex
 
     std::mutex removalsMutex;  // the last of all
     /// Inode and generation. Guarded by removalsMutex, as the next one.
@@ -168,7 +168,7 @@ struct VolumeService::State {
     std::vector<std::weak_ptr<Subscriber>> subscribers;  // guarded by subscribersMutex
 
     std::atomic<bool> identityIsWeak = false;
-    std::atomic<bool> hasNews = false;
+    std::atomic<bool> hasEvents = false;
     std::atomic<bool> folderWitnessIsDue = false;
     std::atomic<std::chrono::steady_clock::time_point> lookingSince{};  ///< the latest step
     std::unique_ptr<Follower> follower;                                 // the first to go

@@ -63,12 +63,11 @@ class ChangeCommandsTest : public testing::Test {
     std::shared_ptr<tests::ScriptedExtension> extension =
         std::make_shared<tests::ScriptedExtension>();
     int settled = 0;
-    platform::Result<void> settleResult;
+    platform::Result<void> waitResult;
     host::Health health;
     host::NativePaths paths{[](const auto& url) { return url.path(); },
                             [](auto path) { return platform::QSURL::fileURLWithPath(path); }};
-    host::VolumeAccess volume{[this] { return ++settled, settleResult; },
-                              [this] { return health; }};
+    host::VolumeAccess volume{[this] { return ++settled, waitResult; }, [this] { return health; }};
     host::DocumentService service{[this] { return extension; },
                                   {.paths = paths, .volume = volume, .manager = &manager}};
 };
@@ -91,7 +90,7 @@ TEST_F(ChangeCommandsTest, ChangesEndWithTheAnchorToGoOnFrom) {
     EXPECT_EQ(run({"changes", "fid=1", "--since", "Mg=="}), ExitCode::Expired);
 }
 
-TEST_F(ChangeCommandsTest, WatchTellsWhatIsSignalledUntilItIsInterrupted) {
+TEST_F(ChangeCommandsTest, WatchPrintsSignalledChangesUntilItIsInterrupted) {
     auto& folder = extension->containers["fid=1"];
     folder.changes["0"].moreComing = false;
     const std::vector<const char*> words{"--json", "watch", "fid=1", "--since", "MA=="};
@@ -128,7 +127,7 @@ TEST_F(ChangeCommandsTest, DoctorAndSyncFailWhereSomethingIsWrong) {
     EXPECT_EQ(object["isHealthy"], false);
     EXPECT_EQ(object["identity"], "weak");
     EXPECT_EQ(object["problems"].size(), 1U);
-    settleResult = std::unexpected(platform::errorFromErrno(ENOTCONN));
+    waitResult = std::unexpected(platform::errorFromErrno(ENOTCONN));
     health = {};
     EXPECT_EQ(run({"--json", "doctor"}), ExitCode::Failed);
     EXPECT_TRUE(nlohmann::json::accept(read())) << "what is known is shown all the same";

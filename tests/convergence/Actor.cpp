@@ -87,7 +87,7 @@ bool DeedLog::hasJustCome(const std::string& place) const {
     });
 }
 
-std::vector<Deed> DeedLog::take() {
+std::vector<Deed> DeedLog::pop() {
     const std::scoped_lock lock(mutex_);
     return std::exchange(deeds_, {});
 }
@@ -111,7 +111,7 @@ int Actor::closeOpenFile() {
     return open_ < 0 ? EBADF : errorOf(close(std::exchange(open_, -1)));
 }
 
-/// The kernel reports a write under the name that was used. Where that is not watched, or gone
+/// The kernel reports a write under the name that was used. Where that is not watched, or missing
 /// before anybody had seen it, and there are others, nobody hears of it before the next comparison.
 bool Actor::isWriteUnheard(std::string_view verb, const std::string& at) const {
     const auto isOneOf = [&](const auto&... verbs) { return ((verb == verbs) || ...); };
@@ -184,7 +184,7 @@ void Actor::sight(Deed& deed, const std::string& path, const ObjectKey& folder,
                   const ObjectKey& moved) const {
     const auto name = path.substr(path.rfind('/') + 1);
     const auto object = objectKey(path);
-    // What was moved may have gone on at once.
+    // A moved object may have moved on at once.
     if (!moved.empty()) deed.sightings.push_back({placeOf(folder, name), moved});
     if (!object.empty()) {
         deed.sightings.push_back({placeOf(folder, name), object});
@@ -240,7 +240,7 @@ bool Actor::step() {
     // What goes is noted before: another actor may take it from its new place at once.
     const bool goes =
         words[0] == "mv" || words[0] == "rm" || words[0] == "rmtree" || words[0] == "trash";
-    const auto gone = goes ? objectKey(words[1]) : ObjectKey();
+    const auto removed = goes ? objectKey(words[1]) : ObjectKey();
     if (isOwn) {
         auto place = place_.perform(words[0], words[1], words[2]);
         deed.error = place ? 0 : place.error();
@@ -250,11 +250,11 @@ bool Actor::step() {
     }
     if (deed.error == 0) {
         // A hard link of it may be elsewhere.
-        if (words[0] == "rm" && !gone.empty()) deed.left.push_back(gone);
+        if (words[0] == "rm" && !removed.empty()) deed.left.push_back(removed);
         for (std::size_t i = 1; i < words.size(); ++i) {
             if (words[i].empty()) continue;
             if (isOwn) folders[i] = objectKey(folderOf(words[i]));
-            sight(deed, words[i], folders[i], gone);
+            sight(deed, words[i], folders[i], removed);
         }
     } else if (!mayFail) {
         next_ = calls_.size();

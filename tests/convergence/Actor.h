@@ -46,10 +46,10 @@ struct Deed {
 class DeedLog {
   public:
     void add(Deed deed);
-    /// Whether a client looks at the moment, which what is added meanwhile says.
+    /// Whether a client looks at the moment; deeds that are added then say so.
     void setLooking(bool isLooking);
     /// Everything since the last call.
-    [[nodiscard]] std::vector<Deed> take();
+    [[nodiscard]] std::vector<Deed> pop();
     /// Whether something got that name since.
     [[nodiscard]] bool hasJustCome(const std::string& place) const;
     /// The last calls, for people, whether they were taken or not.

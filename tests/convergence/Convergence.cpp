@@ -100,7 +100,7 @@ class Run {
         : options_(options),
           faults_(faultsOf(options)),
           product_(base(), stores_.path().string(),
-                   std::make_shared<KernelMood>(faults_, options.seed), options.mode == 'D') {
+                   std::make_shared<KernelScript>(faults_, options.seed), options.mode == 'D') {
         for (const auto* folder : {"s/.Trash", "s/a/a", "s/a/b", "s/b/a", "out", "l/x/Documents"}) {
             scratch_.makeFolder(folder);
         }
@@ -117,7 +117,7 @@ class Run {
         if (ok()) barrier();
         for (std::size_t next = 0; ok() && next < options_.operations;) {
             const auto end = std::min(next + operationsPerBarrier, options_.operations);
-            product_.mood().setCalm(false);
+            product_.script().setCalm(false);
             looks_ = next / operationsPerBarrier % 3 > 0;
             if (options_.mode == 'D') {
                 runInTurns(next, end);
@@ -261,7 +261,7 @@ class Run {
         return all;
     }
 
-    /// It lists step by step, loses what it has, and goes on from what it once kept.
+    /// It lists step by step, drops its state, and goes on from what it once kept.
     void letThirdRun(Random& random) {
         auto& replica = replicas_[2];
         if (replica.isListing() || below(random, 10) == 0) {
@@ -283,7 +283,7 @@ class Run {
         deed.hidden.push_back(objectKey(documents));
         std::error_code none;
         using Iterator = std::filesystem::recursive_directory_iterator;
-        // The actors may take away what it stands in.
+        // The actors may remove the folder around it.
         for (Iterator at(documents, none), end; at != end; at.increment(none)) {
             const auto& entry = *at;
             const auto object = objectKey(entry.path());
@@ -316,14 +316,14 @@ class Run {
     void barrier() {
         if (!product_.isRunning()) note(product_.start());
         if (!ok()) return;
-        product_.mood().setCalm(true);
+        product_.script().setCalm(true);
         for (auto* replica : allReplicas()) replica->setPatient(false);
-        note(product_.settle());
+        note(product_.waitUntilSettled());
         Ledger::Barrier barrier{
-            .deeds = log_.take(),
+            .deeds = log_.pop(),
             .rows = walk(base(), Product::tagAttribute(), product_.applications())};
         barrier.forgetsIdentifiers = std::exchange(forgetsIdentifiers_, false);
-        barrier.isToldLate = has(faultSplits);
+        barrier.isReportedLate = has(faultSplits);
         replicas_[1].goBack();
         do {
             while (replicas_[2].isListing()) replicas_[2].listStep(product_.service());
@@ -333,10 +333,10 @@ class Run {
         fresh.list(product_.service());
         for (auto* replica : {&replicas_[0], &replicas_[1], &replicas_[2], &fresh}) {
             replica->pull(product_.service());
-            barrier.deleted.merge(replica->takeDeleted());
+            barrier.deleted.merge(replica->popDeleted());
             note(replica->compare(barrier.rows, barrier.identifiers));
-            if (replica->refusals() == 0 || product_.mood().overflows() > 0) continue;
-            // Of the clients of the working set, one is told of another set of applications.
+            if (replica->refusals() == 0 || product_.script().overflows() > 0) continue;
+            // Of the clients of the working set, one gets another set of applications.
             if (!has(faultStoreLoss) && !has(faultLibraries))
                 note("an anchor was refused although nothing was lost");
         }

@@ -72,14 +72,14 @@ class ScriptsTest : public testing::Test {
         }
     }
     /// Identifiers by path, once the replica is what is on disk.
-    std::map<std::string, std::string> settle() {
-        EXPECT_EQ(product.settle(), "");
+    std::map<std::string, std::string> settled() {
+        EXPECT_EQ(product.waitUntilSettled(), "");
         replica.pull(product.service());
-        Ledger::Barrier barrier{.deeds = log.take(),
+        Ledger::Barrier barrier{.deeds = log.pop(),
                                 .rows = walk(scratch.path().string(), Product::tagAttribute())};
         EXPECT_EQ(replica.compare(barrier.rows, barrier.identifiers), "");
         EXPECT_EQ(replica.refusals(), 0U);
-        barrier.deleted = replica.takeDeleted();
+        barrier.deleted = replica.popDeleted();
         EXPECT_EQ(ledger.check(barrier), "");
         std::map<std::string, std::string> byPath;
         tagged.clear();
@@ -95,7 +95,7 @@ class ScriptsTest : public testing::Test {
     DeedLog log;
     Actor actor{0, {scratch.path().string(), Product::tagAttribute(), Product::tagValue()}, log};
     Product product{scratch.path().string(), stores.path().string(),
-                    std::make_shared<KernelMood>(0, 0), true};
+                    std::make_shared<KernelScript>(0, 0), true};
     Replica replica{"R"};
     Ledger ledger;
     Random random{1};
@@ -119,13 +119,13 @@ TEST_F(ScriptsTest, EverySaveKeepsTheDocument) {
             }
         }
         run(folders + documents);
-        auto before = settle();
+        auto before = settled();
         if (!isRunning) product.stop();
         for (const auto& [document, recipe] : saves) {
             run(recipe->on(document));
         }
         ASSERT_EQ(isRunning ? "" : product.start(), "");
-        auto after = settle();
+        auto after = settled();
         for (const auto& [document, recipe] : saves) {
             EXPECT_EQ(after[document], before[document]) << recipe->program << isRunning;
             EXPECT_FALSE(deleted.contains(before[document])) << recipe->program << isRunning;
@@ -136,16 +136,16 @@ TEST_F(ScriptsTest, EverySaveKeepsTheDocument) {
 
 TEST_F(ScriptsTest, WhatIsNoSaveKeepsApart) {
     run("excl s/a|put|close|excl s/b|put|close|excl s/c|put|close|excl s/d|put|close|mkdir s/f");
-    auto before = settle();
+    auto before = settled();
     run("mv s/a s/renamed|excl s/a|put|close|swap s/b s/c|mv s/d out/d");
-    auto after = settle();
+    auto after = settled();
     EXPECT_EQ(after["s/renamed"], before["s/a"]);
     EXPECT_NE(after["s/a"], before["s/a"]);
     EXPECT_EQ(after["s/b"], before["s/c"]);
     EXPECT_EQ(after["s/c"], before["s/b"]);
     EXPECT_TRUE(deleted.contains(before["s/d"]));
     run("mv out/d s/f/d|rm s/b|excl s/z|put|close");
-    after = settle();
+    after = settled();
     EXPECT_EQ(after["s/f/d"], before["s/d"]);
     EXPECT_NE(after["s/z"], before["s/c"]) << "at best its inode number is the same";
     EXPECT_TRUE(deleted.contains(before["s/c"]));
@@ -184,11 +184,11 @@ TEST_F(ScriptsTest, PairsOfCallsConverge) {
         scripts(
             "mkdir @|mkdir @d|excl @f|put|close|excl @d/f|put|close|excl @.h|put|close|"
             "mkdir @p.lutebox|excl @p.lutebox/f|put|close");
-        settle();
+        settled();
         scripts(calls[first]);
         if (first / step % 2 == 0) product.step();
         scripts("");
-        settle();
+        settled();
         EXPECT_FALSE(HasFailure()) << calls[first];
         scripts("rmtree @");
         ledger = {};  // what met here is of no use to the next tree

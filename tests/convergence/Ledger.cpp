@@ -59,18 +59,19 @@ void Ledger::readInterval() {
     for (const auto& deed : now_.deeds) {
         for (const auto& [place, object] : deed.sightings) meet(place, object);
         hidden_.insert(deed.hidden.begin(), deed.hidden.end());
-        // An exchange with something new may be a save; and one of which half was told looks so.
+        // An exchange with something new may be a save; and one of which half was reported looks
+        // so.
         const auto isNew = [&](const auto& seen) { return !old.contains(seen.object); };
         if (deed.call.starts_with("swap ") &&
-            (now_.isToldLate || std::ranges::any_of(deed.sightings, isNew))) {
+            (now_.isReportedLate || std::ranges::any_of(deed.sightings, isNew))) {
             for (const auto& seen : deed.sightings) doubtful_.insert(seen.object);
         }
     }
-    // Twice: a document may have gone over two times in between.
-    for (int i = 0; i < 2; ++i) noteKin(objectsAtPlaces);
-    // What has left the tree looks like what was deleted.
+    // Twice: a document may have moved over two times in between.
+    for (int i = 0; i < 2; ++i) noteRelated(objectsAtPlaces);
+    // An object that left the tree looks like a deleted one.
     const auto goes = [&](const ObjectKey& object) {
-        if (kin_[object].size() > 1) doubtful_.insert(object);
+        if (related_[object].size() > 1) doubtful_.insert(object);
     };
     for (const auto& deed : now_.deeds) std::ranges::for_each(deed.left, goes);
     for (const auto* rows : {&before_.rows, &now_.rows}) {
@@ -80,15 +81,15 @@ void Ledger::readInterval() {
     }
 }
 
-void Ledger::noteKin(const std::map<std::string, std::set<ObjectKey>>& objectsAtPlaces) {
-    const auto before = kin_;
+void Ledger::noteRelated(const std::map<std::string, std::set<ObjectKey>>& objectsAtPlaces) {
+    const auto before = related_;
     for (const auto& [place, together] : objectsAtPlaces) {
         for (const auto& one : together) {
-            kin_[one].insert(together.begin(), together.end());
+            related_[one].insert(together.begin(), together.end());
             for (const auto& other : together) {
                 const auto found = before.find(other);
                 if (found == before.end()) continue;
-                kin_[one].insert(found->second.begin(), found->second.end());
+                related_[one].insert(found->second.begin(), found->second.end());
             }
         }
     }
@@ -96,7 +97,7 @@ void Ledger::noteKin(const std::map<std::string, std::set<ObjectKey>>& objectsAt
 
 std::string Ledger::describe(const ObjectKey& object) const {
     const auto found = path_.find(object);
-    return found == path_.end() ? "what is gone" : found->second;
+    return found == path_.end() ? "a removed object" : found->second;
 }
 
 std::string Ledger::checkObject(const ObjectKey& object, const std::string& identifier) const {
@@ -105,9 +106,10 @@ std::string Ledger::checkObject(const ObjectKey& object, const std::string& iden
         const auto present = known_.find(owner->second);
         const bool hasOther = present != known_.end() && !present->second.at(0).empty() &&
                               present->second.at(0) != identifier;
-        const bool isGone =
+        const bool isRemoved =
             hasOther || !path_.contains(owner->second) || doubtful_.contains(owner->second);
-        if (isDocument(identifier) && isGone && kin_.at(object).contains(owner->second)) return {};
+        if (isDocument(identifier) && isRemoved && related_.at(object).contains(owner->second))
+            return {};
         return identifier + " now names " + describe(object) + "; it was given to " +
                describe(owner->second);
     }
@@ -119,7 +121,7 @@ std::string Ledger::checkObject(const ObjectKey& object, const std::string& iden
 }
 
 /// Judges where the document was and is at one place, and nothing but this save came there in
-/// between. A client that looks half-way has to be told something, and that is final.
+/// between. A client that looks half-way has to get an answer, and that is final.
 std::string Ledger::checkSave(const Deed& save) {
     const auto end = "/" + save.call.substr(5);
     const auto isOwn = [&](const Deed& deed) { return deed.operation == save.operation; };
@@ -127,7 +129,7 @@ std::string Ledger::checkSave(const Deed& save) {
     const auto first = std::ranges::find_if(deeds, isOwn);
     const auto last = std::find_if(deeds.rbegin(), deeds.rend(), isOwn).base();
     std::string place;
-    for (auto deed = first; deed != (now_.isToldLate ? deeds.end() : last); ++deed) {
+    for (auto deed = first; deed != (now_.isReportedLate ? deeds.end() : last); ++deed) {
         if (deed->actor > 1 || deed->isDuringLook || deed->call.contains("own ") ||
             (isOwn(*deed) && deed->error && deed->call[0] != '?'))
             return {};

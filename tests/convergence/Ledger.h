@@ -21,7 +21,7 @@ class Ledger {
         std::map<ObjectKey, std::string> identifiers = {};  ///< of what is shown
         std::set<std::string> deleted = {};                 ///< reported since the last barrier
         bool forgetsIdentifiers = false;                    ///< the store was lost
-        bool isToldLate = false;                            ///< some of it after clients looked
+        bool isReportedLate = false;                        ///< some of it after clients looked
     };
 
     /// The first thing that is wrong, or nothing. A deed "save NAME" says that the operation is a
@@ -33,7 +33,7 @@ class Ledger {
 
   private:
     void readInterval();
-    void noteKin(const std::map<std::string, std::set<ObjectKey>>& objectsAtPlaces);
+    void noteRelated(const std::map<std::string, std::set<ObjectKey>>& objectsAtPlaces);
     [[nodiscard]] std::string checkObject(const ObjectKey& object,
                                           const std::string& identifier) const;
     [[nodiscard]] std::string checkSave(const Deed& save);
@@ -49,8 +49,9 @@ class Ledger {
     // Over the whole run.
     std::map<ObjectKey, std::array<std::string, 2>> known_;  // as document, as file
     std::map<std::string, ObjectKey> owners_;
-    /// Objects that were at the same place at nearly the same time, and their kin before that.
-    std::map<ObjectKey, std::set<ObjectKey>> kin_;
+    /// Objects that were at the same place at nearly the same time, and those related to them
+    /// before.
+    std::map<ObjectKey, std::set<ObjectKey>> related_;
     std::size_t judgedSaves_ = 0;
 };
 

@@ -20,20 +20,20 @@ using platform::KernelEventSource;
 using platform::Result;
 using platform::VolumeService;
 
-Product::Product(std::string base, std::string stores, std::shared_ptr<KernelMood> mood,
+Product::Product(std::string base, std::string stores, std::shared_ptr<KernelScript> script,
                  bool isManual)
     : base_(std::move(base)),
       stores_(std::move(stores)),
-      mood_(std::move(mood)),
+      script_(std::move(script)),
       isManual_(isManual) {}
 
 std::string Product::start() {
     const std::unique_lock life(life_);
     const auto adjust = [this](VolumeService::Configuration& volume) {
-        volume.makeSource = [mood = mood_]() -> Result<std::unique_ptr<KernelEventSource>> {
+        volume.makeSource = [script = script_]() -> Result<std::unique_ptr<KernelEventSource>> {
             auto kernel = platform::makeInotifySource();
             if (!kernel) return kernel;
-            return std::make_unique<ScriptedKernel>(std::move(*kernel), mood);
+            return std::make_unique<ScriptedKernel>(std::move(*kernel), script);
         };
         volume.isManual = isManual_;
         if (!isManual_) return;
@@ -120,10 +120,10 @@ void Product::uninstall(const std::string& application) {
     std::filesystem::remove(entryOf(application));
     applications_.erase(application);
     if (!isManual_ || !isRunning()) return;
-    // What has left before has been told by then: a real queue is complete.
-    mood().setCalm(true);
+    // What left before has been reported then: a real queue is complete.
+    script().setCalm(true);
     refreshApplications();
-    mood().setCalm(false);
+    script().setCalm(false);
 }
 
 std::expected<std::string, int> Product::perform(const std::string& verb, const std::string& at,
@@ -150,18 +150,18 @@ std::expected<std::string, int> Product::perform(const std::string& verb, const 
             });
         });
     } else {
-        item = on(at, [&](const std::string& gone) -> Result<host::ItemRecord> {
-            if (verb == "trash") return mutations.trash(gone, {});
-            const auto done = mutations.remove(gone, {});
+        item = on(at, [&](const std::string& found) -> Result<host::ItemRecord> {
+            if (verb == "trash") return mutations.trash(found, {});
+            const auto done = mutations.remove(found, {});
             if (!done) return std::unexpected(done.error());
             return host::ItemRecord{};
         });
     }
     if (!item) return std::unexpected(EPERM);
     if (item->itemIdentifier.empty()) return std::string();
-    if (isManual_) mood().setCalm(true);
+    if (isManual_) script().setCalm(true);
     const auto place = service_->path(item->itemIdentifier);
-    if (isManual_) mood().setCalm(false);
+    if (isManual_) script().setCalm(false);
     return place ? *place : to;  // out of sight
 }
 
@@ -174,7 +174,7 @@ bool Product::isSignalled() {
     return isManual_ || following_->wait(std::chrono::milliseconds(1));
 }
 
-std::string Product::settle() {
+std::string Product::waitUntilSettled() {
     refreshApplications();
     auto& volume = platform_->volume();
     if (!isManual_) {

@@ -21,7 +21,8 @@ class Product {
   public:
     /// `base` holds the storage "s"; the stores go to `stores`. One that `isManual` does nothing
     /// but in step(), and its clock goes by advance() alone.
-    Product(std::string base, std::string stores, std::shared_ptr<KernelMood> mood, bool isManual);
+    Product(std::string base, std::string stores, std::shared_ptr<KernelScript> script,
+            bool isManual);
     ~Product() { stop(); }
     Product(const Product&) = delete;
     Product& operator=(const Product&) = delete;
@@ -36,11 +37,11 @@ class Product {
     /// REQUIRES: it runs, for all that follow.
     [[nodiscard]] host::DocumentService& service() { return *service_; }
     void step();
-    /// Whether clients were told that there is news; a manual one is not waited for.
+    /// Whether clients were signalled; a manual one is not waited for.
     [[nodiscard]] bool isSignalled();
     void advance(std::chrono::milliseconds time) { clock_ += time.count(); }
     /// Until all that has happened is known. Empty, or why not.
-    [[nodiscard]] std::string settle();
+    [[nodiscard]] std::string waitUntilSettled();
     [[nodiscard]] platform::VolumeService::Statistics statistics() const {
         return platform_->volume().statistics();
     }
@@ -57,7 +58,7 @@ class Product {
                                                           const std::string& at,
                                                           const std::string& to);
 
-    [[nodiscard]] KernelMood& mood() { return *mood_; }
+    [[nodiscard]] KernelScript& script() { return *script_; }
 
     /// The extended attribute that carries tags, and one that carries a tag.
     [[nodiscard]] static std::string tagAttribute();
@@ -68,7 +69,7 @@ class Product {
     void refreshApplications();
 
     const std::string base_, stores_;
-    const std::shared_ptr<KernelMood> mood_;
+    const std::shared_ptr<KernelScript> script_;
     const bool isManual_;
     std::shared_mutex life_;  // shared while it performs, alone where it begins or ends
     std::atomic<std::int64_t> clock_ = 1'000'000;  // ms

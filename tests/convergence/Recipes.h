@@ -36,7 +36,7 @@ struct Operation {
 };
 /// One operation on the small name space: "s" is the tree, "out" a folder beside it.
 [[nodiscard]] Operation randomOperation(Random& random);
-/// The same of one that gives a file more names, or takes some away.
+/// The same of one that gives a file more names, or removes some.
 [[nodiscard]] Operation linkingOperation(Random& random);
 
 }  // namespace tests

@@ -27,7 +27,7 @@ std::string difference(const host::ItemRecord& item, const WalkedRow& row) {
         if (ours != onDisk) text << what << " " << ours << ", on disk " << onDisk << "; ";
     };
     compare("kind", kindOf(item), row.kind);
-    // Of changes of the folder itself nobody is told.
+    // Changes of the folder itself are not reported.
     if (item.itemIdentifier.starts_with('#')) return text.str();
     compare("size", item.documentSize.value_or(0), row.size);
     compare("children", item.childItemCount.value_or(0), row.kind == 'd' ? row.entries : 0);
@@ -97,21 +97,21 @@ void Replica::listStep(host::DocumentService& service) {
     } else if (!page.next && host::meansExpired(page.next.error())) {
         pending_.push_front({next.container});  // it has changed between its pages
     } else if (!page.next && host::meansNoSuchItem(page.next.error())) {
-        // Of a rename the kernel may have told half so far: only then is it found later.
+        // The kernel may have reported half of a rename so far: only then is it found later.
         constexpr int mostRefusals = 4;
         if (++next.refusals < mostRefusals) {
             pending_.push_back({next.container, host::Order::ByName, next.refusals});
         } else {
-            state_.items.erase(next.container);  // if it is there, an update tells
+            state_.items.erase(next.container);  // if it is there, an update follows
         }
     } else if (!page.next) {
-        // Something else took the folder's path meanwhile; that cannot go on for ever.
+        // Another object has the folder's path now; that cannot go on for ever.
         if (!isPatient_ && ++mishaps_ == 100) return fail(page.next.error());
         pending_.push_back({next.container});
     }
 }
 
-void Replica::take(const host::ChangePage& page) {
+void Replica::apply(const host::ChangePage& page) {
     // Libraries come ahead of a page, and those that went with all that was in them.
     const auto isLibrary = [](const auto& identifier) { return identifier.starts_with('#'); };
     const bool isAboutLibraries =
@@ -124,7 +124,7 @@ void Replica::take(const host::ChangePage& page) {
         if (item.isTrashed && isTree())
             failure_ = name_ + ": trashed, but updated: " + item.filename;
         const auto isNew = state_.items.insert_or_assign(item.itemIdentifier, item).second;
-        // It may have gone from a folder not yet listed to one that was, with all that is in it.
+        // It may have moved from a folder not yet listed to one that was, with all that is in it.
         if (isNew && isListed_ && item.isFolder()) pending_.push_back({item.itemIdentifier});
     }
     for (const auto& identifier : page.deletions) {
@@ -138,7 +138,7 @@ void Replica::pull(host::DocumentService& service) {
     if (container_.empty()) return;
     if (isListing_) return list(service);
     const auto reached = service.changes(container_, state_.anchor, [&](const auto& page) {
-        take(page);
+        apply(page);
         return true;
     });
     if (reached) {

@@ -36,8 +36,8 @@ class Replica {
     void listStep(host::DocumentService& service);
     [[nodiscard]] bool isListing() const { return !pending_.empty(); }
 
-    /// Takes over what has changed. An anchor that is refused is counted, and the container listed
-    /// anew.
+    /// Applies the changes since its anchor. An anchor that is refused is counted, and the
+    /// container listed anew.
     void pull(host::DocumentService& service);
     /// While the store cannot be written, calls may fail, and are made again later.
     void setPatient(bool isPatient) { isPatient_ = isPatient; }
@@ -49,7 +49,7 @@ class Replica {
     }
 
     /// Identifiers that were reported deleted since the last call.
-    [[nodiscard]] std::set<std::string> takeDeleted() { return std::exchange(deleted_, {}); }
+    [[nodiscard]] std::set<std::string> popDeleted() { return std::exchange(deleted_, {}); }
 
     /// The first difference to what a walk found; else nothing, and `identifiers` has every object.
     /// `folder`: where the container is, below the base folder.
@@ -69,7 +69,7 @@ class Replica {
     };
 
     void begin(host::DocumentService& service);
-    void take(const host::ChangePage& page);
+    void apply(const host::ChangePage& page);
     /// Below the root; empty where it is in no folder that is known.
     [[nodiscard]] std::string pathOf(const host::ItemRecord& item) const;
     [[nodiscard]] bool isShown(const WalkedRow& row, const std::string& folder) const;

@@ -21,7 +21,7 @@ constexpr std::uint32_t aboutWatches = IN_IGNORED | IN_Q_OVERFLOW | IN_UNMOUNT;
 platform::Result<int> ScriptedKernel::addWatch(int folder) {
     const auto watch = kernel_->addWatch(folder);
     if (!watch || numbers_.contains(*watch)) return watch ? numbers_.at(*watch) : watch;
-    if ((mood_->faults_ & faultWatchLimit) != 0 && numbers_.size() >= mostWatches) {
+    if ((script_->faults_ & faultWatchLimit) != 0 && numbers_.size() >= mostWatches) {
         kernel_->removeWatch(*watch);
         return std::unexpected(platform::errorFromErrno(ENOSPC));
     }
@@ -47,30 +47,31 @@ void ScriptedKernel::removeWatch(int watch) {
 }
 
 bool ScriptedKernel::happens(unsigned fault, std::size_t oneIn) {
-    return !mood_->isCalm_ && (mood_->faults_ & fault) != 0 && below(mood_->random_, oneIn) == 0;
+    return !script_->isCalm_ && (script_->faults_ & fault) != 0 &&
+           below(script_->random_, oneIn) == 0;
 }
 
 std::vector<KernelEvent> ScriptedKernel::read() {
-    takeOver(kernel_->read());
-    if (happens(faultOverflow, 12)) loseTail();
+    receive(kernel_->read());
+    if (happens(faultOverflow, 12)) dropTail();
     if (happens(faultMerges, 2)) mergeNeighbours();
     if (happens(faultGhosts, 3)) inventName();
     auto end = queue_.end();
     if (happens(faultSplits, 2)) {
-        end =
-            queue_.begin() + static_cast<std::ptrdiff_t>(below(mood_->random_, queue_.size() + 1));
+        end = queue_.begin() +
+              static_cast<std::ptrdiff_t>(below(script_->random_, queue_.size() + 1));
     }
     std::vector<KernelEvent> events(queue_.begin(), end);
     queue_.erase(queue_.begin(), end);
     for (const auto& event : events) {
         const bool hasEnded = (event.mask & IN_IGNORED) != 0;
-        if (hasEnded && (mood_->faults_ & faultWatchReuse) != 0) free_.insert(event.watch);
+        if (hasEnded && (script_->faults_ & faultWatchReuse) != 0) free_.insert(event.watch);
     }
     return events;
 }
 
 /// Puts events at the end of the queue, by our own numbers.
-void ScriptedKernel::takeOver(std::vector<KernelEvent> events) {
+void ScriptedKernel::receive(std::vector<KernelEvent> events) {
     for (auto& event : events) {
         const auto number = numbers_.find(event.watch);
         if (number == numbers_.end()) {
@@ -85,11 +86,11 @@ void ScriptedKernel::takeOver(std::vector<KernelEvent> events) {
     }
 }
 
-void ScriptedKernel::loseTail() {
+void ScriptedKernel::dropTail() {
     if (queue_.empty()) return;
-    queue_.resize(below(mood_->random_, queue_.size()));
+    queue_.resize(below(script_->random_, queue_.size()));
     queue_.push_back({-1, IN_Q_OVERFLOW, {}});
-    ++mood_->overflows_;
+    ++script_->overflows_;
 }
 
 void ScriptedKernel::mergeNeighbours() {
@@ -109,8 +110,9 @@ void ScriptedKernel::mergeNeighbours() {
 void ScriptedKernel::inventName() {
     if (numbers_.empty()) return;
     const auto watch = std::next(
-        numbers_.begin(), static_cast<std::ptrdiff_t>(below(mood_->random_, numbers_.size())));
-    queue_.push_back({watch->second, IN_CLOSE_WRITE, "#" + std::to_string(mood_->random_() >> 40)});
+        numbers_.begin(), static_cast<std::ptrdiff_t>(below(script_->random_, numbers_.size())));
+    queue_.push_back(
+        {watch->second, IN_CLOSE_WRITE, "#" + std::to_string(script_->random_() >> 40)});
 }
 
 }  // namespace tests

@@ -12,9 +12,9 @@
 namespace tests {
 
 /// How the kernel behaves in a run, beyond the life of one source. Any thread.
-class KernelMood {
+class KernelScript {
   public:
-    KernelMood(unsigned faults, std::uint64_t seed) : faults_(faults), random_(seed) {}
+    KernelScript(unsigned faults, std::uint64_t seed) : faults_(faults), random_(seed) {}
 
     /// While calm, it keeps nothing back and invents nothing.
     void setCalm(bool isCalm) { isCalm_ = isCalm; }
@@ -29,14 +29,14 @@ class KernelMood {
     Random random_;  // used by the source alone
 };
 
-/// The kernel's own events, told as a kernel may tell them: neighbours merged, cut into several
-/// reads, with names that never were, and with the tail lost where the queue was too short. Watches
-/// are numbers of its own, which it may give away again as soon as the kernel has let go of them.
+/// The kernel's own events, delivered as a kernel may deliver them: neighbours merged, cut into
+/// several reads, with names that never were, and with the tail lost where the queue was too short.
+/// Watches are numbers of its own, which it may use again as soon as the kernel has released them.
 class ScriptedKernel final : public platform::KernelEventSource {
   public:
     ScriptedKernel(std::unique_ptr<platform::KernelEventSource> kernel,
-                   std::shared_ptr<KernelMood> mood)
-        : kernel_(std::move(kernel)), mood_(std::move(mood)) {}
+                   std::shared_ptr<KernelScript> script)
+        : kernel_(std::move(kernel)), script_(std::move(script)) {}
 
     [[nodiscard]] platform::Result<int> addWatch(int folder) override;
     void removeWatch(int watch) override;
@@ -46,13 +46,13 @@ class ScriptedKernel final : public platform::KernelEventSource {
   private:
     [[nodiscard]] bool happens(unsigned fault, std::size_t oneIn);
     [[nodiscard]] int numberOf(int kernelWatch);
-    void takeOver(std::vector<platform::KernelEvent> events);
-    void loseTail();
+    void receive(std::vector<platform::KernelEvent> events);
+    void dropTail();
     void mergeNeighbours();
     void inventName();
 
     const std::unique_ptr<platform::KernelEventSource> kernel_;
-    const std::shared_ptr<KernelMood> mood_;
+    const std::shared_ptr<KernelScript> script_;
     std::map<int, int> numbers_;  // by the kernel's own
     std::set<int> free_;
     int next_ = 1;

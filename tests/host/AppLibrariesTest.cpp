@@ -207,7 +207,7 @@ TEST_F(AppLibrariesTest, LibrariesStandBeforeTheDocumentsAndNoPageSurvivesAnothe
     EXPECT_THAT(service->onePage("#org.a", host::Order::ByName).items, SizeIs(30));
 }
 
-TEST_F(AppLibrariesTest, WhatCannotBeSavedWasToldToNobody) {
+TEST_F(AppLibrariesTest, ChangesThatCannotBeSavedWereNotReported) {
     Client following(service, workingSet, true);
     Client other(service, workingSet);
     setApps({});
@@ -217,7 +217,7 @@ TEST_F(AppLibrariesTest, WhatCannotBeSavedWasToldToNobody) {
     fs::create_directories(searchableCache / "in the way");
     setApps({"org.a"});
     following.sync();  // equal, and upgraded beyond the working set
-    other.sync();      // the same, by an enumerator that is gone with the answer
+    other.sync();      // the same, by an enumerator that ends with the answer
     EXPECT_EQ(following.restarts + other.restarts, 0);
     following.sync();  // equal, but never saved
     EXPECT_EQ(following.restarts, 1);

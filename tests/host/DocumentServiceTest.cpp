@@ -154,7 +154,7 @@ TEST_F(DocumentServiceTest, ARecursiveContainerThatIsRefusedIsJoinedFromFolders)
         extension->containers.clear();
         container(wide).rows = {folder("x"), file("a"), file("b")};
         container(wide).refusedPages = {0, 1, 0};
-        container(root).rows = {folder("x"), file("a"), package, folder("gone")};
+        container(root).rows = {folder("x"), file("a"), package, folder("removed")};
         container("x").rows = {file("b"), folder("y"), file("c")};
         container("x").refusedPages = {1};
         container("y").rows = {file("d")};
@@ -164,10 +164,10 @@ TEST_F(DocumentServiceTest, ARecursiveContainerThatIsRefusedIsJoinedFromFolders)
         const auto listed = list(wide);
         EXPECT_TRUE(result);
         if (wide == workingSet) {
-            EXPECT_THAT(listed,
-                        UnorderedElementsAre("x", "a", "b", "p", "gone", "y", "c", "d", "t", "u"));
+            EXPECT_THAT(listed, UnorderedElementsAre("x", "a", "b", "p", "removed", "y", "c", "d",
+                                                     "t", "u"));
         } else {
-            EXPECT_THAT(listed, UnorderedElementsAre("x", "a", "b", "gone", "y"));
+            EXPECT_THAT(listed, UnorderedElementsAre("x", "a", "b", "removed", "y"));
         }
         EXPECT_EQ(container(wide).tries, 3U);
     }
@@ -196,7 +196,8 @@ TEST_F(DocumentServiceTest, ChangesComePageByPageUntilNothingMoreDoesOrOneFails)
     limit = 1000;
 
     script.changes["2"].failure = platform::errorFromErrno(EIO, "/presented/disk");
-    EXPECT_EQ(changes("f", start), "+a-x-y||") << "a page that fails tells nothing but why";
+    EXPECT_EQ(changes("f", start), "+a-x-y||")
+        << "a page that fails delivers nothing but its error";
     EXPECT_EQ(reached.error(), platform::errorFromErrno(EIO, (scratch / "disk").string()));
     EXPECT_EQ(changes("f", anchor("unknown")), "");
     EXPECT_TRUE(host::meansExpired(reached.error()));
@@ -270,7 +271,7 @@ TEST_F(DocumentServiceTest, AFollowedFolderThatMovesIsWatchedAtItsNewPlace) {
     extension->identifiersByPath.clear();
     signal(allDirectories);
     EXPECT_FALSE((*following)->wait(Millis(0)))
-        << "gone is told by the signal of the folder itself";
+        << "removed is reported by the signal of the folder itself";
 }
 
 }  // namespace

@@ -36,8 +36,8 @@ class HardLinksTest : public tests::InstalledPlatform {
     template <typename T>
     static std::string doubt(const platform::Result<T>& result) {
         if (result) return "done";
-        const auto told = result.error().userInfo.find(platform::QSDescriptionErrorKey);
-        return result.error().code == EMLINK ? told->second : result.error().description();
+        const auto description = result.error().userInfo.find(platform::QSDescriptionErrorKey);
+        return result.error().code == EMLINK ? description->second : result.error().description();
     }
 
     host::DocumentService service{[] { return tidewell::makeLocalFileProvider(); }};
@@ -72,7 +72,7 @@ TEST_F(HardLinksTest, AVerbActsOnTheNameThatWasShown) {
     const auto shown = at(".Trash/b");
     fs::rename(storage() / ".Trash/b", storage() / "a");
     EXPECT_TRUE(host::meansNoSuchItem(verbs.remove(shown, none).error()));
-    EXPECT_EQ(names(), "a x ") << "the name has gone, so nothing was meant";
+    EXPECT_EQ(names(), "a x ") << "the name is missing, so nothing was meant";
 }
 
 TEST_F(HardLinksTest, ABareIdentifierMustMeanOneName) {

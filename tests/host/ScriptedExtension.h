@@ -11,7 +11,7 @@ namespace tests {
 
 using namespace platform;
 
-/// An item of few words; what a test does not name is absent.
+/// An item of few words; fields that a test does not name are missing.
 class ScriptedItem final : public QSFileProviderItem {
   public:
     ScriptedItem(std::string identifier, std::string type = "public.data")
@@ -112,12 +112,12 @@ class ScriptedEnumerator final : public QSFileProviderEnumerator {
         if (found == container_.changes.end()) {
             return observer.finishEnumeratingWithError(syncAnchorExpiredError());
         }
-        const auto& told = found->second;
-        observer.didUpdateItems(told.updates);
-        observer.didDeleteItemsWithIdentifiers(told.deletions);
-        if (told.failure) return observer.finishEnumeratingWithError(*told.failure);
-        observer.finishEnumeratingChangesUpToSyncAnchor(dataFromString(told.anchor),
-                                                        told.moreComing);
+        const auto& page = found->second;
+        observer.didUpdateItems(page.updates);
+        observer.didDeleteItemsWithIdentifiers(page.deletions);
+        if (page.failure) return observer.finishEnumeratingWithError(*page.failure);
+        observer.finishEnumeratingChangesUpToSyncAnchor(dataFromString(page.anchor),
+                                                        page.moreComing);
     }
 
     void answer(QSFileProviderEnumerationObserver& observer, const QSFileProviderPage& page) {

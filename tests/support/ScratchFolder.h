@@ -17,7 +17,7 @@ inline std::string contentOf(const std::filesystem::path& path) {
 }
 
 /// A folder of its own for one test, on the file system that TMPDIR names (the build folder's where
-/// it is not set, so that tests run on a real disk), gone afterwards.
+/// it is not set, so that tests run on a real disk), removed afterwards.
 class ScratchFolder {
   public:
     ScratchFolder() : ScratchFolder(usualParent()) {}

@@ -35,10 +35,10 @@ class ScriptedHistory final : public platform::EventHistory {
         }
         return found;
     }
-    std::shared_ptr<void> subscribe(News news) override {
+    std::shared_ptr<void> subscribe(Listener listener) override {
         const std::scoped_lock lock(subscribers_->mutex);
         const auto number = subscribers_->next++;
-        subscribers_->all[number] = std::move(news);
+        subscribers_->all[number] = std::move(listener);
         // Handles may go after the history.
         return {nullptr, [number, subscribers = subscribers_](void*) {
                     const std::scoped_lock unsubscribing(subscribers->mutex);
@@ -52,7 +52,7 @@ class ScriptedHistory final : public platform::EventHistory {
             event.id = ++current_;
             events_.push_back(std::move(event));
         }
-        tell();
+        notify();
         return currentEventID();
     }
     /// Forgets what happened up to the ID.
@@ -65,11 +65,11 @@ class ScriptedHistory final : public platform::EventHistory {
             const std::scoped_lock lock(mutex_);
             isCaughtUp_ = isCaughtUp;
         }
-        tell();
+        notify();
     }
-    void tell() {
+    void notify() {
         const std::scoped_lock lock(subscribers_->mutex);
-        for (const auto& [number, news] : subscribers_->all) news({});
+        for (const auto& [number, listener] : subscribers_->all) listener({});
     }
     std::uint64_t reads() const {
         const std::scoped_lock lock(mutex_);
@@ -84,7 +84,7 @@ class ScriptedHistory final : public platform::EventHistory {
     struct Subscribers {
         std::mutex mutex;
         // Guarded by mutex, which is held while they are called.
-        std::map<int, News> all;
+        std::map<int, Listener> all;
         int next = 0;
     };
 

@@ -56,9 +56,9 @@ class ChangesFixture : public InstalledPlatform {
         return event;
     }
     /// An event about a document that was never on the disk.
-    FSEvent goneEvent(std::uint32_t documentID) const {
+    FSEvent removedEvent(std::uint32_t documentID) const {
         return {.flags = fsEventRemoved,
-                .path = url("gone/" + std::to_string(documentID)).path(),
+                .path = url("removed/" + std::to_string(documentID)).path(),
                 .fileID = std::uint64_t{5'000'000'000} + documentID,
                 .identifierKind = IdentifierKind::Document,
                 .documentID = documentID};

@@ -64,24 +64,25 @@ class ChangesTest : public tests::ChangesFixture {
     }
     /// Every page from the token on, each by an enumerator of its own, as after a restart.
     std::multiset<std::string> everyPage(FSChangeToken token, std::size_t pages) {
-        std::multiset<std::string> told;
+        std::multiset<std::string> reported;
         const auto firstOffset = token.offset > INT64_MAX ? 0 : token.offset;
         for (bool more = true; more; --pages) {
             EXPECT_GT(pages, 0u);
             const auto page = changes(*enumeratorOf(workingSet), token);
-            if (!page->anchor || pages == 0) return told;
-            for (const auto& [identifier, item] : page->updated) told.insert(identifier);
-            told.insert(page->deleted.begin(), page->deleted.end());
+            if (!page->anchor || pages == 0) return reported;
+            for (const auto& [identifier, item] : page->updated) reported.insert(identifier);
+            reported.insert(page->deleted.begin(), page->deleted.end());
             more = page->moreComing;
-            EXPECT_EQ(page->updated.size() + page->deleted.size(), more ? 100u : told.size() % 100);
+            EXPECT_EQ(page->updated.size() + page->deleted.size(),
+                      more ? 100u : reported.size() % 100);
             const auto reached = FSChangeToken::fromData(page->anchor).value();
-            EXPECT_EQ(reached.offset, firstOffset + told.size());
+            EXPECT_EQ(reached.offset, firstOffset + reported.size());
             EXPECT_TRUE(more ? reached.streamEventID > token.streamEventID
                              : reached.streamEventID == scripted.currentEventID());
             token = reached;
         }
         EXPECT_EQ(pages, 0u);
-        return told;
+        return reported;
     }
 };
 
@@ -93,10 +94,11 @@ TEST_F(ChangesTest, EveryChangeOnceWhicheverReaderHasIt) {
             auto token = present();
             token.offset = offset;
             for (std::uint32_t i = 0; i < static_cast<std::uint32_t>(count); ++i) append(i);
-            const auto told = everyPage(token, 6);
-            return told.size() == 500 && std::set(told.begin(), told.end()).size() == 500;
+            const auto reported = everyPage(token, 6);
+            return reported.size() == 500 &&
+                   std::set(reported.begin(), reported.end()).size() == 500;
         };
-        const auto byPath = [&](std::uint32_t i) { scripted.append(goneEvent(7000 + i)); };
+        const auto byPath = [&](std::uint32_t i) { scripted.append(removedEvent(7000 + i)); };
         const auto byDocumentID = [&](std::uint32_t i) { appendDocIDChange(known[i]); };
         EXPECT_TRUE(isWhole(byPath, 500)) << offset;
         EXPECT_TRUE(isWhole(byDocumentID, 500)) << offset;
@@ -114,7 +116,7 @@ TEST_F(ChangesTest, WhatIsLostExpiresTheAnchor) {
         EXPECT_THAT(answer->updated, IsEmpty());
         return answer->error && answer->error->code == QSFileProviderErrorSyncAnchorExpired;
     };
-    for (std::uint32_t i = 0; i < 50; ++i) scripted.append(goneEvent(7000 + i));
+    for (std::uint32_t i = 0; i < 50; ++i) scripted.append(removedEvent(7000 + i));
     scripted.append({.flags = fsEventKernelDropped, .path = url("other").path()});
     EXPECT_FALSE(expires(start, "d"));
     scripted.append({.flags = fsEventKernelDropped, .path = url("d/deep").path()});
@@ -137,7 +139,7 @@ TEST_F(ChangesTest, AnswersWithWhatHappenedWhileNobodyWatched) {
     const auto enumerator = enumeratorOf(workingSet);
     const auto collector = std::make_shared<tests::ChangeCollector>();
     enumerator->enumerateChangesForObserver(collector, token.data());
-    const auto last = scripted.append(goneEvent(7000));
+    const auto last = scripted.append(removedEvent(7000));
     scripted.setCaughtUp(true);
     wait(*collector);
     EXPECT_THAT(collector->deleted, ElementsAre("did=7000"));
@@ -157,7 +159,7 @@ TEST_F(ChangesTest, StoppingAndClosingAnswer) {
         if (closes) {
             ASSERT_TRUE(await("three streams", [&] { return scripted.subscriberCount() == 3; }));
             installed.reset();
-            scripted.tell();
+            scripted.notify();
         } else {
             enumerator->stop();
         }
@@ -195,15 +197,15 @@ class FollowedTest : public tests::ChangesFixture {
         adjustVolume = [this](VolumeService::Configuration& configuration) {
             using namespace std::chrono_literals;
             configuration.isManual = true;
-            configuration.windows = {.rest = 1ms, .successor = 2ms, .rename = 4ms};
+            configuration.windows = {.rest = 1ms, .replacement = 2ms, .rename = 4ms};
             configuration.makeSource = [this]() -> Result<std::unique_ptr<KernelEventSource>> {
                 return std::make_unique<InterruptedKernel>(beforeRead);
             };
         };
         restart();
-        settle();
+        waitUntilSettled();
     }
-    void settle() { ASSERT_TRUE(installed->volume().waitUntilSettled()); }
+    void waitUntilSettled() { ASSERT_TRUE(installed->volume().waitUntilSettled()); }
     /// An enumerator as a host gets it, of the folder that is there now.
     std::shared_ptr<LocalFileEnumerator> lookedUp(const std::string& below) const {
         const auto identifier = itemIdentifier(url(below)).value();
@@ -226,7 +228,7 @@ TEST_F(FollowedTest, ChangesOfAFolderThatMovesAreReportedOrItsAnchorExpires) {
                                                   {{"up", "up2"}, {"up2", "up"}}};
     for (const auto& steps : moves) {
         int reads = 0;
-        // Before the changes are asked for, before each read meanwhile, and not at all.
+        // Before the changes are asked for, before each read, and not at all.
         for (int at = 0; at <= reads + 1; ++at) {
             for (const auto& entry : std::filesystem::directory_iterator(storage())) {
                 std::filesystem::remove_all(entry.path());
@@ -234,12 +236,12 @@ TEST_F(FollowedTest, ChangesOfAFolderThatMovesAreReportedOrItsAnchorExpires) {
             std::filesystem::remove_all(scratch / "out");
             for (int i = 0; i < 3; ++i) (void)file("up/F/" + std::to_string(i));
             (void)file("up/S/stranger");
-            settle();
+            waitUntilSettled();
             const auto enumerator = lookedUp("up/F");
             const auto known = tests::onePage(*enumerator);
             const auto token = present();
             for (const auto& item : known->items) (void)file("up/F/" + item->filename());
-            settle();
+            waitUntilSettled();
             auto next = steps.begin();
             reads = 0;
             const auto move = [&] {
@@ -247,14 +249,14 @@ TEST_F(FollowedTest, ChangesOfAFolderThatMovesAreReportedOrItsAnchorExpires) {
                 std::filesystem::rename(storage() / next->first, storage() / next->second);
                 ++next;
             };
-            if (at == 0) move(), settle();
+            if (at == 0) move(), waitUntilSettled();
             beforeRead = move;
-            const auto told = changes(*enumerator, token);
+            const auto reported = changes(*enumerator, token);
             const auto page = tests::onePage(*enumerator);
             beforeRead = nullptr;
             const auto where = steps.front().first + " at read " + std::to_string(at);
-            EXPECT_TRUE(hasExpired(told->error) || told->updated.size() == 3) << where;
-            for (const auto& [identifier, item] : told->updated) {
+            EXPECT_TRUE(hasExpired(reported->error) || reported->updated.size() == 3) << where;
+            for (const auto& [identifier, item] : reported->updated) {
                 EXPECT_NE(item->filename(), "stranger") << where;
             }
             EXPECT_TRUE(hasExpired(page->error) || page->names() == known->names()) << where;
@@ -268,7 +270,7 @@ TEST_F(FollowedTest, WhatCannotBeIdentifiedIsNeitherLeftOutNorDeleted) {
     EXPECT_THAT(tests::onePage(*enumerator)->items, SizeIs(1));
     const auto token = present();
     for (int i = 0; i < 3; ++i) (void)file("a/new" + std::to_string(i));
-    settle();
+    waitUntilSettled();
     {
         const tests::FullDisk full;
         const auto answer = changes(*enumerator, token);
@@ -323,7 +325,7 @@ class CoverTest : public tests::ChangesFixture {
 TEST_F(CoverTest, WhatAnEventMeansIsSeenOnTheDisk) {
     auto wrong = kept;
     wrong.flags = fsEventRemoved;
-    auto never = goneEvent(0);
+    auto never = removedEvent(0);
     never.fileID = 0;
     auto other = kept;
     other.documentID = 4'000'000;
@@ -394,9 +396,9 @@ TEST_F(ChangesTest, SignalsOnceForABatchAndWaitsForTheAnswerUpToItsLimit) {
         const auto notifier = FSChangesNotifier::make("fid=1", {url()}, limit);
         notifier->start();
         ASSERT_TRUE(await("a stream", [&] { return scripted.subscriberCount() == 1; }));
-        for (std::uint32_t i = 0; i < 300; ++i) scripted.append(goneEvent(8000 + i));
+        for (std::uint32_t i = 0; i < 300; ++i) scripted.append(removedEvent(8000 + i));
         ASSERT_TRUE(await("the signal of the batch", signalled));
-        scripted.append(goneEvent(9000));
+        scripted.append(removedEvent(9000));
         const bool isAnswered = limit > tests::longestWait;
         if (isAnswered) signals[0](std::nullopt);
         ASSERT_TRUE(await("the signal of what came during the wait", signalled));

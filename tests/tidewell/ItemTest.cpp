@@ -81,7 +81,7 @@ TEST_F(ItemTest, ChildCountSaturates) {
     EXPECT_EQ(LocalItem::initWithURL(url("busy"))->childItemCount(), 65'535);
 }
 
-TEST_F(ItemTest, MetadataOfTheWrongClassIsAbsentAndTheItemWhole) {
+TEST_F(ItemTest, MetadataOfTheWrongClassIsMissingAndTheItemWhole) {
     const FileDescriptor fd(open(file("a").c_str(), O_RDONLY));
     const std::vector<QSData> wrong = {
         dataFromString("no archive"),

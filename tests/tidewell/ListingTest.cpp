@@ -49,7 +49,7 @@ TEST_F(ListingTest, WalkGivesTheSameWhetherItGoesOnOrCounts) {
     fill("a", 30);
     fill("a/b/c", 20);
     fill("p.lutebox", 5);
-    fill(".Trash/gone", 5);
+    fill(".Trash/old", 5);
     fill(".hidden", 5);
     std::filesystem::create_directory_symlink("a", storage() / "link");
     const auto whole = walked(walkWithoutPageLimit, true, 3);

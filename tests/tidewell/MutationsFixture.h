@@ -79,9 +79,9 @@ class MutationsFixture : public InstalledPlatform {
     std::string libraryID(const std::string& below) {
         return provider->persistentIdentifierForItemAtURL(libraryURL(below)).value_or("none");
     }
-    /// The item's URL; "gone" below the root where there is none.
+    /// The item's URL; "missing" below the root where there is none.
     QSURL place(const std::string& identifier) {
-        return provider->URLForItemWithPersistentIdentifier(identifier).value_or(url("gone"));
+        return provider->URLForItemWithPersistentIdentifier(identifier).value_or(url("missing"));
     }
 
     template <typename Call>

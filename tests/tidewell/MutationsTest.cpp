@@ -90,7 +90,7 @@ TEST_F(MutationsTest, WhatIsFoundIsWhatWasAskedFor) {
     EXPECT_EQ(place(sub + "junk"), url("in/sub")) << "as numbers of identifiers are read";
     // A folder that becomes a package is another item.
     fs::rename(storage() / "in/sub", storage() / "in/sub.quire");
-    EXPECT_EQ(place(sub), url("gone"));
+    EXPECT_EQ(place(sub), url("missing"));
     EXPECT_EQ(remove(sub), QPItemNotFoundError(sub));
     EXPECT_EQ(logged(LogLevel::Error, "where \"" + sub + "\" was asked for").size(), 2U);
     EXPECT_TRUE(fs::exists(storage() / "in/sub.quire"));
@@ -306,7 +306,7 @@ TEST_F(MutationsTest, WhatCannotBeRenamedIsCopiedAndRemoved) {
 }
 
 /// What was meant itself is swept by killing the command.
-TEST_F(MutationsTest, AFolderThatIsRenamedMeanwhileIsFoundByItsIdentity) {
+TEST_F(MutationsTest, AFolderThatIsRenamedDuringTheWorkIsFoundByItsIdentity) {
     const auto source = scratch.makeFile("source");
     const auto in = id("in");
     const fs::path records = installed->folders().state + "/unfinished";
@@ -327,7 +327,7 @@ TEST_F(MutationsTest, AFolderThatIsRenamedMeanwhileIsFoundByItsIdentity) {
     restart();
     start();
     end();
-    installed.reset();  // waits for what has begun
+    installed.reset();  // waits for work that has begun
     EXPECT_TRUE(fs::is_empty(storage() / "renamed"));
     EXPECT_TRUE(fs::is_empty(records));
 }
@@ -381,7 +381,7 @@ TEST_F(MutationsTest, AStrangerThatAKilledProcessSetAsideGoesBack) {
     restart();
     start();
     end();
-    installed.reset();  // waits for what has begun
+    installed.reset();  // waits for work that has begun
     EXPECT_EQ(pathsBelow(storage() / "in"), (std::set<std::string>{"taken", "taken 2"}));
     EXPECT_THAT(pathsBelow(records), testing::ElementsAre("not a record"));
 }

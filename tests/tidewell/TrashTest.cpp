@@ -149,12 +149,12 @@ TEST_F(TrashTest, APathThatCannotBeBuiltHasNoTrash) {
     EXPECT_EQ(logged(LogLevel::Error, "can't build trash URL from components \"a").size(), 1U);
 }
 
-TEST_F(TrashTest, WhatCannotBePutBackGoesWhereItIsTold) {
+TEST_F(TrashTest, AnItemThatCannotBePutBackGoesToTheGivenFolder) {
     (void)file("Documents/a");
     const auto item = id("Documents/a");
     ASSERT_TRUE(trash(item));
     EXPECT_EQ(place(item), url(".Trash/a")) << "the first Documents of a path has the trash";
-    // From the storage: nothing tells where it was, and a trashed parent is none.
+    // From the storage: nothing says where it was, and a trashed parent is none.
     (void)file(".Trash/folder/x");
     EXPECT_EQ(untrash(item, id(".Trash/folder")).error(),
               QPInvalidParameterError("itemIdentifier", item));
@@ -210,7 +210,7 @@ TEST_F(TrashTest, APutBackRecordNeverLeadsOutOfTheLibrary) {
     EXPECT_EQ(contentOf(scratch / "containers/org.a/secret"), "untouched");
 }
 
-TEST_F(TrashTest, OldTrashIsRemovedAndWhatHasNoDateGetsOne) {
+TEST_F(TrashTest, OldTrashIsRemovedAndItemsWithoutDateGetOne) {
     const QSDate reference{1'700'000'000, 0};
     for (const auto* where : {"storage", "containers/org.a/Documents"}) {
         const auto trashFolder = scratch.makeFolder(std::string(where) + "/.Trash");

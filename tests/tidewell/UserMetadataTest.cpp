@@ -78,7 +78,7 @@ TEST_F(UserMetadataTest, WhatCannotBeKeptFailsButForTheDate) {
     EXPECT_EQ(kept("a", LocalItem::xattrFavoriteRankName()), std::nullopt);
 }
 
-TEST_F(UserMetadataTest, NothingIsWrittenToWhatTookTheNameMeanwhile) {
+TEST_F(UserMetadataTest, NothingIsWrittenToAnotherObjectAtTheName) {
     (void)file("a");
     const auto meant = url("a");
     ASSERT_TRUE(installed->files().attributes(meant));

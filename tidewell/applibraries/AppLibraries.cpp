@@ -72,15 +72,15 @@ Result<bool> AppLibraries::refresh() {
         return changed;
     }
     finishWhatWasLeft();
-    std::vector<std::shared_ptr<std::function<void()>>> told;
+    std::vector<std::shared_ptr<std::function<void()>>> reached;
     {
         const std::scoped_lock lock(mutex_);
         std::erase_if(listeners_, [](const auto& listener) { return listener.expired(); });
         for (const auto& listener : listeners_) {
-            if (auto alive = listener.lock()) told.push_back(std::move(alive));
+            if (auto alive = listener.lock()) reached.push_back(std::move(alive));
         }
     }
-    for (const auto& listener : told) (*listener)();
+    for (const auto& listener : reached) (*listener)();
     return changed;
 }
 

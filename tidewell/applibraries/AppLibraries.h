@@ -10,9 +10,9 @@
 namespace tidewell {
 
 /// The app libraries of the process: the two caches, the manager that follows the registry into the
-/// main one, and the manager whose upgrades tell what the working set has yet to be told. Whoever
-/// publishes a new set also brings the table of roots and the volume's roots up to it, before
-/// anyone can see its version. docs/app-libraries.md tells the whole. Any thread.
+/// main one, and the manager whose upgrades give the changes that the working set still has to
+/// report. Whoever publishes a new set also brings the table of roots and the volume's roots up to
+/// it, before anyone can see its version. docs/app-libraries.md has the whole. Any thread.
 class AppLibraries {
   public:
     /// Reads both caches and, where the main one is missing or was reset, the registry; from then

@@ -89,10 +89,10 @@ LocalAppLibraryManager::LocalAppLibraryManager(std::shared_ptr<LocalAppLibraryCa
         logError(
             [&] { return "can't create app library from bundle proxy " + descriptionOf(*bundle); });
     }
-    take(content);
+    adopt(content);
 }
 
-void LocalAppLibraryManager::take(const AppLibraryContent& content) {
+void LocalAppLibraryManager::adopt(const AppLibraryContent& content) {
     versionToken_ = content.versionToken;
     bundleProxiesByRootURLs_ = rootsOf(content.bundleProxies);
 }
@@ -159,7 +159,7 @@ Result<bool> LocalAppLibraryManager::refresh(const Source& source, const Show& s
             cacheSource_->setUnsaved(bundles, show);
         }
         if (updated && !*updated) return;
-        take(cacheSource_->content());
+        adopt(cacheSource_->content());
         logInfo([&] { return "main cache version token is now " + std::to_string(versionToken_); });
     });
     return updated;
@@ -185,7 +185,7 @@ std::optional<AppLibraryUpgrade> LocalAppLibraryManager::upgradeFromMainCache(
         }
         const auto before = std::move(bundleProxiesByRootURLs_);
         const auto version = versionToken_;
-        take(content);
+        adopt(content);
         if (version == versionToken_ && before == bundleProxiesByRootURLs_) return;
         for (const auto& [root, bundle] : before) {
             if (!bundleProxiesByRootURLs_.contains(root)) upgrade->lost.push_back(bundle);

@@ -15,7 +15,7 @@
 
 namespace tidewell {
 
-/// What an upgrade did. Whom it concerns is told by the caller, once it has left the queue.
+/// What an upgrade did. The caller notifies others of it, once it has left the queue.
 struct AppLibraryUpgrade {
     bool changed = false;
     std::uint64_t versionToken = 0;    ///< where the manager stands now
@@ -26,7 +26,7 @@ struct AppLibraryUpgrade {
 };
 
 /// One view of the set of app libraries, at one version, over one of the two caches. It moves when
-/// it is told to, and only then. Any thread.
+/// it is asked to, and only then. Any thread.
 class LocalAppLibraryManager {
   public:
     /// Takes over what the cache holds now.
@@ -61,7 +61,7 @@ class LocalAppLibraryManager {
     [[nodiscard]] const SerialQueue& queue() const { return queue_; }
 
   private:
-    void take(const AppLibraryContent& content);
+    void adopt(const AppLibraryContent& content);
 
     // Constant after construction.
     std::shared_ptr<LocalAppLibraryCache> cacheSource_;

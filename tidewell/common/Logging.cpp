@@ -14,7 +14,7 @@ const Log& logHandle() {
     return handle;
 }
 
-std::uint64_t LogSection::takeNumber() {
+std::uint64_t LogSection::nextNumber() {
     static const SerialQueue& queue = *new SerialQueue("tidewell.log-section");
     static std::uint64_t counter = 0;  // used only on the queue
     std::uint64_t number = 0;

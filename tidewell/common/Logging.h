@@ -46,7 +46,7 @@ void logDebug(Text&& text) {
 class LogSection {
   public:
     template <typename Title>
-    explicit LogSection(Title&& title) : number_(takeNumber()) {
+    explicit LogSection(Title&& title) : number_(nextNumber()) {
         logDebug([&] {
             std::string line = "┏" + std::to_string(number_) + " ";
             if constexpr (requires { std::string_view(title); }) {
@@ -64,7 +64,7 @@ class LogSection {
     [[nodiscard]] std::uint64_t number() const { return number_; }
 
   private:
-    static std::uint64_t takeNumber();
+    static std::uint64_t nextNumber();
 
     std::uint64_t number_;
 };

@@ -18,7 +18,7 @@ namespace tidewell {
 
 using namespace platform;
 
-/// The attribute's bytes (of a link itself); none where it is absent or cannot be read.
+/// The attribute's bytes (of a link itself); none if it is missing or cannot be read.
 [[nodiscard]] std::optional<QSData> initWithValueOfXattr(std::string_view name, const QSURL& at);
 
 /// Sets the attribute of the open file or, without bytes, removes it; removing what is not there
@@ -26,7 +26,7 @@ using namespace platform;
 Result<void> setOrRemoveXattr(int descriptor, std::string_view name,
                               const std::optional<QSData>& bytes);
 
-/// Resource values by wanted type. None where absent, of another type (not logged) or unreadable.
+/// Resource values by wanted type. None if missing, of another type (not logged) or unreadable.
 [[nodiscard]] std::optional<std::string> stringResource(const QSURL& url, QSResourceKey key);
 [[nodiscard]] std::optional<std::uint64_t> numberResource(const QSURL& url, QSResourceKey key);
 [[nodiscard]] std::optional<bool> booleanResource(const QSURL& url, QSResourceKey key);

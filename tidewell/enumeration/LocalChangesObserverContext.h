@@ -27,7 +27,7 @@ class LocalChangesObserverContext final : public QSFileProviderChangeObserver {
     void didUpdateItems(std::vector<ItemRef> items) override;
     void didDeleteItemsWithIdentifiers(
         std::vector<QSFileProviderItemIdentifier> identifiers) override;
-    // Not handed on where the enumeration has gone.
+    // Not handed on once the enumeration has ended.
     void finishEnumeratingChangesUpToSyncAnchor(QSFileProviderSyncAnchor anchor,
                                                 bool moreComing) override;
     void finishEnumeratingWithError(QSError error) override;

@@ -20,8 +20,8 @@ namespace tidewell {
 
 using namespace platform;
 
-/// Lists one folder, the working set or all directories, in pages, and tells what changes there. A
-/// page token stays good while nothing happens in the folders.
+/// Lists one folder, the working set or all directories, in pages, and reports what changes there.
+/// A page token stays good while nothing happens in the folders.
 class LocalFileEnumerator final : public QSFileProviderEnumerator,
                                   public std::enable_shared_from_this<LocalFileEnumerator> {
   public:

@@ -9,8 +9,8 @@
 #include "platform/tree/PathRelation.h"
 #include "platform/tree/TreeLayout.h"
 #include "tidewell/common/Logging.h"
+#include "tidewell/fs/ObjectLookup.h"
 #include "tidewell/fs/VolumeIdentity.h"
-#include "tidewell/fs/Whereabouts.h"
 
 namespace tidewell {
 
@@ -159,11 +159,11 @@ void LocalRootEnumerator::enumerateChangesForObserver(
     // Before the set is read: the roots of a set that comes later are recorded after this event, so
     // no anchor that names an older set has passed them.
     const auto upToEventID = endOfHistory();
-    auto told = appLibraryStep(*token);
-    if (!told) return observer->finishEnumeratingWithError(told.error());
-    if (!told->items.empty()) observer->didUpdateItems(std::move(told->items));
-    if (!told->deletions.empty()) {
-        observer->didDeleteItemsWithIdentifiers(std::move(told->deletions));
+    auto changes = appLibraryStep(*token);
+    if (!changes) return observer->finishEnumeratingWithError(changes.error());
+    if (!changes->items.empty()) observer->didUpdateItems(std::move(changes->items));
+    if (!changes->deletions.empty()) {
+        observer->didDeleteItemsWithIdentifiers(std::move(changes->deletions));
     }
     if (upToEventID == LocalFileEnumerator::noLimit) {
         observer = std::make_shared<PublicationGuard>(
@@ -215,7 +215,8 @@ bool LocalRootEnumerator::isUsable(std::uint64_t changeTokenVersion,
     return false;
 }
 
-Result<LocalRootEnumerator::Told> LocalRootEnumerator::appLibraryStep(FSChangeToken& token) {
+Result<LocalRootEnumerator::LibraryChanges> LocalRootEnumerator::appLibraryStep(
+    FSChangeToken& token) {
     const auto changeTokenVersion = token.appLibraryVersionToken;
     if (!isUsable(changeTokenVersion, appLibraryManager_.versionToken())) {
         return std::unexpected(syncAnchorExpiredError());
@@ -237,23 +238,23 @@ Result<LocalRootEnumerator::Told> LocalRootEnumerator::appLibraryStep(FSChangeTo
     token.appLibraryVersionToken = upgrade->versionToken;
     if (isWorkingSet_) saveWorkingSet();
 
-    Told told;
+    LibraryChanges changes;
     // Another caller may have upgraded the manager since the token was found to match it.
     if (upgrade->versionToken != changeTokenVersion || changeTokenVersion == 0) {
-        told.items = appLibraryManager_.appLibraryItems();
+        changes.items = appLibraryManager_.appLibraryItems();
     }
-    // A library may have come and gone, with what was moved there. And a token that names no
-    // version does not say either which libraries its host has listed.
-    if (upgrade->versionToken == changeTokenVersion && changeTokenVersion != 0) return told;
+    // A library may have been added and removed, with what was moved there. And a token that names
+    // no version does not say either which libraries its host has listed.
+    if (upgrade->versionToken == changeTokenVersion && changeTokenVersion != 0) return changes;
     auto lost = identifiersLost(token.streamEventID);
     if (!lost) return std::unexpected(std::move(lost.error()));
-    told.deletions = upgrade->removedIdentifiers();
-    for (const auto& identifier : told.deletions) lost->erase(identifier);
-    told.deletions.insert(told.deletions.end(), lost->begin(), lost->end());
-    return told;
+    changes.deletions = upgrade->removedIdentifiers();
+    for (const auto& identifier : changes.deletions) lost->erase(identifier);
+    changes.deletions.insert(changes.deletions.end(), lost->begin(), lost->end());
+    return changes;
 }
 
-/// What the host of the working set has been told; also again where a former save has failed.
+/// What the host of the working set has been changes; also again where a former save has failed.
 void LocalRootEnumerator::saveWorkingSet() {
     const auto content = appLibraryManager_.content();
     const auto main = appLibraries_->mainCache()->versionToken();
@@ -270,7 +271,7 @@ void LocalRootEnumerator::saveWorkingSet() {
     logError([&] { return "can't save working-set cache to disk;" + saved.error().description(); });
 }
 
-/// The libraries that were let go, and everything below them that the history tells of, without
+/// The detached libraries, and everything below them that the history has events of, without
 /// what the container shows elsewhere.
 Result<std::set<std::string>> LocalRootEnumerator::identifiersLost(
     std::uint64_t sinceEventID) const {
@@ -283,11 +284,11 @@ Result<std::set<std::string>> LocalRootEnumerator::identifiersLost(
         if (!seen) return std::unexpected(std::move(seen.error()));
     }
     const auto last = currentFSEventID();
-    const auto letGo =
-        history.selectedEventsAfter(sinceEventID, last, 1, EventSelection::RootsLetGo);
-    if (!letGo) return std::unexpected(errorForHistory(letGo.error()));
+    const auto detach =
+        history.selectedEventsAfter(sinceEventID, last, 1, EventSelection::DetachedRoots);
+    if (!detach) return std::unexpected(errorForHistory(detach.error()));
     std::set<std::string> found;
-    if (letGo->empty()) return found;  // as nearly always, without reading what happened
+    if (detach->empty()) return found;  // as nearly always, without reading what happened
     for (auto after = sinceEventID; after < last;) {
         const auto events = history.eventsAfter(after, last, batch);
         if (!events) return std::unexpected(errorForHistory(events.error()));
@@ -301,7 +302,7 @@ Result<std::set<std::string>> LocalRootEnumerator::identifiersLost(
             if (!cover.isRecursive()) continue;
             const auto identifier = identifierOf(event);
             if (!identifier || found.contains(*identifier)) continue;
-            const auto where = whereaboutsOf(event, *identifier, cover);
+            const auto where = lookUp(event, *identifier, cover);
             if (!where) return std::unexpected(where.error());
             if (!where->shown && !where->isOnTheMove) found.insert(*identifier);
         }

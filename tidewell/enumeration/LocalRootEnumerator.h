@@ -25,7 +25,7 @@ class LocalRootEnumerator final : public QSFileProviderEnumerator,
                                    const QSFileProviderPage& startingAtPage) override;
     void enumerateChangesForObserver(std::shared_ptr<QSFileProviderChangeObserver> observer,
                                      const QSFileProviderSyncAnchor& fromSyncAnchor) override;
-    /// Names no version: the first changes after it tell of every library.
+    /// Names no version: the first changes after it report every library.
     void currentSyncAnchorWithCompletionHandler(SyncAnchorHandler completionHandler) override;
     void start() override;
     void stop() override;
@@ -34,8 +34,8 @@ class LocalRootEnumerator final : public QSFileProviderEnumerator,
     [[nodiscard]] const std::string& container() const { return container_; }
 
   private:
-    /// What the host is told about libraries, ahead of the tree.
-    struct Told {
+    /// The changes of libraries, reported ahead of the tree.
+    struct LibraryChanges {
         std::vector<ItemRef> items;
         std::vector<std::string> deletions;
     };
@@ -44,7 +44,7 @@ class LocalRootEnumerator final : public QSFileProviderEnumerator,
 
     /// Moves the token to the local version. Fails, with an expired anchor where the host has to
     /// start from scratch.
-    [[nodiscard]] Result<Told> appLibraryStep(FSChangeToken& token);
+    [[nodiscard]] Result<LibraryChanges> appLibraryStep(FSChangeToken& token);
     [[nodiscard]] bool isUsable(std::uint64_t changeTokenVersion, std::uint64_t localVersion) const;
     void saveWorkingSet();
     [[nodiscard]] Result<std::set<std::string>> identifiersLost(std::uint64_t sinceEventID) const;

@@ -19,7 +19,7 @@ enum class Cover : std::uint8_t {
     Root,       ///< a root of the container itself
     Hidden,     ///< its name, or that of a folder it is in, begins with "."
     InPackage,  ///< in a folder that people see as one file
-    Trashed,    ///< shown by listing the trash, and gone as far as changes go
+    Trashed,    ///< shown by listing the trash, and deleted as far as changes go
     NotAFolder  ///< in a container of folders only
 };
 
@@ -38,16 +38,16 @@ class ContainerCover {
         /// The outermost package that the place is in, where that stands at a place that is shown.
         std::optional<QSURL> package = {};
     };
-    /// What the path alone tells of a place, whether or not anything stands there.
+    /// What follows from the path of a place alone, whether or not anything stands there.
     [[nodiscard]] Place placeOf(const QSURL& url) const;
-    /// The same, and what the object that stands there tells.
+    /// The same, with the object that stands there.
     [[nodiscard]] Cover coverOf(const LocalItem& item) const;
 
     [[nodiscard]] bool isRecursive() const { return isWorkingSet_ || showsFoldersOnly_; }
     [[nodiscard]] bool showsFoldersOnly() const { return showsFoldersOnly_; }
 
     /// Whether the container is one folder that was looked up before, so that its URL may lead to
-    /// another one, or nowhere, by now.
+    /// another one, or nowhere, now.
     [[nodiscard]] bool mayMove() const { return meant_.has_value(); }
     /// Whether that folder is where it was found; true where it cannot move. An error where that
     /// cannot be found out. Blocks for the look.

@@ -19,7 +19,8 @@ struct FSChangeToken {
     std::uint64_t offset = 0;  ///< entries passed in a paged walk; 0 when none is under way
     std::uint64_t appLibraryVersionToken = 0;
 
-    /// Absent bytes give no token, silently; bytes that are no token give none after an error line.
+    /// Missing bytes give no token, silently; bytes that are no token give none after an error
+    /// line.
     [[nodiscard]] static std::optional<FSChangeToken> fromData(const std::optional<QSData>& data);
 
     /// The stored form. A token that cannot be encoded ends the process.

@@ -9,8 +9,8 @@
 #include "platform/tree/TreeLayout.h"
 #include "tidewell/common/Logging.h"
 #include "tidewell/fs/ItemFactory.h"
+#include "tidewell/fs/ObjectLookup.h"
 #include "tidewell/fs/VolumeIdentity.h"
-#include "tidewell/fs/Whereabouts.h"
 #include "tidewell/identity/QSURL+TWPFileObjectIdentifier.h"
 
 namespace tidewell {
@@ -41,8 +41,8 @@ bool staysHidden(const QSURL& url, const FSEvent& event) {
            isHiddenName(url.lastPathComponent());
 }
 
-/// The identifier of the event's object; none where it never had one. The event itself tells it
-/// where the place is no longer below any root, its library having gone meanwhile.
+/// The identifier of the event's object; none if it never had one. It comes from the
+/// event if the place is no longer below any root, its library being detached.
 std::optional<std::string> identifierKeptBy(const QSURL& url, const FSEvent& event) {
     if (url.cachedResourceValue(QSResourceKey::IsDirectory).index() == 0) return std::nullopt;
     auto identifier = itemIdentifier(url);
@@ -238,7 +238,7 @@ void FSChangesEnumerator::collect(const FSEvent& event, const QSURL& url,
 /// The object is not at the URL, or not shown there.
 void FSChangesEnumerator::collectElsewhere(const FSEvent& event, const QSURL& url,
                                            const std::string& identifier) {
-    const auto found = whereaboutsOf(event, identifier, cover_);
+    const auto found = lookUp(event, identifier, cover_);
     if (!found) return finishWithError(found.error());
     for (const auto& place : found->missed) miss(place);
     if (found->shown) return add(event.id, identifier, found->shown);
@@ -249,8 +249,8 @@ void FSChangesEnumerator::collectElsewhere(const FSEvent& event, const QSURL& ur
     add(event.id, identifier, nullptr);
 }
 
-/// It is not where it should be. If it went by itself, an event tells; if a folder above it went,
-/// perhaps none does.
+/// It is not where it should be. If it moved by itself, an event reports that; if a folder above it
+/// moved, perhaps none does.
 void FSChangesEnumerator::miss(const QSURL& url) {
     missedFolders_.insert(url.URLByDeletingLastPathComponent().path());
 }

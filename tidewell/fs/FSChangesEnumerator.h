@@ -23,15 +23,15 @@ namespace tidewell {
 /// page of at most 100 changes to its observer.
 ///
 /// What an event means is found by looking: an object that the container shows now is an update,
-/// an identifier that it no longer shows a deletion. A change is told when both readers have passed
-/// its event, so the token of a full page is simply the last event told.
+/// an identifier that it no longer shows a deletion. A change is delivered when both readers have
+/// passed its event, so the token of a full page is simply the last event delivered.
 class FSChangesEnumerator final : public FSEventReaderDelegate,
                                   public std::enable_shared_from_this<FSChangesEnumerator> {
   public:
     /// Changes in a page at the most.
     static constexpr std::uint64_t pageSize = 100;
 
-    /// Keeps the observer until its last call; tells of nothing after `upToEventID`. REQUIRES:
+    /// Keeps the observer until its last call; reports nothing after `upToEventID`. REQUIRES:
     /// `urls` is not empty.
     FSChangesEnumerator(const FSChangeToken& token, std::string container, std::vector<QSURL> urls,
                         std::shared_ptr<QSFileProviderChangeObserver> observer,
@@ -138,8 +138,8 @@ class FSChangesEnumerator final : public FSEventReaderDelegate,
     Feed pathBased_;
     std::optional<Bookmark> pathBasedReaderState_;
     std::shared_ptr<QSFileProviderChangeObserver> observer_;  ///< null once it had its last call
-    /// What was found and not told yet: each identifier once, at its first event, with the state
-    /// that was seen last.
+    /// What was found and not delivered yet: each identifier once, at its first event, with the
+    /// state that was seen last.
     std::map<Position, Change> changes_;
     std::unordered_map<std::string, Position> positions_;
     std::uint64_t nextChange_ = 0;

@@ -27,7 +27,8 @@ bool isDocIDPath(std::string_view path) {
     return path.starts_with(".docid/");
 }
 
-/// A URL that keeps the identifier of the event's object, so that it can be named when it has gone.
+/// A URL that keeps the identifier of the event's object, so that it can be named once it is
+/// removed.
 QSURL subjectURL(const QSURL& url, const FSEvent& event) {
     auto subject = QSURL::fileURLWithPath(url.path());
     const bool isFile = event.identifierKind == IdentifierKind::File;
@@ -105,7 +106,7 @@ void FSEventReader::start() {
     streamQueue_.async([self = shared_from_this()] {
         self->isStopped_ = false;
         if (self->stream_) return;
-        // The platform may have gone meanwhile.
+        // The platform may have been destroyed since.
         if (const auto pass = self->gate_->enter()) {
             self->createStream();
         } else {
@@ -196,7 +197,7 @@ Result<std::vector<FSEventReader::Subject>> FSEventReader::subjectsOf(
         wanted.push_back(*url);
         wanting.push_back(&subjects[i]);
     }
-    if (wanted.empty()) return subjects;  // the platform may have gone
+    if (wanted.empty()) return subjects;  // the platform may have been destroyed
     const auto attributes = Platform::current().files().attributes(wanted);
     std::vector<QSURL> present;
     for (std::size_t i = 0; i < wanted.size(); ++i) {
@@ -208,7 +209,7 @@ Result<std::vector<FSEventReader::Subject>> FSEventReader::subjectsOf(
         const auto failure = lookFailureOf(attributes[i].error());
         if (failure == LookFailure::Unknown) return std::unexpected(attributes[i].error());
         wanting[i]->state =
-            failure == LookFailure::Missing ? Subject::State::Absent : Subject::State::Unreadable;
+            failure == LookFailure::Missing ? Subject::State::Missing : Subject::State::Unreadable;
     }
     // In one durable step for all.
     if (auto identified = prefetchIdentifiers(present); !identified) {
@@ -302,7 +303,7 @@ Result<void> FSEventReader::handleObject(const Subject& subject, ItemFactory& fa
     if (isDocIDEvent && subject.state == State::NotLookedAt) {
         return drop(url.description(), "; its owner needs no item there");
     }
-    if (isDocIDEvent && subject.state == State::Absent) {
+    if (isDocIDEvent && subject.state == State::Missing) {
         return drop(quoted(currentEvent_.path), "; No object at path");
     }
     const auto about = subjectURL(url, currentEvent_);
@@ -311,7 +312,7 @@ Result<void> FSEventReader::handleObject(const Subject& subject, ItemFactory& fa
         auto made = factory.makeItem(url);
         if (!made) return std::unexpected(std::move(made.error()));
         item = std::move(*made);
-        // What stands there is no item, but the object that the event names may have gone.
+        // What stands there is no item, but the object that the event names may be removed.
         const bool namesObject = about.cachedResourceValue(QSResourceKey::IsDirectory).index() != 0;
         if (!item && (isDocIDEvent || !namesObject)) {
             return drop(url.description(), "; can't create local item");

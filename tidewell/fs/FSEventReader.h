@@ -24,14 +24,14 @@ class ItemFactory;
 class FSEventReaderDelegate {
   public:
     virtual ~FSEventReaderDelegate() = default;
-    /// Something happened to the object that the URL keeps the identifier of (none where it never
+    /// Something happened to the object that the URL keeps the identifier of (none if it never
     /// had one). `item` is what stands at the URL now, which may be another object; null: nothing
     /// does.
     virtual void itemChanged(FSEventReader& reader, const QSURL& url,
                              std::shared_ptr<LocalItem> item) = 0;
-    /// Everything older than the reader's start has been told.
+    /// Everything older than the reader's start has been delivered.
     virtual void historyDone(FSEventReader& reader) = 0;
-    /// What was told is not all that happened.
+    /// What was delivered is not all that happened.
     virtual void eventsLost(FSEventReader& reader) = 0;
 };
 
@@ -87,8 +87,8 @@ class FSEventReader : public std::enable_shared_from_this<FSEventReader> {
     [[nodiscard]] const FSEvent& currentEvent() const { return currentEvent_; }
     /// Up to here everything has been reported, as of the end of the last batch. On the queue.
     [[nodiscard]] std::uint64_t position() const;
-    /// The loss just reported, if any, was that the history closed. On the queue, or once told so
-    /// from there.
+    /// The loss just reported, if any, was that the history closed. On the queue, or once that was
+    /// reported from there.
     [[nodiscard]] bool historyHasClosed() const { return historyHasClosed_; }
 
     /// Runs `work` on the queue behind the batch under way; not at all once stopped or closed. To
@@ -108,7 +108,7 @@ class FSEventReader : public std::enable_shared_from_this<FSEventReader> {
     struct Subject {
         std::optional<QSURL> url;      ///< none: the event is dropped, or not about an object
         std::uint64_t documentID = 0;  ///< that changed objects; 0 for other events
-        enum class State : std::uint8_t { NotLookedAt, Absent, Present, Unreadable };
+        enum class State : std::uint8_t { NotLookedAt, Missing, Present, Unreadable };
         State state = State::NotLookedAt;
     };
 

@@ -13,7 +13,7 @@ namespace tidewell {
 
 using namespace platform;
 
-/// The event service's UUID of the volume that holds the URL; none where the device is unknown or
+/// The event service's UUID of the volume that holds the URL; none if the device is unknown or
 /// not the service's.
 [[nodiscard]] std::optional<QSUUID> volumeUUID(const QSURL& url);
 
@@ -45,7 +45,7 @@ Result<void> waitUntilHistoryIsKnown();
 /// present ID, and belongs to the answer.
 [[nodiscard]] std::uint64_t endOfHistory();
 
-/// The item identifier of the object that the event is about; none where it never had one.
+/// The item identifier of the object that the event is about; none if it never had one.
 [[nodiscard]] std::optional<std::string> identifierOf(const FSEvent& event);
 
 }  // namespace tidewell

@@ -108,9 +108,9 @@ Result<Identifier> freshIdentifier(const QSURL& url) {
                                     errnoText(static_cast<int>(attributes.error().code)));
         return noneBecauseOf(attributes.error());
     }
-    const bool takesDocumentID = (*attributes)->kind() == ObjectKind::RegularFile ||
+    const bool needsDocumentID = (*attributes)->kind() == ObjectKind::RegularFile ||
                                  ((*attributes)->isDirectory() && std::get<bool>(*isPackage));
-    if (!takesDocumentID) {
+    if (!needsDocumentID) {
         const auto fileID = fileIDOfObject(url);
         if (fileID == 0) {
             const int reason = errno;

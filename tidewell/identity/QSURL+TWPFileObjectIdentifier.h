@@ -22,7 +22,7 @@ using namespace platform;
 [[nodiscard]] std::optional<std::string> itemIdentifier(const QSURL& url);
 
 /// The item identifier of the folder in which the object was seen: where the folder moved since,
-/// not of what has its path now.
+/// not of the object that has its path now.
 [[nodiscard]] std::optional<std::string> parentIdentifier(const QSURL& url);
 
 /// The URL of the item that bears the identifier now. App-library identifiers are not for here.

@@ -18,7 +18,7 @@ using namespace platform;
 
 class LocalAppLibraryItem;
 
-/// What the caller knows already; absent parts are computed.
+/// What the caller knows already; missing parts are computed.
 struct LocalItemCustomFields {
     std::optional<std::string> itemID = {};
     std::optional<std::string> parentItemID = {};
@@ -99,7 +99,7 @@ class LocalItem : public QSFileProviderItem {
     /// The item of the application whose container holds this one; null if none.
     [[nodiscard]] std::shared_ptr<LocalAppLibraryItem> fetchAppLibraryItem() const;
 
-    /// The folder that a trashed item returns to, read once and kept; none where the item has no
+    /// The folder that a trashed item returns to, read once and kept; none if the item has no
     /// usable record of it. The record is hostile until checked: it never leads out of the library.
     [[nodiscard]] std::optional<QSURL> putBackURL() const;
     void setPutBackURL(std::optional<QSURL> url);

@@ -9,9 +9,9 @@
 #include "platform/foundation/QSURL.h"
 #include "platform/volume/TrashLedger.h"
 
-// The user metadata that an object carries in its extended attributes, decoded. None where the
-// attribute is absent, unreadable or holds anything else; a value that does not decode is not
-// logged. Blocks for the file system where the URL does not keep that the attribute is absent.
+// The user metadata that an object carries in its extended attributes, decoded. None if the
+// attribute is missing, unreadable or holds anything else; a value that does not decode is not
+// logged. Blocks for the file system where the URL does not keep that the attribute is missing.
 
 namespace tidewell {
 

@@ -4,7 +4,7 @@
 
 namespace tidewell {
 
-/// Brings the app libraries up to the application registry and tells the host which containers
+/// Brings the app libraries up to the application registry and signals to the host the containers
 /// changed by that, the root first. Runs on the app-refresh queue.
 void refreshInstalledApps(AppLibraries& appLibraries);
 

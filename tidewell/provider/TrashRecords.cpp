@@ -20,7 +20,7 @@ namespace tidewell {
 namespace {
 
 /// Sets or removes an attribute of the very object that the URL was made for.
-Result<void> setAttribute(const HeldURL& item, std::string_view name,
+Result<void> setAttribute(const OpenURL& item, std::string_view name,
                           const std::optional<QSData>& bytes) {
     if (item.object) return setOrRemoveXattr(item.object.get(), name, bytes);
     const auto object = openSameObject(item.url);
@@ -40,7 +40,7 @@ bool failedForNow(const Result<void>& done) {
 }
 
 /// Writes both; false where the next start has to.
-bool writeAttributes(const HeldURL& item, const QSDate& date, const std::optional<QSURL>& former) {
+bool writeAttributes(const OpenURL& item, const QSDate& date, const std::optional<QSURL>& former) {
     const auto dated = setTrashDate(item, date);
     const auto placed = former ? setPutBackString(*former, item) : Result<void>();
     return !failedForNow(dated) && !failedForNow(placed);
@@ -84,7 +84,7 @@ std::optional<std::string> putBackString(const QSURL& path, const QSURL& root) {
     return relative;
 }
 
-Result<void> setTrashDate(const HeldURL& item, const std::optional<QSDate>& date) {
+Result<void> setTrashDate(const OpenURL& item, const std::optional<QSDate>& date) {
     const auto& url = item.url;
     logDebug([&] { return "setting trash date on " + url.description(); });
     const auto bytes = date ? archived(QSPropertyList(*date)) : std::nullopt;
@@ -98,7 +98,7 @@ Result<void> setTrashDate(const HeldURL& item, const std::optional<QSDate>& date
     return done;
 }
 
-Result<void> setPutBackString(const QSURL& formerURL, const HeldURL& item) {
+Result<void> setPutBackString(const QSURL& formerURL, const OpenURL& item) {
     const auto& newURL = item.url;
     logDebug([&] { return "setting putback string on " + newURL.description(); });
     const auto bundle = proxyWithContaining(formerURL);

@@ -20,15 +20,15 @@ using namespace platform;
 /// with the invalid-parameter error after a log line.
 [[nodiscard]] Result<QSURL> trashFolderFor(const QSURL& url);
 
-/// `path` relative to `root`, component by component; none where it is not below it.
+/// `path` relative to `root`, component by component; none if it is not below it.
 [[nodiscard]] std::optional<std::string> putBackString(const QSURL& path, const QSURL& root);
 
-/// Writes the trash date, or removes it where there is none, of the object that is held open; of
+/// Writes the trash date, or removes it where there is none, of the open object; of
 /// one that is not, of the object that the URL's attributes are of, where it keeps any.
-Result<void> setTrashDate(const HeldURL& item, const std::optional<QSDate>& date);
+Result<void> setTrashDate(const OpenURL& item, const std::optional<QSDate>& date);
 
 /// Notes on the item, in the same way, that it was at `formerURL`.
-Result<void> setPutBackString(const QSURL& formerURL, const HeldURL& item);
+Result<void> setPutBackString(const QSURL& formerURL, const OpenURL& item);
 
 /// Writes both on what was trashed. Where that fails for now (a full disk), the next start tries
 /// again.

@@ -1,4 +1,4 @@
-// The removal of what has lain in the trash for long.
+// The removal of what was trashed long ago.
 #include "platform/dispatch/Queue.h"
 #include "platform/fileprovider/ObjectNames.h"
 #include "platform/fileprovider/Platform.h"
@@ -44,7 +44,7 @@ void forEachTrashed(const std::function<void(const QSURL& url)>& visit) {
     }
 }
 
-/// When it was trashed; none where that is missing or unreadable, after a log line that ends with
+/// When it was trashed; none if that is missing or unreadable, after a log line that ends with
 /// `consequence`.
 std::optional<QSDate> trashDateOf(const QSURL& url, std::string_view consequence) {
     const auto log = [&](std::string_view what) {
@@ -65,7 +65,7 @@ std::optional<QSDate> trashDateOf(const QSURL& url, std::string_view consequence
     return std::nullopt;
 }
 
-/// Calls its handler on a queue of its own when the last of those who hold it lets go.
+/// Calls its handler on a queue of its own when its last holder releases it.
 class DispatchGroup {
   public:
     explicit DispatchGroup(std::move_only_function<void()> handler)

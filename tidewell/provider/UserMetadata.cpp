@@ -14,7 +14,7 @@ namespace tidewell {
 
 namespace {
 
-/// The value as it is kept; none where there is none to keep or it cannot be archived, which both
+/// The value as it is kept; none if there is none to keep or it cannot be archived, which both
 /// remove the attribute.
 std::optional<QSData> archived(const std::optional<QSPropertyList>& value) {
     if (!value) return std::nullopt;
@@ -23,7 +23,7 @@ std::optional<QSData> archived(const std::optional<QSPropertyList>& value) {
     return std::move(*bytes);
 }
 
-/// The labels in the order given; none where the data is absent or no list of tags.
+/// The labels in the order given; none if the data is missing or no list of tags.
 QSPropertyList::Array labels(const std::optional<QSData>& tagData) {
     QSPropertyList::Array labels;
     const auto tags = tagData ? QPGetTagsFromTagsData(*tagData) : std::nullopt;

@@ -51,7 +51,7 @@ TEST_F(PacerTest, SignalsAreAnsweredOnceAtTheEndOfTheInterval) {
     EXPECT_GE(times_[2] - times_[1], 2ms);
 }
 
-TEST_F(PacerTest, AnEventMaySignalOrEndThePacerAndNoneBeginsOnceItIsGone) {
+TEST_F(PacerTest, AnEventMaySignalOrEndThePacerAndNoneBeginsOnceItHasEnded) {
     make(1ms);
     pacer_->setEventBlock([&] {
         times_.push_back({});

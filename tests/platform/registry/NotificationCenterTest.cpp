@@ -41,7 +41,8 @@ TEST_F(NotificationCenterTest, CallsTheObserversOfTheNameWhoMayChangeThem) {
 TEST_F(NotificationCenterTest, RemovalWaitsForTheCallbackThatRuns) {
     std::binary_semaphore isRunning(0);
     std::binary_semaphore mayEnd(0);
-    auto state = std::make_unique<int>(0);  // gone after the removal, as an observer's would be
+    auto state =
+        std::make_unique<int>(0);  // destroyed after the removal, as an observer's would be
     center_.addObserver(&observer_, "name", [&](const void*) {
         isRunning.release();
         mayEnd.acquire();

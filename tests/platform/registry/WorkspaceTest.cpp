@@ -87,7 +87,7 @@ TEST_F(WorkspaceTest, TheFirstFolderWithAnEntryOfThatNameDecides) {
              {"usr", "org.a", "System", ""},
              {"local", "org.a", "Local", ""},
              {"usr", "org.b", "Masked", ""},
-             {"home", "org.b", "Gone", "Hidden=true\n"},
+             {"home", "org.b", "Hidden", "Hidden=true\n"},
              {"usr", "org.c", "Masked by a link", ""},
              {"home", "org.c", "Link", "Type=Link\n"},
              {"usr", "kde/tool", "Below", ""},

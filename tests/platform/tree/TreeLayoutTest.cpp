@@ -31,7 +31,7 @@ TEST(TreeLayoutTest, AnApplicationOfAnyIdentifierHasItsLibraryAndTrashInItsConta
     EXPECT_EQ(identifierOfContainerAt(presentedContainersPath), std::nullopt);
 }
 
-TEST(TreeLayoutTest, WhatHasToStay) {
+TEST(TreeLayoutTest, FoldersThatHaveToStay) {
     const std::string storage(presentedStoragePath);
     for (const auto* place : {"", "/.Trash", "/.TemporaryLocalFolder", "2"}) {
         EXPECT_TRUE(hasToStay(storage + place)) << place;

@@ -24,8 +24,9 @@ std::vector<std::string> paths(const std::vector<FSEvent>& events) {
 class FSEventStreamTest : public testing::Test {
   protected:
     void open(std::vector<std::string> paths, FSEventStream::Options options) {
-        stream = FSEventStream::create({&history, gate}, std::move(paths), std::move(options),
-                                       [this](std::span<const FSEvent> events) { take(events); });
+        stream =
+            FSEventStream::create({&history, gate}, std::move(paths), std::move(options),
+                                  [this](std::span<const FSEvent> events) { receive(events); });
         stream->setDispatchQueue(queue);
         stream->start();
     }
@@ -33,7 +34,7 @@ class FSEventStreamTest : public testing::Test {
         stream.reset();
         queue.sync([] {});
     }
-    void take(std::span<const FSEvent> events) {
+    void receive(std::span<const FSEvent> events) {
         queue.assertOnQueue();
         const std::scoped_lock lock(mutex);
         received.insert(received.end(), events.begin(), events.end());
@@ -110,7 +111,7 @@ TEST_F(FSEventStreamTest, CreationFlagsDecideWhatAnEventSays) {
     EXPECT_EQ(bare[0].fileID + bare[0].documentID, 0u) << "extended data needs path objects";
 }
 
-TEST_F(FSEventStreamTest, LetsGoOfEverythingWhenItEnds) {
+TEST_F(FSEventStreamTest, ReleasesEverythingWhenItEnds) {
     auto info = std::make_shared<int>();
     const std::weak_ptr<int> watched = info;
     open({"/w"}, {.since = 1000, .latency = 1h, .flags = everyFlag, .info = std::move(info)});

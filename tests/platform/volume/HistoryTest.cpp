@@ -79,12 +79,12 @@ class HistoryTest : public VolumeFixture {
         ASSERT_TRUE(service->waitUntilSettled());
         since = service->currentEventID();
     }
-    /// What happened since the last call, settled: "path" of each event once, and in `gone` the
+    /// What happened since the last call, settled: "path" of each event once, and in `removed` the
     /// document or file IDs whose last event is a removal.
     std::set<std::string> changes() {
         service->waitUntilSettled().value();
         std::set<std::string> paths;
-        gone.clear();
+        removed.clear();
         gaps = 0;
         const auto events =
             service->eventsAfter(since, service->currentEventID(), 1'000'000).value();
@@ -93,7 +93,7 @@ class HistoryTest : public VolumeFixture {
             since = event.id;
             gaps += (event.flags & fsEventKernelDropped) != 0;
             if (event.flags == fsEventRemoved) {
-                gone.insert(event.documentID != 0 ? event.documentID : event.fileID);
+                removed.insert(event.documentID != 0 ? event.documentID : event.fileID);
             }
             const auto root = std::string(presentedStoragePath) + "/";
             paths.insert(event.path.starts_with(root) ? event.path.substr(root.size())
@@ -110,7 +110,7 @@ class HistoryTest : public VolumeFixture {
     int watches = 1'000'000;
     bool overflows = false;
     std::uint64_t since = 0;
-    std::set<std::uint64_t> gone;
+    std::set<std::uint64_t> removed;
     int gaps = 0;
 };
 
@@ -136,17 +136,17 @@ TEST_F(HistoryTest, RecordsWhatHappensWhereItHappens) {
     EXPECT_EQ(documentID("b/uno"), one);
     fs::rename(native("b"), native("c"));
     EXPECT_THAT(changes(), UnorderedElementsAre(HasSubstr("private"), "b", "c"));
-    EXPECT_THAT(gone, IsEmpty());
+    EXPECT_THAT(removed, IsEmpty());
     EXPECT_EQ(service->placesOfDocumentID(one), std::vector{url("c/uno")});
     fs::create_hard_link(native("c/two"), native("a/link"));
     EXPECT_THAT(changes(), UnorderedElementsAre("a", "a/link", "c/two"));
     EXPECT_EQ(documentID("a/link"), two);
     fs::remove(native("c/two"));
     EXPECT_THAT(changes(), UnorderedElementsAre("c", "c/two", "a/link"));
-    EXPECT_THAT(gone, IsEmpty());
+    EXPECT_THAT(removed, IsEmpty());
     fs::remove_all(native("c"));
     EXPECT_THAT(changes(), Contains("c/uno"));
-    EXPECT_THAT(gone, UnorderedElementsAre(one, folder));
+    EXPECT_THAT(removed, UnorderedElementsAre(one, folder));
 }
 
 TEST_F(HistoryTest, ADocumentIsRemovedFromEachFolderThatHadAName) {
@@ -160,10 +160,10 @@ TEST_F(HistoryTest, ADocumentIsRemovedFromEachFolderThatHadAName) {
     fs::remove(native("b/two"));
     open();
     EXPECT_THAT(changes(), testing::IsSupersetOf({"a/one", "b/two"}));
-    EXPECT_THAT(gone, UnorderedElementsAre(document));
+    EXPECT_THAT(removed, UnorderedElementsAre(document));
 }
 
-TEST_F(HistoryTest, WhatMovedOnBeforeItWasGivenOutIsTold) {
+TEST_F(HistoryTest, AnObjectThatMovedOnBeforeItsFirstAnswerIsReported) {
     makeFile("before");
     start();
     const auto seen = attributes("before");
@@ -205,24 +205,24 @@ TEST_F(HistoryTest, AMissingStorageIsLookedForAtRest) {
     EXPECT_LE(LimitedSource::reads, before + 5) << "looks again and again";
 }
 
-TEST_F(HistoryTest, AFolderThatCannotBeReadLosesNothing) {
+TEST_F(HistoryTest, AFolderThatCannotBeReadCostsNoChange) {
     const AsOwnerAlone asOwner;
     makeFile("closed/file");
     start();
     documentID("closed/file");
-    service.reset();  // it would tell of a gap of its own, if it got to see the change
+    service.reset();  // it would record a gap of its own, if it got to see the change
     for (const int perState : {1, 0, 0, 1}) {
         if (perState == 1) fs::permissions(native("closed"), fs::perms::owner_exec);
         if (perState == 1) fs::permissions(native("closed"), fs::perms::none);
         open();
         changes();
         EXPECT_EQ(gaps, perState);
-        EXPECT_THAT(gone, IsEmpty());
+        EXPECT_THAT(removed, IsEmpty());
     }
     EXPECT_THAT(service->statistics().degradedFolders, Contains(native("closed").string()));
     fs::permissions(native("closed"), fs::perms::owner_all);
     changes();
-    EXPECT_THAT(gone, IsEmpty());
+    EXPECT_THAT(removed, IsEmpty());
     makeFile("closed/new");
     EXPECT_THAT(changes(), Contains("closed/new"));
 }
@@ -245,7 +245,7 @@ TEST_F(HistoryTest, AnEntryThatCannotBeLookedAtCostsNoOther) {
     unreadableName.clear();
     while (!changes().contains("folder/bad")) continue;
     EXPECT_EQ(gaps, 0);
-    EXPECT_THAT(gone, IsEmpty());
+    EXPECT_THAT(removed, IsEmpty());
     EXPECT_EQ(service->statistics().degradedFolderCount, 0u);
 }
 

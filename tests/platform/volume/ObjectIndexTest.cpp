@@ -29,7 +29,7 @@ TEST(ObjectIndexTest, FurtherNamesInTheStoreAreDroppedThoughAnotherHasThem) {
         index.load(row);
     }
     index.loadFurtherName(1, {3, "a"});
-    EXPECT_EQ(index.takeDisplaced().size(), 1u);
+    EXPECT_EQ(index.popConflicts().size(), 1u);
     // Else a later run would find the document there.
     EXPECT_TRUE(index.row(index.findInode(1)).hadMoreNames);
 }

@@ -90,7 +90,7 @@ TEST_F(RootsTest, WhatComesAndGoesWithARootIsRecordedObjectByObject) {
     EXPECT_EQ(identifyInLibrary("deep").fileID, folder.fileID);
 }
 
-TEST_F(RootsTest, AFolderThatTakesARootsPlaceIsAnotherOneAndWhatHasMovedOutStays) {
+TEST_F(RootsTest, AFolderThatTakesARootsPlaceIsAnotherOneAndObjectsThatMovedOutStay) {
     ASSERT_TRUE(service->addRoot(root));
     (void)identifyInLibrary("note");
     const auto moved = identifyInLibrary("deep/er/note");

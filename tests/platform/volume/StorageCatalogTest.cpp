@@ -54,7 +54,7 @@ TEST_F(StorageCatalogTest, AStorageIsKnownWhereverItLies) {
     fs::rename(a, renamed);
     EXPECT_EQ(find(renamed).value(), own);
     EXPECT_NE(find(makeStorage("a")).value(), own) << "what was there lies elsewhere now";
-    uuid = "";  // a system that tells none
+    uuid = "";  // a system that has none
     EXPECT_EQ(find(renamed).value(), own);
     uuid = "4567";
     EXPECT_TRUE(StorageCatalog::meansMissing(errorOf(find(renamed)))) << "another file system";

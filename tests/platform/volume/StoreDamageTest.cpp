@@ -550,7 +550,7 @@ TEST(StoreDecisionTest, AnotherFileSystemKeepsNothingAndAnotherMountEverything) 
              {{"aa", root}, {"aa", root}, true},
              {{"aa", root}, {"aa", other}, true},  // the storage was moved on its volume
              {{"aa", root}, {"bb", root}, false},
-             {{"", root}, {"bb", root}, true},  // a newer kernel tells the UUID
+             {{"", root}, {"bb", root}, true},  // a newer kernel reports the UUID
              {{"", root}, {"", root}, true},
              {{"", root}, {"", other}, false},
          }) {

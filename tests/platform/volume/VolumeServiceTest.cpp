@@ -16,7 +16,7 @@ namespace fs = std::filesystem;
 
 class VolumeServiceTest : public VolumeFixture {};
 
-TEST_F(VolumeServiceTest, AnObjectSeenTooLateDoesNotTakeItsSuccessorsIdentity) {
+TEST_F(VolumeServiceTest, AnObjectSeenTooLateDoesNotGetItsReplacementsIdentity) {
     open();
     std::shared_ptr<const FileAttributes> stale;
     // Who else works on the disk may take the number first.
@@ -28,7 +28,7 @@ TEST_F(VolumeServiceTest, AnObjectSeenTooLateDoesNotTakeItsSuccessorsIdentity) {
     }
     ASSERT_EQ(attributes("a")->identity.inode, stale->identity.inode);
     ASSERT_TRUE(service->waitUntilSeen());
-    // The successor has been seen; then it has been asked for; and of a folder that has gone.
+    // The replacement was seen; then it was asked for; and of a removed folder.
     for (const auto& parent : {stale->parent, stale->parent, ObjectIdentity{1, 1}}) {
         auto object = *stale;
         object.parent = parent;
@@ -36,11 +36,11 @@ TEST_F(VolumeServiceTest, AnObjectSeenTooLateDoesNotTakeItsSuccessorsIdentity) {
             .object = &object, .name = "former", .wantsDocumentID = true, .result = {}};
         const auto before = service->currentEventID();
         ASSERT_TRUE(service->identify({&request, 1}));
-        const auto successor = identify("a");
-        EXPECT_EQ(successor.fileID, stale->identity.inode);
-        EXPECT_NE(request.result.fileID, successor.fileID);
-        EXPECT_NE(request.result.documentID, successor.documentID);
-        // Who lists it there now hears that it has gone.
+        const auto replacement = identify("a");
+        EXPECT_EQ(replacement.fileID, stale->identity.inode);
+        EXPECT_NE(request.result.fileID, replacement.fileID);
+        EXPECT_NE(request.result.documentID, replacement.documentID);
+        // Who lists it there now gets its removal.
         const auto events = service->eventsAfter(before, service->currentEventID(), 100).value();
         EXPECT_TRUE(std::ranges::any_of(events, [&](const FSEvent& event) {
             return event.flags == fsEventRemoved && event.path.ends_with("/former") &&
@@ -49,7 +49,7 @@ TEST_F(VolumeServiceTest, AnObjectSeenTooLateDoesNotTakeItsSuccessorsIdentity) {
     }
 }
 
-TEST_F(VolumeServiceTest, ASecondOpenerIsToldWhoHasTheStoreAndAKilledOneLeavesNoLock) {
+TEST_F(VolumeServiceTest, ASecondOpenerGetsTheOwnersPIDAndAKilledOneLeavesNoLock) {
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     const pid_t child = fork();

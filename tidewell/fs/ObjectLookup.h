@@ -10,9 +10,9 @@
 namespace tidewell {
 
 /// Where the object that an event is about is now.
-struct Whereabouts {
+struct ObjectLookup {
     std::shared_ptr<LocalItem> shown;  ///< null where the container does not show it
-    /// Something is to come that tells where it is, or that it has gone.
+    /// An event is to come that says where it is, or that it was removed.
     bool isOnTheMove = false;
     /// Where the index has it and it is not.
     std::vector<QSURL> missed;
@@ -20,7 +20,7 @@ struct Whereabouts {
 
 /// Looks on the disk, at the places where the index has the object, for one with that identifier.
 /// Blocks for the look. An error where what stands there could not be identified.
-[[nodiscard]] Result<Whereabouts> whereaboutsOf(const FSEvent& event, const std::string& identifier,
-                                                const ContainerCover& cover);
+[[nodiscard]] Result<ObjectLookup> lookUp(const FSEvent& event, const std::string& identifier,
+                                          const ContainerCover& cover);
 
 }  // namespace tidewell

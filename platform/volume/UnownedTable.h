@@ -11,28 +11,28 @@
 
 namespace platform {
 
-/// A document that has gone, whose inode number is another object's already, while it is not
-/// decided yet whether it goes on in a successor.
-struct OrphanRow {
+/// An unowned document: its object was removed and the inode number is another object's, while it
+/// is not decided yet whether it has a replacement.
+struct UnownedRow {
     std::uint32_t documentID = 0;
     std::uint64_t inode = 0;
     std::uint64_t fileID = 0;
     ObjectKind kind = ObjectKind::Other;
     std::uint64_t folder = 0;  ///< inode of the one it was in last; 0 = not known
     std::string path;          ///< presented, where it was last
-    /// The name that it left, for a successor to take, and the folder's inode; 0 = none.
-    std::uint64_t vacantFolder = 0;
-    std::string vacantName = {};
+    /// Its vacated name, and the folder's inode; 0 = none.
+    std::uint64_t vacatedFolder = 0;
+    std::string vacatedName = {};
 };
 
 /// What became of one since the last commit.
-struct OrphanChange {
+struct UnownedChange {
     std::uint32_t documentID = 0;
-    std::optional<OrphanRow> row;  ///< none: it is decided
+    std::optional<UnownedRow> row;  ///< none: it is decided
 };
 
 /// The table of documents whose removal is pending, in the store's database. Not synchronised.
-class OrphanTable {
+class UnownedTable {
   public:
     static constexpr const char* schema =
         "CREATE TABLE orphans ("
@@ -45,10 +45,10 @@ class OrphanTable {
     void close();
 
     /// EUCLEAN where a row is damaged.
-    [[nodiscard]] Result<std::vector<OrphanRow>> load(SQLiteDatabase& database) const;
+    [[nodiscard]] Result<std::vector<UnownedRow>> load(SQLiteDatabase& database) const;
 
     /// REQUIRES: within a transaction.
-    Result<void> write(std::span<const OrphanChange> changes);
+    Result<void> write(std::span<const UnownedChange> changes);
 
   private:
     SQLiteStatement insert_;

@@ -1,4 +1,4 @@
-#include "tidewell/fs/Whereabouts.h"
+#include "tidewell/fs/ObjectLookup.h"
 
 #include "platform/fileprovider/Platform.h"
 #include "platform/files/LookFailure.h"
@@ -33,7 +33,7 @@ bool isObjectOf(const LocalItem& item, const FSEvent& event) {
 /// becomes of it.
 bool isAwaited(const FSEvent& event, const ContainerCover& cover) {
     auto& volume = Platform::current().volume();
-    if (cover.isRecursive()) return volume.isAway(event);
+    if (cover.isRecursive()) return volume.isMissing(event);
     const auto last = volume.lastPlaceOf(event);
     if (!last || cover.placeOf(*last).cover != Cover::Outside) return last.has_value();
     // It left the container before it went missing. A replacement in the container is all that
@@ -44,15 +44,15 @@ bool isAwaited(const FSEvent& event, const ContainerCover& cover) {
 
 }  // namespace
 
-Result<Whereabouts> whereaboutsOf(const FSEvent& event, const std::string& identifier,
-                                  const ContainerCover& cover) {
+Result<ObjectLookup> lookUp(const FSEvent& event, const std::string& identifier,
+                            const ContainerCover& cover) {
     const bool isEnd = (event.flags & (fsEventRemoved | fsEventMoved)) == fsEventRemoved;
-    Whereabouts found;
+    ObjectLookup found;
     found.isOnTheMove = !isEnd && isAwaited(event, cover);
     const auto wantsPackage = event.identifierKind == IdentifierKind::Document;
     for (const auto& known : placesOf(event)) {
         if (cover.placeOf(known).cover != Cover::Shown) continue;
-        // A folder by whose name it has an identifier of the other kind, wherever it is by now.
+        // A folder by whose name it has an identifier of the other kind, wherever it is now.
         const bool isFolder = (event.flags & fsEventIsFolder) != 0;
         if (isFolder && isPackageName(known.lastPathComponent()) != wantsPackage) continue;
         const auto place = QSURL::fileURLWithPath(known.path());
