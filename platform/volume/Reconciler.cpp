@@ -89,7 +89,7 @@ void Reconciler::removed(const ObjectIdentity& identity, Time now) {
         const auto change = std::exchange(changeOf(object), {});
         if (!removals_.removal(object)) {
             if (change.left.empty()) return;
-            allNamesRemoved(object, change.left);
+            beginRemoval(object, recordAllButFirst(object, change.left));
         }
     }
     finish(object);
@@ -438,13 +438,17 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
     const auto removal = removals_.popRemoval(object);
     FormerPlace last;
     if (const auto change = changes_.find(object); change != changes_.end()) {
-        if (!change->second.left.empty()) last = change->second.left.front();
+        const auto left = std::move(change->second.left);
         change->second = {};
+        const bool hasIdentifier = old.documentID != 0 || old.fileID != 0;
+        if (!left.empty() && hasIdentifier) last = recordAllButFirst(object, left);
     }
     if (removal) last = removal->last;
-    if (old.documentID != 0) {
+    // The removal of an object that had no place before this look is recorded already.
+    const bool hadPlace = !last.path.empty();
+    if (hadPlace && old.documentID != 0) {
         disown(old, last);
-    } else if (old.fileID != 0 && !last.path.empty()) {
+    } else if (hadPlace && old.fileID != 0) {
         recordRemoval(old, last);
     }
     if (old.kind == ObjectKind::Directory) removedFolders_.push_back(object);

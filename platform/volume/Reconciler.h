@@ -154,7 +154,9 @@ class Reconciler {
     void resolve(NodeNumber node, Change& change);
     [[nodiscard]] bool isAboveMoved(NodeNumber folder) const;
     void recordBelow(NodeNumber folder, std::string path);
-    void allNamesRemoved(NodeNumber node, std::span<const FormerPlace> left);
+    /// Records that the object left these places, and returns the first of them, which is not
+    /// recorded: the removal, or the replacement, is recorded there. REQUIRES: `left` is not empty.
+    [[nodiscard]] FormerPlace recordAllButFirst(NodeNumber node, std::span<const FormerPlace> left);
     void beginRemoval(NodeNumber node, const FormerPlace& last);
     [[nodiscard]] bool isDocument(const ObjectIndex::Node& node, std::string_view path) const;
     void record(FSEventFlags flags, NodeNumber node, FormerPlace place);

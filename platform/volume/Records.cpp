@@ -29,10 +29,9 @@ bool Reconciler::isAboveMoved(NodeNumber folder) const {
     return false;
 }
 
-/// The removal, or what becomes of the object instead, is recorded for the first of its names.
-void Reconciler::allNamesRemoved(NodeNumber node, std::span<const FormerPlace> left) {
+FormerPlace Reconciler::recordAllButFirst(NodeNumber node, std::span<const FormerPlace> left) {
     for (const auto& place : left.subspan(1)) record(fsEventMoved | fsEventRemoved, node, place);
-    beginRemoval(node, left.front());
+    return left.front();
 }
 
 void Reconciler::resolve(NodeNumber node, Change& change) {
@@ -41,7 +40,8 @@ void Reconciler::resolve(NodeNumber node, Change& change) {
     if (object.firstName == ObjectIndex::none && !object.isRoot) {
         const bool matters =
             object.fileID != 0 || object.documentID != 0 || object.kind == ObjectKind::Directory;
-        if (!change.left.empty() && matters) allNamesRemoved(node, change.left);
+        if (change.left.empty() || !matters) return;
+        beginRemoval(node, recordAllButFirst(node, change.left));
         return;
     }
     if (change.isSilent) return;
