@@ -439,7 +439,7 @@ Result<void> VolumeService::State::allocate(std::span<IdentityRequest> requests)
             noteReplaced(former, request, events);
         }
     }
-    const bool hasEvents = !events.empty();
+    const bool recorded = !events.empty();
     std::vector<ObjectRow> rows;
     for (auto& [inode, entry] : staged) {
         if (!entry.isChanged) continue;
@@ -452,7 +452,7 @@ Result<void> VolumeService::State::allocate(std::span<IdentityRequest> requests)
         rows.push_back(entry.row);
     }
     if (auto done = write(rows, true, events); !done) return done;
-    if (hasEvents) follower->wake();
+    if (recorded) follower->wake();
     publish(staged);
     captureMetadata(requests);
     for (std::size_t i = 0; i < requests.size(); ++i) requests[i].result = results[i];
