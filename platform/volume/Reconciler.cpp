@@ -444,11 +444,10 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
         if (!left.empty() && hasIdentifier) last = recordAllButFirst(object, left);
     }
     if (removal) last = removal->last;
-    // The removal of an object that had no place before this look is recorded already.
-    const bool hadPlace = !last.path.empty();
-    if (hadPlace && old.documentID != 0) {
+    // A document may have been shown before the index has a place of it.
+    if (old.documentID != 0) {
         disown(old, last);
-    } else if (hadPlace && old.fileID != 0) {
+    } else if (old.fileID != 0 && !last.path.empty()) {
         recordRemoval(old, last);
     }
     if (old.kind == ObjectKind::Directory) removedFolders_.push_back(object);
