@@ -12,7 +12,9 @@ target_include_directories(tidewell_flags INTERFACE ${CMAKE_SOURCE_DIR})
 target_compile_options(tidewell_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor
   -Woverloaded-virtual -Wold-style-cast -Wcast-qual -Wformat=2 -Wimplicit-fallthrough
-  -Wnull-dereference -Werror)
+  -Wnull-dereference $<$<BOOL:${TIDEWELL_WERROR}>:-Werror>)
+# Without what only static libraries on the same line would use.
+target_link_options(tidewell_flags INTERFACE LINKER:--as-needed)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # GCC 12 misjudges what it inlines of its own library's strings and vectors when it optimises.
   target_compile_options(tidewell_flags INTERFACE -Wno-restrict -Wno-stringop-overread)
