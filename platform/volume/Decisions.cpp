@@ -134,7 +134,11 @@ void Reconciler::moveDocument(std::uint32_t document, const PendingRemovals::Vac
                            std::to_string(document) + "/src=" + std::to_string(vacated.fileID) +
                            ",dst=" + std::to_string(row.fileID);
         index.forEachName(replacement, [&](ObjectIndex::EntryNumber at) {
-            record(fsEventModified, replacement, placeOf(at).path, index.entry(at).folder);
+            // Under a hidden name, a modification concerns no client, but a document that leaves
+            // the places that clients see does.
+            const auto& entry = index.entry(at);
+            const auto flags = isHiddenName(index.name(entry)) ? fsEventMoved : fsEventModified;
+            record(flags, replacement, placeOf(at).path, entry.folder);
         });
     }
     Log::platformLog().write(LogLevel::Debug, [&] {
