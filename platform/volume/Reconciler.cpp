@@ -64,12 +64,18 @@ Reconciler::NodeNumber Reconciler::expect(const VolumeService::State::Recheck& r
     if (node.generation != recheck.object.generation || node.isRoot) return folder;
     occasion_ = Occasion::Live;
     now_ = now;
+    const bool isThere = index.findObject(folder, recheck.name) == object;
+    if (isThere || folder == ObjectIndex::none) {
+        if (!isThere && node.firstName != ObjectIndex::none) changeOf(object).isModified = true;
+        return folder;
+    }
+    auto place = placeIn(folder, recheck.name, joined(pathOfFolder(folder), recheck.name));
     if (node.firstName != ObjectIndex::none) {
-        // It had moved on before it was given out, so that no event reported that.
-        if (index.findObject(folder, recheck.name) != object) changeOf(object).isModified = true;
-    } else if (folder != ObjectIndex::none && !removals_.removal(object)) {
-        beginRemoval(object,
-                     placeIn(folder, recheck.name, joined(pathOfFolder(folder), recheck.name)));
+        // If it has moved on since, no other event reports that it left this place.
+        changeOf(object).isModified = true;
+        record(fsEventMoved | fsEventRemoved, object, std::move(place));
+    } else if (!removals_.removal(object)) {
+        beginRemoval(object, place);
     }
     return folder;
 }
@@ -153,7 +159,12 @@ void Reconciler::restore(NodeNumber root) {
             vacate(node.documentID, {object, node.fileID, node.kind, place, index.metadata(object),
                                      now_, isPast(), false});
         }
-        if (isNowhere) beginRemoval(object, place);
+        if (isNowhere) {
+            beginRemoval(object, place);
+        } else {
+            // Another row has the name, so that no comparison finds it missing.
+            record(fsEventMoved | fsEventRemoved, object, place);
+        }
     }
 }
 
