@@ -75,8 +75,8 @@ class EventHistory {
     /// `age`: time since the step began that found these events.
     using Listener = std::function<void(std::chrono::nanoseconds age)>;
     /// Calls `listener` after each commit of events, after catching up, and when the service
-    /// closes, until the returned handle goes; on whichever thread did the work, so it must hand
-    /// over and return. Letting the handle go waits for a call that runs.
+    /// closes, until the returned handle is destroyed; on whichever thread did the work, so it must
+    /// hand over and return. Destroying the handle waits for a call that runs.
     [[nodiscard]] virtual std::shared_ptr<void> subscribe(Listener listener) = 0;
 };
 

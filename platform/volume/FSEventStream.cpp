@@ -70,7 +70,7 @@ struct FSEventStream::State : std::enable_shared_from_this<State> {
 
     void start();
     void stop();
-    void listener(std::chrono::nanoseconds age);
+    void schedule(std::chrono::nanoseconds age);
     void proceed();
     void advance();
     void readChunk();
@@ -97,7 +97,7 @@ struct FSEventStream::State : std::enable_shared_from_this<State> {
 
     std::atomic<Phase> phase = Phase::Waiting;  ///< written on the queue
     std::atomic<bool> isRunning = false;
-    std::atomic<bool> isScheduled = false;  ///< a block that listener() asked for has not begun
+    std::atomic<bool> isScheduled = false;  ///< a block that schedule() asked for has not begun
 };
 
 void FSEventStream::State::start() {
@@ -107,7 +107,7 @@ void FSEventStream::State::start() {
     if (const auto pass = source.gate->enter()) {
         subscription =
             source.history->subscribe([weak = weak_from_this()](std::chrono::nanoseconds age) {
-                if (const auto self = weak.lock()) self->listener(age);
+                if (const auto self = weak.lock()) self->schedule(age);
             });
     }
     proceed();
@@ -122,7 +122,7 @@ void FSEventStream::State::stop() {
 }
 
 /// The latency counts from when something happened, not from when it was on the disk.
-void FSEventStream::State::listener(std::chrono::nanoseconds age) {
+void FSEventStream::State::schedule(std::chrono::nanoseconds age) {
     if (!isRunning || isScheduled.exchange(true)) return;
     auto work = [self = shared_from_this()] {
         self->isScheduled = false;

@@ -67,7 +67,7 @@ class Witness {
 
     [[nodiscard]] const std::optional<Record>& record() const { return record_; }
 
-    /// Durable on return where a reservation or a UUID is listener; a step of the sequence alone is
+    /// Durable on return where a reservation or a UUID is new; a step of the sequence alone is
     /// left to the system to write, since it only has to survive somebody swapping the store under
     /// a running system, not a power cut. The first write makes the file (whole or not at all).
     Result<void> write(const Record& record);

@@ -254,7 +254,7 @@ Result<LocalRootEnumerator::LibraryChanges> LocalRootEnumerator::appLibraryStep(
     return changes;
 }
 
-/// What the host of the working set has been changes; also again where a former save has failed.
+/// Saves the set that the clients of the working set have got; again where a former save failed.
 void LocalRootEnumerator::saveWorkingSet() {
     const auto content = appLibraryManager_.content();
     const auto main = appLibraries_->mainCache()->versionToken();
@@ -284,11 +284,11 @@ Result<std::set<std::string>> LocalRootEnumerator::identifiersLost(
         if (!seen) return std::unexpected(std::move(seen.error()));
     }
     const auto last = currentFSEventID();
-    const auto detach =
+    const auto detached =
         history.selectedEventsAfter(sinceEventID, last, 1, EventSelection::DetachedRoots);
-    if (!detach) return std::unexpected(errorForHistory(detach.error()));
+    if (!detached) return std::unexpected(errorForHistory(detached.error()));
     std::set<std::string> found;
-    if (detach->empty()) return found;  // as nearly always, without reading what happened
+    if (detached->empty()) return found;  // as nearly always, without reading what happened
     for (auto after = sinceEventID; after < last;) {
         const auto events = history.eventsAfter(after, last, batch);
         if (!events) return std::unexpected(errorForHistory(events.error()));
