@@ -39,12 +39,14 @@ unsigned faultsOf(const RunOptions& options) {
     return faults;
 }
 
-/// What the process's open descriptors lead to, sorted.
+/// What the process's open descriptors lead to, sorted; without those by which the pool of workers
+/// looks at its threads now and then.
 std::vector<std::string> openDescriptors() {
     std::vector<std::string> targets;
     for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
         std::error_code failed;  // closed since: another thread's
-        targets.push_back(std::filesystem::read_symlink(descriptor, failed).string());
+        auto target = std::filesystem::read_symlink(descriptor, failed).string();
+        if (!failed && !target.starts_with("/proc/")) targets.push_back(std::move(target));
     }
     std::ranges::sort(targets);
     return targets;
