@@ -112,6 +112,11 @@ void Reconciler::moveDocument(std::uint32_t document, const PendingRemovals::Vac
         }
         row.documentID = document;
         if (vacated.owner != ObjectIndex::none) {
+            // With several names, the last one may have been in another folder.
+            const auto* removal = removals_.removal(vacated.owner);
+            if (removal && removal->last.path != vacated.place.path) {
+                record(fsEventMoved | fsEventRemoved, vacated.owner, removal->last);
+            }
             auto owner = index.row(vacated.owner);
             owner.documentID = 0;
             index.setIdentity(vacated.owner, owner);
@@ -308,7 +313,7 @@ void Reconciler::finish(NodeNumber node) {
     auto& index = state_.index;
     updateDeferral(node);
     if (!removal || index.node(node).firstName != ObjectIndex::none) return;
-    recordRemoval(index.node(node), removal->last);
+    recordRemoval(fsEventRemoved, index.node(node), removal->last);
     updateUndecided(node);
     if (index.node(node).kind != ObjectKind::Directory) return;
     removedFolders_.push_back(node);
@@ -325,9 +330,14 @@ void Reconciler::finishUnowned(const std::vector<std::uint32_t>& documents) {
         if (node != ObjectIndex::none) updateUndecided(node);
         unownedChanges_.push_back({document, std::nullopt});
         // It may go on in another object; what was shown as a folder does not.
-        const bool goesOn = state_.index.findDocumentID(document) != ObjectIndex::none;
-        if (goesOn && isDocument(unowned->node, unowned->removal.last.path)) continue;
-        recordRemoval(unowned->node, unowned->removal.last);
+        const auto& last = unowned->removal.last;
+        const auto replacement = state_.index.findDocumentID(document);
+        if (replacement == ObjectIndex::none || !isDocument(unowned->node, last.path)) {
+            recordRemoval(fsEventRemoved, unowned->node, last);
+        } else if (!last.path.empty() &&
+                   state_.index.findObject(last.folder, last.name) != replacement) {
+            recordRemoval(fsEventMoved | fsEventRemoved, unowned->node, last);
+        }
     }
 }
 
@@ -350,7 +360,7 @@ void Reconciler::forgetBelow(NodeNumber folder, std::string path) {
                 record(fsEventMoved | fsEventRemoved, object, std::move(place));
                 return;
             }
-            recordRemoval(node, place);
+            recordRemoval(fsEventRemoved, node, place);
             if (node.kind != ObjectKind::Directory) return;
             removedFolders_.push_back(object);
             folders.emplace_back(object, std::move(place.path));

@@ -459,7 +459,7 @@ void Reconciler::renew(NodeNumber object, std::uint64_t generation) {
     if (old.documentID != 0) {
         disown(old, last);
     } else if (old.fileID != 0 && !last.path.empty()) {
-        recordRemoval(old, last);
+        recordRemoval(fsEventRemoved, old, last);
     }
     if (old.kind == ObjectKind::Directory) removedFolders_.push_back(object);
 

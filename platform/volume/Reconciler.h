@@ -163,7 +163,7 @@ class Reconciler {
     void record(FSEventFlags flags, NodeNumber node, std::string path, NodeNumber folder) {
         record(flags, node, placeIn(folder, {}, std::move(path)));
     }
-    void recordRemoval(const ObjectIndex::Node& node, const FormerPlace& last);
+    void recordRemoval(FSEventFlags flags, const ObjectIndex::Node& node, const FormerPlace& last);
     [[nodiscard]] std::string coverOfPath(const std::string& path) const;
 
     [[nodiscard]] SaveVerdict judge(std::uint32_t document,

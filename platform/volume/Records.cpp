@@ -138,12 +138,13 @@ void Reconciler::record(FSEventFlags flags, NodeNumber node, FormerPlace place) 
     made.folderGeneration = place.folderGeneration;
 }
 
-void Reconciler::recordRemoval(const ObjectIndex::Node& node, const FormerPlace& last) {
+void Reconciler::recordRemoval(FSEventFlags flags, const ObjectIndex::Node& node,
+                               const FormerPlace& last) {
     // It was never reported, or not under the identifier that it had there.
     const bool wasDocument = isDocument(node, last.path);
     if ((wasDocument ? node.documentID : node.fileID) == 0) return;
     EventRecord& made = events_.emplace_back();
-    made.event.flags = fsEventRemoved;
+    made.event.flags = flags;
     made.event.fileID = node.fileID;
     made.event.documentID = node.documentID;
     made.event.identifierKind = wasDocument ? IdentifierKind::Document : IdentifierKind::File;
