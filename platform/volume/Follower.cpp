@@ -161,8 +161,11 @@ bool Follower::stepLocked(bool waitsForRoutine) {
     const auto compares = [&] { return isScanning_ && (waitsForRoutine || !isRoutine_); };
     if (marks_.empty() && compares()) scanSome();
     if (!isScanning_ && !storeTrouble_) decide();
-    const bool mayFind = isMoved_ && !detached_.empty();
-    return (!marks_.empty() || compares() || mayFind) && !storeTrouble_;
+    return (hasMarks() || compares()) && !storeTrouble_;
+}
+
+bool Follower::hasMarks() const {
+    return !marks_.empty() || (isMoved_ && !detached_.empty());
 }
 
 bool Follower::checkStorage() {
@@ -464,10 +467,11 @@ void Follower::afterCommit() {
     }
 }
 
-/// What is missing may be in a folder that the kernel does not report on.
+/// What is missing may be in a folder that the kernel does not report on, or in a new one there.
 void Follower::lookAtUnwatched() {
+    if (unwatched_.empty()) return;
     for (const auto folder : unwatched_) marks_[folder].isWhole = true;
-    if (!unwatched_.empty()) lookAtMarks();
+    while (hasMarks() && !storeTrouble_ && !isStopped_) lookAtMarks();
 }
 
 void Follower::decide() {

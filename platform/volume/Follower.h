@@ -126,6 +126,7 @@ class Follower {
     void receive(const KernelEvent& event);
     void markName(NodeNumber folder, std::string_view name);
     void markGap(std::string why);
+    [[nodiscard]] bool hasMarks() const;
     void lookAtMarks();
     void lookAtUnwatched();
     void markPath(std::string_view folder);

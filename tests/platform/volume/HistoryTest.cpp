@@ -204,6 +204,25 @@ TEST_F(HistoryTest, WhatTheKernelDoesNotReportIsFoundInTime) {
     EXPECT_GT(watches, -100) << "asks again and again";
 }
 
+TEST_F(HistoryTest, ADocumentKeepsItsIdentifierInANewFolderThatIsNotWatched) {
+    adjustMore = [](auto& configuration) { configuration.windows.replacement = 10s; };
+    watches = 1;  // the storage itself
+    makeFile("folder/file");
+    makeFile("document");
+    makeFile("other");
+    start();
+    const auto identity = identify("document");
+    // What the kernel does not report is looked at for this removal, and then not for a while.
+    (void)identify("other");
+    fs::remove(native("other"));
+    service->waitUntilSeen().value();
+    fs::create_directories(native("folder/new/below"));
+    fs::rename(native("document"), native("folder/new/below/document"));
+    makeFile("document");
+    EXPECT_NE(identify("document").documentID, identity.documentID);
+    EXPECT_EQ(identify("folder/new/below/document").documentID, identity.documentID);
+}
+
 TEST_F(HistoryTest, AMissingStorageIsLookedForAtRest) {
     adjustMore = [](auto& configuration) { configuration.reconcileInterval = 1ms; };
     start();
