@@ -585,8 +585,10 @@ std::optional<QSURL> Follower::lastPlaceOf(NodeNumber object) const {
 }
 
 void Follower::decideAbout(std::uint32_t documentID) {
+    if (!wait(Barrier::Seen)) return;
     {
         const std::scoped_lock lock(mutex_);
+        lookAtUnwatched();
         const std::scoped_lock store(state_.storeMutex);
         reconciler_.decideAbout(documentID, now());
         noteCommit(reconciler_.commit());

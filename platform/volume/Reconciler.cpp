@@ -61,23 +61,52 @@ Reconciler::NodeNumber Reconciler::expect(const VolumeService::State::Recheck& r
     const auto object = index.findInode(recheck.object.inode);
     if (object == ObjectIndex::none) return ObjectIndex::none;
     const auto& node = index.node(object);
-    if (node.generation != recheck.object.generation || node.isRoot) return folder;
+    if (node.isRoot) return folder;
     occasion_ = Occasion::Live;
     now_ = now;
-    const bool isThere = index.findObject(folder, recheck.name) == object;
-    if (isThere || folder == ObjectIndex::none) {
-        if (!isThere && node.firstName != ObjectIndex::none) changeOf(object).isModified = true;
+    if (node.generation != recheck.object.generation) {
+        reportReplaced(recheck, folder);
         return folder;
     }
+    if (folder != ObjectIndex::none && index.findObject(folder, recheck.name) == object) {
+        return folder;
+    }
+    const bool isElsewhere = node.firstName != ObjectIndex::none;
+    if (isElsewhere) changeOf(object).isModified = true;
+    if (folder == ObjectIndex::none) return folder;
     auto place = placeIn(folder, recheck.name, joined(pathOfFolder(folder), recheck.name));
-    if (node.firstName != ObjectIndex::none) {
+    if (isElsewhere) {
         // If it has moved on since, no other event reports that it left this place.
-        changeOf(object).isModified = true;
         record(fsEventMoved | fsEventRemoved, object, std::move(place));
     } else if (!removals_.removal(object)) {
         beginRemoval(object, place);
     }
     return folder;
+}
+
+/// The object was removed and its inode number used again before the index had its place.
+void Reconciler::reportReplaced(const VolumeService::State::Recheck& recheck, NodeNumber folder) {
+    const auto& index = state_.index;
+    const auto& storage = state_.roots.front().url.path();
+    const auto last =
+        placeIn(folder, recheck.name,
+                joined(folder == ObjectIndex::none ? storage : pathOfFolder(folder), recheck.name));
+    if (auto unowned = unowned_.remove(recheck.identity.documentID)) {
+        if (unowned->removal.last.path.empty()) unowned->removal.last = last;
+        const auto& added = unowned_.add(*std::move(unowned));
+        unownedChanges_.push_back({added.documentID, rowOf(added)});
+        return;
+    }
+    const bool isKnown =
+        index.findFileID(recheck.identity.fileID) != ObjectIndex::none ||
+        (recheck.identity.documentID != 0 &&
+         index.findDocumentID(recheck.identity.documentID) != ObjectIndex::none);
+    if (isKnown) return;
+    ObjectIndex::Node former;
+    former.fileID = recheck.identity.fileID;
+    former.documentID = recheck.identity.documentID;
+    former.kind = recheck.kind;
+    recordRemoval(fsEventRemoved, former, last);
 }
 
 void Reconciler::removed(const ObjectIdentity& identity, Time now) {

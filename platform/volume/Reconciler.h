@@ -142,6 +142,7 @@ class Reconciler {
     [[nodiscard]] bool isUnsure(const FolderReading& reading, const Sighting& sighting,
                                 const ObjectIndex::Node& node);
     void notice(const FolderReading& reading, const Sighting& sighting, NodeNumber object);
+    void reportReplaced(const VolumeService::State::Recheck& recheck, NodeNumber folder);
     void disown(const ObjectIndex::Node& former, const FormerPlace& last);
     [[nodiscard]] UnownedRow rowOf(const UnownedDocuments::UnownedDocument& unowned);
     void renew(NodeNumber node, std::uint64_t generation);

@@ -303,11 +303,12 @@ void VolumeService::State::requestRechecks(std::span<const IdentityRequest> requ
             const auto& node = index.node(number);
             // A place from the request alone, where nothing is or another object.
             const auto folder = index.findInode(request.object->parent.inode);
-            const bool isAsKnown =
-                node.stamp != 0 && index.findObject(folder, request.name) == number;
+            const bool isAsKnown = node.stamp != 0 &&
+                                   node.generation == request.object->identity.generation &&
+                                   index.findObject(folder, request.name) == number;
             if (node.firstName != ObjectIndex::none && (isAsKnown || !isFollowed)) continue;
             found.push_back({request.object->parent.inode, std::string(request.name),
-                             request.object->identity});
+                             request.object->identity, request.object->kind(), request.result});
         }
     }
     if (found.empty()) return;

@@ -114,6 +114,8 @@ struct VolumeService::State {
         std::uint64_t folder = 0;  ///< inode
         std::string name;
         ObjectIdentity object;
+        ObjectKind kind = ObjectKind::Other;
+        Identity identity;  ///< that it was given
     };
     void requestRechecks(std::span<const IdentityRequest> requests);
     [[nodiscard]] std::vector<Recheck> popRechecks();

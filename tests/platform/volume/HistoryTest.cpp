@@ -38,10 +38,12 @@ using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 namespace fs = std::filesystem;
 
-/// The kernel's events, with only so many watches, and an overflow where a test wants one.
+/// The kernel's events, with only so many watches, an overflow where a test wants one, and what a
+/// test does once while they are read.
 class LimitedSource final : public KernelEventSource {
   public:
-    LimitedSource(int& watches, bool& overflows) : watches_(watches), overflows_(overflows) {}
+    LimitedSource(int& watches, bool& overflows, std::function<void()>& happens)
+        : watches_(watches), overflows_(overflows), happens_(happens) {}
     Result<int> addWatch(int folder) override {
         if (watches_-- <= 0) return std::unexpected(errorFromErrno(ENOSPC));
         return real_->addWatch(folder);
@@ -49,6 +51,7 @@ class LimitedSource final : public KernelEventSource {
     void removeWatch(int watch) override { real_->removeWatch(watch); }
     std::vector<KernelEvent> read() override {
         ++reads;
+        if (const auto happens = std::exchange(happens_, nullptr)) happens();
         auto events = real_->read();
         if (std::exchange(overflows_, false)) events.push_back({-1, IN_Q_OVERFLOW, ""});
         return events;
@@ -61,6 +64,7 @@ class LimitedSource final : public KernelEventSource {
     std::unique_ptr<KernelEventSource> real_ = makeInotifySource().value();
     int& watches_;  // that are still available
     bool& overflows_;
+    std::function<void()>& happens_;
 };
 
 class HistoryTest : public VolumeFixture {
@@ -70,7 +74,7 @@ class HistoryTest : public VolumeFixture {
         adjust = [this](VolumeService::Configuration& configuration) {
             if (adjustMore) adjustMore(configuration);
             configuration.makeSource = [this]() -> Result<std::unique_ptr<KernelEventSource>> {
-                return std::make_unique<LimitedSource>(watches, overflows);
+                return std::make_unique<LimitedSource>(watches, overflows, happens);
             };
         };
     }
@@ -109,6 +113,7 @@ class HistoryTest : public VolumeFixture {
     std::function<void(VolumeService::Configuration&)> adjustMore;
     int watches = 1'000'000;
     bool overflows = false;
+    std::function<void()> happens;
     std::uint64_t since = 0;
     std::set<std::uint64_t> removed;
     int gaps = 0;
@@ -182,6 +187,27 @@ TEST_F(HistoryTest, AnObjectThatMovedOnBeforeItsFirstAnswerIsReported) {
         .object = seen.get(), .name = "before", .wantsDocumentID = true, .result = {}};
     service->identify({&request, 1}).value();
     EXPECT_THAT(changes(), UnorderedElementsAre("after", "before"));
+}
+
+TEST_F(HistoryTest, AFolderWhoseNumberIsUsedAgainBeforeItsPlaceIsKnownIsRemoved) {
+    adjustMore = [](auto& configuration) { configuration.isManual = true; };
+    makeFile("file");
+    start();
+    (void)identify("file");
+    std::uint64_t fileID = 0;
+    happens = [&] {
+        fs::create_directory(native("former"));
+        const auto identity = attributes("former")->identity;
+        fileID = identify("former").fileID;
+        fs::remove(native("former"));
+        constexpr int mostFolders = 100;  // until one gets the number
+        for (int i = 0; i < mostFolders; ++i) {
+            fs::create_directory(native(std::to_string(i)));
+            if (attributes(std::to_string(i))->identity.inode == identity.inode) break;
+        }
+    };
+    EXPECT_THAT(changes(), Contains("former"));
+    EXPECT_THAT(removed, Contains(fileID));
 }
 
 TEST_F(HistoryTest, WhatTheKernelDoesNotReportIsFoundInTime) {
