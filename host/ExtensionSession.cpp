@@ -164,6 +164,10 @@ Result<ItemTarget> ExtensionSession::targetForPath(std::string_view path) const 
 Result<std::string> ExtensionSession::pathForIdentifier(const std::string& identifier) const {
     const auto url = extension_->URLForItemWithPersistentIdentifier(identifier);
     if (url) return paths_.nativePath(*url);
+    // Why there is none, only the item's error says.
+    const auto item = this->item(identifier);
+    if (item && item->path) return *item->path;
+    if (!item && !meansNoSuchItem(item.error())) return std::unexpected(item.error());
     return std::unexpected(missOrReason(
         platform::fileProviderErrorForNonExistentItemWithIdentifier(identifier), paths_));
 }

@@ -269,9 +269,20 @@ TEST_F(DocumentServiceTest, AFollowedFolderThatMovesIsWatchedAtItsNewPlace) {
     EXPECT_EQ(script.enumeratorsMade, 2);
     EXPECT_EQ(script.watches, 1);
     extension->identifiersByPath.clear();
+    extension->itemsFound = std::unexpected(platform::errorFromErrno(ENOENT));
     signal(allDirectories);
     EXPECT_FALSE((*following)->wait(Millis(0)))
         << "removed is reported by the signal of the folder itself";
+}
+
+TEST_F(DocumentServiceTest, AnItemThatCannotBeLookedAtIsNotMissing) {
+    container(allDirectories);
+    for (const int reason : {EBUSY, EACCES}) {
+        extension->itemsFound = std::unexpected(platform::errorFromErrno(reason));
+        EXPECT_EQ(service().path("f").error().code, reason);
+    }
+    extension->itemsFound = std::unexpected(platform::errorFromErrno(ENOENT));
+    EXPECT_EQ(service().path("f").error().code, platform::QSFileProviderErrorNoSuchItem);
 }
 
 }  // namespace

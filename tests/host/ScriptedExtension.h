@@ -154,6 +154,7 @@ class ScriptedExtension final : public QSFileProviderExtension {
     std::map<std::string, ScriptedContainer> containers;
     std::map<std::string, std::string> identifiersByPath;  ///< presented paths
     Result<std::vector<std::string>> trashContainers;
+    Result<void> itemsFound;  ///< the error of every item that is asked for
 
     std::optional<QSURL> URLForItemWithPersistentIdentifier(
         const std::string& identifier) override {
@@ -167,6 +168,7 @@ class ScriptedExtension final : public QSFileProviderExtension {
         return found == identifiersByPath.end() ? std::nullopt : std::optional(found->second);
     }
     Result<ItemRef> itemForIdentifier(const std::string& identifier) override {
+        if (!itemsFound) return std::unexpected(itemsFound.error());
         return std::make_shared<ScriptedItem>(identifier);
     }
     Result<std::shared_ptr<QSFileProviderEnumerator>> enumeratorForContainerItemIdentifier(
