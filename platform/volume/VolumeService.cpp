@@ -298,7 +298,8 @@ Result<QSURL> VolumeService::URLForFileID(std::uint64_t fileID) {
         if (look == mostLooks && isSomewhere) return std::unexpected(movesAllTheTimeError());
         const bool mayBeThere = look < mostLooks && (isSomewhere || located->isMissing);
         if (look > 1 && !mayBeThere) return std::unexpected(errorFromErrno(ENOENT));
-        const auto seen = look == 1 ? waitUntilSeen() : waitUntilSeenLooking(located->missedIn);
+        const bool looksThere = look > 1 && isSomewhere;
+        const auto seen = looksThere ? waitUntilSeenLooking(located->missedIn) : waitUntilSeen();
         if (!seen) return std::unexpected(seen.error());
     }
 }
