@@ -1,5 +1,5 @@
 // What the kernel alone costs for the facts that a listing or a crawl needs: the calls with nothing
-// around them. Every product figure is held against these.
+// around them. Every product figure is compared with these.
 //
 //   tidewell-bench-floor list FOLDER ROUNDS    statx, three attributes and an access check an entry
 //   tidewell-bench-floor crawl FOLDER ROUNDS   statx an entry and one watch a folder

@@ -13,7 +13,7 @@ target_compile_options(tidewell_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor
   -Woverloaded-virtual -Wold-style-cast -Wcast-qual -Wformat=2 -Wimplicit-fallthrough
   -Wnull-dereference $<$<BOOL:${TIDEWELL_WERROR}>:-Werror>)
-# Without what only static libraries on the same line would use.
+# A program links only the shared libraries that it uses.
 target_link_options(tidewell_flags INTERFACE LINKER:--as-needed)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # GCC 12 misjudges what it inlines of its own library's strings and vectors when it optimises.

@@ -50,8 +50,7 @@ FileDescriptor duplicate(int fd) {
     return FileDescriptor(fcntl(fd, F_DUPFD_CLOEXEC, 0));
 }
 
-/// Of an object that is held open, when it was changed last, its name included; nothing where that
-/// cannot be read.
+/// When an open object was changed last, its name included. Empty if that cannot be read.
 std::optional<std::pair<std::int64_t, std::int64_t>> changeTime(int object) {
     struct stat status {};
     if (fstat(object, &status) != 0) return std::nullopt;

@@ -43,7 +43,7 @@ class MutableTree {
         QSURL url;
         FileDescriptor fd;
     };
-    /// An object that is held open, and where it stood.
+    /// An open object, and where it stood when it was opened.
     struct OpenItem {
         OpenFolder parent;
         std::string name;

@@ -97,10 +97,9 @@ void Reconciler::reportReplaced(const VolumeService::State::Recheck& recheck, No
         unownedChanges_.push_back({added.documentID, rowOf(added)});
         return;
     }
-    const bool isKnown =
-        index.findFileID(recheck.identity.fileID) != ObjectIndex::none ||
-        (recheck.identity.documentID != 0 &&
-         index.findDocumentID(recheck.identity.documentID) != ObjectIndex::none);
+    const bool isKnown = index.findFileID(recheck.identity.fileID) != ObjectIndex::none ||
+                         (recheck.identity.documentID != 0 &&
+                          index.findDocumentID(recheck.identity.documentID) != ObjectIndex::none);
     if (isKnown) return;
     ObjectIndex::Node former;
     former.fileID = recheck.identity.fileID;

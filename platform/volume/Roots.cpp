@@ -138,7 +138,7 @@ void Reconciler::forgetRoot(NodeNumber root) {
     changeOf(state_.roots.front().node).isModified = true;
 }
 
-/// Nobody will look there any more for what went, or for what took its place.
+/// Below a detached root no look finds removed objects or their replacements any more.
 void Reconciler::decideBelow(const QSURL& root) {
     for (const auto document : removals_.openDocuments()) {
         const auto* vacatedName = removals_.vacatedName(document);

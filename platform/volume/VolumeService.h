@@ -119,8 +119,8 @@ class VolumeService final : public EventHistory {
     /// checked on the disk. Where the object has several links, waits first as waitUntilSeen()
     /// does. ENOENT where nothing is there.
     [[nodiscard]] Result<std::vector<QSURL>> placesOfObjectAt(const QSURL& url);
-    /// Whether the event's object, or a folder above it, is nowhere and may come back or be
-    /// have a replacement. An event will report it.
+    /// Whether the removal of the event's object, or of a folder above it, is pending. An event
+    /// will report what becomes of it.
     [[nodiscard]] bool isMissing(const FSEvent& event) const;
     /// Where an object that is missing like that was last, which is where its removal will be
     /// reported; none if it is not missing.

@@ -99,8 +99,8 @@ struct VolumeService::State {
     void storeTrash();
     /// Makes what is stored visible; see IdentityStore. REQUIRES: storeMutex is held.
     Result<void> confirm();
-    /// Writes the witness in the storage folder where that is due. REQUIRES: the follower's mutex
-    /// is held, or it has stopped; the others are not.
+    /// Writes the witness in the storage folder where that is due. REQUIRES: the caller holds the
+    /// follower's mutex, or the follower has stopped; the caller holds no other one.
     void writeFolderWitness();
     /// Dates the events that have no date yet, and says which ones are too old to be kept.
     /// REQUIRES: storeMutex is held.

@@ -43,7 +43,7 @@ bool Replica::isTree() const {
     return container_ == workingSet;
 }
 
-/// A folder that is out of sight is held no more; what fails on a full disk is tried again.
+/// A replica of a folder that is out of sight ends; what fails on a full disk is tried again.
 void Replica::fail(const platform::QSError& error) {
     const bool isMissing = host::meansNoSuchItem(error) || error.code == ENODATA;
     if (!isTree() && (isMissing || host::meansExpired(error))) return turnTo({});

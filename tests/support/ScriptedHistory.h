@@ -83,7 +83,7 @@ class ScriptedHistory final : public platform::EventHistory {
   private:
     struct Subscribers {
         std::mutex mutex;
-        // Guarded by mutex, which is held while they are called.
+        // Guarded by mutex, which stays locked while they are called.
         std::map<int, Listener> all;
         int next = 0;
     };

@@ -47,11 +47,11 @@ class DirectoryWalk {
     DirectoryWalk(std::vector<Root> roots, ChildFilter childFilter, Emits emits);
 
     /// Passes over entries up to `skipOffset`, then hands at most `pageSize` to `callback`; returns
-    /// the count reached, to be the next page's offset. An entry that is missing since, lies on
-    /// another volume or cannot be read is counted and passed over. Fails where the first root
-    /// cannot be opened, and where the process or the system is short of something; another root
-    /// that is missing is empty, and a folder below that cannot be read is logged and passed over.
-    /// Blocks for the file system.
+    /// the count reached, to be the next page's offset. An entry that is missing when it is looked
+    /// at, lies on another volume or cannot be read is counted and passed over. Fails where the
+    /// first root cannot be opened, and where the process or the system is short of something;
+    /// another root that is missing is empty, and a folder below that cannot be read is logged and
+    /// passed over. Blocks for the file system.
     Result<std::uint64_t> walk(std::uint64_t skipOffset, std::uint64_t pageSize,
                                const EntryCallback& callback);
 
