@@ -112,7 +112,7 @@ struct Parser {
     }
 
     void addApps() {
-        using Override = host::AppRegistry::Override;
+        using Override = host::Override;
         auto& apps = add(Command::Apps, "apps", "Print the app libraries", Takes::Nothing);
         apps.require_subcommand(0, 1);
         apps.add_flag("--all", arguments.all, "Also installed applications that are not shown");

@@ -9,8 +9,8 @@
 #include "cli/ExitCode.h"
 #include "cli/MetadataArguments.h"
 #include "cli/MutationArguments.h"
-#include "host/Apps.h"
-#include "host/Page.h"
+#include "host/documents/Apps.h"
+#include "host/session/Page.h"
 
 namespace cli {
 
@@ -61,7 +61,7 @@ struct Arguments {
     std::optional<std::chrono::seconds> trashAge;
     MetadataArguments metadata;
     bool all = false;
-    std::optional<host::AppRegistry::Override> decision;  ///< about the application `item`
+    std::optional<host::Override> decision;  ///< about the application `item`
 };
 
 /// There is nothing to run: help was asked for, or the command line is wrong.

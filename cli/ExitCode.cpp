@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "cli/text.h"
-#include "host/errors.h"
+#include "host/session/errors.h"
 
 namespace cli {
 

@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-#include "host/ItemRecord.h"
+#include "host/session/ItemRecord.h"
 
 namespace cli {
 

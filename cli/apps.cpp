@@ -56,13 +56,13 @@ bool print(const host::AppRecord& app, bool json, Output& output) {
 
 Result<ExitCode> printApps(const Arguments& arguments, host::DocumentService& service,
                            const Helpers& helpers, Output& output) {
-    host::Apps apps(service, helpers.apps);
+    host::Apps apps(service);
     if (arguments.decision) {
         const auto app = apps.decide(arguments.item, *arguments.decision);
         if (!app) return std::unexpected(app.error());
         print(*app, arguments.json, output);
         // The user's decision is kept all the same.
-        const bool isWanted = *arguments.decision == host::AppRegistry::Override::Allow;
+        const bool isWanted = *arguments.decision == host::Override::Allow;
         return app->isShown == isWanted ? ExitCode::Done : ExitCode::Failed;
     }
     const auto all = apps.list(arguments.all);

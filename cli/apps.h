@@ -3,14 +3,13 @@
 #include "cli/Arguments.h"
 #include "cli/ExitCode.h"
 #include "cli/Output.h"
-#include "host/Apps.h"
-#include "host/Search.h"
+#include "host/documents/Apps.h"
+#include "host/documents/Search.h"
 
 namespace cli {
 
 /// What commands use besides the document service.
 struct Helpers {
-    host::AppRegistry apps;
     host::Search* search = nullptr;  ///< must outlive the command
 };
 

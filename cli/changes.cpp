@@ -52,7 +52,8 @@ Result<host::Anchor> startingAnchor(const Arguments& arguments,
 
 bool isStorageMissing(const host::DocumentService& service) {
     (void)service.waitUntilSettled();  // looks
-    return service.health().storageTrouble.has_value();
+    const auto health = service.session().health();
+    return health && health->storageTrouble.has_value();
 }
 
 /// False where the wait was interrupted.
@@ -90,7 +91,7 @@ Result<ExitCode> watchChanges(const Arguments& arguments, host::DocumentService&
     if (!settled) return std::unexpected(settled.error());
     progress.end();
     const Interruption interruption;
-    const auto following = service.follow(container);
+    const auto following = service.session().follow(container);
     if (!following) return std::unexpected(following.error());
     auto reached = startingAnchor(arguments, service, container);
     bool printsAnchor = true;  // the first anchor says that the watch has begun

@@ -6,7 +6,7 @@
 #include "cli/ExitCode.h"
 #include "cli/Output.h"
 #include "cli/Progress.h"
-#include "host/DocumentService.h"
+#include "host/documents/DocumentService.h"
 
 namespace cli {
 

@@ -13,7 +13,7 @@
 #include "cli/mutations.h"
 #include "cli/text.h"
 #include "cli/thumbnails.h"
-#include "host/errors.h"
+#include "host/session/errors.h"
 
 namespace cli {
 
@@ -107,14 +107,15 @@ class Run {
     /// shown all the same.
     [[nodiscard]] Result<ExitCode> doctor() {
         const auto settled = service_.waitUntilSettled();
-        const auto health = service_.health();
+        const auto health = service_.session().health();
+        if (!health) return std::unexpected(health.error());
         if (arguments_.json) {
-            appendJson(output_.text(), health);
+            appendJson(output_.text(), *health);
         } else {
-            appendFields(output_.text(), health, output_.style());
+            appendFields(output_.text(), *health, output_.style());
         }
         if (!settled) return std::unexpected(settled.error());
-        return health.problems().empty() ? ExitCode::Done : ExitCode::Failed;
+        return health->problems().empty() ? ExitCode::Done : ExitCode::Failed;
     }
 
     /// Waits first: what happened before the command is not after the anchor.
@@ -167,7 +168,7 @@ class Run {
     /// From one page on: here a refusal is the user's to know, not a reason to start again.
     [[nodiscard]] Result<void> pages(const std::string& container) {
         for (auto start = arguments_.start;;) {
-            auto page = service_.onePage(container, start);
+            auto page = service_.session().page(container, start);
             for (const auto& item : page.items) {
                 if (!row(item)) return {};
             }

@@ -5,7 +5,7 @@
 #include "cli/Output.h"
 #include "cli/Progress.h"
 #include "cli/apps.h"
-#include "host/DocumentService.h"
+#include "host/documents/DocumentService.h"
 
 namespace cli {
 

@@ -3,8 +3,8 @@
 #include <string>
 #include <string_view>
 
-#include "host/Health.h"
-#include "host/ItemRecord.h"
+#include "host/session/Health.h"
+#include "host/session/ItemRecord.h"
 
 namespace cli {
 

@@ -14,7 +14,8 @@
 #include "cli/StorageWait.h"
 #include "cli/apps.h"
 #include "cli/commands.h"
-#include "host/DocumentService.h"
+#include "host/documents/DocumentService.h"
+#include "host/local/LocalSession.h"
 #include "platform/fileprovider/Platform.h"
 #include "platform/log/Log.h"
 #include "tidewell/provider/LocalFileProvider.h"
@@ -88,13 +89,15 @@ cli::ExitCode run(const cli::Arguments& arguments) {
     host::DocumentService::Options options;
     // Only a service that stays looks after the trash.
     if (arguments.command == cli::Command::Watch) options.trashAge = arguments.trashAge;
-    host::DocumentService service([&] { return tidewell::makeLocalFileProvider(libraries); },
-                                  std::move(options));
+    host::LocalSession::Options access;
+    access.applications = host::AppRegistry::ofPlatform([&] { (void)libraries->refresh(); });
+    host::DocumentService service(
+        std::make_unique<host::LocalSession>(
+            [&] { return tidewell::makeLocalFileProvider(libraries); }, std::move(access)),
+        std::move(options));
     host::Search search(service, (*platform)->folders().cache + "/search.sqlite");
     cli::Output output(STDOUT_FILENO, progress);
-    const cli::Helpers helpers{host::AppRegistry::ofPlatform([&] { (void)libraries->refresh(); }),
-                               &search};
-    return cli::runCommand(arguments, service, output, progress, helpers);
+    return cli::runCommand(arguments, service, output, progress, {&search});
 }
 
 }  // namespace

@@ -10,11 +10,11 @@ Result<ExitCode> setMetadata(const Arguments& arguments, const host::DocumentSer
                              Output& output, const host::ItemTarget& target) {
     const auto item = [&] {
         if (arguments.command == Command::Tag)
-            return service.setTags(target, arguments.metadata.labels);
+            return service.session().setTags(target, arguments.metadata.labels);
         if (arguments.command == Command::Favorite) {
-            return service.setFavoriteRank(target, arguments.metadata.rank);
+            return service.session().setFavoriteRank(target, arguments.metadata.rank);
         }
-        return service.setLastUsedDate(target, arguments.metadata.date);
+        return service.session().setLastUsedDate(target, arguments.metadata.date);
     }();
     if (!item) return std::unexpected(item.error());
     printItem(arguments, output, *item);

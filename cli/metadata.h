@@ -5,7 +5,7 @@
 #include "cli/Arguments.h"
 #include "cli/ExitCode.h"
 #include "cli/Output.h"
-#include "host/DocumentService.h"
+#include "host/documents/DocumentService.h"
 
 namespace cli {
 

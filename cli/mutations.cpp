@@ -8,7 +8,7 @@
 #include "cli/commands.h"
 #include "cli/format.h"
 #include "cli/text.h"
-#include "host/errors.h"
+#include "host/session/errors.h"
 
 namespace cli {
 
@@ -103,9 +103,10 @@ class Run {
     }
 
     [[nodiscard]] Result<ExitCode> emptyTrash() {
-        const auto limit = service_.limitForAge(given_.age);
-        const auto date = limit.wall;
-        if (limit.clocksDiffer && !given_.isDryRun && !given_.isForced) {
+        const auto limit = service_.session().limitForAge(given_.age);
+        if (!limit) return std::unexpected(limit.error());
+        const auto date = limit->wall;
+        if (limit->clocksDiffer && !given_.isDryRun && !given_.isForced) {
             auto error = platform::errorFromErrno(EPERM);
             error.userInfo.emplace(
                 platform::QSDescriptionErrorKey,
@@ -114,12 +115,13 @@ class Run {
             return std::unexpected(std::move(error));
         }
         const auto items = service_.mutations().trashedBefore(date);
+        if (!items) return std::unexpected(items.error());
         if (!given_.isDryRun) {
             const auto done = service_.mutations().emptyTrash(date);
             if (!done) return std::unexpected(done.error());
         }
         auto code = ExitCode::Done;
-        for (const auto& item : items) {
+        for (const auto& item : *items) {
             const host::ItemTarget entry(item.itemIdentifier,
                                          {item.parentItemIdentifier, item.filename});
             if (given_.isDryRun || isRemoved(entry)) {

@@ -13,7 +13,7 @@
 namespace cli {
 
 using platform::Result;
-using Thumbnail = host::DocumentService::Thumbnail;
+using Thumbnail = host::Thumbnail;
 
 namespace {
 
@@ -85,7 +85,7 @@ Result<ExitCode> writeThumbnails(const Arguments& arguments, const host::Documen
             code = report(name.error(), item, arguments.json);
         }
     }
-    const auto thumbnails = service.thumbnails(identifiers);
+    const auto thumbnails = service.session().thumbnails(identifiers);
     if (!thumbnails) return std::unexpected(thumbnails.error());
     for (const auto& thumbnail : *thumbnails) {
         const auto path = arguments.metadata.folder + "/" + fileName(thumbnail.itemIdentifier);

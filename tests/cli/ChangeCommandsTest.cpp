@@ -8,6 +8,7 @@
 
 #include "cli/Progress.h"
 #include "cli/commands.h"
+#include "host/local/LocalSession.h"
 #include "platform/fileprovider/QSFileProviderManager.h"
 #include "tests/host/ScriptedExtension.h"
 
@@ -68,8 +69,9 @@ class ChangeCommandsTest : public testing::Test {
     host::NativePaths paths{[](const auto& url) { return url.path(); },
                             [](auto path) { return platform::QSURL::fileURLWithPath(path); }};
     host::VolumeAccess volume{[this] { return ++settled, waitResult; }, [this] { return health; }};
-    host::DocumentService service{[this] { return extension; },
-                                  {.paths = paths, .volume = volume, .manager = &manager}};
+    host::DocumentService service{std::make_unique<host::LocalSession>(
+        [this] { return extension; },
+        host::LocalSession::Options{.paths = paths, .volume = volume, .manager = &manager})};
 };
 
 TEST_F(ChangeCommandsTest, ChangesEndWithTheAnchorToGoOnFrom) {

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "host/local/LocalSession.h"
 #include "platform/dispatch/Queue.h"
 #include "platform/fileprovider/QSFileProviderItem.h"
 #include "platform/files/AttributeReader.h"
@@ -58,10 +59,10 @@ std::string Product::start() {
     platform_->install();
     libraries_ = tidewell::AppLibraries::load();
     if (isManual_) refreshApplications();  // as the provider does, but now
-    service_ = std::make_unique<host::DocumentService>(
-        [this] { return tidewell::makeLocalFileProvider(libraries_); });
+    service_ = std::make_unique<host::DocumentService>(std::make_unique<host::LocalSession>(
+        [this] { return tidewell::makeLocalFileProvider(libraries_); }));
     if (!isManual_) {
-        auto following = service_->follow(
+        auto following = service_->session().follow(
             std::string(platform::QSFileProviderWorkingSetContainerItemIdentifier));
         if (!following) return following.error().description();
         following_ = std::move(*following);

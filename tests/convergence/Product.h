@@ -8,8 +8,8 @@
 #include <shared_mutex>
 #include <string>
 
-#include "host/DocumentService.h"
-#include "host/Following.h"
+#include "host/documents/DocumentService.h"
+#include "host/session/Following.h"
 #include "platform/fileprovider/Platform.h"
 #include "tests/convergence/ScriptedKernel.h"
 #include "tidewell/applibraries/AppLibraries.h"

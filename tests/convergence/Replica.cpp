@@ -5,7 +5,7 @@
 #include <iterator>
 #include <sstream>
 
-#include "host/errors.h"
+#include "host/session/errors.h"
 
 namespace tests {
 
@@ -87,7 +87,7 @@ void Replica::listStep(host::DocumentService& service) {
     }
     auto next = std::move(pending_.front());
     pending_.pop_front();
-    auto page = service.onePage(next.container, next.start);
+    auto page = service.session().page(next.container, next.start);
     for (const auto& item : page.items) {
         state_.items[item.itemIdentifier] = item;
         if (item.isFolder()) pending_.push_back({item.itemIdentifier});

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/DocumentService.h"
+#include "host/documents/DocumentService.h"
 #include "platform/fileprovider/QSFileProviderItem.h"
 #include "tests/convergence/Recipes.h"
 #include "tests/convergence/Walker.h"

@@ -4,8 +4,9 @@
 #include <mutex>
 #include <set>
 
-#include "host/DocumentService.h"
-#include "host/errors.h"
+#include "host/documents/DocumentService.h"
+#include "host/local/LocalSession.h"
+#include "host/session/errors.h"
 #include "tests/support/InstalledPlatform.h"
 #include "tidewell/applibraries/AppLibraries.h"
 #include "tidewell/fs/FSChangeToken.h"
@@ -30,7 +31,7 @@ class Client {
   public:
     Client(const Service& service, std::string container, bool isFollowing = false)
         : service_(service), container_(std::move(container)) {
-        if (isFollowing) following_ = service_->follow(container_).value();
+        if (isFollowing) following_ = service_->session().follow(container_).value();
     }
 
     void readAll() {
@@ -53,7 +54,7 @@ class Client {
     [[nodiscard]] bool isRefusedWith(std::uint64_t version) const {
         auto changed = token();
         changed.appLibraryVersionToken = version;
-        const auto page = service_->onePageOfChanges(container_, changed.data());
+        const auto page = service_->session().changes(container_, changed.data());
         return !page && host::meansExpired(page.error());
     }
 
@@ -117,8 +118,8 @@ class AppLibrariesTest : public tests::InstalledPlatform {
             const std::scoped_lock lock(mutex);
             return fed;
         });
-        service = std::make_unique<host::DocumentService>(
-            [this] { return tidewell::makeLocalFileProvider(libraries); });
+        service = std::make_unique<host::DocumentService>(std::make_unique<host::LocalSession>(
+            [this] { return tidewell::makeLocalFileProvider(libraries); }));
     }
     /// `container`: the name of its folder, if it is not the identifier.
     void feed(const std::vector<std::string>& identifiers, const std::string& container = {}) {
@@ -170,7 +171,7 @@ TEST_F(AppLibrariesTest, TwoClientsOfAWideContainerMeetEveryAnswer) {
 TEST_F(AppLibrariesTest, LibrariesStandBeforeTheDocumentsAndNoPageSurvivesAnotherSet) {
     for (int i = 0; i < 450; ++i) (void)file("f" + std::to_string(i));
     for (int i = 0; i < 30; ++i) libraryFile("org.a/Documents/a" + std::to_string(i));
-    const auto page = [&](const auto& start) { return service->onePage(workingSet, start); };
+    const auto page = [&](const auto& start) { return service->session().page(workingSet, start); };
     const auto after = [](const host::Page& before) { return before.next.value().value(); };
     for (const auto& [restarts, isAddedOnly] :
          {std::pair(false, false), {false, true}, {true, false}, {true, true}}) {
@@ -201,10 +202,10 @@ TEST_F(AppLibrariesTest, LibrariesStandBeforeTheDocumentsAndNoPageSurvivesAnothe
     }));
     EXPECT_THAT(met, SizeIs(450 + 30 + 1));
 
-    const auto first = service->onePage(root, host::Order::ByDate).items.at(0);
+    const auto first = service->session().page(root, host::Order::ByDate).items.at(0);
     EXPECT_EQ(first.itemIdentifier, "#org.a");
     EXPECT_EQ(first.childItemCount, 30);
-    EXPECT_THAT(service->onePage("#org.a", host::Order::ByName).items, SizeIs(30));
+    EXPECT_THAT(service->session().page("#org.a", host::Order::ByName).items, SizeIs(30));
 }
 
 TEST_F(AppLibrariesTest, ChangesThatCannotBeSavedWereNotReported) {

@@ -1,10 +1,11 @@
-#include "host/DocumentService.h"
+#include "host/documents/DocumentService.h"
+#include "host/local/LocalSession.h"
 
 #include <gmock/gmock.h>
 
 #include <cerrno>
 
-#include "host/errors.h"
+#include "host/session/errors.h"
 #include "platform/fileprovider/QSFileProviderManager.h"
 #include "tests/host/ScriptedExtension.h"
 #include "tests/support/ScratchFolder.h"
@@ -33,8 +34,7 @@ class DocumentServiceTest : public testing::Test {
     host::DocumentService& service() {
         if (service_) return *service_;
         const auto native = scratch.path().string();
-        host::DocumentService::Options options{
-            .wait = [this](Millis pause) { pauses.push_back(static_cast<int>(pause.count())); },
+        host::LocalSession::Options options{
             .pageDeadline = deadline,
             .paths = host::NativePaths{
                 [native](const platform::QSURL& url) { return native + url.path().substr(10); },
@@ -43,8 +43,11 @@ class DocumentServiceTest : public testing::Test {
                         "/presented" + std::string(path.substr(native.size())));
                 }},
             .manager = &manager};
-        service_ = std::make_unique<host::DocumentService>([this] { return extension; },
-                                                           std::move(options));
+        service_ = std::make_unique<host::DocumentService>(
+            std::make_unique<host::LocalSession>([this] { return extension; }, std::move(options)),
+            host::DocumentService::Options{.wait = [this](Millis pause) {
+                pauses.push_back(static_cast<int>(pause.count()));
+            }});
         return *service_;
     }
 
@@ -97,11 +100,11 @@ class DocumentServiceTest : public testing::Test {
 TEST_F(DocumentServiceTest, PagesResumeByTokenOnTheKeptEnumerator) {
     auto& script = container("f");
     script.rows = {file("a"), file("b"), file("c")};
-    auto first = service().onePage("f", host::Order::ByDate);
+    auto first = service().session().page("f", host::Order::ByDate);
     EXPECT_EQ(script.lastInitialPage, platform::QSFileProviderInitialPageSortedByDate);
     ASSERT_TRUE(first.next && *first.next);
     for (int again = 0; again < 2; ++again) {
-        const auto second = service().onePage("f", **first.next);
+        const auto second = service().session().page("f", **first.next);
         ASSERT_EQ(second.items.size(), 1U);
         EXPECT_EQ(second.items[0].itemIdentifier, "c");
         EXPECT_TRUE(second.next && !*second.next);
@@ -112,15 +115,16 @@ TEST_F(DocumentServiceTest, PagesResumeByTokenOnTheKeptEnumerator) {
     EXPECT_EQ(script.enumeratorsMade, 2) << "a folder may have moved since";
     EXPECT_EQ(script.enumeratorsInvalidated, 1);
     EXPECT_EQ(script.pages, 4U) << "no more are asked for than are wanted";
-    for (int client = 0; client < 6; ++client) (void)service().onePage("f", host::Order::ByName);
+    for (int client = 0; client < 6; ++client)
+        (void)service().session().page("f", host::Order::ByName);
     EXPECT_EQ(script.enumeratorsMade - script.enumeratorsInvalidated, 4) << "each keeps its cursor";
 
     container("g").rows = script.rows;
-    EXPECT_EQ(service().onePage("g", **first.next).next.error().code,
+    EXPECT_EQ(service().session().page("g", **first.next).next.error().code,
               platform::QPInvalidParameterErrorCode);
-    EXPECT_TRUE(host::meansExpired(service().onePage("f", anchor("f")).next.error()));
+    EXPECT_TRUE(host::meansExpired(service().session().page("f", anchor("f")).next.error()));
     service_.reset();
-    EXPECT_EQ(service().onePage("f", **first.next).items.size(), 1U) << "in another process";
+    EXPECT_EQ(service().session().page("f", **first.next).items.size(), 1U) << "in another process";
 }
 
 TEST_F(DocumentServiceTest, ARefusedFolderStartsAgainGivesEachRowOnceAndUpInTheEnd) {
@@ -224,7 +228,7 @@ TEST_F(DocumentServiceTest, WhoFollowsIsWokenBySignalsOfItsContainerAlone) {
     const std::vector<std::string> containers{"f", "g", root, workingSet, allDirectories};
     for (const auto& name : containers) container(name);
     for (const auto& name : containers)
-        followers.emplace_back(name, service().follow(name).value());
+        followers.emplace_back(name, service().session().follow(name).value());
     EXPECT_EQ(container("f").watches, 1);
     EXPECT_EQ(container(allDirectories).watches, 1);  // shared; the working set has no other
     const auto woken = [&] {
@@ -248,7 +252,7 @@ TEST_F(DocumentServiceTest, WhoFollowsIsWokenBySignalsOfItsContainerAlone) {
     for (const auto& name : {std::string("f"), root, allDirectories}) {
         EXPECT_EQ(container(name).watches, 0) << name;
     }
-    EXPECT_TRUE(host::meansNoSuchItem(service().follow("missing").error()));
+    EXPECT_TRUE(host::meansNoSuchItem(service().session().follow("missing").error()));
     EXPECT_EQ(container(allDirectories).watches, 0);
     service_.reset();
     signal("f");  // nobody is left to take it, and still it is answered
@@ -259,7 +263,7 @@ TEST_F(DocumentServiceTest, AFollowedFolderThatMovesIsWatchedAtItsNewPlace) {
     container(allDirectories);
     auto& script = container("f");
     extension->identifiersByPath = {{"/presented/a/f", "f"}};
-    const auto following = service().follow("f");
+    const auto following = service().session().follow("f");
     ASSERT_TRUE(following);
     signal(allDirectories);
     EXPECT_FALSE((*following)->wait(Millis(0)));

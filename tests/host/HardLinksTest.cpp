@@ -1,7 +1,8 @@
 #include <gmock/gmock.h>
 
-#include "host/DocumentService.h"
-#include "host/errors.h"
+#include "host/documents/DocumentService.h"
+#include "host/local/LocalSession.h"
+#include "host/session/errors.h"
 #include "platform/fileprovider/ObjectNames.h"
 #include "tests/support/InstalledPlatform.h"
 #include "tidewell/provider/LocalFileProvider.h"
@@ -40,7 +41,8 @@ class HardLinksTest : public tests::InstalledPlatform {
         return result.error().code == EMLINK ? description->second : result.error().description();
     }
 
-    host::DocumentService service{[] { return tidewell::makeLocalFileProvider(); }};
+    host::DocumentService service{
+        std::make_unique<host::LocalSession>([] { return tidewell::makeLocalFileProvider(); })};
     const host::Mutations& verbs = service.mutations();
     std::string identifier;
     const host::Mutations::ProgressHandler none;
@@ -52,8 +54,9 @@ TEST_F(HardLinksTest, ANameThatVanishesMeansNoOther) {
         fs::remove(storage() / "a");
         return platform::preferPlace(place);
     };
-    host::DocumentService late([] { return tidewell::makeLocalFileProvider(); },
-                               {.volume = volume});
+    host::DocumentService late(
+        std::make_unique<host::LocalSession>([] { return tidewell::makeLocalFileProvider(); },
+                                             host::LocalSession::Options{.volume = volume}));
     const auto removed = late.mutations().remove(at("a"), none);
     EXPECT_TRUE(!removed && host::meansNoSuchItem(removed.error()));
     EXPECT_EQ(names(), "b d/c ");

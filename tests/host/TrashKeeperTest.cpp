@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "host/TrashKeeper.h"
+#include "host/documents/TrashKeeper.h"
 
 namespace {
 
