@@ -195,9 +195,9 @@ class FollowedTest : public tests::ChangesFixture {
     FollowedTest() {
         history = nullptr;
         adjustVolume = [this](VolumeService::Configuration& configuration) {
-            using namespace std::chrono_literals;
             configuration.isManual = true;
-            configuration.windows = {.rest = 1ms, .replacement = 2ms, .rename = 4ms};
+            configuration.windows = windows;
+            configuration.now = [this] { return std::chrono::steady_clock::now() + passed; };
             configuration.makeSource = [this]() -> Result<std::unique_ptr<KernelEventSource>> {
                 return std::make_unique<InterruptedKernel>(beforeRead);
             };
@@ -217,6 +217,10 @@ class FollowedTest : public tests::ChangesFixture {
     }
 
     std::function<void()> beforeRead;
+    VolumeService::Windows windows{.rest = std::chrono::milliseconds(1),
+                                   .replacement = std::chrono::milliseconds(2),
+                                   .rename = std::chrono::milliseconds(4)};
+    std::chrono::seconds passed{0};
 };
 
 TEST_F(FollowedTest, ChangesOfAFolderThatMovesAreReportedOrItsAnchorExpires) {
@@ -262,6 +266,29 @@ TEST_F(FollowedTest, ChangesOfAFolderThatMovesAreReportedOrItsAnchorExpires) {
             EXPECT_TRUE(hasExpired(page->error) || page->names() == known->names()) << where;
         }
     }
+}
+
+TEST_F(FollowedTest, AFolderThatIsRemovedWithAPackageIsDeletedWhereItWasShown) {
+    windows.replacement = std::chrono::seconds(30);
+    restart();
+    (void)file("a/F/file");
+    (void)file("a/p.lutebox/file");
+    waitUntilSettled();
+    const auto enumerator = lookedUp("a");
+    const auto folder = itemIdentifier(url("a/F")).value();
+    const auto token = present();
+    std::filesystem::rename(storage() / "a/F", storage() / "a/p.lutebox/F");
+    ASSERT_TRUE(installed->volume().waitUntilSeen());
+    std::filesystem::rename(storage() / "a/p.lutebox", scratch / "out");
+    ASSERT_TRUE(installed->volume().waitUntilSeen());
+    // While the removal of the package is pending, and after it.
+    const auto pending = changes(*enumerator, token);
+    passed = std::chrono::minutes(1);
+    waitUntilSettled();
+    const auto rest = changes(*enumerator, FSChangeToken::fromData(pending->anchor).value());
+    EXPECT_EQ(
+        std::ranges::count(pending->deleted, folder) + std::ranges::count(rest->deleted, folder),
+        1);
 }
 
 TEST_F(FollowedTest, WhatCannotBeIdentifiedIsNeitherLeftOutNorDeleted) {

@@ -35,7 +35,10 @@ bool isAwaited(const FSEvent& event, const ContainerCover& cover) {
     auto& volume = Platform::current().volume();
     if (cover.isRecursive()) return volume.isMissing(event);
     const auto last = volume.lastPlaceOf(event);
-    if (!last || cover.placeOf(*last).cover != Cover::Outside) return last.has_value();
+    if (!last) return false;
+    const auto place = cover.placeOf(*last);
+    // In a package it is as little in a single folder as outside.
+    if (place.cover != Cover::Outside && !place.package) return true;
     // It left the container before it went missing. A replacement in the container is all that
     // would be reported here.
     volume.decideAbout(event);
