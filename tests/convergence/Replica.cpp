@@ -63,6 +63,7 @@ std::string Replica::anyFolder(Random& random) const {
 void Replica::begin(host::DocumentService& service) {
     state_ = {};
     pending_.clear();
+    listed_.clear();
     isListing_ = false;
     auto anchor = service.anchor(container_);
     if (!anchor) return fail(anchor.error());
@@ -90,6 +91,7 @@ void Replica::listStep(host::DocumentService& service) {
     auto page = service.session().page(next.container, next.start);
     for (const auto& item : page.items) {
         state_.items[item.itemIdentifier] = item;
+        listed_.insert(item.itemIdentifier);
         if (item.isFolder()) pending_.push_back({item.itemIdentifier});
     }
     if (page.next && *page.next) {
@@ -124,6 +126,7 @@ void Replica::apply(const host::ChangePage& page) {
         if (item.isTrashed && isTree())
             failure_ = name_ + ": trashed, but updated: " + item.filename;
         const auto isNew = state_.items.insert_or_assign(item.itemIdentifier, item).second;
+        listed_.erase(item.itemIdentifier);
         // It may have moved from a folder not yet listed to one that was, with all that is in it.
         if (isNew && isListed_ && item.isFolder()) pending_.push_back({item.itemIdentifier});
     }
@@ -144,7 +147,9 @@ void Replica::pull(host::DocumentService& service) {
     if (reached) {
         // It may have listed a folder that was about to go out of sight with all that is in it.
         if (!pending_.empty() || !std::exchange(isListed_, false)) return;
+        // What was reported since may be in a folder whose event is still to come.
         const auto isOutOfSight = [&](const auto& entry) {
+            if (!listed_.contains(entry.first)) return false;
             const auto parent = state_.items.find(entry.second.parentItemIdentifier);
             const bool isInPackage = parent != state_.items.end() && !parent->second.isFolder();
             return isInPackage || pathOf(entry.second).empty();

@@ -83,6 +83,7 @@ class Replica {
     bool isPatient_ = false;
     State state_, kept_;
     std::deque<Pending> pending_;
+    std::set<std::string> listed_;  ///< by listStep(), and not reported since
     std::set<std::string> deleted_;
     std::size_t refusals_ = 0, mishaps_ = 0;
     bool isListed_ = false;  ///< folder by folder, and no change was taken over since
