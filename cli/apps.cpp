@@ -55,7 +55,7 @@ bool print(const host::AppRecord& app, bool json, Output& output) {
 }  // namespace
 
 Result<ExitCode> printApps(const Arguments& arguments, host::DocumentService& service,
-                           const Helpers& helpers, Output& output) {
+                           Output& output) {
     host::Apps apps(service);
     if (arguments.decision) {
         const auto app = apps.decide(arguments.item, *arguments.decision);

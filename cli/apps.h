@@ -16,8 +16,7 @@ struct Helpers {
 /// The app libraries, with `--all` the other installed applications too; or what was decided about
 /// one of them.
 [[nodiscard]] platform::Result<ExitCode> printApps(const Arguments& arguments,
-                                                   host::DocumentService& service,
-                                                   const Helpers& helpers, Output& output);
+                                                   host::DocumentService& service, Output& output);
 
 /// The items whose names match the words, each as `ls` would print it but with its path.
 [[nodiscard]] platform::Result<ExitCode> printMatches(const Arguments& arguments,

@@ -43,7 +43,7 @@ class Run {
             return runMutation(arguments_, service_, output_, progress_);
         }
         if (arguments_.command == Command::Apps) {
-            return printApps(arguments_, service_, helpers_, output_);
+            return printApps(arguments_, service_, output_);
         }
         if (arguments_.command == Command::Search) {
             return printMatches(arguments_, helpers_, output_);
