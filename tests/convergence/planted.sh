@@ -9,7 +9,7 @@ source=$(cd "$here/../.." && pwd)
 build=$(cd "$1" && pwd)
 shift
 [ $# -gt 0 ] || set -- "$here"/planted/*.patch
-seeds=${SEEDS:-400}
+seeds=${SEEDS:-1000}
 if [ -n "${SOME:-}" ]; then
     first=$(($(git -C "$source" rev-list --count HEAD) * SOME % $#))
     set -- "${@:first+1}" "${@:1:first}"
