@@ -26,8 +26,8 @@ Result<FolderReading> FolderReader::begin(ObjectIndex::NodeNumber number,
     }
     const auto own = folder.ownState();
     if (!own) return std::unexpected(own.error());
-    return FolderReading{number, folder.url(), *own,        identity->generation,
-                         {},     std::nullopt, std::nullopt};
+    return FolderReading{number, folder.url(), *own,         identity->generation,
+                         {},     std::nullopt, std::nullopt, false};
 }
 
 void FolderReader::readNames(const Folder& folder, std::vector<std::pair<std::string, bool>> names,

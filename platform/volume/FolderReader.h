@@ -35,6 +35,8 @@ struct FolderReading {
     /// Why some of the names could not be looked at, of the last of them. What the index has of
     /// them stays as it is.
     std::optional<QSError> trouble;
+    /// Of single names: others may have changed, too, before the folder was in the state `own`.
+    bool isPart = false;
 };
 
 /// Looks at a folder through a descriptor that was verified to be of the folder meant, and reports

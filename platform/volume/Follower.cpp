@@ -186,6 +186,10 @@ bool Follower::checkStorage() {
 
 void Follower::drain() {
     popRechecks();
+    readKernelEvents();
+}
+
+void Follower::readKernelEvents() {
     if (!source_) return;
     for (const auto& event : source_->read()) receive(event);
 }
@@ -285,6 +289,7 @@ Result<FolderReading> Follower::readFolder(NodeNumber number, const QSURL& url, 
         if (watch(number, **folder) && !mark.isWhole) marks_[number].isWhole = true;
     }
     if (!mark.isWhole) {
+        reading->isPart = isPart(number);
         reader_.readNames(**folder, {mark.names.begin(), mark.names.end()}, *reading);
         return reading;
     }
@@ -292,14 +297,19 @@ Result<FolderReading> Follower::readFolder(NodeNumber number, const QSURL& url, 
         **folder,
         [this] {
             const std::scoped_lock lock(readersMutex_);
-            if (source_) {
-                for (const auto& event : source_->read()) receive(event);
-            }
+            readKernelEvents();
             return !isStopped_;
         },
         *reading);
     if (!done) return std::unexpected(done.error());
     return reading;
+}
+
+bool Follower::isPart(NodeNumber folder) {
+    const std::scoped_lock lock(readersMutex_);
+    readKernelEvents();
+    const bool isFollowed = watches_.contains(folder) && (!isScanning_ || isCompared(folder));
+    return !isFollowed || marks_.contains(folder);
 }
 
 void Follower::apply(Look look, std::vector<FolderReading>& readings) {

@@ -123,6 +123,7 @@ class Follower {
     /// What this process has removed; true where there was anything.
     bool readRemovals();
     void commitRemovals();
+    void readKernelEvents();
     void receive(const KernelEvent& event);
     void markName(NodeNumber folder, std::string_view name);
     void markGap(std::string why);
@@ -139,6 +140,9 @@ class Follower {
     [[nodiscard]] Look look(NodeNumber folder, Mark mark);
     [[nodiscard]] Result<FolderReading> readFolder(NodeNumber number, const QSURL& url,
                                                    const Mark& mark);
+    /// Whether the folder's state, read just now, may show changes whose names were not marked
+    /// when the look at it began.
+    [[nodiscard]] bool isPart(NodeNumber folder);
     /// Looks at the last of the folders, on two threads where there are many.
     [[nodiscard]] std::deque<Look> lookAtSome(std::deque<NodeNumber>& toScan);
     /// Adds what was read, or keeps in mind what could not be.

@@ -231,7 +231,8 @@ void Reconciler::noticeFolder(const FolderReading& reading) {
     if (!isSilent(reading, reading.own)) changeOf(reading.folder).isModified = true;
     // That the storage folder's own state is known stands for the whole first scan.
     const bool isStorage = reading.folder == state_.roots.front().node;
-    if (!isStorage || node.stamp != 0) setState(reading.folder, reading.own);
+    if (reading.isPart || (isStorage && node.stamp == 0)) return;
+    setState(reading.folder, reading.own);
 }
 
 void Reconciler::rememberScan(NodeNumber root, const ObjectState& own) {
@@ -256,6 +257,12 @@ void Reconciler::setState(NodeNumber node, const ObjectState& state) {
     state_.index.setState(node, state.kind, state.stamp, isRacy(state));
 }
 
+/// Of an object seen in its folder: what it holds itself is looked at later.
+void Reconciler::setStateSeenAbove(NodeNumber node, const ObjectState& state) {
+    if (state_.index.node(node).stamp != state.stamp) state_.index.setListed(node, false);
+    setState(node, state);
+}
+
 bool Reconciler::isSilent(const FolderReading& reading, const ObjectState& state) const {
     return occasion_ == Occasion::FirstScan && state.change.seconds < silentBefore_ &&
            !reportedFolders_.contains(reading.folder);
@@ -276,7 +283,7 @@ void Reconciler::notice(const FolderReading& reading, const Sighting& sighting, 
     if (isUnsure(reading, sighting, node)) return;
     const bool isFirstLook = node.stamp == 0;
     if (sighting.generation != 0) index.setGeneration(object, sighting.generation);
-    setState(object, *sighting.state);
+    setStateSeenAbove(object, *sighting.state);
     if (node.documentID != 0) toCapture_.push_back(object);
     // Also one that changed by itself: it may have become readable.
     if (node.kind == ObjectKind::Directory) newFolders_.push_back(object);
@@ -441,7 +448,7 @@ void Reconciler::arrive(const FolderReading& reading, const Sighting& sighting) 
     if (sighting.generation != 0) index.setGeneration(object, sighting.generation);
     if (!isFirstLook && node.stamp != state.stamp) change.isModified = true;
     index.addName(object, reading.folder, sighting.name);
-    setState(object, state);
+    setStateSeenAbove(object, state);
 
     if (isBack) {
         updateUndecided(object);

@@ -150,6 +150,7 @@ class Reconciler {
     void noticeFolder(const FolderReading& reading);
     void noticeMissing(const FolderReading& reading);
     void setState(NodeNumber node, const ObjectState& state);
+    void setStateSeenAbove(NodeNumber node, const ObjectState& state);
     [[nodiscard]] bool isSilent(const FolderReading& reading, const ObjectState& state) const;
 
     void resolve(NodeNumber node, Change& change);

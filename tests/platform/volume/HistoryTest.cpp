@@ -15,12 +15,14 @@
 
 namespace {
 
-std::string unreadableName;  // of an entry on which statx fails
+std::string unreadableName;           // of an entry on which statx fails
+std::function<void()> happensAtLook;  // once, before the next statx
 
 }  // namespace
 
 /// The product's calls come here.
 extern "C" int statx(int folder, const char* name, int flags, unsigned mask, struct statx* into) {
+    if (const auto happens = std::exchange(happensAtLook, nullptr)) happens();
     if (!unreadableName.empty() && name == unreadableName) {
         errno = EIO;
         return -1;
@@ -407,6 +409,27 @@ TEST_F(FirstComparisonTest, OnlyOneThatMayFindSomethingIsWaitedForByWhoJustLooks
         EXPECT_EQ(service->step(), !isLoss) << "the comparison goes on";
         while (service->step()) continue;
     }
+}
+
+TEST_F(FirstComparisonTest, CountsOnlyTheEntriesOfTheStateThatIsMeant) {
+    makeFile("busy/1");
+    open();
+    while (service->step()) continue;
+    const auto count = [&] { return service->entryCount(*attributes("busy")).value_or(0); };
+    ASSERT_EQ(count(), 1U);
+
+    // The folder above is compared first.
+    makeFile("busy/2");
+    for (overflows = true; service->step();) EXPECT_NE(count(), 1U);
+    EXPECT_EQ(count(), 2U);
+
+    // More happens between the kernel's events and the look that they lead to.
+    makeFile("busy/3");
+    happensAtLook = [&] { makeFile("busy/4"); };
+    service->step();
+    EXPECT_NE(count(), 3U);
+    while (service->step()) continue;
+    EXPECT_EQ(count(), 4U);
 }
 
 TEST_F(HistoryTest, OldEventsGoAndTheEdgeIsExact) {
