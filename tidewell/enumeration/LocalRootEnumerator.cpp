@@ -166,8 +166,8 @@ void LocalRootEnumerator::enumerateChangesForObserver(
         observer->didDeleteItemsWithIdentifiers(std::move(changes->deletions));
     }
     if (upToEventID == LocalFileEnumerator::noLimit) {
-        observer = std::make_shared<PublicationGuard>(
-            std::move(observer), appLibraries_->mainCache(), token->appLibraryVersionToken);
+        observer = std::make_shared<PublicationGuard>(std::move(observer),
+                                                      appLibraries_->mainCache(), changes->version);
     }
     fileEnumeratorOver(appLibraryManager_.bundleProxiesByRootURLs())
         ->enumerateChanges(std::move(observer), token->data(), upToEventID);
@@ -235,10 +235,12 @@ Result<LocalRootEnumerator::LibraryChanges> LocalRootEnumerator::appLibraryStep(
         return std::unexpected(syncAnchorExpiredError());
     }
     if (upgrade->changed) logInfo("upgraded manager");
-    token.appLibraryVersionToken = upgrade->versionToken;
-    if (isWorkingSet_) saveWorkingSet();
+    const bool isSaved = !isWorkingSet_ || saveWorkingSet();
+    // The next process would know no other version, and version 0 is good for every set.
+    token.appLibraryVersionToken = isSaved ? upgrade->versionToken : 0;
 
     LibraryChanges changes;
+    changes.version = upgrade->versionToken;
     // Another caller may have upgraded the manager since the token was found to match it.
     if (upgrade->versionToken != changeTokenVersion || changeTokenVersion == 0) {
         changes.items = appLibraryManager_.appLibraryItems();
@@ -255,7 +257,7 @@ Result<LocalRootEnumerator::LibraryChanges> LocalRootEnumerator::appLibraryStep(
 }
 
 /// Saves the set that the clients of the working set have got; again where a former save failed.
-void LocalRootEnumerator::saveWorkingSet() {
+bool LocalRootEnumerator::saveWorkingSet() {
     const auto content = appLibraryManager_.content();
     const auto main = appLibraries_->mainCache()->versionToken();
     const auto saved = appLibraries_->workingSetCache()->update(
@@ -267,8 +269,9 @@ void LocalRootEnumerator::saveWorkingSet() {
             return content;
         },
         {});
-    if (saved) return;
+    if (saved) return true;
     logError([&] { return "can't save working-set cache to disk;" + saved.error().description(); });
+    return false;
 }
 
 /// The detached libraries, and everything below them that the history has events of, without

@@ -38,6 +38,7 @@ class LocalRootEnumerator final : public QSFileProviderEnumerator,
     struct LibraryChanges {
         std::vector<ItemRef> items;
         std::vector<std::string> deletions;
+        std::uint64_t version = 0;  ///< of the set that they lead to
     };
 
     LocalRootEnumerator(std::string container, std::shared_ptr<AppLibraries> appLibraries);
@@ -46,7 +47,7 @@ class LocalRootEnumerator final : public QSFileProviderEnumerator,
     /// start from scratch.
     [[nodiscard]] Result<LibraryChanges> appLibraryStep(FSChangeToken& token);
     [[nodiscard]] bool isUsable(std::uint64_t changeTokenVersion, std::uint64_t localVersion) const;
-    void saveWorkingSet();
+    [[nodiscard]] bool saveWorkingSet();
     [[nodiscard]] Result<std::set<std::string>> identifiersLost(std::uint64_t sinceEventID) const;
     [[nodiscard]] std::string versionSuffix(std::uint64_t changeTokenVersion) const;
 
