@@ -13,6 +13,16 @@ namespace {
 constexpr std::string_view localFileProviderErrorDomain = "Tidewell.LocalFileProviderError";
 constexpr std::int64_t lookupFailed = 0;
 
+constexpr std::string_view serviceErrorDomain = "com.quenby.Documents1";
+constexpr std::int64_t serviceEnded = 1;
+constexpr std::int64_t operationInterrupted = 2;
+
+platform::QSError serviceError(std::int64_t code, std::string_view text) {
+    return {std::string(serviceErrorDomain),
+            code,
+            {{std::string(platform::QSDescriptionErrorKey), std::string(text)}}};
+}
+
 }  // namespace
 
 bool meansExpired(const platform::QSError& error) {
@@ -32,6 +42,24 @@ bool meansNoSuchItem(const platform::QSError& error) {
         return error.code == platform::QSFileNoSuchFileError;
     }
     return error.domain == platform::QSPOSIXErrorDomain && error.code == ENOENT;
+}
+
+bool meansServiceEnded(const platform::QSError& error) {
+    return error.domain == serviceErrorDomain && error.code == serviceEnded;
+}
+
+platform::QSError errorForEndedService() {
+    return serviceError(serviceEnded, "the document service has ended or does not answer");
+}
+
+bool meansMayBeDone(const platform::QSError& error) {
+    return error.domain == serviceErrorDomain && error.code == operationInterrupted;
+}
+
+platform::QSError errorForInterruptedOperation() {
+    return serviceError(
+        operationInterrupted,
+        "the document service ended during the operation, which may have been done");
 }
 
 }  // namespace host

@@ -11,4 +11,13 @@ namespace host {
 /// There is no such item: an unknown identifier, or a path at which nothing is.
 [[nodiscard]] bool meansNoSuchItem(const platform::QSError& error);
 
+/// The document service of another process has ended, or does not answer. Ask again: another one
+/// may serve by then.
+[[nodiscard]] bool meansServiceEnded(const platform::QSError& error);
+[[nodiscard]] platform::QSError errorForEndedService();
+
+/// The service ended during an operation, which may have been done or not, but not in part.
+[[nodiscard]] bool meansMayBeDone(const platform::QSError& error);
+[[nodiscard]] platform::QSError errorForInterruptedOperation();
+
 }  // namespace host

@@ -8,6 +8,7 @@
 #include "host/session/errors.h"
 #include "platform/fileprovider/QSFileProviderManager.h"
 #include "tests/host/ScriptedExtension.h"
+#include "tests/host/Served.h"
 #include "tests/support/ScratchFolder.h"
 
 namespace {
@@ -29,10 +30,11 @@ platform::ItemRef folder(std::string identifier) {
 const auto package = file("p", "com.quenby.package");
 
 /// A service over a scripted extension whose "/presented" tree is a scratch folder on disk.
-class DocumentServiceTest : public testing::Test {
+class ScriptedServiceTest : public testing::Test {
   protected:
     host::DocumentService& service() {
         if (service_) return *service_;
+        served_.reset();
         const auto native = scratch.path().string();
         host::LocalSession::Options options{
             .pageDeadline = deadline,
@@ -43,9 +45,14 @@ class DocumentServiceTest : public testing::Test {
                         "/presented" + std::string(path.substr(native.size())));
                 }},
             .manager = &manager};
+        std::unique_ptr<host::Session> session =
+            std::make_unique<host::LocalSession>([this] { return extension; }, std::move(options));
+        if (isServed) {
+            served_ = std::make_unique<tests::Served>(std::move(session), native);
+            session = served_->connect();
+        }
         service_ = std::make_unique<host::DocumentService>(
-            std::make_unique<host::LocalSession>([this] { return extension; }, std::move(options)),
-            host::DocumentService::Options{.wait = [this](Millis pause) {
+            std::move(session), host::DocumentService::Options{.wait = [this](Millis pause) {
                 pauses.push_back(static_cast<int>(pause.count()));
             }});
         return *service_;
@@ -88,16 +95,25 @@ class DocumentServiceTest : public testing::Test {
     platform::QSFileProviderManager manager{platform::QSURL::fileURLWithPath("/presented")};
     std::shared_ptr<tests::ScriptedExtension> extension =
         std::make_shared<tests::ScriptedExtension>();
+    bool isServed = false;  ///< by another end of a socket
     Millis deadline = std::chrono::seconds(30);
     std::size_t limit = 1000;
     std::vector<int> pauses;
     int signalsAnswered = 0;
     platform::Result<void> result;
     platform::Result<host::Anchor> reached;
+    std::unique_ptr<tests::Served> served_;
     std::unique_ptr<host::DocumentService> service_;
 };
 
-TEST_F(DocumentServiceTest, PagesResumeByTokenOnTheKeptEnumerator) {
+/// What holds for a session of this process and for one behind a socket.
+class DocumentServiceTest : public ScriptedServiceTest, public testing::WithParamInterface<bool> {
+  protected:
+    DocumentServiceTest() { isServed = GetParam(); }
+};
+INSTANTIATE_TEST_SUITE_P(Served, DocumentServiceTest, testing::Bool());
+
+TEST_P(DocumentServiceTest, PagesResumeByTokenOnTheKeptEnumerator) {
     auto& script = container("f");
     script.rows = {file("a"), file("b"), file("c")};
     auto first = service().session().page("f", host::Order::ByDate);
@@ -127,7 +143,7 @@ TEST_F(DocumentServiceTest, PagesResumeByTokenOnTheKeptEnumerator) {
     EXPECT_EQ(service().session().page("f", **first.next).items.size(), 1U) << "in another process";
 }
 
-TEST_F(DocumentServiceTest, ARefusedFolderStartsAgainGivesEachRowOnceAndUpInTheEnd) {
+TEST_P(DocumentServiceTest, ARefusedFolderStartsAgainGivesEachRowOnceAndUpInTheEnd) {
     // "d" is a file with two names: two rows of one identifier.
     const std::vector rows{file("a"), file("b"), file("c"), file("d"), file("e"), file("d")};
     for (const std::size_t refused : {0U, 1U, 2U, 3U}) {
@@ -151,7 +167,7 @@ TEST_F(DocumentServiceTest, ARefusedFolderStartsAgainGivesEachRowOnceAndUpInTheE
     EXPECT_TRUE(host::meansNoSuchItem(result.error()));
 }
 
-TEST_F(DocumentServiceTest, ARecursiveContainerThatIsRefusedIsJoinedFromFolders) {
+TEST_P(DocumentServiceTest, ARecursiveContainerThatIsRefusedIsJoinedFromFolders) {
     extension->trashContainers = {"trash", "removed"};
     for (const auto& wide : {workingSet, allDirectories}) {
         service_.reset();  // its enumerators look at the containers
@@ -182,7 +198,7 @@ TEST_F(DocumentServiceTest, ARecursiveContainerThatIsRefusedIsJoinedFromFolders)
     EXPECT_EQ(result.error(), platform::errorFromErrno(EIO)) << "not listed as empty";
 }
 
-TEST_F(DocumentServiceTest, ChangesComePageByPageUntilNothingMoreDoesOrOneFails) {
+TEST_P(DocumentServiceTest, ChangesComePageByPageUntilNothingMoreDoesOrOneFails) {
     auto& script = container("f");
     script.anchor = "0";
     script.changes = {
@@ -223,7 +239,7 @@ TEST_F(DocumentServiceTest, ChangesComePageByPageUntilNothingMoreDoesOrOneFails)
     EXPECT_EQ(result.error(), platform::errorFromErrno(ETIMEDOUT));
 }
 
-TEST_F(DocumentServiceTest, WhoFollowsIsWokenBySignalsOfItsContainerAlone) {
+TEST_F(ScriptedServiceTest, WhoFollowsIsWokenBySignalsOfItsContainerAlone) {
     std::vector<std::pair<std::string, std::unique_ptr<host::Following>>> followers;
     const std::vector<std::string> containers{"f", "g", root, workingSet, allDirectories};
     for (const auto& name : containers) container(name);
@@ -259,7 +275,7 @@ TEST_F(DocumentServiceTest, WhoFollowsIsWokenBySignalsOfItsContainerAlone) {
     EXPECT_EQ(signalsAnswered, 7);
 }
 
-TEST_F(DocumentServiceTest, AFollowedFolderThatMovesIsWatchedAtItsNewPlace) {
+TEST_F(ScriptedServiceTest, AFollowedFolderThatMovesIsWatchedAtItsNewPlace) {
     container(allDirectories);
     auto& script = container("f");
     extension->identifiersByPath = {{"/presented/a/f", "f"}};
@@ -279,7 +295,7 @@ TEST_F(DocumentServiceTest, AFollowedFolderThatMovesIsWatchedAtItsNewPlace) {
         << "removed is reported by the signal of the folder itself";
 }
 
-TEST_F(DocumentServiceTest, AnItemThatCannotBeLookedAtIsNotMissing) {
+TEST_P(DocumentServiceTest, AnItemThatCannotBeLookedAtIsNotMissing) {
     container(allDirectories);
     for (const int reason : {EBUSY, EACCES}) {
         extension->itemsFound = std::unexpected(platform::errorFromErrno(reason));

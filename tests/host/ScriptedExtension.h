@@ -149,7 +149,7 @@ class ScriptedEnumerator final : public QSFileProviderEnumerator {
 };
 
 /// Answers from tables. What a table lacks does not exist.
-class ScriptedExtension final : public QSFileProviderExtension {
+class ScriptedExtension : public QSFileProviderExtension {
   public:
     std::map<std::string, ScriptedContainer> containers;
     std::map<std::string, std::string> identifiersByPath;  ///< presented paths
