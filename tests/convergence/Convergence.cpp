@@ -102,7 +102,8 @@ class Run {
         : options_(options),
           faults_(faultsOf(options)),
           product_(base(), stores_.path().string(),
-                   std::make_shared<KernelScript>(faults_, options.seed), options.mode == 'D') {
+                   std::make_shared<KernelScript>(faults_, options.seed), options.mode == 'D',
+                   options.seed % 4 == 3) {
         for (const auto* folder : {"s/.Trash", "s/a/a", "s/a/b", "s/b/a", "out", "l/x/Documents"}) {
             scratch_.makeFolder(folder);
         }

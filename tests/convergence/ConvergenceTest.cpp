@@ -95,7 +95,7 @@ class ScriptsTest : public testing::Test {
     DeedLog log;
     Actor actor{0, {scratch.path().string(), Product::tagAttribute(), Product::tagValue()}, log};
     Product product{scratch.path().string(), stores.path().string(),
-                    std::make_shared<KernelScript>(0, 0), true};
+                    std::make_shared<KernelScript>(0, 0), true, false};
     Replica replica{"R"};
     Ledger ledger;
     Random random{1};

@@ -22,11 +22,12 @@ using platform::Result;
 using platform::VolumeService;
 
 Product::Product(std::string base, std::string stores, std::shared_ptr<KernelScript> script,
-                 bool isManual)
+                 bool isManual, bool isServed)
     : base_(std::move(base)),
       stores_(std::move(stores)),
       script_(std::move(script)),
-      isManual_(isManual) {}
+      isManual_(isManual),
+      isServed_(isServed) {}
 
 std::string Product::start() {
     const std::unique_lock life(life_);
@@ -59,8 +60,13 @@ std::string Product::start() {
     platform_->install();
     libraries_ = tidewell::AppLibraries::load();
     if (isManual_) refreshApplications();  // as the provider does, but now
-    service_ = std::make_unique<host::DocumentService>(std::make_unique<host::LocalSession>(
-        [this] { return tidewell::makeLocalFileProvider(libraries_); }));
+    std::unique_ptr<host::Session> session = std::make_unique<host::LocalSession>(
+        [this] { return tidewell::makeLocalFileProvider(libraries_); });
+    if (isServed_) {
+        served_ = std::make_unique<Served>(std::move(session), stores_);
+        session = served_->connect();
+    }
+    service_ = std::make_unique<host::DocumentService>(std::move(session));
     if (!isManual_) {
         auto following = service_->session().follow(
             std::string(platform::QSFileProviderWorkingSetContainerItemIdentifier));
@@ -79,6 +85,7 @@ void Product::stop() {
     const std::unique_lock life(life_);
     following_.reset();
     service_.reset();
+    served_.reset();
     libraries_.reset();
     platform::mainQueue().sync([] {});
     platform_.reset();

@@ -12,6 +12,7 @@
 #include "host/session/Following.h"
 #include "platform/fileprovider/Platform.h"
 #include "tests/convergence/ScriptedKernel.h"
+#include "tests/host/Served.h"
 #include "tidewell/applibraries/AppLibraries.h"
 
 namespace tests {
@@ -22,7 +23,7 @@ class Product {
     /// `base` holds the storage "s"; the stores go to `stores`. One that `isManual` does nothing
     /// but in step(), and its clock goes by advance() alone.
     Product(std::string base, std::string stores, std::shared_ptr<KernelScript> script,
-            bool isManual);
+            bool isManual, bool isServed);
     ~Product() { stop(); }
     Product(const Product&) = delete;
     Product& operator=(const Product&) = delete;
@@ -71,11 +72,13 @@ class Product {
     const std::string base_, stores_;
     const std::shared_ptr<KernelScript> script_;
     const bool isManual_;
+    const bool isServed_;
     std::shared_mutex life_;  // shared while it performs, alone where it begins or ends
     std::atomic<std::int64_t> clock_ = 1'000'000;  // ms
     std::set<std::string> applications_;
     std::unique_ptr<platform::Platform> platform_;
     std::shared_ptr<tidewell::AppLibraries> libraries_;
+    std::unique_ptr<Served> served_;  ///< null: in this process
     std::unique_ptr<host::DocumentService> service_;
     std::unique_ptr<host::Following> following_;
 };
