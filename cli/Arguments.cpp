@@ -84,10 +84,13 @@ struct Parser {
         for (auto* sub : {&changes, &watch}) {
             sub->add_option("--since", since, "Begin at this anchor (base64)");
         }
-        watch
-            .add_option("--trash-age", trashAge,
-                        "Delete what has been in the trash for longer: 30d, or off")
-            ->envname("TIDEWELL_TRASH_AGE");
+        auto& serve = add(Command::Serve, "serve", "Serve the other commands until interrupted",
+                          Takes::Nothing);
+        for (auto* sub : {&watch, &serve}) {
+            sub->add_option("--trash-age", trashAge,
+                            "Delete what has been in the trash for longer: 30d, or off")
+                ->envname("TIDEWELL_TRASH_AGE");
+        }
         addMetadataCommands();
         add(Command::Sync, "sync", "Wait until all that happened is known", Takes::Nothing);
         add(Command::Doctor, "doctor", "Tell how the system is", Takes::Nothing);

@@ -29,6 +29,7 @@ enum class Command : std::uint8_t {
     Thumbnail,
     Cat,
     Sync,
+    Serve,
     Doctor,
     MakeDirectory,
     Import,
@@ -57,7 +58,7 @@ struct Arguments {
     host::PageStart start = host::Order::ByName;
     std::optional<host::Anchor> since;
     MutationArguments mutation;
-    /// How long `watch` keeps what is in the trash; for ever where it is none.
+    /// How long `watch` and `serve` keep what is in the trash; for ever where it is none.
     std::optional<std::chrono::seconds> trashAge;
     MetadataArguments metadata;
     bool all = false;

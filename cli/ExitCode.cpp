@@ -50,6 +50,7 @@ ExitCode exitCodeFor(const platform::QSError& error) {
     if (error.domain == usageErrorDomain) return ExitCode::Usage;
     if (host::meansExpired(error)) return ExitCode::Expired;
     if (host::meansNoSuchItem(error)) return ExitCode::NoSuchItem;
+    if (host::meansMayBeDone(error)) return ExitCode::MayBeDone;
     return ExitCode::Failed;
 }
 

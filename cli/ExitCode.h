@@ -9,7 +9,14 @@
 namespace cli {
 
 /// How the command ends. The numbers are part of the interface.
-enum class ExitCode : std::uint8_t { Done = 0, Failed = 1, Usage = 2, NoSuchItem = 3, Expired = 4 };
+enum class ExitCode : std::uint8_t {
+    Done = 0,
+    Failed = 1,
+    Usage = 2,
+    NoSuchItem = 3,
+    Expired = 4,
+    MayBeDone = 5
+};
 
 /// The domain of mistakes on the command line; the code is ExitCode::Usage.
 inline constexpr std::string_view usageErrorDomain = "Tidewell.UsageError";

@@ -6,6 +6,7 @@
 
 #include "cli/format.h"
 #include "cli/text.h"
+#include "host/session/errors.h"
 
 namespace cli {
 
@@ -73,18 +74,23 @@ Result<ExitCode> printApps(const Arguments& arguments, host::DocumentService& se
     return ExitCode::Done;
 }
 
-Result<ExitCode> printMatches(const Arguments& arguments, const Helpers& helpers, Output& output) {
-    const auto found = helpers.search->find(arguments.item, [&](const host::ItemRecord& item) {
+Result<ExitCode> printMatches(const Arguments& arguments, const host::DocumentService& service,
+                              const Helpers& helpers, Output& output) {
+    const auto found = helpers.search(arguments.item);
+    if (!found) return std::unexpected(found.error());
+    for (const auto& identifier : *found) {
+        const auto item = service.item(identifier);
+        if (!item && host::meansNoSuchItem(item.error())) continue;  // removed since
+        if (!item) return std::unexpected(item.error());
         if (arguments.json) {
-            cli::appendJson(output.text(), item);
+            cli::appendJson(output.text(), *item);
         } else {
-            auto row = item;
-            row.filename = item.path.value_or(item.filename);
+            auto row = *item;
+            row.filename = item->path.value_or(item->filename);
             cli::appendRow(output.text(), row, output.style());
         }
-        return output.pace();
-    });
-    if (!found) return std::unexpected(found.error());
+        if (!output.pace()) break;
+    }
     return ExitCode::Done;
 }
 

@@ -10,6 +10,7 @@
 #include "cli/commands.h"
 #include "cli/format.h"
 #include "cli/text.h"
+#include "host/session/errors.h"
 
 namespace cli {
 
@@ -65,28 +66,10 @@ bool waitUntilStorageIsBack(const host::DocumentService& service, platform::QSEr
     return waitForStorage([&] { return !isStorageMissing(service); });
 }
 
-}  // namespace
-
-Result<ExitCode> printChanges(const Arguments& arguments, const host::DocumentService& service,
-                              Output& output, const std::string& container) {
-    // Before the wait, which finds what happened while nobody looked.
-    const auto since = startingAnchor(arguments, service, container);
-    if (!since) return std::unexpected(since.error());
-    const auto settled = service.waitUntilSettled();
-    if (!settled) return std::unexpected(settled.error());
-    bool moreComing = false;
-    const auto reached = service.changes(container, *since, [&](const host::ChangePage& page) {
-        moreComing = page.moreComing;
-        appendPage(output, page, arguments.json);
-        return output.pace() && !arguments.onePage;
-    });
-    if (!reached) return std::unexpected(reached.error());
-    appendAnchor(output, *reached, moreComing, arguments.json);
-    return ExitCode::Done;
-}
-
-Result<ExitCode> watchChanges(const Arguments& arguments, host::DocumentService& service,
-                              Output& output, Progress& progress, const std::string& container) {
+/// `known` is the last anchor that was reported.
+Result<ExitCode> follow(const Arguments& arguments, host::DocumentService& service, Output& output,
+                        Progress& progress, const std::string& container,
+                        std::optional<host::Anchor>& known) {
     const auto settled = service.waitUntilSettled();
     if (!settled) return std::unexpected(settled.error());
     progress.end();
@@ -97,11 +80,13 @@ Result<ExitCode> watchChanges(const Arguments& arguments, host::DocumentService&
     bool printsAnchor = true;  // the first anchor says that the watch has begun
     bool hasFailed = false;    // at this anchor
     while (reached) {
+        known = *reached;
         bool moreComing = false;
         auto next = service.changes(**following, *reached, [&](const host::ChangePage& page) {
             moreComing = page.moreComing;
             printsAnchor = printsAnchor || !page.updates.empty() || !page.deletions.empty();
             appendPage(output, page, arguments.json);
+            known = page.anchor;
             return output.flush() && !interruption.hasCome();
         });
         if (!next) {
@@ -125,6 +110,36 @@ Result<ExitCode> watchChanges(const Arguments& arguments, host::DocumentService&
         } while (!(*following)->wait(std::chrono::milliseconds(0)));
     }
     return std::unexpected(reached.error());
+}
+
+}  // namespace
+
+Result<ExitCode> printChanges(const Arguments& arguments, const host::DocumentService& service,
+                              Output& output, const std::string& container) {
+    // Before the wait, which finds what happened while nobody looked.
+    const auto since = startingAnchor(arguments, service, container);
+    if (!since) return std::unexpected(since.error());
+    const auto settled = service.waitUntilSettled();
+    if (!settled) return std::unexpected(settled.error());
+    bool moreComing = false;
+    const auto reached = service.changes(container, *since, [&](const host::ChangePage& page) {
+        moreComing = page.moreComing;
+        appendPage(output, page, arguments.json);
+        return output.pace() && !arguments.onePage;
+    });
+    if (!reached) return std::unexpected(reached.error());
+    appendAnchor(output, *reached, moreComing, arguments.json);
+    return ExitCode::Done;
+}
+
+Result<ExitCode> watchChanges(const Arguments& arguments, host::DocumentService& service,
+                              Output& output, Progress& progress, const Helpers& helpers,
+                              const std::string& container) {
+    auto known = arguments.since;
+    auto ended = follow(arguments, service, output, progress, container, known);
+    if (ended || !helpers.watchEnd || !host::meansServiceEnded(ended.error())) return ended;
+    *helpers.watchEnd = WatchEnd{container, std::move(known)};
+    return ExitCode::Done;
 }
 
 }  // namespace cli

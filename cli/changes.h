@@ -6,6 +6,7 @@
 #include "cli/ExitCode.h"
 #include "cli/Output.h"
 #include "cli/Progress.h"
+#include "cli/apps.h"
 #include "host/documents/DocumentService.h"
 
 namespace cli {
@@ -21,6 +22,7 @@ namespace cli {
 [[nodiscard]] platform::Result<ExitCode> watchChanges(const Arguments& arguments,
                                                       host::DocumentService& service,
                                                       Output& output, Progress& progress,
+                                                      const Helpers& helpers,
                                                       const std::string& container);
 
 }  // namespace cli

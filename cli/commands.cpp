@@ -6,6 +6,7 @@
 #include <iterator>
 #include <utility>
 
+#include "cli/Interruption.h"
 #include "cli/ItemOrder.h"
 #include "cli/changes.h"
 #include "cli/format.h"
@@ -36,6 +37,7 @@ class Run {
         if (arguments_.command == Command::Resolve) return resolve();
         if (arguments_.command == Command::Sync) return sync();
         if (arguments_.command == Command::Doctor) return doctor();
+        if (arguments_.command == Command::Serve) return serve();
         if (arguments_.command == Command::Thumbnail) {
             return writeThumbnails(arguments_, service_, output_);
         }
@@ -46,7 +48,7 @@ class Run {
             return printApps(arguments_, service_, output_);
         }
         if (arguments_.command == Command::Search) {
-            return printMatches(arguments_, helpers_, output_);
+            return printMatches(arguments_, service_, helpers_, output_);
         }
         const auto target = itemTarget();
         if (!target) return std::unexpected(target.error());
@@ -63,7 +65,8 @@ class Run {
             case Command::Changes:
                 return printChanges(arguments_, service_, output_, *identifier);
             case Command::Watch:
-                return watchChanges(arguments_, service_, output_, progress_, *identifier);
+                return watchChanges(arguments_, service_, output_, progress_, helpers_,
+                                    *identifier);
             case Command::Tag:
             case Command::Favorite:
             case Command::Used:
@@ -95,6 +98,18 @@ class Run {
         const auto path = service_.path(identifier);
         if (!path) return std::unexpected(path.error());
         return value("path", *path);
+    }
+
+    /// Others are served beside it; it only stays.
+    [[nodiscard]] Result<ExitCode> serve() {
+        const auto health = service_.session().health();
+        if (!health) return std::unexpected(health.error());
+        const Interruption interruption;
+        auto said = value("serving", health->roots.empty() ? "" : health->roots.front());
+        if (!said || !output_.flush()) return said;
+        constexpr int nothing = -1;
+        (void)interruption.waitFor(nothing, nothing);
+        return ExitCode::Done;
     }
 
     [[nodiscard]] Result<ExitCode> sync() {

@@ -1,11 +1,16 @@
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 
 #include "cli/Arguments.h"
@@ -15,7 +20,11 @@
 #include "cli/apps.h"
 #include "cli/commands.h"
 #include "host/documents/DocumentService.h"
+#include "host/documents/Search.h"
 #include "host/local/LocalSession.h"
+#include "host/session/errors.h"
+#include "host/wire/RemoteSession.h"
+#include "host/wire/SessionServer.h"
 #include "platform/fileprovider/Platform.h"
 #include "platform/log/Log.h"
 #include "tidewell/provider/LocalFileProvider.h"
@@ -53,51 +62,148 @@ platform::Platform::Options platformOptions(const cli::Arguments& arguments,
     }
     options.acceptsReplacement = arguments.acceptsReplacement;
     // One command reads little of the storage; a look-up that needs the whole index waits for it.
-    options.followsAtStart = false;
+    options.followsAtStart = arguments.command == cli::Command::Serve;
     options.scanProgress = [&progress](std::uint64_t objects) {
         progress.update(std::to_string(objects) + " objects indexed");
     };
     return options;
 }
 
-cli::ExitCode run(const cli::Arguments& arguments) {
-    installLog(arguments);
-    cli::Progress progress(showsProgress());
-    auto platform = platform::Platform::make(platformOptions(arguments, progress));
+/// Whether the command runs on until it is interrupted, and serves the others as long.
+bool stays(const cli::Arguments& arguments) {
+    return arguments.command == cli::Command::Watch || arguments.command == cli::Command::Serve;
+}
+
+/// What a command asks: the service of another process or, where there is none, an extension in
+/// this one.
+struct Place {
+    std::unique_ptr<platform::Platform> platform;  ///< null: another process serves
+    std::unique_ptr<host::ServiceClient> service;
+};
+
+/// One try. Where neither is there, the error says why; it meansInUse where that may pass.
+platform::Result<Place> tryToOpen(const cli::Arguments& arguments, cli::Progress& progress) {
+    auto own = platform::Platform::make(platformOptions(arguments, progress));
+    if (own) return Place{std::move(*own), nullptr};
+    const auto socket = platform::Platform::serviceSocketOf(own.error());
+    if (!socket || arguments.command == cli::Command::Serve) {
+        return std::unexpected(std::move(own.error()));
+    }
+    auto connected = host::Endpoint::connect(*socket);
+    if (!connected) return std::unexpected(std::move(own.error()));  // it is ending, or beginning
+    auto service = host::ServiceClient::connect(std::move(*connected));
+    // One that ended since then is as good as none.
+    if (!service && host::meansServiceEnded(service.error())) {
+        return std::unexpected(std::move(own.error()));
+    }
+    if (!service) return std::unexpected(std::move(service.error()));
+    return Place{nullptr, std::move(*service)};
+}
+
+/// Waits for a command that needs the store for a moment.
+platform::Result<Place> open(const cli::Arguments& arguments, cli::Progress& progress) {
+    constexpr std::chrono::milliseconds pause(20);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    for (;;) {
+        auto place = tryToOpen(arguments, progress);
+        const bool isInUse = !place && platform::Platform::meansInUse(place.error());
+        if (!isInUse || std::chrono::steady_clock::now() >= end) return place;
+        std::this_thread::sleep_for(pause);
+    }
+}
+
+/// A storage that is missing is waited for by what stays. None: it was interrupted.
+std::optional<platform::Result<Place>> openWaiting(const cli::Arguments& arguments,
+                                                   cli::Progress& progress) {
+    auto place = open(arguments, progress);
     const auto isMissing = [&] {
-        return !platform && platform::Platform::meansStorageMissing(platform.error());
+        return !place && platform::Platform::meansStorageMissing(place.error());
     };
-    // What stays goes on when the storage is back.
-    if (isMissing() && arguments.command == cli::Command::Watch) {
-        cli::report(platform.error(), {}, arguments.json);
-        const bool isBack = cli::waitForStorage([&] {
-            platform = platform::Platform::make(platformOptions(arguments, progress));
-            return !isMissing();
+    if (!isMissing() || !stays(arguments)) return place;
+    cli::report(place.error(), {}, arguments.json);
+    const bool isBack = cli::waitForStorage([&] {
+        place = open(arguments, progress);
+        return !isMissing();
+    });
+    return isBack ? std::optional(std::move(place)) : std::nullopt;
+}
+
+cli::ExitCode runAsClient(const cli::Arguments& arguments, cli::Progress& progress,
+                          std::unique_ptr<host::ServiceClient> client,
+                          std::optional<cli::WatchEnd>& watchEnd) {
+    auto session = std::make_unique<host::RemoteSession>(std::move(client));
+    const auto& remote = *session;
+    host::DocumentService service(std::move(session));
+    cli::Output output(STDOUT_FILENO, progress);
+    return cli::runCommand(arguments, service, output, progress,
+                           {.search = [&](const std::string& text) { return remote.search(text); },
+                            .watchEnd = &watchEnd});
+}
+
+/// Null where others cannot be served; the command goes on alone.
+std::unique_ptr<host::SessionServer> serve(platform::Platform& platform, host::Session& session,
+                                           host::Search& search) {
+    const auto path = host::Endpoint::pathFor(platform.folders().data);
+    auto endpoint = host::Endpoint::listen(path);
+    if (!endpoint) {
+        platform::Log::platformLog().write(platform::LogLevel::Error, [&] {
+            return "can't serve other processes; " + endpoint.error().description();
         });
-        if (!isBack) return cli::ExitCode::Done;
+        return nullptr;
     }
-    if (!platform) {
-        // A storage that is missing is a failure, not an item that was not found.
-        cli::report(platform.error(), {}, arguments.json);
-        return cli::ExitCode::Failed;
-    }
-    (*platform)->install();
-    if (arguments.command == cli::Command::Watch) (*platform)->workspace().follow();
+    auto server = host::SessionServer::start(
+        std::move(*endpoint), session, [&](const std::string& text) { return search.find(text); });
+    if (!server) return nullptr;
+    platform.volume().noteService(path);
+    return std::move(*server);
+}
+
+cli::ExitCode runHere(const cli::Arguments& arguments, cli::Progress& progress,
+                      platform::Platform& platform) {
+    platform.install();
+    if (stays(arguments)) platform.workspace().follow();
     const auto libraries = tidewell::AppLibraries::load();
     // A command answers for now, not for when the last one ran.
     (void)libraries->refresh();
     host::DocumentService::Options options;
     // Only a service that stays looks after the trash.
-    if (arguments.command == cli::Command::Watch) options.trashAge = arguments.trashAge;
+    if (stays(arguments)) options.trashAge = arguments.trashAge;
     host::LocalSession::Options access;
     access.applications = host::AppRegistry::ofPlatform([&] { (void)libraries->refresh(); });
     host::DocumentService service(
         std::make_unique<host::LocalSession>(
             [&] { return tidewell::makeLocalFileProvider(libraries); }, std::move(access)),
         std::move(options));
-    host::Search search(service, (*platform)->folders().cache + "/search.sqlite");
+    host::Search search(service, platform.folders().cache + "/search.sqlite");
+    const auto server = stays(arguments) ? serve(platform, service.session(), search) : nullptr;
+    if (!server && arguments.command == cli::Command::Serve) {
+        const auto error = platform::errorFromErrno(EADDRNOTAVAIL, platform.folders().data);
+        return cli::report(error, {}, arguments.json);
+    }
     cli::Output output(STDOUT_FILENO, progress);
-    return cli::runCommand(arguments, service, output, progress, {&search});
+    return cli::runCommand(arguments, service, output, progress,
+                           {.search = [&](const std::string& text) { return search.find(text); }});
+}
+
+cli::ExitCode run(cli::Arguments arguments) {
+    installLog(arguments);
+    cli::Progress progress(showsProgress());
+    for (;;) {
+        auto place = openWaiting(arguments, progress);
+        if (!place) return cli::ExitCode::Done;
+        if (!*place) {
+            // A storage that is missing is a failure, not an item that was not found.
+            cli::report(place->error(), {}, arguments.json);
+            return cli::ExitCode::Failed;
+        }
+        if ((*place)->platform) return runHere(arguments, progress, *(*place)->platform);
+        std::optional<cli::WatchEnd> end;
+        const auto code = runAsClient(arguments, progress, std::move((*place)->service), end);
+        if (!end) return code;
+        // Another process serves from now on, perhaps this one.
+        arguments.item = std::move(end->container);
+        if (end->reached) arguments.since = std::move(end->reached);
+    }
 }
 
 }  // namespace

@@ -73,17 +73,12 @@ Result<void> Search::update() {
     }
 }
 
-Result<void> Search::find(std::string_view text, const ItemHandler& handler) {
-    if (auto settled = service_.waitUntilSettled(); !settled) return settled;
-    if (auto updated = update(); !updated) return updated;
-    const auto found = index_->find(text);
-    if (!found) return std::unexpected(found.error());
-    for (const auto& identifier : *found) {
-        const auto item = service_.item(identifier);
-        if (!item) continue;  // it has been removed since
-        if (!handler(*item)) break;
+Result<std::vector<std::string>> Search::find(std::string_view text) {
+    if (auto settled = service_.waitUntilSettled(); !settled) {
+        return std::unexpected(std::move(settled.error()));
     }
-    return {};
+    if (auto updated = update(); !updated) return std::unexpected(std::move(updated.error()));
+    return index_->find(text);
 }
 
 }  // namespace host

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "host/documents/DocumentService.h"
 #include "host/documents/SearchIndex.h"
@@ -22,9 +23,9 @@ class Search {
     Search(const Search&) = delete;
     Search& operator=(const Search&) = delete;
 
-    /// The items whose names match, as SearchIndex::find says, as they are now. Everything that
-    /// happened before the call is taken into account. False from the handler ends the answer.
-    [[nodiscard]] platform::Result<void> find(std::string_view text, const ItemHandler& handler);
+    /// The identifiers of the items whose names match, as SearchIndex::find says. Everything that
+    /// happened before the call is taken into account.
+    [[nodiscard]] platform::Result<std::vector<std::string>> find(std::string_view text);
 
   private:
     [[nodiscard]] platform::Result<void> update();

@@ -69,7 +69,7 @@ class Bus {
     Bus(const Bus&) = delete;
     Bus& operator=(const Bus&) = delete;
 
-    /// What to poll for. Without `reads`, only what has to be written.
+    /// The events to poll for. Without `reads`, only those of what is still to be written.
     [[nodiscard]] pollfd pollEntry(bool reads) const;
     /// When to call process() though nothing happens, none: never; zero: at once.
     [[nodiscard]] std::optional<std::chrono::milliseconds> timeout() const;

@@ -279,7 +279,7 @@ template <typename... T>
     return packer.pop();
 }
 
-/// None where the bytes are not exactly one such value.
+/// One such value; none unless the bytes are exactly that.
 template <typename T>
 [[nodiscard]] std::optional<T> unpacked(platform::QSDataView bytes) {
     Unpacker unpacker(bytes);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -18,6 +19,7 @@
 #include "platform/foundation/fatalError.h"
 #include "platform/log/Log.h"
 #include "platform/tree/PathRelation.h"
+#include "platform/volume/StoreLock.h"
 
 namespace platform {
 
@@ -204,6 +206,15 @@ void Platform::useFoldersOf(const StorageCatalog::Storage& storage, const std::s
 
 bool Platform::meansStorageMissing(const QSError& error) {
     return StorageCatalog::meansMissing(error);
+}
+
+bool Platform::meansInUse(const QSError& error) {
+    return error.domain == QSPOSIXErrorDomain && error.code == EBUSY;
+}
+
+std::optional<std::string> Platform::serviceSocketOf(const QSError& error) {
+    const auto found = error.userInfo.find(serviceSocketErrorKey);
+    return found == error.userInfo.end() ? std::nullopt : std::optional(found->second);
 }
 
 void Platform::readConfiguration(const Options& options) {

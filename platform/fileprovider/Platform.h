@@ -62,6 +62,10 @@ class Platform {
     /// of a storage that is known and missing, it meansStorageMissing, and nothing was written.
     [[nodiscard]] static Result<std::unique_ptr<Platform>> make(Options options);
     [[nodiscard]] static bool meansStorageMissing(const QSError& error);
+    /// Whether another process uses the storage's store.
+    [[nodiscard]] static bool meansInUse(const QSError& error);
+    /// The socket of the process that uses it; none unless it serves others.
+    [[nodiscard]] static std::optional<std::string> serviceSocketOf(const QSError& error);
     ~Platform();
 
     /// The installed platform. Fatal where none is.

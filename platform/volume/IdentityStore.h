@@ -59,10 +59,12 @@ class IdentityStore {
     /// Records in the witness what the last durable commit stored; nothing to do where that is
     /// done. Where it fails the commit stands, and the call is to be repeated.
     Result<void> confirm();
-    /// True where the witness in the storage folder is to be written: what this process stored
-    /// first, or reserved, is not in it. Then false until the next time.
     /// Whether this process has stored anything durably.
     [[nodiscard]] bool hasStored() const { return hasStored_; }
+    /// Notes for other processes at which socket this one serves them.
+    void noteService(std::string_view socket) const { lock_.noteHolder(socket); }
+    /// True where the witness in the storage folder is to be written: what this process stored
+    /// first, or reserved, is not in it. Then false until the next time.
     [[nodiscard]] bool popFolderWitnessDue() { return std::exchange(isFolderWitnessDue_, false); }
     /// What the witnesses say once everything is confirmed.
     [[nodiscard]] Witness::Record witnessRecord() const {

@@ -6,20 +6,33 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <string_view>
+#include <climits>
+#include <utility>
 
 namespace platform {
 
 namespace {
 
-std::string holderOf(int fd) {
-    char text[24];
+struct Holder {
+    std::string description;
+    std::string socket;  ///< empty: it serves nobody
+};
+
+/// A line each: the number of the process, its socket.
+Holder holderOf(int fd) {
+    char text[PATH_MAX + 24];
     const ssize_t size = pread(fd, text, sizeof text, 0);
-    std::string_view pid(text, size > 0 ? static_cast<std::size_t>(size) : 0);
-    pid = pid.substr(0, pid.find('\n'));
+    const std::string_view note(text, size > 0 ? static_cast<std::size_t>(size) : 0);
+    const auto line = note.find('\n');
+    const auto pid = note.substr(0, line);
     const bool isNumber =
         !pid.empty() && pid.find_first_not_of("0123456789") == std::string_view::npos;
-    return isNumber ? "in use by PID " + std::string(pid) : "in use by another process";
+    if (!isNumber) return {"in use by another process", {}};
+    auto rest = line == std::string_view::npos ? std::string_view() : note.substr(line + 1);
+    const auto end = rest.find('\n');
+    // One that is still being written has no end.
+    rest = end == std::string_view::npos ? std::string_view() : rest.substr(0, end);
+    return {"in use by PID " + std::string(pid), std::string(rest)};
 }
 
 }  // namespace
@@ -53,14 +66,19 @@ Result<StoreLock> StoreLock::acquire(std::string path) {
 
 QSError StoreLock::inUse() const {
     QSError error = errorFromErrno(EBUSY, path_);
-    error.userInfo.emplace(QSDescriptionErrorKey, holderOf(file_.get()));
+    auto holder = holderOf(file_.get());
+    error.userInfo.emplace(QSDescriptionErrorKey, std::move(holder.description));
+    if (holder.socket.starts_with('/')) {
+        error.userInfo.emplace(serviceSocketErrorKey, std::move(holder.socket));
+    }
     return error;
 }
 
-void StoreLock::noteHolder() const {
+void StoreLock::noteHolder(std::string_view socket) const {
     // A failure to write it (a full disk) is no failure of the lock.
-    const std::string pid = std::to_string(getpid()) + "\n";
-    if (ftruncate(file_.get(), 0) == 0) (void)!pwrite(file_.get(), pid.data(), pid.size(), 0);
+    auto note = std::to_string(getpid()) + "\n";
+    if (!socket.empty()) note += std::string(socket) + "\n";
+    if (ftruncate(file_.get(), 0) == 0) (void)!pwrite(file_.get(), note.data(), note.size(), 0);
 }
 
 }  // namespace platform

@@ -1,11 +1,15 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "platform/files/FileDescriptor.h"
 #include "platform/foundation/QSError.h"
 
 namespace platform {
+
+/// Key of `userInfo`: the socket of the document service that uses the store.
+inline constexpr std::string_view serviceSocketErrorKey = "serviceSocket";
 
 /// Makes the folder and those above it that are missing, with mode 0700.
 Result<void> makePrivateFolder(const std::string& path);
@@ -16,13 +20,14 @@ Result<void> makePrivateFolder(const std::string& path);
 /// process, so that a file left behind by a kill means nothing.
 class StoreLock {
   public:
-    /// Never waits. Fails with EBUSY and "in use by PID …" where another process holds it.
+    /// Never waits. Fails with EBUSY and "in use by PID …" where another process holds it, and with
+    /// its socket under serviceSocketErrorKey where that one serves others.
     [[nodiscard]] static Result<StoreLock> acquire(std::string path);
 
     /// EBUSY, and who holds the store as far as the note says it.
     [[nodiscard]] QSError inUse() const;
-    /// Writes down that this process holds the store.
-    void noteHolder() const;
+    /// Writes down that this process holds the store and, where it serves others, at which socket.
+    void noteHolder(std::string_view socket = {}) const;
 
   private:
     explicit StoreLock(std::string path) : path_(std::move(path)) {}

@@ -337,6 +337,10 @@ std::optional<QSError> VolumeService::writeTrouble() {
     return seen ? std::nullopt : std::optional(seen.error());
 }
 
+void VolumeService::noteService(std::string_view socket) const {
+    state_->store->noteService(socket);
+}
+
 std::optional<std::uint64_t> VolumeService::entryCount(const FileAttributes& folder) const {
     const std::shared_lock lock(state_->indexMutex);
     const auto number = state_->index.findInode(folder.identity.inode);
