@@ -1,6 +1,6 @@
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <chrono>
 #include <clocale>
 #include <csignal>
@@ -12,6 +12,7 @@
 #include <string_view>
 #include <thread>
 #include <utility>
+#include <variant>
 
 #include "cli/Arguments.h"
 #include "cli/Output.h"
@@ -22,7 +23,9 @@
 #include "host/documents/DocumentService.h"
 #include "host/documents/Search.h"
 #include "host/local/LocalSession.h"
+#include "host/service/SupervisedSession.h"
 #include "host/session/errors.h"
+#include "host/wire/Handshake.h"
 #include "host/wire/RemoteSession.h"
 #include "host/wire/SessionServer.h"
 #include "platform/fileprovider/Platform.h"
@@ -48,21 +51,33 @@ bool showsProgress() {
     return isatty(STDERR_FILENO) == 1 && term && std::string_view(term) != "dumb";
 }
 
+host::ExtensionSetup setupOf(const cli::Arguments& arguments) {
+    host::ExtensionSetup setup;
+    setup.storage = arguments.storage.empty() ? platform::userDocumentsFolder() : arguments.storage;
+    setup.acceptsReplacement = arguments.acceptsReplacement;
+    setup.verbosity = static_cast<std::uint8_t>(std::min(arguments.verbosity, 2));
+    if (arguments.state.empty()) return setup;
+    setup.data = arguments.state + "/data";
+    setup.state = arguments.state + "/state";
+    setup.cache = arguments.state + "/cache";
+    setup.config = arguments.state + "/config";
+    setup.applicationSupport = arguments.state + "/application-support";
+    return setup;
+}
+
 platform::Platform::Options platformOptions(const cli::Arguments& arguments,
                                             cli::Progress& progress) {
+    const auto setup = setupOf(arguments);
     platform::Platform::Options options;
-    options.folders.storage =
-        arguments.storage.empty() ? platform::userDocumentsFolder() : arguments.storage;
-    if (!arguments.state.empty()) {
-        options.folders.data = arguments.state + "/data";
-        options.folders.state = arguments.state + "/state";
-        options.folders.cache = arguments.state + "/cache";
-        options.folders.config = arguments.state + "/config";
-        options.folders.applicationSupport = arguments.state + "/application-support";
-    }
-    options.acceptsReplacement = arguments.acceptsReplacement;
+    options.folders = {.storage = setup.storage,
+                       .data = setup.data,
+                       .state = setup.state,
+                       .cache = setup.cache,
+                       .config = setup.config,
+                       .applicationSupport = setup.applicationSupport};
+    options.acceptsReplacement = setup.acceptsReplacement;
     // One command reads little of the storage; a look-up that needs the whole index waits for it.
-    options.followsAtStart = arguments.command == cli::Command::Serve;
+    options.followsAtStart = false;
     options.scanProgress = [&progress](std::uint64_t objects) {
         progress.update(std::to_string(objects) + " objects indexed");
     };
@@ -74,30 +89,36 @@ bool stays(const cli::Arguments& arguments) {
     return arguments.command == cli::Command::Watch || arguments.command == cli::Command::Serve;
 }
 
-/// What a command asks: the service of another process or, where there is none, an extension in
-/// this one.
-struct Place {
-    std::unique_ptr<platform::Platform> platform;  ///< null: another process serves
-    std::unique_ptr<host::ServiceClient> service;
-};
+/// What a command asks: an extension of this process, which stands on a platform; one that this
+/// process serves; the service of another process.
+using Place = std::variant<std::unique_ptr<platform::Platform>, std::unique_ptr<host::Supervisor>,
+                           std::unique_ptr<host::ServiceClient>>;
 
-/// One try. Where neither is there, the error says why; it meansInUse where that may pass.
-platform::Result<Place> tryToOpen(const cli::Arguments& arguments, cli::Progress& progress) {
-    auto own = platform::Platform::make(platformOptions(arguments, progress));
-    if (own) return Place{std::move(*own), nullptr};
-    const auto socket = platform::Platform::serviceSocketOf(own.error());
-    if (!socket || arguments.command == cli::Command::Serve) {
-        return std::unexpected(std::move(own.error()));
+/// The store for this process: a command that stays leaves it to an extension's process.
+platform::Result<Place> openHere(const cli::Arguments& arguments, cli::Progress& progress) {
+    if (stays(arguments)) {
+        auto supervisor = host::Supervisor::start({.setup = setupOf(arguments)});
+        if (!supervisor) return std::unexpected(std::move(supervisor.error()));
+        return std::move(*supervisor);
     }
+    auto own = platform::Platform::make(platformOptions(arguments, progress));
+    if (!own) return std::unexpected(std::move(own.error()));
+    return std::move(*own);
+}
+
+/// One try. Where there is nothing to ask, the error says why; it meansInUse where that may pass.
+platform::Result<Place> tryToOpen(const cli::Arguments& arguments, cli::Progress& progress) {
+    auto own = openHere(arguments, progress);
+    if (own) return own;
+    const auto socket = platform::Platform::serviceSocketOf(own.error());
+    if (!socket || arguments.command == cli::Command::Serve) return own;
     auto connected = host::Endpoint::connect(*socket);
-    if (!connected) return std::unexpected(std::move(own.error()));  // it is ending, or beginning
+    if (!connected) return own;  // that process is ending, or has not begun to serve
     auto service = host::ServiceClient::connect(std::move(*connected));
     // One that ended since then is as good as none.
-    if (!service && host::meansServiceEnded(service.error())) {
-        return std::unexpected(std::move(own.error()));
-    }
+    if (!service && host::meansServiceEnded(service.error())) return own;
     if (!service) return std::unexpected(std::move(service.error()));
-    return Place{nullptr, std::move(*service)};
+    return std::move(*service);
 }
 
 /// Waits for a command that needs the store for a moment.
@@ -140,46 +161,32 @@ cli::ExitCode runAsClient(const cli::Arguments& arguments, cli::Progress& progre
                             .watchEnd = &watchEnd});
 }
 
-/// Null where others cannot be served; the command goes on alone.
-std::unique_ptr<host::SessionServer> serve(platform::Platform& platform, host::Session& session,
-                                           host::Search& search) {
-    const auto path = host::Endpoint::pathFor(platform.folders().data);
-    auto endpoint = host::Endpoint::listen(path);
-    if (!endpoint) {
-        platform::Log::platformLog().write(platform::LogLevel::Error, [&] {
-            return "can't serve other processes; " + endpoint.error().description();
-        });
-        return nullptr;
-    }
-    auto server = host::SessionServer::start(
-        std::move(*endpoint), session, [&](const std::string& text) { return search.find(text); });
-    if (!server) return nullptr;
-    platform.volume().noteService(path);
-    return std::move(*server);
+cli::ExitCode runService(const cli::Arguments& arguments, cli::Progress& progress,
+                         host::Supervisor& supervisor) {
+    host::DocumentService service(std::make_unique<host::SupervisedSession>(supervisor),
+                                  {.trashAge = arguments.trashAge});
+    const auto& facts = supervisor.facts();
+    host::Search search(service, facts.cacheFolder + "/search.sqlite");
+    const auto find = [&](const std::string& text) { return search.find(text); };
+    auto endpoint = host::Endpoint::listen(facts.socket);
+    if (!endpoint) return cli::report(endpoint.error(), {}, arguments.json);
+    const auto server = host::SessionServer::start(std::move(*endpoint), service.session(), find);
+    if (!server) return cli::report(server.error(), {}, arguments.json);
+    cli::Output output(STDOUT_FILENO, progress);
+    return cli::runCommand(arguments, service, output, progress, {.search = find});
 }
 
-cli::ExitCode runHere(const cli::Arguments& arguments, cli::Progress& progress,
-                      platform::Platform& platform) {
+cli::ExitCode runAlone(const cli::Arguments& arguments, cli::Progress& progress,
+                       platform::Platform& platform) {
     platform.install();
-    if (stays(arguments)) platform.workspace().follow();
     const auto libraries = tidewell::AppLibraries::load();
     // A command answers for now, not for when the last one ran.
     (void)libraries->refresh();
-    host::DocumentService::Options options;
-    // Only a service that stays looks after the trash.
-    if (stays(arguments)) options.trashAge = arguments.trashAge;
     host::LocalSession::Options access;
     access.applications = host::AppRegistry::ofPlatform([&] { (void)libraries->refresh(); });
-    host::DocumentService service(
-        std::make_unique<host::LocalSession>(
-            [&] { return tidewell::makeLocalFileProvider(libraries); }, std::move(access)),
-        std::move(options));
+    host::DocumentService service(std::make_unique<host::LocalSession>(
+        [&] { return tidewell::makeLocalFileProvider(libraries); }, std::move(access)));
     host::Search search(service, platform.folders().cache + "/search.sqlite");
-    const auto server = stays(arguments) ? serve(platform, service.session(), search) : nullptr;
-    if (!server && arguments.command == cli::Command::Serve) {
-        const auto error = platform::errorFromErrno(EADDRNOTAVAIL, platform.folders().data);
-        return cli::report(error, {}, arguments.json);
-    }
     cli::Output output(STDOUT_FILENO, progress);
     return cli::runCommand(arguments, service, output, progress,
                            {.search = [&](const std::string& text) { return search.find(text); }});
@@ -196,9 +203,15 @@ cli::ExitCode run(cli::Arguments arguments) {
             cli::report(place->error(), {}, arguments.json);
             return cli::ExitCode::Failed;
         }
-        if ((*place)->platform) return runHere(arguments, progress, *(*place)->platform);
+        if (const auto* own = std::get_if<std::unique_ptr<platform::Platform>>(&**place)) {
+            return runAlone(arguments, progress, **own);
+        }
+        if (const auto* own = std::get_if<std::unique_ptr<host::Supervisor>>(&**place)) {
+            return runService(arguments, progress, **own);
+        }
+        auto& service = std::get<std::unique_ptr<host::ServiceClient>>(**place);
         std::optional<cli::WatchEnd> end;
-        const auto code = runAsClient(arguments, progress, std::move((*place)->service), end);
+        const auto code = runAsClient(arguments, progress, std::move(service), end);
         if (!end) return code;
         // Another process serves from now on, perhaps this one.
         arguments.item = std::move(end->container);

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # BUILD: commands beside a service print what they print without one; a watch goes on when the service
-# ends; nobody is locked out by what was killed.
+# ends; nobody is locked out by what was killed; an extension that is killed, or stopped, is replaced and
+# nobody notices but who was changing something.
 set -euo pipefail
 tidewell=$(realpath "$1")/cli/tidewell
 scratch=$(mktemp -d)
@@ -110,6 +111,43 @@ run stat documents/folder/later >/dev/null
 kill -9 "$watch"
 wait "$watch" 2>/dev/null || true
 run stat documents/folder/later >/dev/null || fail "a process that was killed locks others out"
+
+# The extension's process, killed as often as it starts.
 mv serve.lines serve.ended
 start serve serve
-run ls documents >/dev/null
+host=$started
+extension() { # its PID, once there is one: a command may have the store for a moment
+    for _ in $(seq 1000); do
+        pgrep -P "$host" -x tidewell-extens && return
+        sleep 0.01
+    done
+}
+killAll() { while sleep 0.4; do pkill -9 -P "$host" -x tidewell-extens || true; done; }
+killAll & killer=$!
+for i in $(seq 100); do run stat "documents/folder/note $i" >/dev/null || fail "stat fails beside kills"; done
+run --json ls documents/folder >listed || fail "ls fails beside kills"
+[ "$(wc -l <listed)" = "$(find documents/folder -type f | wc -l)" ] || fail "rows are missing, or twice"
+head -c 30M /dev/urandom >large
+codes=
+for i in $(seq 8); do
+    code=0
+    run import large --to documents/other >/dev/null 2>imported || code=$?
+    codes+=$code
+    [ "$code" = 0 ] || [ "$code" = 5 ] || fail "an import beside kills ends with $code: $(cat imported)"
+done
+kill "$killer"
+wait "$killer" 2>/dev/null || true
+run sync
+for copy in documents/other/large*; do cmp large "$copy" || fail "half a copy is left"; done
+[ "$(find documents -name '.tidewell*' | wc -l)" = 0 ] || fail "unfinished work is left"
+
+# One that does not answer is replaced by one other, and none outlives the host.
+stopped=$(extension)
+kill -STOP "$stopped"
+run stat documents/folder/later >/dev/null || fail "a stopped extension is not replaced"
+kill -0 "$stopped" 2>/dev/null && fail "there are two extensions"
+last=$(extension)
+kill -STOP "$last"
+kill -9 "$host"
+wait "$host" 2>/dev/null || true
+run stat documents/folder/later >/dev/null || fail "an extension outlives its host"

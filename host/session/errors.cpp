@@ -16,6 +16,7 @@ constexpr std::int64_t lookupFailed = 0;
 constexpr std::string_view serviceErrorDomain = "com.quenby.Documents1";
 constexpr std::int64_t serviceEnded = 1;
 constexpr std::int64_t operationInterrupted = 2;
+constexpr std::int64_t extensionUnavailable = 3;
 
 platform::QSError serviceError(std::int64_t code, std::string_view text) {
     return {std::string(serviceErrorDomain),
@@ -50,6 +51,16 @@ bool meansServiceEnded(const platform::QSError& error) {
 
 platform::QSError errorForEndedService() {
     return serviceError(serviceEnded, "the document service has ended or does not answer");
+}
+
+bool meansUnavailable(const platform::QSError& error) {
+    return error.domain == serviceErrorDomain && error.code == extensionUnavailable;
+}
+
+platform::QSError errorForUnavailableExtension(const std::optional<platform::QSError>& reason) {
+    return serviceError(extensionUnavailable,
+                        "the extension has ended, and cannot be started again just now" +
+                            (reason ? "; " + reason->description() : std::string()));
 }
 
 bool meansMayBeDone(const platform::QSError& error) {

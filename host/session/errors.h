@@ -2,6 +2,8 @@
 
 #include "platform/foundation/QSError.h"
 
+#include <optional>
+
 namespace host {
 
 /// The page token or anchor can no longer be trusted; the listing starts again from an initial
@@ -15,6 +17,12 @@ namespace host {
 /// may serve by then.
 [[nodiscard]] bool meansServiceEnded(const platform::QSError& error);
 [[nodiscard]] platform::QSError errorForEndedService();
+
+/// The service has no extension just now, since that ended and another cannot be started.
+[[nodiscard]] bool meansUnavailable(const platform::QSError& error);
+/// `reason` is why the last start failed.
+[[nodiscard]] platform::QSError errorForUnavailableExtension(
+    const std::optional<platform::QSError>& reason);
 
 /// The service ended during an operation, which may have been done or not, but not in part.
 [[nodiscard]] bool meansMayBeDone(const platform::QSError& error);

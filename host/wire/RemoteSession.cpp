@@ -98,6 +98,10 @@ Result<void> RemoteSession::refreshApplications() {
     return succeeded(ask<Nothing>(*client_, "RefreshApplications"));
 }
 
+void RemoteSession::setDomainRemoval(DomainRemoval removal) {
+    client_->setDomainRemoval(std::move(removal));
+}
+
 Result<std::vector<std::string>> RemoteSession::search(std::string_view text) const {
     return ask<std::vector<std::string>>(*client_, "Search", std::string(text));
 }

@@ -14,7 +14,7 @@ namespace host {
 /// A session with an extension of another process, through the document service there. A call
 /// whose answer was lost fails with an error that meansServiceEnded; one that changes documents,
 /// with one that meansMayBeDone.
-class RemoteSession final : public Session {
+class RemoteSession final : public Session, public std::enable_shared_from_this<RemoteSession> {
   public:
     explicit RemoteSession(std::unique_ptr<ServiceClient> client)
         : client_(std::move(client)), mutations_(*client_) {}
@@ -48,8 +48,8 @@ class RemoteSession final : public Session {
     [[nodiscard]] platform::Result<void> setOverride(const std::string& identifier,
                                                      Override decision) override;
     [[nodiscard]] platform::Result<void> refreshApplications() override;
-    /// Does nothing: the search index is the service's.
-    void setDomainRemoval(DomainRemoval /*removal*/) override {}
+    /// What it returns is of no use to the service, which does not wait for it.
+    void setDomainRemoval(DomainRemoval removal) override;
 
     /// The identifiers of the items whose names match; see Search.
     [[nodiscard]] platform::Result<std::vector<std::string>> search(std::string_view text) const;

@@ -9,6 +9,7 @@
 
 #include "host/session/errors.h"
 #include "host/wire/Packing.h"
+#include "platform/dispatch/Queue.h"
 
 namespace host {
 
@@ -22,7 +23,7 @@ namespace {
 /// reads cancellations and pings.
 constexpr std::size_t mostSent = 24;
 constexpr milliseconds pingInterval(2000);
-constexpr milliseconds longestSilence(10'000);
+constexpr milliseconds longestSilence(8000);
 /// How often the handler of an operation is asked whether it is to go on.
 constexpr milliseconds operationInterval(100);
 
@@ -74,7 +75,8 @@ Result<Bus::Answer> ServiceClient::operate(const char* member, std::uint64_t num
     call->bytes = std::move(bytes);
     call->operation = number;
     auto answer = await(call, handler);
-    if (!answer && meansServiceEnded(answer.error())) {
+    const std::scoped_lock lock(mutex_);
+    if (!answer && meansServiceEnded(answer.error()) && call->isSent) {
         return std::unexpected(errorForInterruptedOperation());
     }
     return answer;
@@ -142,11 +144,11 @@ void ServiceClient::run() {
             isBusy = progress == Bus::Progress::Busy;
             if (isBusy) heard_ = steady_clock::now();
         }
+        sendWaiting();
         {
             const std::scoped_lock lock(mutex_);
             if (isStopping_ && waiting_.empty()) break;
         }
-        sendWaiting();
         if (!checkPeer()) return end();
         std::array polled{bus_->pollEntry(true), pollfd{wake_.get(), POLLIN, 0}};
         auto timeout = bus_->timeout();
@@ -179,6 +181,7 @@ void ServiceClient::sendWaiting() {
             // Silence counts from the first question on.
             if (sent_.empty()) heard_ = pinged_ = steady_clock::now();
             if (!call->isPosted) sent_.emplace(call.get(), call);
+            call->isSent = true;
         }
         if (call->isPosted) {
             bus_->post(call->member, call->bytes);
@@ -186,7 +189,14 @@ void ServiceClient::sendWaiting() {
         }
         auto sent = bus_->call(call->member, call->bytes,
                                [this, call](auto answer) { finish(call, std::move(answer)); });
-        if (!sent) finish(call, std::unexpected(std::move(sent.error())));
+        if (sent) continue;
+        const std::scoped_lock lock(mutex_);
+        call->isSent = false;
+        if (sent_.erase(call.get()) == 0) continue;
+        // Only too long a call fails here while the connection lasts.
+        const bool isTooLong = sent.error().code == E2BIG || sent.error().code == ENOBUFS;
+        call->answer = std::unexpected(isTooLong ? sent.error() : errorForEndedService());
+        call->changed.notify_all();
     }
 }
 
@@ -197,7 +207,20 @@ void ServiceClient::finish(const CallRef& call, Result<Bus::Answer> answer) {
     call->changed.notify_all();
 }
 
+void ServiceClient::setDomainRemoval(Session::DomainRemoval removal) {
+    const std::scoped_lock lock(mutex_);
+    domainRemoval_ = std::move(removal);
+}
+
 void ServiceClient::receive(std::string_view member, platform::QSDataView bytes) {
+    if (member == "ForgetDomains") {
+        auto domains = unpacked<std::vector<std::string>>(bytes);
+        const std::scoped_lock lock(mutex_);
+        if (!domains || !domainRemoval_) return;
+        platform::dispatchConcurrently(
+            [removal = domainRemoval_, domains = std::move(*domains)] { (void)removal(domains); });
+        return;
+    }
     Unpacker values(bytes);
     const auto number = values.next<std::uint64_t>();
     const std::scoped_lock lock(mutex_);

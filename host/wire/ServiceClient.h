@@ -12,7 +12,7 @@
 #include <string_view>
 #include <thread>
 
-#include "host/session/Mutations.h"
+#include "host/session/Session.h"
 #include "host/wire/Bus.h"
 
 namespace host {
@@ -20,7 +20,7 @@ namespace host {
 /// The client's end of a connection to a document service: calls that block, and the service's
 /// signals. Its own thread reads and writes.
 ///
-/// Any thread. Where the connection ends, or the service does not answer a ping for ten seconds,
+/// Any thread. Where the connection ends, or the service does not answer a ping for eight seconds,
 /// every call fails, those under way too, with an error that meansServiceEnded.
 class ServiceClient {
   public:
@@ -47,6 +47,8 @@ class ServiceClient {
     /// connection. Until forget().
     void notify(std::uint64_t following, int descriptor);
     void forget(std::uint64_t following);
+    /// Receives what the service asks to forget; see Session. On a worker.
+    void setDomainRemoval(Session::DomainRemoval removal);
 
   private:
     struct Call {
@@ -55,6 +57,7 @@ class ServiceClient {
         std::uint64_t operation = 0;  ///< 0: none
         bool isPosted = false;
         // Guarded by mutex_.
+        bool isSent = false;
         std::optional<platform::Result<Bus::Answer>> answer;
         Mutations::Progress progress;
         std::condition_variable changed;
@@ -86,6 +89,7 @@ class ServiceClient {
     std::deque<CallRef> waiting_;            ///< to be sent
     std::map<Call*, CallRef> sent_;          ///< without an answer so far
     std::map<std::uint64_t, int> notified_;  ///< event descriptors by following
+    Session::DomainRemoval domainRemoval_;
     bool isStopping_ = false;
     bool hasEnded_ = false;
 

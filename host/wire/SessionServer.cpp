@@ -41,6 +41,22 @@ Result<std::unique_ptr<SessionServer>> SessionServer::start(Endpoint endpoint, S
     return self;
 }
 
+Result<std::unique_ptr<SessionServer>> SessionServer::start(platform::FileDescriptor connection,
+                                                            Session& session) {
+    std::unique_ptr<SessionServer> self(
+        new SessionServer(std::nullopt, session, [](const std::string& /*text*/) {
+            return Result<std::vector<std::string>>(
+                std::unexpected(platform::errorFromErrno(ENOTSUP)));
+        }));
+    self->wake_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!self->wake_) return std::unexpected(platform::errorFromErrno(errno));
+    if (auto added = self->add(std::move(connection)); !added) {
+        return std::unexpected(std::move(added.error()));
+    }
+    self->thread_ = std::thread([own = self.get()] { own->run(); });
+    return self;
+}
+
 SessionServer::~SessionServer() {
     {
         const std::scoped_lock lock(mutex_);
@@ -72,7 +88,8 @@ void SessionServer::run() {
         for (const auto number : ended) disconnect(number);
         startWaiting();
 
-        std::vector<pollfd> polled{{wake_.get(), POLLIN, 0}, {endpoint_.descriptor(), POLLIN, 0}};
+        std::vector<pollfd> polled{{wake_.get(), POLLIN, 0},
+                                   {endpoint_ ? endpoint_->descriptor() : -1, POLLIN, 0}};
         std::vector<Place> places;
         int timeout = -1;
         for (auto& [number, client] : clients_) {
@@ -99,16 +116,37 @@ void SessionServer::run() {
 }
 
 void SessionServer::accept() {
-    auto socket = endpoint_.accept();
-    if (!socket || clients_.size() >= mostClients) return;
+    auto socket = endpoint_->accept();
+    if (socket && clients_.size() < mostClients) (void)add(std::move(*socket));
+}
+
+Result<void> SessionServer::add(platform::FileDescriptor connection) {
     const auto number = ++lastClient_;
     auto bus =
-        Bus::open(std::move(*socket), Bus::End::Server, {.call = [this, number](Bus::Call call) {
+        Bus::open(std::move(connection), Bus::End::Server, {.call = [this, number](Bus::Call call) {
                       receive(number, *find(number), std::move(call));
                   }});
-    if (!bus) return;
+    if (!bus) return std::unexpected(std::move(bus.error()));
     clients_[number].bus = std::move(*bus);
+    noteCount();
+    return {};
+}
+
+void SessionServer::noteCount() {
     clientCount_ = clients_.size();
+    clientCount_.notify_all();
+}
+
+void SessionServer::waitForLast() const {
+    for (auto count = clientCount_.load(); count > 0; count = clientCount_) {
+        clientCount_.wait(count);
+    }
+}
+
+void SessionServer::forgetDomains(std::vector<std::string> domains) {
+    post([this, bytes = packed(domains)] {
+        for (auto& [number, client] : clients_) client.bus->signal("ForgetDomains", bytes);
+    });
 }
 
 void SessionServer::process(Client& client) {
@@ -290,7 +328,7 @@ void SessionServer::look(Place place) {
 void SessionServer::disconnect(ClientNumber number) {
     auto ended = clients_.extract(number);
     if (!ended) return;
-    clientCount_ = clients_.size();
+    noteCount();
     ended.mapped().waiting.clear();
     for (const auto& [operation, isCancelled] : ended.mapped().operations) *isCancelled = true;
     for (auto& [following, followed] : ended.mapped().followings) discard(std::move(followed));

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -29,12 +30,19 @@ class SessionServer {
     /// Serves until it is destroyed. `session` must outlive it.
     [[nodiscard]] static platform::Result<std::unique_ptr<SessionServer>> start(
         Endpoint endpoint, Session& session, SessionCalls::Searcher search);
+    /// Serves the one at the other end of this connection, who is trusted.
+    [[nodiscard]] static platform::Result<std::unique_ptr<SessionServer>> start(
+        platform::FileDescriptor connection, Session& session);
     /// Disconnects everybody, cancels operations, and waits for the calls that are under way.
     ~SessionServer();
     SessionServer(const SessionServer&) = delete;
     SessionServer& operator=(const SessionServer&) = delete;
 
     [[nodiscard]] std::size_t clientCount() const { return clientCount_; }
+    /// Blocks until nobody is connected.
+    void waitForLast() const;
+    /// Has clients forget what they know of these domains; see Session. Never blocks.
+    void forgetDomains(std::vector<std::string> domains);
 
   private:
     using ClientNumber = std::uint64_t;
@@ -73,12 +81,14 @@ class SessionServer {
         bool isBusy = true;  ///< may have more to read at once
     };
 
-    SessionServer(Endpoint endpoint, Session& session, SessionCalls::Searcher search)
+    SessionServer(std::optional<Endpoint> endpoint, Session& session, SessionCalls::Searcher search)
         : endpoint_(std::move(endpoint)), session_(session), calls_(std::move(search)) {}
 
     // On the thread.
     void run();
     void accept();
+    [[nodiscard]] platform::Result<void> add(platform::FileDescriptor connection);
+    void noteCount();
     void process(Client& client);
     void receive(ClientNumber number, Client& client, Bus::Call call);
     void startWaiting();
@@ -95,7 +105,7 @@ class SessionServer {
     void post(std::move_only_function<void()> work);
     void discard(FollowedRef followed);
 
-    const Endpoint endpoint_;
+    const std::optional<Endpoint> endpoint_;  ///< none: nobody else can connect
     Session& session_;
     const SessionCalls calls_;
     platform::FileDescriptor wake_;

@@ -64,7 +64,7 @@ class Platform {
     [[nodiscard]] static bool meansStorageMissing(const QSError& error);
     /// Whether another process uses the storage's store.
     [[nodiscard]] static bool meansInUse(const QSError& error);
-    /// The socket of the process that uses it; none unless it serves others.
+    /// The socket of the process through which it is used; none unless that serves others.
     [[nodiscard]] static std::optional<std::string> serviceSocketOf(const QSError& error);
     ~Platform();
 

@@ -61,8 +61,10 @@ class IdentityStore {
     Result<void> confirm();
     /// Whether this process has stored anything durably.
     [[nodiscard]] bool hasStored() const { return hasStored_; }
-    /// Notes for other processes at which socket this one serves them.
-    void noteService(std::string_view socket) const { lock_.noteHolder(socket); }
+    /// Notes for other processes which one serves them, and at which socket.
+    void noteService(pid_t process, std::string_view socket) const {
+        lock_.noteService(process, socket);
+    }
     /// True where the witness in the storage folder is to be written: what this process stored
     /// first, or reserved, is not in it. Then false until the next time.
     [[nodiscard]] bool popFolderWitnessDue() { return std::exchange(isFolderWitnessDue_, false); }

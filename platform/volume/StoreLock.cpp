@@ -74,10 +74,16 @@ QSError StoreLock::inUse() const {
     return error;
 }
 
-void StoreLock::noteHolder(std::string_view socket) const {
-    // A failure to write it (a full disk) is no failure of the lock.
-    auto note = std::to_string(getpid()) + "\n";
-    if (!socket.empty()) note += std::string(socket) + "\n";
+void StoreLock::noteHolder() const {
+    write(std::to_string(getpid()) + "\n");
+}
+
+void StoreLock::noteService(pid_t process, std::string_view socket) const {
+    write(std::to_string(process) + "\n" + std::string(socket) + "\n");
+}
+
+/// A failure (a full disk) is no failure of the lock.
+void StoreLock::write(const std::string& note) const {
     if (ftruncate(file_.get(), 0) == 0) (void)!pwrite(file_.get(), note.data(), note.size(), 0);
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <string_view>
 
@@ -26,10 +28,13 @@ class StoreLock {
 
     /// EBUSY, and who holds the store as far as the note says it.
     [[nodiscard]] QSError inUse() const;
-    /// Writes down that this process holds the store and, where it serves others, at which socket.
-    void noteHolder(std::string_view socket = {}) const;
+    /// Writes down that this process holds the store.
+    void noteHolder() const;
+    /// Writes down that it is used through that process, at this socket.
+    void noteService(pid_t process, std::string_view socket) const;
 
   private:
+    void write(const std::string& note) const;
     explicit StoreLock(std::string path) : path_(std::move(path)) {}
 
     std::string path_;

@@ -337,8 +337,8 @@ std::optional<QSError> VolumeService::writeTrouble() {
     return seen ? std::nullopt : std::optional(seen.error());
 }
 
-void VolumeService::noteService(std::string_view socket) const {
-    state_->store->noteService(socket);
+void VolumeService::noteService(pid_t process, std::string_view socket) const {
+    state_->store->noteService(process, socket);
 }
 
 std::optional<std::uint64_t> VolumeService::entryCount(const FileAttributes& folder) const {

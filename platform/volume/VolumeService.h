@@ -147,9 +147,9 @@ class VolumeService final : public EventHistory {
     /// tried. As long as none succeeds, an object that is not found may be one that was never
     /// recorded.
     [[nodiscard]] std::optional<QSError> writeTrouble();
-    /// Notes, for processes that find the store in use, at which socket this one serves them. A
-    /// failure to write it leaves them without.
-    void noteService(std::string_view socket) const;
+    /// Notes, for processes that find the store in use, which one serves them, and at which socket.
+    /// A failure to write it leaves them without.
+    void noteService(pid_t process, std::string_view socket) const;
 
     /// The file ID of the object with that document ID; ENOENT where it is not known.
     [[nodiscard]] Result<std::uint64_t> fileIDForDocumentID(std::uint32_t documentID) const;
