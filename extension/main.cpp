@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "extension/Confinement.h"
 #include "host/local/LocalSession.h"
 #include "host/wire/Endpoint.h"
 #include "host/wire/Handshake.h"
@@ -88,6 +89,9 @@ int run() {
 int main() {
     // It never outlives its host, even where it is stopped.
     (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (!tidewell::confineThisProcess()) {
+        return answerWith(std::unexpected(platform::errorFromErrno(ENOSYS, "seccomp")));
+    }
     std::signal(SIGPIPE, SIG_IGN);
     std::setlocale(LC_CTYPE, "");
     return run();

@@ -122,6 +122,8 @@ extension() { # its PID, once there is one: a command may have the store for a m
         sleep 0.01
     done
 }
+grep -q "^NoNewPrivs:.*1" "/proc/$(extension)/status" || fail "the extension may get privileges"
+grep -q "^Seccomp:.*2" "/proc/$(extension)/status" || fail "the extension may make any call"
 killAll() { while sleep 0.4; do pkill -9 -P "$host" -x tidewell-extens || true; done; }
 killAll & killer=$!
 for i in $(seq 100); do run stat "documents/folder/note $i" >/dev/null || fail "stat fails beside kills"; done

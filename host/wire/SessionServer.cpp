@@ -211,6 +211,7 @@ void SessionServer::startWaiting() {
     for (bool hasStarted = true; hasStarted && running_ < mostRunning;) {
         hasStarted = false;
         std::vector<ClientNumber> order;
+        order.reserve(clients_.size());
         for (const auto& [number, client] : clients_) order.push_back(number);
         const auto behind = std::ranges::upper_bound(order, lastServed_);
         std::ranges::rotate(order, behind);

@@ -1,10 +1,7 @@
 #include "platform/icons/helper/Confinement.h"
 
 #include <fcntl.h>
-#include <linux/audit.h>
-#include <linux/filter.h>
 #include <linux/landlock.h>
-#include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -16,6 +13,8 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
+
+#include "platform/foundation/systemCallFilter.h"
 
 namespace platform {
 
@@ -56,31 +55,6 @@ void closeFileSystem() {
     close(ruleset);
 }
 
-#if defined(__x86_64__)
-constexpr std::uint32_t ownArchitecture = AUDIT_ARCH_X86_64;
-#elif defined(__aarch64__)
-constexpr std::uint32_t ownArchitecture = AUDIT_ARCH_AARCH64;
-#else
-#error "name the architecture of the filter"
-#endif
-
-constexpr sock_filter load(std::size_t offset) {
-    return {BPF_LD | BPF_W | BPF_ABS, 0, 0, static_cast<std::uint32_t>(offset)};
-}
-constexpr sock_filter answer(std::uint32_t value) {
-    return {BPF_RET | BPF_K, 0, 0, value};
-}
-/// Goes on with the next instruction where it holds, else with the one after it.
-constexpr sock_filter ifEqual(std::uint32_t value) {
-    return {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, value};
-}
-constexpr sock_filter unlessBitsOf(std::uint32_t bits) {
-    return {BPF_JMP | BPF_JSET | BPF_K, 1, 0, bits};
-}
-constexpr std::uint32_t refuse(int code) {
-    return SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(code);
-}
-
 /// Refuses sockets, programs, processes and the means to reach into others. Threads stay allowed,
 /// since drawing uses some.
 bool filterSystemCalls() {
@@ -102,12 +76,10 @@ bool filterSystemCalls() {
 #if defined(__x86_64__)
             ifEqual(SYS_fork), answer(refuse(EACCES)), ifEqual(SYS_vfork), answer(refuse(EACCES)),
 #endif
-            sock_filter{BPF_JMP | BPF_JEQ | BPF_K, 0, 3, SYS_clone},
-            load(offsetof(seccomp_data, args)), unlessBitsOf(CLONE_THREAD), answer(refuse(EACCES)),
-            answer(SECCOMP_RET_ALLOW),
+            sock_filter{BPF_JMP | BPF_JEQ | BPF_K, 0, 3, SYS_clone}, loadArgument(0),
+            unlessBitsOf(CLONE_THREAD), answer(refuse(EACCES)), answer(SECCOMP_RET_ALLOW),
     };
-    const sock_fprog program{static_cast<unsigned short>(filter.size()), filter.data()};
-    return prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+    return setSystemCallFilter(filter);
 }
 
 }  // namespace
