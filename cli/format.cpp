@@ -59,6 +59,13 @@ void forEachField(const host::Health& health, Visit&& visit) {
     visit("oldestEventID", health.oldestEventID);
     visit("currentEventID", health.currentEventID);
     visit("eventCount", health.eventCount);
+    const auto& service = health.service;
+    const auto ofService = [&](const auto& value) { return service.transform(value); };
+    visit("socket", ofService([](const auto& own) { return own.socket; }));
+    visit("clients", ofService([](const auto& own) { return own.clients; }));
+    visit("extensionProcess", ofService([](const auto& own) { return own.extensionProcess; }));
+    visit("extensionRestarts", ofService([](const auto& own) { return own.restarts; }));
+    visit("lastExtensionEnd", service ? service->lastEnd : std::nullopt);
 }
 
 template <typename Number>

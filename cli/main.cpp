@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <clocale>
 #include <csignal>
@@ -163,8 +164,13 @@ cli::ExitCode runAsClient(const cli::Arguments& arguments, cli::Progress& progre
 
 cli::ExitCode runService(const cli::Arguments& arguments, cli::Progress& progress,
                          host::Supervisor& supervisor) {
-    host::DocumentService service(std::make_unique<host::SupervisedSession>(supervisor),
-                                  {.trashAge = arguments.trashAge});
+    std::atomic<const host::SessionServer*> present = nullptr;
+    auto session = std::make_unique<host::SupervisedSession>(supervisor);
+    session->countClients([&] {
+        const auto* own = present.load();
+        return own ? own->clientCount() : 0;
+    });
+    host::DocumentService service(std::move(session), {.trashAge = arguments.trashAge});
     const auto& facts = supervisor.facts();
     host::Search search(service, facts.cacheFolder + "/search.sqlite");
     const auto find = [&](const std::string& text) { return search.find(text); };
@@ -172,6 +178,7 @@ cli::ExitCode runService(const cli::Arguments& arguments, cli::Progress& progres
     if (!endpoint) return cli::report(endpoint.error(), {}, arguments.json);
     const auto server = host::SessionServer::start(std::move(*endpoint), service.session(), find);
     if (!server) return cli::report(server.error(), {}, arguments.json);
+    present = server->get();
     cli::Output output(STDOUT_FILENO, progress);
     return cli::runCommand(arguments, service, output, progress, {.search = find});
 }

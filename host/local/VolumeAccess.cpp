@@ -29,7 +29,8 @@ Health healthOfPlatform() {
             .lastGap = std::move(now.lastGap),
             .oldestEventID = now.oldestEventID,
             .currentEventID = now.currentEventID,
-            .eventCount = now.eventCount};
+            .eventCount = now.eventCount,
+            .service = {}};
 }
 
 }  // namespace

@@ -88,7 +88,15 @@ Result<void> SupervisedSession::waitUntilSettled() const {
 }
 
 Result<Health> SupervisedSession::health() const {
-    return askSupervised(supervisor_, [](auto& session) { return session.health(); });
+    auto health = askSupervised(supervisor_, [](auto& session) { return session.health(); });
+    if (!health) return health;
+    auto status = supervisor_.status();
+    health->service = ServiceHealth{.socket = supervisor_.facts().socket,
+                                    .clients = clientCount_ ? clientCount_() : 0,
+                                    .extensionProcess = status.process,
+                                    .restarts = status.restarts,
+                                    .lastEnd = std::move(status.lastEnd)};
+    return health;
 }
 
 Result<AgeLimit> SupervisedSession::limitForAge(std::chrono::seconds age) const {

@@ -22,6 +22,9 @@ class SupervisedSession final : public Session {
     explicit SupervisedSession(Supervisor& supervisor)
         : supervisor_(supervisor), mutations_(supervisor) {}
 
+    /// For health(): how many clients there are. Before others use the session.
+    void countClients(std::function<std::uint64_t()> count) { clientCount_ = std::move(count); }
+
     [[nodiscard]] platform::Result<ItemRecord> item(const ItemTarget& target) const override;
     [[nodiscard]] platform::Result<std::string> resolve(std::string_view path) const override;
     [[nodiscard]] platform::Result<ItemTarget> resolveEntry(std::string_view path) const override;
@@ -56,6 +59,7 @@ class SupervisedSession final : public Session {
   private:
     Supervisor& supervisor_;
     const SupervisedMutations mutations_;
+    std::function<std::uint64_t()> clientCount_;
 };
 
 }  // namespace host

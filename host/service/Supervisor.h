@@ -55,7 +55,8 @@ class Supervisor {
     struct Status {
         pid_t process = 0;  ///< 0: there is none now
         std::uint64_t restarts = 0;
-        std::string lastEnd = {};  ///< how the one before ended; empty: it was the first
+        std::optional<std::string> lastEnd =
+            {};  ///< how the one before ended; none: it is the first
     };
     [[nodiscard]] Status status() const;
 

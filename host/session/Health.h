@@ -9,6 +9,17 @@
 
 namespace host {
 
+/// What serves, where something does: a plain value.
+struct ServiceHealth {
+    std::string socket;  ///< a native path
+    std::uint64_t clients = 0;
+    std::int32_t extensionProcess = 0;   ///< 0: there is none just now
+    std::uint64_t restarts = 0;          ///< of the extension, since the service began
+    std::optional<std::string> lastEnd;  ///< how the extension before this one ended
+
+    friend bool operator==(const ServiceHealth&, const ServiceHealth&) = default;
+};
+
 /// How the system is: a plain value. Paths are native.
 struct Health {
     std::optional<std::string> storageTrouble;  ///< why the storage cannot be read now
@@ -29,6 +40,7 @@ struct Health {
     std::uint64_t oldestEventID = 0;           ///< anchors from before it have expired
     std::uint64_t currentEventID = 0;
     std::uint64_t eventCount = 0;
+    std::optional<ServiceHealth> service;  ///< none: the process that asked does all itself
 
     /// What is wrong, in plain words; empty where all is well. A gap in the past is not wrong
     /// (the clients that it concerns got an error), nor is a weak identity.

@@ -173,7 +173,7 @@ void Bus::answer(const Call& call, const Answer& answer) {
 void Bus::answer(const Call& call, const platform::QSError& error) {
     sd_bus_message* made = nullptr;
     const auto text = error.description();
-    const sd_bus_error named = SD_BUS_ERROR_MAKE_CONST(errorName, text.c_str());
+    const sd_bus_error named{errorName, text.c_str(), 0};
     if (sd_bus_message_new_method_error(call.message_.get(), &made, &named) < 0) return;
     const Message message(made);
     if (append(made, packed(error))) (void)send(made, {});

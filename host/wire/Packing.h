@@ -94,13 +94,21 @@ struct Fields<AgeLimit> {
 };
 
 template <>
+struct Fields<ServiceHealth> {
+    static void list(auto& all, auto& service) {
+        all(service.socket, service.clients, service.extensionProcess, service.restarts,
+            service.lastEnd);
+    }
+};
+
+template <>
 struct Fields<Health> {
     static void list(auto& all, auto& health) {
         all(health.storageTrouble, health.roots, health.storePath, health.storeTrouble,
             health.writeTrouble, health.objects, health.indexBytes, health.identityIsWeak,
             health.passedOver, health.isFollowing, health.watches, health.watchLimit,
             health.degradedFolderCount, health.degradedFolders, health.lastGap,
-            health.oldestEventID, health.currentEventID, health.eventCount);
+            health.oldestEventID, health.currentEventID, health.eventCount, health.service);
     }
 };
 
