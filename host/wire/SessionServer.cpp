@@ -143,7 +143,7 @@ void SessionServer::waitForLast() const {
     }
 }
 
-void SessionServer::forgetDomains(std::vector<std::string> domains) {
+void SessionServer::forgetDomains(const std::vector<std::string>& domains) {
     post([this, bytes = packed(domains)] {
         for (auto& [number, client] : clients_) client.bus->signal("ForgetDomains", bytes);
     });

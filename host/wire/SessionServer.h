@@ -42,7 +42,7 @@ class SessionServer {
     /// Blocks until nobody is connected.
     void waitForLast() const;
     /// Has clients forget what they know of these domains; see Session. Never blocks.
-    void forgetDomains(std::vector<std::string> domains);
+    void forgetDomains(const std::vector<std::string>& domains);
 
   private:
     using ClientNumber = std::uint64_t;
