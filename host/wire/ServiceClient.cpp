@@ -36,7 +36,8 @@ Result<std::unique_ptr<ServiceClient>> ServiceClient::connect(platform::FileDesc
     auto bus = Bus::open(
         std::move(socket), Bus::End::Client,
         {.signal = [own = self.get()](auto member, auto bytes) { own->receive(member, bytes); }});
-    if (!bus) return std::unexpected(std::move(bus.error()));
+    // The service disconnects at once who is one too many.
+    if (!bus) return std::unexpected(errorForEndedService());
     self->bus_ = std::move(*bus);
     self->thread_ = std::thread([own = self.get()] { own->run(); });
     const auto greeted = self->call("Hello", packed(sessionVersion));
