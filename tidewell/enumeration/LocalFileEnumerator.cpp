@@ -158,13 +158,17 @@ void LocalFileEnumerator::enumerateItems(
     }
 }
 
-/// One that is not at its URL any more is for the host to look up again.
+/// One that is not at its URL any more is for the host to look up again, also where it is back by
+/// the time of the second look.
 Result<QSUUID> LocalFileEnumerator::requireVolume() const {
-    const auto volume = volumeUUID(enumeratedItemURL());
-    if (volume) return *volume;
-    logError([&] { return "can't get volume UUID for " + enumeratedItemURL().path(); });
-    const auto isInPlace = cover_.isInPlace();
-    if (isInPlace && !*isInPlace) return std::unexpected(syncAnchorExpiredError());
+    constexpr int mostLooks = 4;
+    for (int i = 0; i < mostLooks; ++i) {
+        const auto volume = volumeUUID(enumeratedItemURL());
+        if (volume) return *volume;
+        logError([&] { return "can't get volume UUID for " + enumeratedItemURL().path(); });
+        const auto isInPlace = cover_.isInPlace();
+        if (isInPlace && !*isInPlace) return std::unexpected(syncAnchorExpiredError());
+    }
     return std::unexpected(makeError(LocalFileProviderError::volumeIdentityUnknown));
 }
 
