@@ -34,7 +34,6 @@ class ScriptedServiceTest : public testing::Test {
   protected:
     host::DocumentService& service() {
         if (service_) return *service_;
-        served_.reset();
         const auto native = scratch.path().string();
         host::LocalSession::Options options{
             .pageDeadline = deadline,
@@ -56,6 +55,12 @@ class ScriptedServiceTest : public testing::Test {
                 pauses.push_back(static_cast<int>(pause.count()));
             }});
         return *service_;
+    }
+
+    /// The next service() is another one.
+    void end() {
+        service_.reset();
+        served_.reset();
     }
 
     std::vector<std::string> list(const std::string& container) {
@@ -143,7 +148,7 @@ TEST_P(DocumentServiceTest, PagesResumeByTokenOnTheKeptEnumerator) {
     EXPECT_EQ(service().session().page("g", **first.next).next.error().code,
               platform::QPInvalidParameterErrorCode);
     EXPECT_TRUE(host::meansExpired(service().session().page("f", anchor("f")).next.error()));
-    service_.reset();
+    end();
     EXPECT_EQ(service().session().page("f", **first.next).items.size(), 1U) << "in another process";
 }
 
@@ -174,7 +179,7 @@ TEST_P(DocumentServiceTest, ARefusedFolderStartsAgainGivesEachRowOnceAndUpInTheE
 TEST_P(DocumentServiceTest, ARecursiveContainerThatIsRefusedIsJoinedFromFolders) {
     extension->trashContainers = {"trash", "removed"};
     for (const auto& wide : {workingSet, allDirectories}) {
-        service_.reset();  // its enumerators look at the containers
+        end();  // its enumerators look at the containers
         extension->containers.clear();
         container(wide).rows = {folder("x"), file("a"), file("b")};
         container(wide).refusedPages = {0, 1, 0};
@@ -232,7 +237,7 @@ TEST_P(DocumentServiceTest, ChangesComePageByPageUntilNothingMoreDoesOrOneFails)
     changes("missing", anchor("0"));
     EXPECT_TRUE(host::meansNoSuchItem(reached.error()));
 
-    service_.reset();
+    end();
     deadline = Millis(1);
     script.neverAnswers = true;
     changes("f", start);
@@ -274,7 +279,7 @@ TEST_F(ScriptedServiceTest, WhoFollowsIsWokenBySignalsOfItsContainerAlone) {
     }
     EXPECT_TRUE(host::meansNoSuchItem(service().session().follow("missing").error()));
     EXPECT_EQ(container(allDirectories).watches, 0);
-    service_.reset();
+    end();
     signal("f");  // nobody is left to take it, and still it is answered
     EXPECT_EQ(signalsAnswered, 7);
 }
