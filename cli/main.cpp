@@ -180,7 +180,10 @@ cli::ExitCode runService(const cli::Arguments& arguments, cli::Progress& progres
     if (!server) return cli::report(server.error(), {}, arguments.json);
     present = server->get();
     cli::Output output(STDOUT_FILENO, progress);
-    return cli::runCommand(arguments, service, output, progress, {.search = find});
+    const auto code = cli::runCommand(arguments, service, output, progress, {.search = find});
+    // First, so that nobody's long call keeps the rest from ending.
+    supervisor.stop();
+    return code;
 }
 
 cli::ExitCode runAlone(const cli::Arguments& arguments, cli::Progress& progress,

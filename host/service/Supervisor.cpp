@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "host/session/errors.h"
+#include "platform/log/Log.h"
 
 namespace host {
 
@@ -61,18 +62,22 @@ Result<std::unique_ptr<Supervisor>> Supervisor::start(Options options) {
 }
 
 Supervisor::~Supervisor() {
-    {
-        const std::scoped_lock lock(mutex_);
-        isStopping_ = true;
-        changed_.notify_all();
-    }
-    count(wake_.get());
+    stop();
     if (thread_.joinable()) thread_.join();
+}
+
+void Supervisor::stop() {
+    const std::scoped_lock lock(mutex_);
+    isStopping_ = true;
+    if (session_) session_->close();
+    changed_.notify_all();
+    count(wake_.get());
 }
 
 Result<Supervisor::SessionRef> Supervisor::session() {
     std::unique_lock lock(mutex_);
     const auto isDecided = [this] { return session_ || isStopping_; };
+    if (isStopping_) return std::unexpected(errorForUnavailableExtension(std::nullopt));
     if (!changed_.wait_for(lock, patience, isDecided)) {
         changed_.wait_for(lock, longestStart, [&] { return isDecided() || trouble_; });
     }
@@ -205,8 +210,12 @@ bool Supervisor::watch(Child& child) {
     // beside it.
     constexpr milliseconds forEver(-1);
     const auto ending = child.process->wait(forEver);
+    platform::Log::platformLog().write(platform::LogLevel::Error, [&] {
+        return "the extension's process " + std::to_string(child.process->number()) +
+               " has ended; " + ending.value_or("nobody knows why");
+    });
     const std::scoped_lock lock(mutex_);
-    status_.lastEnd = ending.value_or("unknown");
+    status_.lastEnd = ending;
     return true;
 }
 

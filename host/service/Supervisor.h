@@ -35,6 +35,10 @@ class Supervisor {
     Supervisor(const Supervisor&) = delete;
     Supervisor& operator=(const Supervisor&) = delete;
 
+    /// Ends the extension, and starts no other: every call fails from now on, those under way too.
+    /// Does not wait.
+    void stop();
+
     /// What the first extension said.
     [[nodiscard]] const ExtensionFacts& facts() const { return facts_; }
 

@@ -51,6 +51,9 @@ class RemoteSession final : public Session, public std::enable_shared_from_this<
     /// What it returns is of no use to the service, which does not wait for it.
     void setDomainRemoval(DomainRemoval removal) override;
 
+    /// See ServiceClient.
+    void close() { client_->close(); }
+
     /// The identifiers of the items whose names match; see Search.
     [[nodiscard]] platform::Result<std::vector<std::string>> search(std::string_view text) const;
 

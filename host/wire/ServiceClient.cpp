@@ -61,6 +61,14 @@ ServiceClient::~ServiceClient() {
     if (thread_.joinable()) thread_.join();
 }
 
+void ServiceClient::close() {
+    {
+        const std::scoped_lock lock(mutex_);
+        isClosed_ = true;
+    }
+    (void)eventfd_write(wake_.get(), 1);
+}
+
 Result<Bus::Answer> ServiceClient::call(const char* member, platform::QSData bytes) {
     auto call = std::make_shared<Call>();
     call->member = member;
@@ -148,7 +156,7 @@ void ServiceClient::run() {
         sendWaiting();
         {
             const std::scoped_lock lock(mutex_);
-            if (isStopping_ && waiting_.empty()) break;
+            if (isClosed_ || (isStopping_ && waiting_.empty())) break;
         }
         if (!checkPeer()) return end();
         std::array polled{bus_->pollEntry(true), pollfd{wake_.get(), POLLIN, 0}};

@@ -31,6 +31,9 @@ class ServiceClient {
     ServiceClient(const ServiceClient&) = delete;
     ServiceClient& operator=(const ServiceClient&) = delete;
 
+    /// Ends the connection: every call fails, those under way too.
+    void close();
+
     /// `member` must live as long as the process.
     [[nodiscard]] platform::Result<Bus::Answer> call(const char* member, platform::QSData bytes);
     /// The same for an operation, which the service reports the progress of and which can be
@@ -91,6 +94,7 @@ class ServiceClient {
     std::map<std::uint64_t, int> notified_;  ///< event descriptors by following
     Session::DomainRemoval domainRemoval_;
     bool isStopping_ = false;
+    bool isClosed_ = false;  ///< by close()
     bool hasEnded_ = false;
 
     std::thread thread_;

@@ -95,6 +95,11 @@ void SessionServer::run() {
         for (auto& [number, client] : clients_) {
             const bool reads = client.waiting.size() < mostWaiting;
             polled.push_back(client.bus->pollEntry(reads));
+            // One that does not say who it is has a limit of time.
+            const auto due = reads ? client.bus->timeout() : std::nullopt;
+            if (due && (timeout < 0 || due->count() < timeout)) {
+                timeout = static_cast<int>(due->count());
+            }
             if (reads && client.isBusy) timeout = 0;
             for (const auto& [following, followed] : client.followings) {
                 if (!followed->isLooking) places.push_back({number, following, followed});
