@@ -293,11 +293,12 @@ void SessionServer::follow(ClientNumber number, Client& client, Bus::Call call) 
     if (!values.isWhole() || client.followings.contains(following)) {
         return client.bus->answer(call, platform::errorFromErrno(EINVAL));
     }
-    if (client.followings.size() >= mostFollowings) {
+    if (client.followings.size() + client.beginning >= mostFollowings) {
         return client.bus->answer(call, tooMany("a client follows too many containers"));
     }
     const auto callNumber = ++lastCall_;
     client.calls.emplace(callNumber, std::move(call));
+    ++client.beginning;
     dispatch([this, number, callNumber, following, container = std::move(container)] {
         auto begun = session_.follow(container);
         post([this, number, callNumber, following, begun = std::move(begun)]() mutable {
@@ -305,6 +306,7 @@ void SessionServer::follow(ClientNumber number, Client& client, Bus::Call call) 
             if (begun) followed->following = std::move(*begun);
             auto* present = find(number);
             if (!present) return discard(std::move(followed));
+            --present->beginning;
             const auto waiting = present->calls.extract(callNumber);
             if (!begun) return present->bus->answer(waiting.mapped(), begun.error());
             present->followings.emplace(following, std::move(followed));

@@ -77,6 +77,7 @@ class SessionServer {
         std::size_t running = 0;
         std::map<std::uint64_t, Cancellation> operations;
         std::map<std::uint64_t, FollowedRef> followings;
+        std::size_t beginning = 0;  ///< followings that are being begun
         bool isMisbehaving = false;
         bool isBusy = true;  ///< may have more to read at once
     };

@@ -151,6 +151,11 @@ TEST_F(SessionServerTest, FollowersAreSignalledEachForItsContainer) {
     const auto g = one->follow("g").value();
     auto again = two->follow("f").value();
     EXPECT_TRUE(host::meansNoSuchItem(two->follow("missing").error()));
+    std::vector<std::unique_ptr<host::Following>> more;
+    for (auto next = two->follow("f"); next; next = two->follow("f"))
+        more.push_back(std::move(*next));
+    EXPECT_EQ(more.size(), 255U) << "of one client";
+    more.clear();
     signal("f");
     EXPECT_TRUE(f->wait(longest) && again->wait(longest));
     EXPECT_FALSE(f->wait(std::chrono::milliseconds(0)) || g->wait(std::chrono::milliseconds(0)));
