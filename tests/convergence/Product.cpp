@@ -63,7 +63,7 @@ std::string Product::start() {
     std::unique_ptr<host::Session> session = std::make_unique<host::LocalSession>(
         [this] { return tidewell::makeLocalFileProvider(libraries_); });
     if (isServed_) {
-        served_ = std::make_unique<Served>(std::move(session), stores_);
+        served_ = std::make_unique<Served>(std::move(session), serviceFolder());
         session = served_->connect();
     }
     service_ = std::make_unique<host::DocumentService>(std::move(session));
@@ -86,6 +86,7 @@ void Product::stop() {
     following_.reset();
     service_.reset();
     served_.reset();
+    std::filesystem::remove_all(serviceFolder());
     libraries_.reset();
     platform::mainQueue().sync([] {});
     platform_.reset();

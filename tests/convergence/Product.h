@@ -66,6 +66,8 @@ class Product {
     [[nodiscard]] static std::string tagValue();
 
   private:
+    /// Not among the stores, which are copied; a socket cannot be.
+    [[nodiscard]] std::string serviceFolder() const { return stores_ + ".service"; }
     [[nodiscard]] std::string entryOf(const std::string& application) const;
     void refreshApplications();
 

@@ -12,7 +12,7 @@ namespace tests {
 /// A session behind a socket, as other processes see it.
 class Served {
   public:
-    /// `folder` exists; the socket is in a folder of its own there.
+    /// The socket is in a folder of its own in `folder`, which is made where it is missing.
     Served(std::unique_ptr<host::Session> session, const std::string& folder)
         : session_(std::move(session)),
           server_(host::SessionServer::start(
