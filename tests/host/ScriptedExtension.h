@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <thread>
 #include <utility>
@@ -76,6 +77,11 @@ struct ScriptedContainer {
     std::string lastInitialPage = {};
 };
 
+/// Followings of one container may end side by side.
+inline void count(int& counter, int by) {
+    std::atomic_ref(counter) += by;
+}
+
 class ScriptedEnumerator final : public QSFileProviderEnumerator {
   public:
     explicit ScriptedEnumerator(ScriptedContainer& container) : container_(container) {}
@@ -89,16 +95,16 @@ class ScriptedEnumerator final : public QSFileProviderEnumerator {
         run([this, observer, since] { answerChanges(*observer, since); });
     }
     void currentSyncAnchorWithCompletionHandler(SyncAnchorHandler completionHandler) override {
-        container_.watches += std::exchange(isObserving_, true) ? 0 : 1;
+        count(container_.watches, std::exchange(isObserving_, true) ? 0 : 1);
         run([this, completionHandler] {
             completionHandler(container_.anchor.transform(dataFromString));
         });
     }
     void start() override {}
-    void stop() override { container_.watches -= std::exchange(isObserving_, false) ? 1 : 0; }
+    void stop() override { count(container_.watches, std::exchange(isObserving_, false) ? -1 : 0); }
     void invalidate() override {
         stop();
-        ++container_.enumeratorsInvalidated;
+        count(container_.enumeratorsInvalidated, 1);
     }
 
   private:
@@ -177,7 +183,7 @@ class ScriptedExtension : public QSFileProviderExtension {
         if (found == containers.end()) {
             return std::unexpected(fileProviderErrorForNonExistentItemWithIdentifier(identifier));
         }
-        ++found->second.enumeratorsMade;
+        count(found->second.enumeratorsMade, 1);
         return std::make_shared<ScriptedEnumerator>(found->second);
     }
     Result<std::vector<std::string>> trashContainerItemIdentifiers() override {
